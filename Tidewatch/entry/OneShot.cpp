@@ -1,0 +1,79 @@
+#include "entry/OneShot.h"
+
+#include "entry/StreamSelfTest.h"
+
+#include <QSemaphore>
+#include <QThreadPool>
+
+#include <cstdio>
+
+namespace {
+
+void printLine(const QString& line)
+{
+    std::fputs(line.toLocal8Bit().constData(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+// A switch the program knows but whose work this build doesn't carry yet.
+int notInThisBuild(const char* name)
+{
+    printLine(QStringLiteral("Tidewatch: this build doesn’t do %1 yet.").arg(QLatin1StringView(name)));
+    return 1;
+}
+
+} // namespace
+
+int runOffMainThread(const std::function<int()>& work)
+{
+    struct Box {
+        int code = 1;
+    } box;
+    QSemaphore done;
+    QThreadPool::globalInstance()->start([&] {
+        box.code = work();
+        done.release();
+    });
+    done.acquire();
+    return box.code;
+}
+
+int runOneShot(const CommandLine& line)
+{
+    using Work = CommandLine::Work;
+    switch (line.work) {
+    case Work::Normal:
+        return 0;
+    case Work::RunStepUsage:
+        printLine(CommandLine::runStepUsage());
+        return 64;
+    case Work::Stream:
+        return runOffMainThread(runStreamSelfTest);
+    case Work::SelfTest:
+        return notInThisBuild("--selftest");
+    case Work::RunStep:
+        return notInThisBuild("--run-step");
+    case Work::RenderIconset:
+        return notInThisBuild("--render-iconset");
+    case Work::NodeDownload:
+        return notInThisBuild("--selftest-node-download");
+    case Work::SdkFetch:
+        return notInThisBuild("--selftest-sdk-fetch");
+    case Work::BackpackScripts:
+        return notInThisBuild("--backpack-scripts");
+    case Work::WindowCapture:
+        return notInThisBuild("--window-capture-selftest");
+    case Work::Snapshots:
+        return notInThisBuild("--snapshots");
+    case Work::FeedSelfTest:
+        return notInThisBuild("--feed-selftest");
+    case Work::LensGuideSelfTest:
+        return notInThisBuild("--lens-guide-selftest");
+    case Work::RenderLensGuide:
+        return notInThisBuild("--render-lens-guide");
+    case Work::RenderPopover:
+        return notInThisBuild("--render-popover");
+    }
+    return 1;
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QHash>
+#include <QString>
+
+/// The one place that knows which system it runs on. Everything here has one
+/// implementation per system under platform/macos or platform/linux.
+namespace platform {
+
+/// The current user's home as the system's user database has it; the
+/// inherited HOME is not trusted (an app started by the login window may lack it).
+QString systemHomeDirectory();
+
+/// Absolute path of the running executable, or empty when it can't be told.
+QString executablePath();
+
+/// Folders that belong to the real install. They never follow a test copy's
+/// variables: they are the yardstick of isolation.
+struct RealFolders {
+    QString support;      ///< where the service's support files live
+    QString logs;         ///< where the service logs
+    QString serviceUnits; ///< where the service manager reads its job files
+};
+RealFolders realFolders(const QString& home, const QHash<QString, QString>& variables);
+
+/// File name ending of a service job file (".plist" for launchd, ".service" for systemd).
+QString serviceUnitSuffix();
+
+/// The folder beside the executable that holds bundled resources such as
+/// the service ("daemon"), or empty when there is none.
+QString resourceFolder();
+
+/// Path of the preferences file for a domain ("com.harbourlab.tidewatch").
+/// Empty means the system's own store (user defaults on macOS).
+QString preferencesFile(const QString& domain, const QString& home,
+                        const QHash<QString, QString>& variables);
+
+/// Makes the running program a background accessory (no Dock icon) where the system has the idea.
+void becomeAccessory();
+
+} // namespace platform
+
+#include <functional>
+
+class QObject;
+
+namespace platform {
+
+/// The single-instance rule. Returns true when another running copy was
+/// found and brought forward: this process then ends with 0. Otherwise this
+/// process becomes the one others hand over to, and onReopen runs (on the
+/// main thread, for as long as owner lives) whenever a later launch does.
+bool handOverToRunningInstance(QObject* owner, std::function<void()> onReopen);
+
+} // namespace platform
