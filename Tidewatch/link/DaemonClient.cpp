@@ -82,7 +82,10 @@ QString DaemonClient::methodName(Method method)
 QString DaemonClient::pathSegment(const QString& raw)
 {
     // The path's own characters stay; "/" and everything else that could end
-    // or bend the segment is encoded.
+    // or bend the segment is encoded. A segment of dots alone would climb a
+    // level once the address is normalised, so its dots are encoded too.
+    if (!raw.isEmpty() && raw.count(QLatin1Char('.')) == raw.size())
+        return QStringLiteral("%2E").repeated(raw.size());
     return QString::fromLatin1(QUrl::toPercentEncoding(raw, QByteArrayLiteral("!$&'()*+,;=:@")));
 }
 

@@ -1,0 +1,446 @@
+#include "link/DaemonClient.h"
+
+#include "ScratchFolder.h"
+#include "ServiceProcess.h"
+
+#include <QEventLoop>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+
+using Method = DaemonClient::Method;
+
+namespace {
+
+// Runs one asynchronous call to its end on a local event loop.
+template <class T, class Start>
+std::optional<T> await(Start start, int limitMs = 20000)
+{
+    std::optional<T> result;
+    QEventLoop loop;
+    start([&](T value) {
+        result = std::move(value);
+        loop.quit();
+    });
+    if (!result) {
+        QTimer::singleShot(limitMs, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    return result;
+}
+
+QJsonObject fault(const QString& route, int status, const QString& body = QString(),
+                  const QString& contentType = QStringLiteral("application/json"))
+{
+    return {{QStringLiteral("route"), route},
+            {QStringLiteral("status"), status},
+            {QStringLiteral("body"), body},
+            {QStringLiteral("contentType"), contentType}};
+}
+
+/// A bare loopback listener that keeps the raw requests it receives and
+/// answers each with an empty JSON object: it shows what the client puts on the wire.
+class RequestRecorder : public QTcpServer
+{
+public:
+    RequestRecorder()
+    {
+        listen(QHostAddress::LocalHost, 0);
+        connect(this, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket* socket = nextPendingConnection()) {
+                connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
+                    m_buffer += socket->readAll();
+                    const qsizetype headerEnd = m_buffer.indexOf("\r\n\r\n");
+                    if (headerEnd < 0)
+                        return;
+                    const QByteArray head = m_buffer.left(headerEnd);
+                    qsizetype length = 0;
+                    for (const QByteArray& line : head.split('\n')) {
+                        if (line.toLower().startsWith("content-length:"))
+                            length = line.mid(15).trimmed().toLongLong();
+                    }
+                    if (m_buffer.size() < headerEnd + 4 + length)
+                        return;
+                    requests << m_buffer.left(headerEnd + 4 + length);
+                    m_buffer.clear();
+                    socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n\r\n{}");
+                });
+            }
+        });
+    }
+
+    QList<QByteArray> requests;
+
+private:
+    QByteArray m_buffer;
+};
+
+} // namespace
+
+class TestDaemonClient : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+    void init();
+
+    void healthAnswers();
+    void healthThatIsNotOkIsNoHealth_data();
+    void healthThatIsNotOkIsNoHealth();
+    void snapshotReadsTheServiceState();
+    void localStatusAndDevices();
+    void failuresAreSentences_data();
+    void failuresAreSentences();
+    void detailCarriesTheField();
+    void wrongShapeIsADecodingFailure();
+    void timeoutIsASentence();
+    void droppedConnectionIsNotRunning();
+    void wrongTokenIsUnauthorized();
+    void emptyTokenFile();
+    void blockingFormsWorkOffTheMainThread();
+    void stoppedServiceIsNotRunning();
+
+    void bodiesAndHeadersOnTheWire();
+    void pathSegmentsCannotEscape_data();
+    void pathSegmentsCannotEscape();
+
+private:
+    ScratchFolder m_scratch;
+    std::unique_ptr<ServiceProcess> m_service;
+    std::unique_ptr<DaemonClient> m_client;
+};
+
+void TestDaemonClient::initTestCase()
+{
+    m_service = std::make_unique<ServiceProcess>(m_scratch.path());
+    QVERIFY2(m_service->start(), qPrintable(m_service->lastError()));
+    m_client = std::make_unique<DaemonClient>(m_service->environment());
+}
+
+void TestDaemonClient::cleanupTestCase()
+{
+    if (m_service)
+        QCOMPARE(m_service->stop(), 0);
+}
+
+void TestDaemonClient::init()
+{
+    if (!m_service->isRunning())
+        QVERIFY2(m_service->start(), qPrintable(m_service->lastError()));
+    m_service->qa("DELETE", QStringLiteral("/qa/faults"));
+    m_service->qa("POST", QStringLiteral("/qa/reset"), QJsonObject{});
+}
+
+void TestDaemonClient::healthAnswers()
+{
+    const auto health = await<std::optional<Health>>([&](auto done) { m_client->health(1.5, done); });
+    QVERIFY(health && *health);
+    QCOMPARE((*health)->ok, std::optional<bool>(true));
+}
+
+void TestDaemonClient::healthThatIsNotOkIsNoHealth_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("body");
+
+    QTest::newRow("200 with ok false") << 200 << R"({"ok":false})";
+    QTest::newRow("200 without ok") << 200 << R"({"name":"x"})";
+    QTest::newRow("200 that isn't JSON") << 200 << "fine";
+    QTest::newRow("503 with ok true") << 503 << R"({"ok":true})";
+}
+
+void TestDaemonClient::healthThatIsNotOkIsNoHealth()
+{
+    QFETCH(int, status);
+    QFETCH(QString, body);
+    m_service->qa("POST", QStringLiteral("/qa/faults"), fault(QStringLiteral("GET /v1/health"), status, body));
+    const auto health = await<std::optional<Health>>([&](auto done) { m_client->health(1.5, done); });
+    QVERIFY(health);
+    QVERIFY(!*health);
+}
+
+void TestDaemonClient::snapshotReadsTheServiceState()
+{
+    m_service->qa("POST", QStringLiteral("/qa/snapshot"),
+                  QJsonObject{{QStringLiteral("sessions"),
+                               QJsonArray{QJsonObject{{QStringLiteral("id"), QStringLiteral("s1")},
+                                                      {QStringLiteral("state"), QStringLiteral("working")}},
+                                          7,
+                                          QJsonObject{{QStringLiteral("id"), QStringLiteral("s2")}}}},
+                              {QStringLiteral("account"), QJsonObject{{QStringLiteral("state"), QStringLiteral("ok")},
+                                                                      {QStringLiteral("plan"), QStringLiteral("max")}}}});
+    const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
+    QVERIFY(result);
+    QVERIFY2(result->ok(), qPrintable(result->error().errorDescription()));
+    const Snapshot& snapshot = result->value();
+    QCOMPARE(snapshot.sessions.count, 3);
+    QCOMPARE(snapshot.sessions.items.size(), 2);
+    QCOMPARE(snapshot.sessions.items.at(1).id, QStringLiteral("s2"));
+    QVERIFY(snapshot.account);
+    QCOMPARE(snapshot.account->plan, std::optional<QString>(QStringLiteral("max")));
+}
+
+void TestDaemonClient::localStatusAndDevices()
+{
+    m_service->qa("POST", QStringLiteral("/qa/devices"),
+                  QJsonObject{{QStringLiteral("id"), QStringLiteral("d1")}, {QStringLiteral("name"), QStringLiteral("Pixel")}});
+    const auto status = await<DaemonResult<LocalStatus>>([&](auto done) { m_client->localStatus(true, true, done); });
+    QVERIFY(status && status->ok());
+    QCOMPARE(status->value().devices.count, 1);
+
+    const auto devices = await<DaemonResult<FlexList<Device>>>([&](auto done) { m_client->devices(done); });
+    QVERIFY(devices && devices->ok());
+    QCOMPARE(devices->value().items.size(), 1);
+    QCOMPARE(devices->value().items.first().name, std::optional<QString>(QStringLiteral("Pixel")));
+}
+
+void TestDaemonClient::failuresAreSentences_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("body");
+    QTest::addColumn<QString>("contentType");
+    QTest::addColumn<QString>("sentence");
+    QTest::addColumn<QString>("code");
+
+    const QString json = QStringLiteral("application/json");
+    const QString text = QStringLiteral("text/plain");
+    const QString long1000 = QString(QStringLiteral("abcdefghij")).repeated(100);
+
+    QTest::newRow("500 with an error body speaks the service's words")
+        << 500 << R"({"error":{"code":"x","message":"nope"}})" << json << "nope" << "x";
+    QTest::newRow("404 with no body names the status") << 404 << "" << json << "The background service answered 404."
+                                                      << "";
+    QTest::newRow("502 with 1,000 bytes of text keeps the first 300")
+        << 502 << long1000 << text << long1000.left(300) << "";
+    QTest::newRow("an error body without a message reads as text")
+        << 503 << R"({"error":{"code":"busy"}})" << json << R"({"error":{"code":"busy"}})" << "busy";
+    QTest::newRow("a message of the wrong type is no message")
+        << 500 << R"({"error":{"message":7}})" << json << R"({"error":{"message":7}})" << "";
+    QTest::newRow("a redirect is not followed") << 302 << "" << json << "The background service answered 302." << "";
+}
+
+void TestDaemonClient::failuresAreSentences()
+{
+    QFETCH(int, status);
+    QFETCH(QString, body);
+    QFETCH(QString, contentType);
+    QFETCH(QString, sentence);
+    QFETCH(QString, code);
+
+    m_service->qa("POST", QStringLiteral("/qa/faults"),
+                  fault(QStringLiteral("GET /v1/snapshot"), status, body, contentType));
+    const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
+    QVERIFY(result && !result->ok());
+    const DaemonError& error = result->error();
+    QCOMPARE(error.kind, DaemonError::Kind::Server);
+    QCOMPARE(error.status, status);
+    QCOMPARE(error.code.value_or(QString()), code);
+    QCOMPARE(error.errorDescription(), sentence);
+}
+
+void TestDaemonClient::detailCarriesTheField()
+{
+    m_service->qa("POST", QStringLiteral("/qa/faults"),
+                  fault(QStringLiteral("/v1/snapshot"), 400, R"({"error":{"code":"bad","message":"m","field":"name"}})"));
+    const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
+    QVERIFY(result && !result->ok());
+    QCOMPARE(result->error(), DaemonError::detail(400, QStringLiteral("bad"), QStringLiteral("m"),
+                                                  QStringLiteral("name"), std::nullopt));
+
+    // A failed run rides along, and the inner one is the more precise.
+    m_service->qa("POST", QStringLiteral("/qa/faults"),
+                  fault(QStringLiteral("/v1/snapshot"), 422,
+                        R"({"run":{"id":"outer"},"error":{"message":"m","run":{"id":"inner"}}})"));
+    const auto run = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
+    QVERIFY(run && !run->ok());
+    QCOMPARE(run->error().kind, DaemonError::Kind::Detail);
+    QCOMPARE(run->error().run->toObject().value(QStringLiteral("id")).toString(), QStringLiteral("inner"));
+}
+
+void TestDaemonClient::wrongShapeIsADecodingFailure()
+{
+    for (const QString& body : {QStringLiteral("[1,2,3]"), QStringLiteral("\"snapshot\""), QStringLiteral("{\"mac\":")}) {
+        m_service->qa("POST", QStringLiteral("/qa/faults"), fault(QStringLiteral("GET /v1/snapshot"), 200, body));
+        const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
+        QVERIFY(result && !result->ok());
+        QCOMPARE(result->error().errorDescription(),
+                 QStringLiteral("The background service sent something unexpected (GET /v1/snapshot)."));
+    }
+}
+
+void TestDaemonClient::timeoutIsASentence()
+{
+    QJsonObject slow = fault(QStringLiteral("GET /v1/snapshot"), 200, QStringLiteral("{}"));
+    slow.insert(QStringLiteral("delayMs"), 3000);
+    m_service->qa("POST", QStringLiteral("/qa/faults"), slow);
+    const auto result = await<DaemonResult<QByteArray>>([&](auto done) {
+        m_client->request(Method::Get, QStringLiteral("/v1/snapshot"), std::nullopt, 0.5, done);
+    });
+    QVERIFY(result && !result->ok());
+    QVERIFY(result->error().isTimeout());
+    QCOMPARE(result->error().errorDescription(), QStringLiteral("The background service took too long to answer."));
+}
+
+void TestDaemonClient::droppedConnectionIsNotRunning()
+{
+    m_service->qa("POST", QStringLiteral("/qa/faults"),
+                  QJsonObject{{QStringLiteral("route"), QStringLiteral("GET /v1/snapshot")}, {QStringLiteral("drop"), true}});
+    const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
+    QVERIFY(result && !result->ok());
+    QCOMPARE(result->error().kind, DaemonError::Kind::NotRunning);
+    QCOMPARE(result->error().errorDescription(), QStringLiteral("The background service isn't running."));
+}
+
+void TestDaemonClient::wrongTokenIsUnauthorized()
+{
+    const QString tokenFile = m_service->supportFolder() + QStringLiteral("/admin-token");
+    const QString real = m_service->token();
+    ScratchFolder other;
+    QFile::copy(tokenFile, other.file(QStringLiteral("saved")));
+    {
+        QFile file(tokenFile);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write("not-the-key\n");
+    }
+    const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
+    {
+        QFile file(tokenFile);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(real.toUtf8());
+    }
+    QVERIFY(result && !result->ok());
+    QCOMPARE(result->error().kind, DaemonError::Kind::Unauthorized);
+    QCOMPARE(result->error().errorDescription(),
+             QStringLiteral("The background service didn't accept Tidewatch's admin key. Restart it from Setup."));
+
+    // The key is read at every call: the next one goes through again.
+    const auto after = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
+    QVERIFY(after && after->ok());
+}
+
+void TestDaemonClient::emptyTokenFile()
+{
+    // A client whose support folder holds an empty key, pointed at the same ports.
+    ScratchFolder folder;
+    folder.write(QStringLiteral("support/admin-token"), " \n");
+    Environment::Variables variables = m_service->variables();
+    variables.insert(QStringLiteral("TIDEWATCH_SUPPORT"), folder.path() + QStringLiteral("/support"));
+    DaemonClient client(Environment(variables, folder.path()));
+
+    const auto up = await<DaemonResult<Snapshot>>([&](auto done) { client.snapshot(done); });
+    QVERIFY(up && !up->ok());
+    QCOMPARE(up->error().kind, DaemonError::Kind::NoToken);
+    QCOMPARE(up->error().errorDescription(),
+             QStringLiteral("Tidewatch couldn't read its admin key. Restart the background service from Setup."));
+
+    QCOMPARE(m_service->stop(), 0);
+    const auto down = await<DaemonResult<Snapshot>>([&](auto done) { client.snapshot(done); });
+    QVERIFY(down && !down->ok());
+    QCOMPARE(down->error().kind, DaemonError::Kind::NotRunning);
+}
+
+void TestDaemonClient::blockingFormsWorkOffTheMainThread()
+{
+    const Environment environment = m_service->environment();
+    std::optional<Health> health;
+    std::optional<DaemonResult<QByteArray>> snapshot;
+    QThread* worker = QThread::create([&] {
+        health = DaemonClient::healthBlocking(environment, 1.5);
+        snapshot = DaemonClient::requestBlocking(environment, Method::Get, QStringLiteral("/v1/snapshot"),
+                                                 std::nullopt, 8);
+    });
+    worker->start();
+    QVERIFY(worker->wait(30000));
+    delete worker;
+    QVERIFY(health);
+    QVERIFY(snapshot && snapshot->ok());
+    QVERIFY(decodeDocument<Snapshot>(snapshot->value()));
+}
+
+void TestDaemonClient::stoppedServiceIsNotRunning()
+{
+    QCOMPARE(m_service->stop(), 0);
+    const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
+    QVERIFY(result && !result->ok());
+    QCOMPARE(result->error().kind, DaemonError::Kind::NotRunning);
+    QVERIFY(!DaemonClient::healthBlocking(m_service->environment(), 0.5));
+}
+
+void TestDaemonClient::bodiesAndHeadersOnTheWire()
+{
+    RequestRecorder recorder;
+    ScratchFolder folder;
+    folder.write(QStringLiteral("support/admin-token"), "key-for-the-recorder\n");
+    DaemonClient client(Environment({{QStringLiteral("TIDEWATCH_SUPPORT"), folder.path() + QStringLiteral("/support")},
+                                     {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(recorder.serverPort())}},
+                                    folder.path()));
+
+    const auto send = [&](Method method, std::optional<QJsonObject> body) {
+        const auto result = await<DaemonResult<QByteArray>>(
+            [&](auto done) { client.request(method, QStringLiteral("/v1/x?y=1"), body, 5, done); });
+        QVERIFY(result && result->ok());
+    };
+    send(Method::Post, std::nullopt);
+    send(Method::Put, QJsonObject{{QStringLiteral("on"), true}});
+    send(Method::Get, std::nullopt);
+    send(Method::Delete, std::nullopt);
+    QCOMPARE(recorder.requests.size(), 4);
+
+    const auto headerOf = [](const QByteArray& request, const QByteArray& name) -> QByteArray {
+        for (const QByteArray& line : request.split('\n')) {
+            if (line.toLower().startsWith(name.toLower() + ':'))
+                return line.mid(name.size() + 1).trimmed();
+        }
+        return {};
+    };
+    const QByteArray post = recorder.requests.at(0);
+    QVERIFY(post.startsWith("POST /v1/x?y=1 HTTP/1.1\r\n"));
+    QCOMPARE(headerOf(post, "Content-Type"), QByteArray("application/json"));
+    QCOMPARE(headerOf(post, "Authorization"), QByteArray("Bearer key-for-the-recorder"));
+    QCOMPARE(headerOf(post, "Accept"), QByteArray("application/json"));
+    QVERIFY(post.endsWith("\r\n\r\n{}"));
+
+    const QByteArray put = recorder.requests.at(1);
+    QVERIFY(put.startsWith("PUT "));
+    QVERIFY(put.endsWith(R"({"on":true})"));
+
+    for (const QByteArray& request : {recorder.requests.at(2), recorder.requests.at(3)}) {
+        QVERIFY(request.startsWith("GET ") || request.startsWith("DELETE "));
+        QVERIFY2(headerOf(request, "Content-Type").isEmpty(), request.constData());
+        QVERIFY(request.endsWith("\r\n\r\n"));
+    }
+}
+
+void TestDaemonClient::pathSegmentsCannotEscape_data()
+{
+    QTest::addColumn<QString>("raw");
+    QTest::addColumn<QString>("encoded");
+
+    QTest::newRow("a slash is encoded") << "a/b" << "a%2Fb";
+    QTest::newRow("a query can't start") << "a?x=1" << "a%3Fx%3D1";
+    QTest::newRow("a fragment can't start") << "a#b" << "a%23b";
+    QTest::newRow("dots alone can't climb out of the segment") << ".." << "%2E%2E";
+    QTest::newRow("one dot alone is encoded too") << "." << "%2E";
+    QTest::newRow("a dot inside a name stays") << "v1.2" << "v1.2";
+    QTest::newRow("a percent sign is itself encoded") << "100%" << "100%25";
+    QTest::newRow("a blank") << "my id" << "my%20id";
+    QTest::newRow("path characters stay") << "s1:@+" << "s1:@+";
+    QTest::newRow("non-ASCII as UTF-8") << QStringLiteral("café") << "caf%C3%A9";
+}
+
+void TestDaemonClient::pathSegmentsCannotEscape()
+{
+    QFETCH(QString, raw);
+    QFETCH(QString, encoded);
+    QCOMPARE(DaemonClient::pathSegment(raw), encoded);
+}
+
+QTEST_GUILESS_MAIN(TestDaemonClient)
+#include "TestDaemonClient.moc"

@@ -1,0 +1,118 @@
+#include "ScratchFolder.h"
+
+#include <QProcess>
+#include <QTest>
+
+namespace {
+
+struct Outcome {
+    int code = -1;
+    QString output;
+};
+
+/// The environment of a launch: no TIDEWATCH_ variable of the caller leaks
+/// in, and every user folder the program might reach is inside the scratch folder.
+QProcessEnvironment launchEnvironment(const ScratchFolder& scratch, const QHash<QString, QString>& extra = {})
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const QString& key : environment.keys()) {
+        if (key.startsWith(QLatin1StringView("TIDEWATCH_")))
+            environment.remove(key);
+    }
+    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), scratch.file(QStringLiteral("runtime/")));
+    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), scratch.file(QStringLiteral("config/")));
+    environment.insert(QStringLiteral("XDG_DATA_HOME"), scratch.file(QStringLiteral("data/")));
+    environment.insert(QStringLiteral("XDG_STATE_HOME"), scratch.file(QStringLiteral("state/")));
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    for (auto it = extra.begin(); it != extra.end(); ++it)
+        environment.insert(it.key(), it.value());
+    return environment;
+}
+
+Outcome run(const QStringList& arguments, const QProcessEnvironment& environment, int limitMs = 30000)
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QStringLiteral(TIDEWATCH_BINARY), arguments);
+    if (!process.waitForFinished(limitMs)) {
+        process.kill();
+        process.waitForFinished();
+        return {-1, QString::fromUtf8(process.readAll())};
+    }
+    return {process.exitCode(), QString::fromUtf8(process.readAll())};
+}
+
+} // namespace
+
+class TestLaunch : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void oneShotExitCodes_data();
+    void oneShotExitCodes();
+    void secondLaunchHandsOver();
+};
+
+void TestLaunch::oneShotExitCodes_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QString>("output");
+
+    QTest::newRow("--run-step last prints the one usage line and exits 64")
+        << QStringList{QStringLiteral("--run-step")} << 64
+        << "Usage: Tidewatch --run-step <service|integration|tailscale|uninstall-service|backpack|uninstall-backpack>\n";
+    QTest::newRow("a switch whose work isn't in this build fails, never succeeds")
+        << QStringList{QStringLiteral("--snapshots"), QStringLiteral("/tmp/x")} << 1 << QString();
+    QTest::newRow("the streaming check passes") << QStringList{QStringLiteral("--selftest-stream")} << 0 << QString();
+}
+
+void TestLaunch::oneShotExitCodes()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, code);
+    QFETCH(QString, output);
+    ScratchFolder scratch;
+    const Outcome outcome = run(arguments, launchEnvironment(scratch));
+    QVERIFY2(outcome.code == code, qPrintable(outcome.output));
+    if (!output.isEmpty())
+        QCOMPARE(outcome.output, output);
+}
+
+void TestLaunch::secondLaunchHandsOver()
+{
+    ScratchFolder scratch;
+    const QProcessEnvironment real = launchEnvironment(scratch);
+
+    QProcess first;
+    first.setProcessEnvironment(real);
+    first.start(QStringLiteral(TIDEWATCH_BINARY), {});
+    QVERIFY(first.waitForStarted());
+    // The first copy owns the lock once its socket is listening.
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(scratch.file(QStringLiteral("runtime/tidewatch.socket"))), 20000);
+
+    const Outcome second = run({}, real, 20000);
+    QCOMPARE(second.code, 0);
+    QCOMPARE(first.state(), QProcess::Running);
+
+    // A copy relaunched from Applications, and a test copy, run beside it.
+    for (const QProcessEnvironment& beside :
+         {real, launchEnvironment(scratch, {{QStringLiteral("TIDEWATCH_LOGS"), scratch.file(QStringLiteral("logs/"))}})}) {
+        QProcess other;
+        other.setProcessEnvironment(beside);
+        other.start(QStringLiteral(TIDEWATCH_BINARY),
+                    beside.contains(QStringLiteral("TIDEWATCH_LOGS")) ? QStringList{} : QStringList{QStringLiteral("--moved")});
+        QVERIFY(other.waitForStarted());
+        QVERIFY2(!other.waitForFinished(1500), "a copy that may run beside the first ended");
+        other.kill();
+        other.waitForFinished();
+    }
+
+    first.kill();
+    first.waitForFinished();
+}
+
+QTEST_GUILESS_MAIN(TestLaunch)
+#include "TestLaunch.moc"
