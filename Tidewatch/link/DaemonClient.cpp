@@ -245,7 +245,7 @@ std::optional<Ignored> DaemonClient::decodeReply<Ignored>(const QByteArray& body
 template <>
 std::optional<FlexList<Device>> DaemonClient::decodeReply<FlexList<Device>>(const QByteArray& body)
 {
-    return decodeDeviceList(body);
+    return decodeListDocument<Device>(body, QLatin1StringView("devices"));
 }
 
 namespace {

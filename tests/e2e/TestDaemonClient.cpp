@@ -291,7 +291,9 @@ void TestDaemonClient::timeoutIsASentence()
 void TestDaemonClient::droppedConnectionIsNotRunning()
 {
     m_service->qa("POST", QStringLiteral("/qa/faults"),
-                  QJsonObject{{QStringLiteral("route"), QStringLiteral("GET /v1/snapshot")}, {QStringLiteral("drop"), true}});
+                  QJsonObject{{QStringLiteral("route"), QStringLiteral("GET /v1/snapshot")}, {QStringLiteral("drop"), true},
+                              // The network stack sends a request again once when a kept connection drops.
+                              {QStringLiteral("times"), 2}});
     const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
     QVERIFY(result && !result->ok());
     QCOMPARE(result->error().kind, DaemonError::Kind::NotRunning);

@@ -1,0 +1,73 @@
+// Where the service keeps its files and which ports it listens on, decided
+// from the environment by the same rules the app uses, so that the app and
+// the service it started always agree.
+
+import os from 'node:os';
+import path from 'node:path';
+
+export const DEFAULT_API_PORT = 47321;
+export const DEFAULT_LOCAL_PORT = 47322;
+
+const INT_MAX = 2 ** 31 - 1;
+
+/**
+ * Reads a port variable: decimal digits with one optional leading sign, no
+ * white space, within a 32-bit int. There is no range check here; a port the
+ * system refuses fails at listen time with its own sentence.
+ *
+ * @param {string|undefined} text The variable's value
+ * @return {number|null} The port, or null when the text doesn't parse
+ */
+export function parsePort(text) {
+  if (typeof text !== 'string') return null;
+  const match = /^([+-]?)([0-9]+)$/.exec(text);
+  if (!match) return null;
+  const negative = match[1] === '-';
+  const value = Number(match[2]);
+  if (!Number.isSafeInteger(value) || value > INT_MAX + (negative ? 1 : 0)) return null;
+  return negative ? -value : value;
+}
+
+// An XDG variable counts only when it holds an absolute path, as the
+// base-directory rules say.
+function xdgFolder(env, name, fallback) {
+  const value = env[name];
+  return value && path.isAbsolute(value) ? value : fallback;
+}
+
+/**
+ * The service's configuration.
+ *
+ * @param {Object} [env=process.env] The environment
+ * @param {Object} [system] The system, replaceable by tests
+ * @param {string} [system.platform=process.platform]
+ * @param {string} [system.home=os.homedir()]
+ * @return {{support: string, logs: string, apiPort: number, localPort: number, testCopy: boolean}}
+ */
+export function readConfig(env = process.env, { platform = process.platform, home = os.homedir() } = {}) {
+  const given = (name) => (typeof env[name] === 'string' && env[name] !== '' ? env[name] : null);
+  const testCopy = ['TIDEWATCH_SUPPORT', 'TIDEWATCH_LOGS', 'TIDEWATCH_API_PORT', 'TIDEWATCH_LOCAL_PORT'].some(
+    (name) => given(name) !== null,
+  );
+
+  const mac = platform === 'darwin';
+  const realSupport = mac
+    ? path.join(home, 'Library', 'Application Support', 'Tidewatch')
+    : path.join(xdgFolder(env, 'XDG_DATA_HOME', path.join(home, '.local', 'share')), 'Tidewatch');
+  const realLogs = mac
+    ? path.join(home, 'Library', 'Logs', 'Tidewatch')
+    : path.join(xdgFolder(env, 'XDG_STATE_HOME', path.join(home, '.local', 'state')), 'Tidewatch', 'logs');
+
+  const support = given('TIDEWATCH_SUPPORT') !== null ? path.resolve(given('TIDEWATCH_SUPPORT')) : realSupport;
+  let logs = realLogs;
+  if (given('TIDEWATCH_LOGS') !== null) logs = path.resolve(given('TIDEWATCH_LOGS'));
+  else if (testCopy) logs = path.join(support, 'logs');
+
+  return {
+    support,
+    logs,
+    apiPort: parsePort(given('TIDEWATCH_API_PORT')) ?? DEFAULT_API_PORT,
+    localPort: parsePort(given('TIDEWATCH_LOCAL_PORT')) ?? DEFAULT_LOCAL_PORT,
+    testCopy,
+  };
+}

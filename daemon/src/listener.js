@@ -1,0 +1,137 @@
+// One loopback HTTP listener and the road every request takes on it:
+// planted faults first, then the admin token (where the listener asks for
+// it), then the route table. Both the API port and the local port are one of
+// these; the API port's feed will hang on the same server's upgrade event.
+
+import http from 'node:http';
+
+import { bearerMatches } from './admin-token.js';
+import { answerWithFault } from './faults.js';
+import { HttpError, sendError, sendJson } from './http-reply.js';
+
+/** Loopback only: nothing on the network may reach these ports. */
+export const HOST = '127.0.0.1';
+/** The most bytes of request line and headers. */
+export const MAX_HEADER_BYTES = 16 * 1024;
+/** The time a client has to send its headers, in milliseconds. */
+export const HEADERS_TIMEOUT_MS = 20_000;
+/** The time a client has to send its whole request, in milliseconds. */
+export const REQUEST_TIMEOUT_MS = 30_000;
+/** An idle kept-alive connection is closed after this, in milliseconds. */
+export const KEEP_ALIVE_TIMEOUT_MS = 5_000;
+/** Connections open at once on one listener; more are refused. */
+export const MAX_CONNECTIONS = 256;
+
+/**
+ * @param {Object} options
+ * @param {Router} options.router
+ * @param {FaultBook} options.faults Shared by both listeners
+ * @param {PendingTimers} options.pending Delayed fault answers
+ * @param {Log} options.log
+ * @param {string} [options.token] When given, every request must carry it
+ * @return {http.Server} Not listening yet
+ */
+export function createListener({ router, faults, pending, log, token }) {
+  const server = http.createServer(
+    { maxHeaderSize: MAX_HEADER_BYTES, headersTimeout: HEADERS_TIMEOUT_MS, requestTimeout: REQUEST_TIMEOUT_MS },
+    (req, res) => {
+      let url;
+      try {
+        // Parsed against a fixed origin: "//x" must stay a path, not become a host.
+        if (!req.url.startsWith('/')) throw new TypeError('not a path');
+        url = new URL(`http://${HOST}${req.url}`);
+      } catch {
+        sendError(res, new HttpError(400, 'bad_request', 'The request’s path can’t be read.'));
+        return;
+      }
+      const proceed = () => respond(req, res, url, { router, log, token });
+      const fault = faults.take(req.method, url.pathname);
+      if (fault) answerWithFault(req, res, fault, pending, proceed);
+      else proceed();
+    },
+  );
+  server.keepAliveTimeout = KEEP_ALIVE_TIMEOUT_MS;
+  server.maxConnections = MAX_CONNECTIONS;
+  return server;
+}
+
+async function respond(req, res, url, { router, log, token }) {
+  try {
+    if (token !== undefined && !bearerMatches(req.headers.authorization, token)) {
+      throw new HttpError(401, 'unauthorized', 'This request needs the admin token, sent as “Authorization: Bearer <token>”.', {
+        headers: { 'WWW-Authenticate': 'Bearer' },
+      });
+    }
+    const found = router.find(req.method, url.pathname);
+    if (found === null) throw new HttpError(404, 'not_found', `Nothing here answers ${req.method} ${url.pathname}.`);
+    if (found.allowed) {
+      throw new HttpError(
+        405,
+        'method_not_allowed',
+        `${url.pathname} doesn’t take ${req.method}; it takes ${found.allowed.join(', ')}.`,
+        { headers: { Allow: found.allowed.join(', ') } },
+      );
+    }
+    const value = await found.handler({ req, res, url, params: found.params });
+    if (value !== undefined) sendJson(res, 200, value);
+  } catch (error) {
+    if (error instanceof HttpError) {
+      sendError(res, error);
+    } else {
+      log.error(`${req.method} ${url.pathname} failed: ${error?.stack ?? error}`);
+      sendError(res, new HttpError(500, 'internal', 'The background service failed while answering; its log tells more.'));
+    }
+  }
+}
+
+/**
+ * Starts listening on the loopback interface.
+ *
+ * @param {http.Server} server
+ * @param {number} port 0 for any free port
+ * @return {Promise<number>} The port it got
+ * @throws {Error} with a sentence as its message and `code` "TIDEWATCH_PORT"
+ */
+export function listen(server, port) {
+  return new Promise((resolve, reject) => {
+    const fail = (error) => {
+      const sentence =
+        error.code === 'EADDRINUSE'
+          ? `Port ${port} is already in use.`
+          : error.code === 'EACCES'
+            ? `Port ${port} needs rights this service doesn’t have.`
+            : error.code === 'ERR_SOCKET_BAD_PORT'
+              ? `Port ${port} isn’t a port number (they run from 0 to 65535).`
+              : `Port ${port} couldn’t be opened (${error.code ?? error.message}).`;
+      reject(Object.assign(new Error(sentence), { code: 'TIDEWATCH_PORT', cause: error }));
+    };
+    server.once('error', fail);
+    try {
+      server.listen({ port, host: HOST, exclusive: true }, () => {
+        server.off('error', fail);
+        resolve(server.address().port);
+      });
+    } catch (error) {
+      server.off('error', fail);
+      fail(error);
+    }
+  });
+}
+
+/**
+ * Stops listening and ends every open connection, even one in the middle of
+ * a request, so that a stop never waits on a client.
+ *
+ * @param {http.Server} server
+ * @return {Promise<void>}
+ */
+export function closeListener(server) {
+  return new Promise((resolve) => {
+    if (!server.listening) {
+      resolve();
+      return;
+    }
+    server.close(() => resolve());
+    server.closeAllConnections();
+  });
+}

@@ -1,0 +1,114 @@
+// The /qa interface: tests and demonstrations put state into the service
+// and plant faults through it. Values are stored as given; the only checks
+// are that a body is a JSON object and that an item has an id to be found by.
+
+import { HttpError, send } from './http-reply.js';
+import { readJsonObject } from './request-body.js';
+
+const ROUTES = [
+  ['GET', '/qa', 'this page'],
+  ['GET', '/qa/state', '{"snapshot":…,"local":…}: the whole state, as the two reads give it'],
+  ['POST', '/qa/snapshot', 'an object of snapshot parts; each key replaces its part, null removes it'],
+  ['POST', '/qa/local', 'an object of local status parts, likewise'],
+  ['POST', '/qa/sessions', 'one session with an "id": put in, or replaced where it stands'],
+  ['DELETE', '/qa/sessions/:id', 'takes that session out'],
+  ['POST', '/qa/approvals', 'one approval with an "id"; its id joins its session’s pendingApprovalIds'],
+  ['DELETE', '/qa/approvals/:id', 'takes that approval out, and its id from every session'],
+  ['POST', '/qa/devices', 'one device with an "id"'],
+  ['DELETE', '/qa/devices/:id', 'takes that device out'],
+  ['POST', '/qa/reset', 'everything back to the state of a fresh start (faults stay)'],
+  ['GET', '/qa/faults', 'the faults still waiting'],
+  [
+    'POST',
+    '/qa/faults',
+    '{"route":"GET /v1/snapshot","status":502,"body":"…","contentType":"text/plain","delayMs":3000,"drop":true,"times":1}',
+  ],
+  ['DELETE', '/qa/faults', 'clears every fault'],
+];
+
+const escapeHtml = (text) =>
+  text.replace(/[&<>"]/g, (c) => ({ '&': '&amp;', '<': '&lt;', '>': '&gt;', '"': '&quot;' })[c]);
+
+const PAGE = `<!doctype html>
+<html lang="en">
+<head><meta charset="utf-8"><title>Tidewatch service: /qa</title>
+<style>body{font:14px/1.5 system-ui,sans-serif;margin:2em;max-width:60em}code{font:13px ui-monospace,monospace}td{padding:.2em 1em .2em 0;vertical-align:top}</style>
+</head>
+<body>
+<h1>Tidewatch service: /qa</h1>
+<p>Every route here needs the admin token from the support folder’s <code>admin-token</code> file,
+sent as <code>Authorization: Bearer &lt;token&gt;</code>. Bodies are JSON objects of at most 1 MiB.</p>
+<table>
+${ROUTES.map(([method, path, what]) => `<tr><td><code>${method} ${escapeHtml(path)}</code></td><td>${escapeHtml(what)}</td></tr>`).join('\n')}
+</table>
+<p>A fault answers the next matching requests on either port (never /qa) in place of the real answer:
+after <code>delayMs</code>, it drops the connection (<code>drop</code>), or sends <code>status</code> with
+<code>body</code>, or, with neither, lets the real answer through late.</p>
+</body>
+</html>
+`;
+
+function requireId(body, kind) {
+  if (typeof body.id !== 'string' || body.id === '') {
+    throw new HttpError(400, 'invalid', `A ${kind} needs an "id" that is a non-empty string.`, { field: 'id' });
+  }
+  return body;
+}
+
+const notFound = (kind, id) => new HttpError(404, 'not_found', `No ${kind} has the id “${id}”.`);
+
+/**
+ * Adds the /qa routes to the local port's table.
+ *
+ * @param {Router} router
+ * @param {Object} parts
+ * @param {ServiceState} parts.state
+ * @param {FaultBook} parts.faults
+ */
+export function addQaRoutes(router, { state, faults }) {
+  router
+    .add('GET', '/qa', ({ res }) => send(res, 200, PAGE, 'text/html; charset=utf-8'))
+    .add('GET', '/qa/state', () => ({ snapshot: state.snapshot(), local: state.localStatus() }))
+    .add('POST', '/qa/snapshot', async ({ req }) => {
+      state.setSnapshotParts(await readJsonObject(req));
+      return { snapshot: state.snapshot() };
+    })
+    .add('POST', '/qa/local', async ({ req }) => {
+      state.setLocalParts(await readJsonObject(req));
+      return { local: state.localStatus() };
+    })
+    .add('POST', '/qa/reset', async ({ req }) => {
+      await readJsonObject(req);
+      state.reset();
+      return { snapshot: state.snapshot(), local: state.localStatus() };
+    });
+
+  const items = [
+    ['sessions', 'session', (value) => state.upsertSession(value), (id) => state.removeSession(id)],
+    ['approvals', 'approval', (value) => state.upsertApproval(value), (id) => state.removeApproval(id)],
+    ['devices', 'device', (value) => state.upsertDevice(value), (id) => state.removeDevice(id)],
+  ];
+  for (const [plural, kind, upsert, remove] of items) {
+    router
+      .add('POST', `/qa/${plural}`, async ({ req }) => {
+        const value = requireId(await readJsonObject(req), kind);
+        upsert(value);
+        return { [kind]: value };
+      })
+      .add('DELETE', `/qa/${plural}/:id`, ({ params }) => {
+        if (!remove(params.id)) throw notFound(kind, params.id);
+        return { removed: params.id };
+      });
+  }
+
+  router
+    .add('GET', '/qa/faults', () => ({ faults: faults.list() }))
+    .add('POST', '/qa/faults', async ({ req }) => {
+      faults.add(await readJsonObject(req));
+      return { faults: faults.list() };
+    })
+    .add('DELETE', '/qa/faults', () => {
+      faults.clear();
+      return { faults: [] };
+    });
+}

@@ -1,0 +1,51 @@
+// Reading a request's JSON body, within a limit.
+
+import { HttpError } from './http-reply.js';
+
+/**
+ * The largest body the service reads, in bytes (1 MiB). A larger one is
+ * refused with 413, from its Content-Length before anything is read when the
+ * client announces it, otherwise as soon as the count passes the limit.
+ */
+export const MAX_BODY_BYTES = 1024 * 1024;
+
+const tooLarge = () =>
+  new HttpError(413, 'too_large', 'The request body is larger than 1 MiB, the most this service reads.', {
+    // What is left of the body is never read, so the connection can't be reused.
+    headers: { Connection: 'close' },
+  });
+
+const isPlainObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
+
+/**
+ * Reads the body as one JSON object. An empty body counts as `{}`, so that a
+ * bare POST works.
+ *
+ * @param {http.IncomingMessage} req
+ * @param {number} [limit=MAX_BODY_BYTES]
+ * @return {Promise<Object>}
+ * @throws {HttpError} 413 over the limit, 400 when it isn't a JSON object
+ */
+export async function readJsonObject(req, limit = MAX_BODY_BYTES) {
+  const announced = Number(req.headers['content-length']);
+  if (Number.isFinite(announced) && announced > limit) throw tooLarge();
+
+  const chunks = [];
+  let size = 0;
+  for await (const chunk of req) {
+    size += chunk.length;
+    if (size > limit) throw tooLarge();
+    chunks.push(chunk);
+  }
+  const text = Buffer.concat(chunks).toString('utf8');
+  if (text.trim() === '') return {};
+
+  let value;
+  try {
+    value = JSON.parse(text);
+  } catch {
+    throw new HttpError(400, 'bad_json', 'The request body isn’t valid JSON.');
+  }
+  if (!isPlainObject(value)) throw new HttpError(400, 'bad_json', 'The request body must be a JSON object.');
+  return value;
+}

@@ -1,0 +1,367 @@
+// What the service believes, in memory: the parts of the snapshot (the work:
+// sessions, approvals, usage, account, …) and the parts of the local status
+// (this machine's setup: Claude Code, Tailscale, devices, …). Both replies are
+// built from it on each read. Values are kept as they were given, without
+// checks of their shape, so that tests can plant the odd shapes a newer or
+// broken service might send.
+
+import { createHash } from 'node:crypto';
+import { EventEmitter } from 'node:events';
+
+import { automationsStatus } from './automations-status.js';
+
+/** The snapshot's parts in the order they are sent; other keys follow. */
+export const SNAPSHOT_KEYS = [
+  'mac',
+  'usage',
+  'sessions',
+  'approvals',
+  'account',
+  'providers',
+  'automations',
+  'codex',
+  'claude',
+];
+
+/** The local status's keys in the order they are sent; other keys follow. */
+export const LOCAL_KEYS = [
+  'daemonVersion',
+  'apiPort',
+  'claude',
+  'tailscale',
+  'tsnet',
+  'downloadUrl',
+  'downloadLocal',
+  'downloadTrusted',
+  'downloadAnywhere',
+  'name',
+  'apk',
+  'hooks',
+  'statusLine',
+  'shell',
+  'devices',
+  'sessions',
+  'approvals',
+  'connectedClients',
+  'usage',
+  'projectsRoot',
+  'files',
+  'account',
+  'automations',
+  'lan',
+  'codex',
+];
+
+/** Local status keys that come from the snapshot, mirrored or derived. */
+export const MIRRORED_KEYS = ['sessions', 'approvals', 'usage', 'account', 'codex', 'automations'];
+
+/**
+ * Local status keys the service fills in itself. Setting one of these (or a
+ * mirrored one) on the local side overrides it until it is set to null.
+ */
+export const OWN_KEYS = ['daemonVersion', 'apiPort'];
+
+const DERIVED = new Set([...OWN_KEYS, ...MIRRORED_KEYS]);
+
+export const DEFAULT_AWAKE = Object.freeze({
+  mode: 'working',
+  holding: false,
+  lidClosedOk: false,
+  backpackReady: false,
+  laptop: false,
+  minBattery: 15,
+  extendable: false,
+});
+
+const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
+const same = (a, b) => JSON.stringify(a) === JSON.stringify(b);
+const copy = (value) => (value === undefined ? undefined : structuredClone(value));
+
+// The entries of a map, the named keys first in their order, then the rest
+// as they came. Object.fromEntries makes plain data properties, so even a
+// key such as "__proto__" stays a key.
+function ordered(map, order) {
+  const entries = [];
+  for (const key of order) if (map.has(key)) entries.push([key, map.get(key)]);
+  for (const [key, value] of map) if (!order.includes(key)) entries.push([key, value]);
+  return Object.fromEntries(entries);
+}
+
+// The list with the element of this id replaced in place, or added last.
+function upsert(list, item) {
+  const index = list.findIndex((element) => isObject(element) && element.id === item.id);
+  if (index < 0) return [...list, item];
+  return list.map((element, i) => (i === index ? item : element));
+}
+
+function withPending(session, id, wanted) {
+  const pending = session.pendingApprovalIds;
+  if (wanted) {
+    if (pending === undefined || pending === null) return { ...session, pendingApprovalIds: [id] };
+    if (Array.isArray(pending) && !pending.includes(id)) return { ...session, pendingApprovalIds: [...pending, id] };
+  } else if (Array.isArray(pending) && pending.includes(id)) {
+    return { ...session, pendingApprovalIds: pending.filter((other) => other !== id) };
+  }
+  return session;
+}
+
+/**
+ * @typedef {Object} Change
+ * @property {Array<string>} snapshot The snapshot parts that changed
+ * @property {Array<string>} local The local-only parts (and overrides) that changed
+ * @property {{kind: string, id: string, value: (Object|null)}} [item] Set when
+ *     one session, approval or device was put in (value) or taken out (null)
+ */
+
+/**
+ * The one state of the service. Emits `change` with a {@link Change} after
+ * every write that changed something; a write of what is already there is
+ * no change and stays silent. Values handed out are shared with the state
+ * and must be treated as read-only.
+ */
+export class ServiceState extends EventEmitter {
+  #snapshotParts;
+  #localParts;
+  #overrides;
+
+  /**
+   * @param {Object} about
+   * @param {string} about.hostname This machine's name
+   * @param {string} about.daemonVersion
+   * @param {string} about.home The user's home folder, the default projects root
+   */
+  constructor({ hostname, daemonVersion, home }) {
+    super();
+    this.about = { hostname, daemonVersion, home };
+    this.apiPort = null;
+    this.#snapshotParts = this.#defaultSnapshot();
+    this.#localParts = this.#defaultLocal();
+    this.#overrides = new Map();
+  }
+
+  #defaultSnapshot() {
+    const { hostname, daemonVersion } = this.about;
+    const id = `mac_${createHash('sha256').update(hostname).digest('hex').slice(0, 8)}`;
+    return new Map([
+      ['mac', { id, name: hostname, daemonVersion, claudeVersion: null, battery: null, awake: { ...DEFAULT_AWAKE } }],
+      ['usage', { source: 'none' }],
+      ['sessions', []],
+      ['approvals', []],
+      ['account', { state: 'unknown' }],
+      ['providers', []],
+      ['automations', { paused: false, list: [], features: [] }],
+      ['codex', { available: false, enabled: false, connected: false }],
+      ['claude', { available: false }],
+    ]);
+  }
+
+  #defaultLocal() {
+    return new Map([
+      ['claude', { path: null, version: null }],
+      ['tailscale', { installed: false, running: false, loggedIn: false }],
+      ['tsnet', { mode: 'off', available: false, enabled: false }],
+      ['hooks', { installed: false }],
+      ['statusLine', { installed: false, supported: true }],
+      ['shell', { installed: false, supported: true }],
+      ['devices', []],
+      ['connectedClients', 0],
+      ['projectsRoot', this.about.home],
+      ['files', { browseOutsideProjects: false }],
+    ]);
+  }
+
+  /** @return {Object} The Snapshot record. */
+  snapshot() {
+    return ordered(this.#snapshotParts, SNAPSHOT_KEYS);
+  }
+
+  /**
+   * @param {Object} [options]
+   * @param {boolean} [options.qr=false] The pairing images were asked for;
+   *     there are none yet, so `qr` is null unless a test set it
+   * @return {Object} The LocalStatus record
+   */
+  localStatus({ qr = false } = {}) {
+    const parts = new Map();
+    parts.set('daemonVersion', this.about.daemonVersion);
+    if (this.apiPort !== null) parts.set('apiPort', this.apiPort);
+    for (const key of MIRRORED_KEYS) {
+      if (key !== 'automations' && this.#snapshotParts.has(key)) parts.set(key, this.#snapshotParts.get(key));
+    }
+    const automations = automationsStatus(this.#snapshotParts.get('automations'));
+    if (automations !== undefined) parts.set('automations', automations);
+    for (const [key, value] of this.#overrides) parts.set(key, value);
+    for (const [key, value] of this.#localParts) parts.set(key, value);
+    if (qr && !parts.has('qr')) parts.set('qr', null);
+    return ordered(parts, LOCAL_KEYS);
+  }
+
+  /** @return {*} The devices as stored: normally an array of Device records. */
+  devices() {
+    return this.#localParts.has('devices') ? this.#localParts.get('devices') : [];
+  }
+
+  /** Records the port the API listener got, which the local status reports. */
+  setApiPort(port) {
+    if (this.apiPort === port) return;
+    this.apiPort = port;
+    this.#announce({ local: ['apiPort'] });
+  }
+
+  /**
+   * Replaces snapshot parts: every key given replaces its part whole, and a
+   * key given as null removes its part.
+   *
+   * @param {Object} parts
+   */
+  setSnapshotParts(parts) {
+    const changed = [];
+    for (const [key, value] of Object.entries(parts)) {
+      if (this.#put(this.#snapshotParts, key, value)) changed.push(key);
+    }
+    this.#announce({ snapshot: changed });
+  }
+
+  /**
+   * Replaces local status parts as {@link setSnapshotParts} does. A key the
+   * service fills itself or mirrors from the snapshot (`daemonVersion`,
+   * `apiPort`, `sessions`, `approvals`, `usage`, `account`, `codex`,
+   * `automations`) is overridden instead, until it is given as null.
+   *
+   * @param {Object} parts
+   */
+  setLocalParts(parts) {
+    const changed = [];
+    for (const [key, value] of Object.entries(parts)) {
+      if (this.#put(DERIVED.has(key) ? this.#overrides : this.#localParts, key, value)) changed.push(key);
+    }
+    this.#announce({ local: changed });
+  }
+
+  /**
+   * Puts in one session: it replaces the session with its id where it stands,
+   * or is added last.
+   *
+   * @param {Object} session With a string `id`
+   */
+  upsertSession(session) {
+    if (this.#putItem(this.#snapshotParts, 'sessions', session)) {
+      this.#announce({ snapshot: ['sessions'], item: { kind: 'session', id: session.id, value: session } });
+    }
+  }
+
+  /** @return {boolean} Whether a session had this id. */
+  removeSession(id) {
+    if (!this.#takeItem(this.#snapshotParts, 'sessions', id)) return false;
+    this.#announce({ snapshot: ['sessions'], item: { kind: 'session', id, value: null } });
+    return true;
+  }
+
+  /**
+   * Puts in one approval, and lists its id in its session's
+   * `pendingApprovalIds` (and in no other session's).
+   *
+   * @param {Object} approval With a string `id`, normally a `sessionId`
+   */
+  upsertApproval(approval) {
+    const changed = [];
+    if (this.#putItem(this.#snapshotParts, 'approvals', approval)) changed.push('approvals');
+    if (this.#mapSessions((session) => withPending(session, approval.id, session.id === approval.sessionId))) {
+      changed.push('sessions');
+    }
+    if (changed.length > 0) {
+      this.#announce({ snapshot: changed, item: { kind: 'approval', id: approval.id, value: approval } });
+    }
+  }
+
+  /**
+   * Takes out one approval and its id from every session's pending list.
+   *
+   * @return {boolean} Whether an approval had this id
+   */
+  removeApproval(id) {
+    if (!this.#takeItem(this.#snapshotParts, 'approvals', id)) return false;
+    const changed = ['approvals'];
+    if (this.#mapSessions((session) => withPending(session, id, false))) changed.push('sessions');
+    this.#announce({ snapshot: changed, item: { kind: 'approval', id, value: null } });
+    return true;
+  }
+
+  /** @param {Object} device With a string `id` */
+  upsertDevice(device) {
+    if (this.#putItem(this.#localParts, 'devices', device)) {
+      this.#announce({ local: ['devices'], item: { kind: 'device', id: device.id, value: device } });
+    }
+  }
+
+  /** @return {boolean} Whether a device had this id. */
+  removeDevice(id) {
+    if (!this.#takeItem(this.#localParts, 'devices', id)) return false;
+    this.#announce({ local: ['devices'], item: { kind: 'device', id, value: null } });
+    return true;
+  }
+
+  /** Back to the state of a fresh start. */
+  reset() {
+    const snapshot = this.#defaultSnapshot();
+    const local = this.#defaultLocal();
+    const changedIn = (before, after) =>
+      [...new Set([...before.keys(), ...after.keys()])].filter((key) => !same(before.get(key), after.get(key)));
+    const change = {
+      snapshot: changedIn(this.#snapshotParts, snapshot),
+      local: [...changedIn(this.#localParts, local), ...this.#overrides.keys()],
+    };
+    this.#snapshotParts = snapshot;
+    this.#localParts = local;
+    this.#overrides = new Map();
+    this.#announce(change);
+  }
+
+  // Sets or (for null) deletes one key; says whether anything changed.
+  #put(map, key, value) {
+    if (value === null) return map.delete(key);
+    if (map.has(key) && same(map.get(key), value)) return false;
+    map.set(key, copy(value));
+    return true;
+  }
+
+  #putItem(map, key, item) {
+    const current = map.get(key);
+    const list = Array.isArray(current) ? current : [];
+    const next = upsert(list, copy(item));
+    if (Array.isArray(current) && same(list, next)) return false;
+    map.set(key, next);
+    return true;
+  }
+
+  #takeItem(map, key, id) {
+    const list = map.get(key);
+    if (!Array.isArray(list)) return false;
+    const next = list.filter((element) => !(isObject(element) && element.id === id));
+    if (next.length === list.length) return false;
+    map.set(key, next);
+    return true;
+  }
+
+  // Rewrites the session objects through a function; says whether any changed.
+  #mapSessions(rewrite) {
+    const sessions = this.#snapshotParts.get('sessions');
+    if (!Array.isArray(sessions)) return false;
+    let changed = false;
+    const next = sessions.map((session) => {
+      if (!isObject(session)) return session;
+      const after = rewrite(session);
+      if (after !== session) changed = true;
+      return after;
+    });
+    if (changed) this.#snapshotParts.set('sessions', next);
+    return changed;
+  }
+
+  #announce({ snapshot = [], local = [], item } = {}) {
+    if (snapshot.length === 0 && local.length === 0) return;
+    const change = { snapshot, local };
+    if (item) change.item = item;
+    this.emit('change', change);
+  }
+}
