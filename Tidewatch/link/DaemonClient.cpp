@@ -83,9 +83,11 @@ QString DaemonClient::pathSegment(const QString& raw)
 {
     // The path's own characters stay; "/" and everything else that could end
     // or bend the segment is encoded. A segment of dots alone would climb a
-    // level once the address is normalised, so its dots are encoded too.
+    // level: the URL layer decodes "%2E" and drops such segments, so its
+    // percent signs are encoded once more and the service sees a harmless
+    // id that names nothing.
     if (!raw.isEmpty() && raw.count(QLatin1Char('.')) == raw.size())
-        return QStringLiteral("%2E").repeated(raw.size());
+        return QStringLiteral("%252E").repeated(raw.size());
     return QString::fromLatin1(QUrl::toPercentEncoding(raw, QByteArrayLiteral("!$&'()*+,;=:@")));
 }
 

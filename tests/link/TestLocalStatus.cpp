@@ -1,0 +1,242 @@
+#include "link/LocalStatus.h"
+#include "link/Snapshot.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+class TestLocalStatus : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void fullSample();
+    void olderServiceParts_data();
+    void olderServiceParts();
+    void builtInNodeUp();
+    void claudeNotFoundWithADevice();
+    void automationsStatus_data();
+    void automationsStatus();
+    void automationsSnapshot();
+    void automationsSnapshotWrongTypes();
+    void unreadablePartsSinkOnlyThemselves();
+};
+
+namespace {
+
+QByteArray readSample(const QString& name)
+{
+    QFile file(QStringLiteral(TIDEWATCH_TEST_DATA "/") + name);
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("missing sample %s", qPrintable(name));
+    return file.readAll();
+}
+
+LocalStatus status(const QByteArray& body)
+{
+    std::optional<LocalStatus> decoded = decodeDocument<LocalStatus>(body);
+    if (!decoded)
+        qFatal("status didn't decode: %s", body.constData());
+    return *decoded;
+}
+
+} // namespace
+
+void TestLocalStatus::fullSample()
+{
+    const LocalStatus full = status(readSample(u"local-status-full.json"_s));
+    QCOMPARE(full.apiPort, 47321);
+    QCOMPARE(full.claude->path, u"/Users/ada/.local/bin/claude"_s);
+    QCOMPARE(full.tailscale->keyExpiry->toDateTime(), QDateTime(QDate(2026, 3, 28), QTime(9, 14, 2), Qt::UTC));
+    QCOMPARE(full.tsnet->mode, u"system"_s);
+    QCOMPARE(full.tsnet->helper->state, u"Stopped"_s);
+    QVERIFY(!full.tsnet->helper->loginUrl);
+    QVERIFY(!full.tsnet->url);
+    QCOMPARE(full.name->host, u"ada-7f3c.tidewatch.link"_s);
+    QCOMPARE(full.apk->size, 18734512);
+    QCOMPARE(full.statusLine->installed, false);
+    QCOMPARE(full.devices.count, 2);
+    QCOMPARE(full.devices.items[0].glasses->since->msecsSinceEpoch, 1759400000000);
+    QVERIFY(!full.devices.items[0].glasses->removedAt);
+    QCOMPARE(full.devices.items[1].client, u"lens"_s);
+    QCOMPARE(full.devices.items[1].createdAt->msecsSinceEpoch, 1759400000000);
+    QCOMPARE(full.sessions.items[0].pendingApprovalIds, QStringList{u"ap_01J9ZK3M2Q"_s});
+    QCOMPARE(full.approvals.items[0].canAlways, true);
+    QCOMPARE(full.connectedClients, 2);
+    QCOMPARE(full.usage->fiveHour->pct, 100.0);
+    QCOMPARE(full.files->browseOutsideProjects, false);
+    QCOMPARE(full.account->limit->label, u"session limit"_s);
+    QCOMPARE(full.automations->count, 4);
+    QCOMPARE(full.automations->next->name, u"Morning brief"_s);
+    QCOMPARE(full.automations->running.size(), 1);
+    QCOMPARE(full.lan->addresses, QStringList({u"192.168.1.24"_s, u"fd7a:115c:a1e0::7"_s}));
+    QVERIFY(full.codex->connected);
+    QCOMPARE(full.codex->usage->fiveHour->resetsAt->msecsSinceEpoch, 1760031000000);
+
+    // The model sets the status only when it differs; a second read of the same bytes must not.
+    QCOMPARE(status(readSample(u"local-status-full.json"_s)), full);
+}
+
+void TestLocalStatus::olderServiceParts_data()
+{
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QString>("present");
+
+    QTest::newRow("a service before codex, lan and tsnet")
+        << QByteArray(R"({"daemonVersion":"0.3.0","apiPort":47321,"hooks":{"installed":true}})") << u"hooks"_s;
+    QTest::newRow("lan alone is enough for a local address")
+        << QByteArray(R"({"lan":{"port":47323,"addresses":["192.168.1.24"]}})") << u"lan"_s;
+    QTest::newRow("an empty status") << QByteArray("{}") << QString();
+}
+
+void TestLocalStatus::olderServiceParts()
+{
+    QFETCH(QByteArray, body);
+    QFETCH(QString, present);
+
+    const LocalStatus decoded = status(body);
+    QCOMPARE(decoded.codex.has_value(), false);
+    QCOMPARE(decoded.tsnet.has_value(), false);
+    QCOMPARE(decoded.automations.has_value(), false);
+    QCOMPARE(decoded.lan.has_value(), present == u"lan"_s);
+    QCOMPARE(decoded.hooks.has_value(), present == u"hooks"_s);
+    if (decoded.lan) {
+        QCOMPARE(decoded.lan->port, 47323);
+        QCOMPARE(decoded.lan->addresses, QStringList{u"192.168.1.24"_s});
+        QVERIFY(!decoded.lan->fingerprint);
+    }
+}
+
+void TestLocalStatus::builtInNodeUp()
+{
+    const LocalStatus decoded
+        = status(R"({"tsnet":{"mode":"builtIn","available":true,"enabled":true,"helper":{"state":"Running"}}})");
+    QCOMPARE(decoded.tsnet->mode, u"builtIn"_s);
+    QCOMPARE(decoded.tsnet->available, true);
+    QCOMPARE(decoded.tsnet->enabled, true);
+    QCOMPARE(decoded.tsnet->helper->state, u"Running"_s);
+}
+
+void TestLocalStatus::claudeNotFoundWithADevice()
+{
+    const LocalStatus decoded
+        = status(R"({"claude":{"path":null,"version":null},"hooks":{"installed":false},"devices":[{"id":"d1"}]})");
+    QVERIFY(decoded.claude);
+    QVERIFY(!decoded.claude->path);
+    QCOMPARE(decoded.hooks->installed, false);
+    QCOMPARE(decoded.devices.count, 1);
+    QCOMPARE(decoded.devices.items[0].id, u"d1"_s);
+}
+
+void TestLocalStatus::automationsStatus_data()
+{
+    QTest::addColumn<QByteArray>("automations");
+    QTest::addColumn<bool>("paused");
+    QTest::addColumn<qint64>("count");
+    QTest::addColumn<QString>("next");
+    QTest::addColumn<QStringList>("runningSessions");
+
+    QTest::newRow("one upcoming, nothing running")
+        << QByteArray(R"({"paused":false,"count":3,"next":{"id":"au_1","name":"Morning brief","at":1760007200000},)"
+                      R"("running":[]})")
+        << false << 3ll << u"Morning brief"_s << QStringList();
+    QTest::newRow("one run with its session")
+        << QByteArray(R"({"paused":false,"count":2,"next":null,"running":[{"id":"au_1","name":"Morning brief",)"
+                      R"("sessionId":"s9","startedAt":1760007200000}]})")
+        << false << 2ll << QString() << QStringList{u"s9"_s};
+    QTest::newRow("every key of another type reads as absent")
+        << QByteArray(R"({"paused":"yes","count":"x","next":5,"running":"no"})") << false << 0ll << QString()
+        << QStringList();
+    QTest::newRow("unreadable runs drop out")
+        << QByteArray(R"({"paused":true,"count":2.0,"running":[7,{"sessionId":"s1"},"x",{"name":"B"}]})") << true << 2ll
+        << QString() << QStringList{u"s1"_s, u"none"_s};
+}
+
+void TestLocalStatus::automationsStatus()
+{
+    QFETCH(QByteArray, automations);
+    QFETCH(bool, paused);
+    QFETCH(qint64, count);
+    QFETCH(QString, next);
+    QFETCH(QStringList, runningSessions);
+
+    const LocalStatus decoded = status(R"({"daemonVersion":"0.9.4","automations":)" + automations + "}");
+    QCOMPARE(decoded.daemonVersion, u"0.9.4"_s);
+    QVERIFY(decoded.automations);
+    QCOMPARE(decoded.automations->paused, paused);
+    QCOMPARE(decoded.automations->count, count);
+    QCOMPARE(decoded.automations->next ? decoded.automations->next->name.value_or(QString()) : QString(), next);
+    QStringList sessions;
+    for (const AutomationsStatus::Run& run : decoded.automations->running)
+        sessions << run.sessionId.value_or(u"none"_s);
+    QCOMPARE(sessions, runningSessions);
+}
+
+void TestLocalStatus::automationsSnapshot()
+{
+    const std::optional<Snapshot> snapshot = decodeDocument<Snapshot>(R"({"automations":{"paused":true,"list":[
+        {"id":"a","name":"A","enabled":true,"nextAt":1760007200000},
+        {"id":"b","name":"B","enabled":false,"nextAt":"2025-10-09T10:53:20Z"},
+        {"id":"c","name":"C","nextAt":null,"lastRun":{"id":"ru_1","state":"running","sessionIds":["s1"]}},
+        "junk",
+        {"id":"d","enabled":true,"lastRun":{"id":"ru_2","state":"needs_you","ask":{"stepId":"st_q","question":"?",
+            "answers":["Yes","No"],"default":"No","until":"1760007800000"}}}
+    ]}})");
+    QVERIFY(snapshot && snapshot->automations);
+    const AutomationsSnapshot& automations = *snapshot->automations;
+    QVERIFY(automations.paused);
+    QVERIFY(!automations.features);
+    QCOMPARE(automations.list.size(), 4);
+    QCOMPARE(automations.list[1].nextAt, automations.list[0].nextAt);
+    QVERIFY(!automations.list[2].enabled);
+    QVERIFY(!automations.list[2].nextAt);
+    QCOMPARE(automations.list[2].lastRun->sessionIds, QStringList{u"s1"_s});
+    const AutomationsSnapshot::Ask& ask = *automations.list[3].lastRun->ask;
+    QCOMPARE(ask.stepId, u"st_q"_s);
+    QCOMPARE(ask.defaultAnswer, u"No"_s);
+    QCOMPARE(ask.until->msecsSinceEpoch, 1760007800000);
+}
+
+void TestLocalStatus::automationsSnapshotWrongTypes()
+{
+    const std::optional<AutomationsSnapshot> automations = AutomationsSnapshot::fromJson(
+        QJsonDocument::fromJson(R"({"paused":"yes","list":{"a":1},"features":"steps"})").object());
+    QVERIFY(automations);
+    QCOMPARE(*automations, AutomationsSnapshot());
+    QVERIFY(!AutomationsSnapshot::fromJson(QJsonValue(u"soon"_s)));
+    QVERIFY(!AutomationsStatus::fromJson(QJsonValue(QJsonArray())));
+}
+
+void TestLocalStatus::unreadablePartsSinkOnlyThemselves()
+{
+    const LocalStatus decoded = status(R"({"daemonVersion":"0.9.4","apiPort":"47321","claude":"yes",
+        "tailscale":{"installed":true,"keyExpiry":"soon","url":7},"tsnet":{"mode":"builtIn","helper":[]},
+        "devices":"two","sessions":2,"approvals":[{"id":"a1"},{"id":5}],"usage":{"fiveHour":{"pct":null}},
+        "account":"something new","automations":[],"lan":{"port":47323.5,"addresses":["10.0.0.2",7]},
+        "codex":{"available":true,"usage":{"fiveHour":{"pct":"x"},"limited":"no"}}})");
+    QCOMPARE(decoded.daemonVersion, u"0.9.4"_s);
+    QVERIFY(!decoded.apiPort);
+    QVERIFY(!decoded.claude);
+    QCOMPARE(decoded.tailscale->installed, true);
+    QVERIFY(!decoded.tailscale->keyExpiry);
+    QVERIFY(!decoded.tailscale->url);
+    QCOMPARE(decoded.tsnet->mode, u"builtIn"_s);
+    QVERIFY(!decoded.tsnet->helper);
+    QCOMPARE(decoded.devices.count, 0);
+    QCOMPARE(decoded.sessions.count, 2);
+    QCOMPARE(decoded.approvals.count, 2);
+    QCOMPARE(decoded.approvals.items.size(), 1);
+    QVERIFY(decoded.usage && !decoded.usage->fiveHour);
+    QCOMPARE(decoded.account, Account());
+    QVERIFY(!decoded.automations);
+    QVERIFY(!decoded.lan->port);
+    QCOMPARE(decoded.lan->addresses, QStringList{u"10.0.0.2"_s});
+    QVERIFY(decoded.codex->available);
+    QVERIFY(!decoded.codex->usage->fiveHour);
+    QVERIFY(!decoded.codex->usage->limited);
+}
+
+QTEST_GUILESS_MAIN(TestLocalStatus)
+#include "TestLocalStatus.moc"

@@ -1,0 +1,509 @@
+#include "link/Snapshot.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QTest>
+
+#include <functional>
+
+using namespace Qt::StringLiterals;
+
+class TestWireRecords : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void wrongValueSinksOnlyItself_data();
+    void wrongValueSinksOnlyItself();
+    void busySample();
+    void olderServiceSnapshot();
+    void unknownNestingIsIgnored();
+    void account_data();
+    void account();
+    void battery_data();
+    void battery();
+    void awake_data();
+    void awake();
+    void codex();
+    void codexResetOfZeroIsNoReset_data();
+    void codexResetOfZeroIsNoReset();
+    void usageWindowNeedsAFinitePercent();
+    void displayTitle_data();
+    void displayTitle();
+    void approvalInput();
+};
+
+namespace {
+
+QJsonValue json(const QByteArray& text)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson("[" + text + "]", &error);
+    if (error.error != QJsonParseError::NoError)
+        qFatal("bad test JSON: %s", text.constData());
+    return document.array().at(0);
+}
+
+QByteArray readSample(const QString& name)
+{
+    QFile file(QStringLiteral(TIDEWATCH_TEST_DATA "/") + name);
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("missing sample %s", qPrintable(name));
+    return file.readAll();
+}
+
+// The value with the element at `path` ("sessions/3/blocked") set to `replacement`.
+QJsonValue replaced(const QJsonValue& value, QStringView path, const QJsonValue& replacement)
+{
+    if (path.isEmpty())
+        return replacement;
+    const qsizetype slash = path.indexOf(u'/');
+    const QStringView head = slash < 0 ? path : path.left(slash);
+    const QStringView rest = slash < 0 ? QStringView() : path.mid(slash + 1);
+    if (value.isArray()) {
+        QJsonArray array = value.toArray();
+        const int index = head.toInt();
+        array[index] = replaced(array.at(index), rest, replacement);
+        return array;
+    }
+    QJsonObject object = value.toObject();
+    object[head] = replaced(object.value(head), rest, replacement);
+    return object;
+}
+
+using Edit = std::function<void(Snapshot&)>;
+
+struct Sinking {
+    const char* path;
+    Edit expected;
+};
+
+// Where a wrong value lands, and what that alone must change in the decoded sample.
+const QList<Sinking>& sinkings()
+{
+    static const QList<Sinking> table{
+        {"mac", [](Snapshot& s) { s.mac.reset(); }},
+        {"mac/battery", [](Snapshot& s) { s.mac->battery.reset(); }},
+        {"mac/battery/percent", [](Snapshot& s) { s.mac->battery.reset(); }},
+        {"mac/battery/minutesLeft", [](Snapshot& s) { s.mac->battery->minutesLeft.reset(); }},
+        {"mac/awake", [](Snapshot& s) { s.mac->awake.reset(); }},
+        {"mac/awake/mode", [](Snapshot& s) { s.mac->awake.reset(); }},
+        {"mac/awake/until", [](Snapshot& s) { s.mac->awake->until.reset(); }},
+        {"mac/name", [](Snapshot& s) { s.mac->name.reset(); }},
+        {"usage", [](Snapshot& s) { s.usage.reset(); }},
+        {"usage/fiveHour", [](Snapshot& s) { s.usage->fiveHour.reset(); }},
+        {"usage/sevenDay/pct", [](Snapshot& s) { s.usage->sevenDay.reset(); }},
+        {"usage/models", [](Snapshot& s) { s.usage->models.reset(); }},
+        {"usage/models/0", [](Snapshot& s) { s.usage->models->removeFirst(); }},
+        {"usage/rate", [](Snapshot& s) { s.usage->rate.reset(); }},
+        {"usage/rate/sevenDayLimitAt", [](Snapshot& s) { s.usage->rate->sevenDayLimitAt.reset(); }},
+        {"usage/probe", [](Snapshot& s) { s.usage->probe.reset(); }},
+        {"sessions/1", [](Snapshot& s) { s.sessions.items.removeAt(1); }},
+        {"sessions/0/id", [](Snapshot& s) { s.sessions.items.removeAt(0); }},
+        {"sessions/0/term", [](Snapshot& s) { s.sessions.items[0].term.reset(); }},
+        {"sessions/0/term/id", [](Snapshot& s) { s.sessions.items[0].term.reset(); }},
+        {"sessions/0/term/phone", [](Snapshot& s) { s.sessions.items[0].term->phone.reset(); }},
+        {"sessions/0/createdAt", [](Snapshot& s) { s.sessions.items[0].createdAt.reset(); }},
+        {"sessions/0/pendingApprovalIds", [](Snapshot& s) { s.sessions.items[0].pendingApprovalIds.reset(); }},
+        {"sessions/1/queued", [](Snapshot& s) { s.sessions.items[1].queued.reset(); }},
+        {"sessions/3/blocked", [](Snapshot& s) { s.sessions.items[3].blocked.reset(); }},
+        {"sessions/3/blocked/resume", [](Snapshot& s) { s.sessions.items[3].blocked->resume.reset(); }},
+        {"sessions/3/blocked/resetsAt", [](Snapshot& s) { s.sessions.items[3].blocked->resetsAt.reset(); }},
+        {"sessions/3/automation", [](Snapshot& s) { s.sessions.items[3].automation.reset(); }},
+        {"approvals/0", [](Snapshot& s) { s.approvals.items.removeAt(0); }},
+        {"approvals/2/questions", [](Snapshot& s) { s.approvals.items[2].questions.reset(); }},
+        {"approvals/2/questions/1", [](Snapshot& s) { s.approvals.items[2].questions->removeAt(1); }},
+        {"approvals/2/questions/1/options", [](Snapshot& s) { (*s.approvals.items[2].questions)[1].options.reset(); }},
+        {"approvals/2/questions/1/options/2",
+            [](Snapshot& s) { (*s.approvals.items[2].questions)[1].options->removeAt(2); }},
+        {"approvals/0/expiresAt", [](Snapshot& s) { s.approvals.items[0].expiresAt.reset(); }},
+        {"account/limit", [](Snapshot& s) { s.account->limit.reset(); }},
+        {"account/since", [](Snapshot& s) { s.account->since.reset(); }},
+        {"account/state", [](Snapshot& s) { s.account->state = u"unknown"_s; }},
+        {"providers/0", [](Snapshot& s) { s.providers.items.removeAt(0); }},
+        {"providers/1/kind", [](Snapshot& s) { s.providers.items.removeAt(1); }},
+        {"providers/1/models", [](Snapshot& s) { s.providers.items[1].models.reset(); }},
+        {"providers/1/status", [](Snapshot& s) { s.providers.items[1].status.reset(); }},
+        {"providers/1/balance", [](Snapshot& s) { s.providers.items[1].balance.reset(); }},
+        {"providers/1/balance/freeLeft", [](Snapshot& s) { s.providers.items[1].balance->freeLeft.reset(); }},
+        {"automations", [](Snapshot& s) { s.automations.reset(); }},
+        {"automations/list", [](Snapshot& s) { s.automations->list.clear(); }},
+        {"automations/list/1", [](Snapshot& s) { s.automations->list.removeAt(1); }},
+        {"automations/list/1/lastRun", [](Snapshot& s) { s.automations->list[1].lastRun.reset(); }},
+        {"automations/list/1/lastRun/ask", [](Snapshot& s) { s.automations->list[1].lastRun->ask.reset(); }},
+        {"automations/features", [](Snapshot& s) { s.automations->features.reset(); }},
+        {"codex", [](Snapshot& s) { s.codex.reset(); }},
+        {"codex/account", [](Snapshot& s) { s.codex->account.reset(); }},
+        {"codex/usage", [](Snapshot& s) { s.codex->usage.reset(); }},
+        {"codex/usage/fiveHour", [](Snapshot& s) { s.codex->usage->fiveHour.reset(); }},
+        {"codex/enabled", [](Snapshot& s) { s.codex->enabled = false; }},
+        {"claude", [](Snapshot& s) { s.claude.reset(); }},
+    };
+    return table;
+}
+
+Snapshot decoded(const QJsonValue& value)
+{
+    std::optional<Snapshot> snapshot = Snapshot::fromJson(value);
+    if (!snapshot)
+        qFatal("snapshot didn't decode");
+    return *snapshot;
+}
+
+QJsonObject g_busy;
+
+} // namespace
+
+void TestWireRecords::initTestCase()
+{
+    g_busy = QJsonDocument::fromJson(readSample(u"snapshot-busy.json"_s)).object();
+    QVERIFY(!g_busy.isEmpty());
+}
+
+void TestWireRecords::wrongValueSinksOnlyItself_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QJsonValue>("replacement");
+    QTest::addColumn<int>("row");
+
+    // Every value of another JSON type than the sample holds at the path, null included.
+    const QList<std::pair<const char*, QJsonValue>> values{
+        {"a word", u"soon"_s},
+        {"a number", 7},
+        {"true", true},
+        {"an array", QJsonArray{1, u"x"_s}},
+        {"an object", QJsonObject{{u"future"_s, 1}}},
+        {"null", QJsonValue::Null},
+    };
+    for (int row = 0; row < sinkings().size(); ++row) {
+        const QString path = QString::fromLatin1(sinkings()[row].path);
+        QJsonValue original = g_busy;
+        for (const QString& step : path.split(u'/'))
+            original = original.isArray() ? original.toArray().at(step.toInt()) : original.toObject().value(step);
+        QVERIFY2(!original.isUndefined() && !original.isNull(), sinkings()[row].path);
+        for (const auto& [name, value] : values) {
+            if (value.type() == original.type())
+                continue;
+            const QByteArray rowName = QByteArray(sinkings()[row].path) + " as " + name;
+            QTest::newRow(rowName.constData()) << path << value << row;
+        }
+    }
+    QTest::newRow("account as a word is the unknown account") << u"account"_s << QJsonValue(u"something new"_s) << -1;
+}
+
+void TestWireRecords::wrongValueSinksOnlyItself()
+{
+    QFETCH(QString, path);
+    QFETCH(QJsonValue, replacement);
+    QFETCH(int, row);
+
+    Snapshot expected = decoded(g_busy);
+    if (row >= 0)
+        sinkings()[row].expected(expected);
+    else
+        expected.account = Account();
+    QCOMPARE(decoded(replaced(g_busy, path, replacement)), expected);
+}
+
+void TestWireRecords::busySample()
+{
+    const std::optional<Snapshot> snapshot = decodeDocument<Snapshot>(readSample(u"snapshot-busy.json"_s));
+    QVERIFY(snapshot);
+    QCOMPARE(snapshot->mac->name, u"Ada’s MacBook Pro"_s);
+    QCOMPARE(snapshot->mac->awake->mode, Awake::Mode::Backpack);
+    QCOMPARE(snapshot->mac->awake->minBattery, 20);
+    QCOMPARE(snapshot->mac->battery->percent, 64.5);
+
+    QCOMPARE(snapshot->sessions.count, 8);
+    QCOMPARE(snapshot->sessions.items.size(), 8);
+    const Session& working = snapshot->sessions.items[1];
+    QCOMPARE(working.displayTitle(), u"Migrate settings screen to the new store"_s);
+    QCOMPARE(working.createdAt->msecsSinceEpoch, 1760007760250);
+    // Seconds and milliseconds sit side by side in the same list.
+    QCOMPARE(snapshot->sessions.items[2].createdAt->msecsSinceEpoch, 1760019000000);
+    const Session& limited = snapshot->sessions.items[3];
+    QCOMPARE(limited.blocked->kind, u"limit"_s);
+    QCOMPARE(limited.blocked->resume->state, u"armed"_s);
+    QCOMPARE(limited.automation->runId, u"ru_01J9Z8QX0N"_s);
+    QCOMPARE(snapshot->sessions.items[4].displayTitle(), u"Untitled session"_s);
+    QVERIFY(!snapshot->sessions.items[4].blocked->resetsAt);
+    const Session& codex = snapshot->sessions.items[5];
+    QCOMPARE(codex.agent, u"codex"_s);
+    QCOMPARE(codex.switchedFrom, limited.id);
+    QVERIFY(!snapshot->sessions.items[7].switchedTo);
+
+    QCOMPARE(snapshot->approvals.items.size(), 4);
+    QCOMPARE(snapshot->approvals.items[0].input->toObject().value(u"timeout"_s).toInteger(), 120000);
+    QVERIFY(snapshot->approvals.items[1].plan->startsWith(u"1. Add an `ExportJob`"_s));
+    const Approval& question = snapshot->approvals.items[2];
+    QCOMPARE(question.questions->size(), 2);
+    QCOMPARE(question.questions->at(1).multiSelect, true);
+    QCOMPARE(question.questions->at(1).options->size(), 4);
+    QVERIFY(!question.questions->at(1).options->at(0).description);
+    QVERIFY(snapshot->approvals.items[3].input->isArray());
+
+    QCOMPARE(snapshot->usage->models->size(), 2);
+    QCOMPARE(snapshot->usage->sevenDay->resetsAt->msecsSinceEpoch, 1760342400000);
+    QCOMPARE(snapshot->usage->rate->sevenDayEtaMs, 74880000.0);
+    QCOMPARE(snapshot->account->state, u"limited"_s);
+    QCOMPARE(snapshot->account->limit->window, u"five_hour"_s);
+    QVERIFY(!snapshot->account->limit->autoResumeAt);
+    QCOMPARE(snapshot->providers.items[1].models->defaultModel, u"moonshotai/kimi-k2"_s);
+    QCOMPARE(snapshot->providers.items[1].balance->freeLeft, 43);
+    QCOMPARE(snapshot->codex->usage->fiveHour->resetsAt->msecsSinceEpoch, 1760031000000);
+    QVERIFY(!snapshot->codex->usage->sevenDay->resetsAt);
+
+    const AutomationsSnapshot& automations = *snapshot->automations;
+    QCOMPARE(automations.list.size(), 4);
+    QCOMPARE(automations.features, QStringList({u"steps"_s, u"ask"_s, u"webhook"_s, u"budget"_s}));
+    const AutomationsSnapshot::Ask& ask = *automations.list[1].lastRun->ask;
+    QCOMPARE(ask.stepId, u"st_q"_s);
+    QCOMPARE(ask.answers, QStringList({u"Open it"_s, u"Skip"_s}));
+    QCOMPARE(ask.defaultAnswer, u"Skip"_s);
+    QVERIFY(!automations.list[2].lastRun);
+    QCOMPARE(automations.list[3].enabled, false);
+}
+
+void TestWireRecords::olderServiceSnapshot()
+{
+    const std::optional<Snapshot> snapshot = decodeDocument<Snapshot>(
+        R"({"mac":{"name":"M"},"usage":null,"sessions":[],"approvals":[],"projects":[],"providers":[]})");
+    QVERIFY(snapshot);
+    QCOMPARE(snapshot->mac->name, u"M"_s);
+    QVERIFY(!snapshot->usage);
+    QVERIFY(!snapshot->account);
+    QVERIFY(!snapshot->automations);
+    QVERIFY(!snapshot->codex);
+    QCOMPARE(snapshot->sessions.count, 0);
+
+    QCOMPARE(decodeDocument<Snapshot>("{}"), Snapshot());
+    QVERIFY(!decodeDocument<Snapshot>("[]"));
+}
+
+void TestWireRecords::unknownNestingIsIgnored()
+{
+    const QByteArray deep = QByteArray(200, '[') + R"({"a":{"b":null}})" + QByteArray(200, ']');
+    const QByteArray body = R"({"sessions":[{"id":"s1","future":)" + deep + R"(,"term":{"id":"t","x":)" + deep
+        + R"(}}],"mac":{"name":"M","gpu":{"cores":[1,2,{"x":[]}]}}})";
+    const std::optional<Snapshot> snapshot = decodeDocument<Snapshot>(body);
+    QVERIFY(snapshot);
+    Snapshot expected;
+    expected.sessions.count = 1;
+    expected.sessions.items.append(*Session::fromJson(json(R"({"id":"s1","term":{"id":"t"}})")));
+    expected.mac = Snapshot::Mac();
+    expected.mac->name = u"M"_s;
+    QCOMPARE(*snapshot, expected);
+}
+
+void TestWireRecords::account_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    QTest::addColumn<bool>("present");
+    QTest::addColumn<QString>("state");
+    QTest::addColumn<bool>("hasSince");
+    QTest::addColumn<bool>("hasLimit");
+
+    QTest::newRow("an account at a limit")
+        << QByteArray(R"({"state":"limited","limit":{"window":"five_hour","label":"session limit",)"
+                      R"("resetsAt":1760007200000,"autoResumeAt":null,"usingCredits":false}})")
+        << true << u"limited"_s << false << true;
+    QTest::newRow("an unreadable since leaves the rest")
+        << QByteArray(R"({"state":"ok","plan":"Pro","since":"never"})") << true << u"ok"_s << false << false;
+    QTest::newRow("a new shape is the unknown account")
+        << QByteArray("\"something new\"") << true << u"unknown"_s << false << false;
+    QTest::newRow("a number is the unknown account") << QByteArray("7") << true << u"unknown"_s << false << false;
+    QTest::newRow("a state of another type is unknown")
+        << QByteArray(R"({"state":7,"since":1760007200})") << true << u"unknown"_s << true << false;
+    QTest::newRow("a new state word is kept")
+        << QByteArray(R"({"state":"paused_by_admin"})") << true << u"paused_by_admin"_s << false << false;
+    QTest::newRow("null is no account") << QByteArray("null") << false << QString() << false << false;
+}
+
+void TestWireRecords::account()
+{
+    QFETCH(QByteArray, value);
+    QFETCH(bool, present);
+    QFETCH(QString, state);
+    QFETCH(bool, hasSince);
+    QFETCH(bool, hasLimit);
+
+    const std::optional<Account> account = Account::fromJson(json(value));
+    QCOMPARE(account.has_value(), present);
+    if (!account)
+        return;
+    QCOMPARE(account->state, state);
+    QCOMPARE(account->since.has_value(), hasSince);
+    QCOMPARE(account->limit.has_value(), hasLimit);
+}
+
+void TestWireRecords::battery_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    QTest::addColumn<bool>("present");
+    QTest::addColumn<double>("percent");
+    QTest::addColumn<QString>("rest");
+
+    QTest::newRow("odd fields drop out one by one")
+        << QByteArray(R"({"percent":18.6,"charging":"no","onAC":false,"minutesLeft":"soon"})") << true << 18.6
+        << u"charging none, onAC false, minutes none"_s;
+    QTest::newRow("null minutes") << QByteArray(R"({"percent":9,"charging":false,"onAC":false,"minutesLeft":null})")
+                                  << true << 9.0 << u"charging false, onAC false, minutes none"_s;
+    QTest::newRow("above 100 is clamped") << QByteArray(R"({"percent":140,"onAC":true,"minutesLeft":-1})") << true
+                                          << 100.0 << u"charging none, onAC true, minutes -1"_s;
+    QTest::newRow("below 0 is clamped") << QByteArray(R"({"percent":-3})") << true << 0.0
+                                        << u"charging none, onAC none, minutes none"_s;
+    QTest::newRow("the largest double is clamped") << QByteArray(R"({"percent":1.7976931348623157e308})") << true
+                                                   << 100.0 << u"charging none, onAC none, minutes none"_s;
+    QTest::newRow("a word for the percent is no battery")
+        << QByteArray(R"({"percent":"low"})") << false << 0.0 << QString();
+    QTest::newRow("no percent is no battery") << QByteArray(R"({"charging":true})") << false << 0.0 << QString();
+    QTest::newRow("a word is no battery") << QByteArray("\"full\"") << false << 0.0 << QString();
+}
+
+void TestWireRecords::battery()
+{
+    QFETCH(QByteArray, value);
+    QFETCH(bool, present);
+    QFETCH(double, percent);
+    QFETCH(QString, rest);
+
+    const std::optional<Battery> battery = Battery::fromJson(json(value));
+    QCOMPARE(battery.has_value(), present);
+    if (!battery)
+        return;
+    auto flag = [](std::optional<bool> b) { return b ? (*b ? u"true"_s : u"false"_s) : u"none"_s; };
+    QCOMPARE(battery->percent, percent);
+    QCOMPARE(u"charging %1, onAC %2, minutes %3"_s.arg(flag(battery->charging), flag(battery->onAC),
+                 battery->minutesLeft ? QString::number(*battery->minutesLeft) : u"none"_s),
+        rest);
+}
+
+void TestWireRecords::awake_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    QTest::addColumn<bool>("present");
+    QTest::addColumn<qint64>("minBattery");
+    QTest::addColumn<bool>("holding");
+
+    QTest::newRow("only the mode is needed") << QByteArray(R"({"mode":"working"})") << true << 15ll << false;
+    QTest::newRow("odd fields take their defaults")
+        << QByteArray(R"({"mode":"off","holding":"yes","minBattery":20.5,"until":"later"})") << true << 15ll << false;
+    QTest::newRow("a minimum battery written as a double")
+        << QByteArray(R"({"mode":"backpack","holding":true,"minBattery":30.0})") << true << 30ll << true;
+    QTest::newRow("an unknown mode fails the record")
+        << QByteArray(R"({"mode":"sleepy","holding":true})") << false << 0ll << false;
+    QTest::newRow("a mode in capitals is unknown") << QByteArray(R"({"mode":"Working"})") << false << 0ll << false;
+    QTest::newRow("no mode fails the record") << QByteArray(R"({"holding":true})") << false << 0ll << false;
+    QTest::newRow("a mode of another type fails the record") << QByteArray(R"({"mode":1})") << false << 0ll << false;
+}
+
+void TestWireRecords::awake()
+{
+    QFETCH(QByteArray, value);
+    QFETCH(bool, present);
+    QFETCH(qint64, minBattery);
+    QFETCH(bool, holding);
+
+    const std::optional<Awake> awake = Awake::fromJson(json(value));
+    QCOMPARE(awake.has_value(), present);
+    if (!awake)
+        return;
+    QCOMPARE(awake->minBattery, minBattery);
+    QCOMPARE(awake->holding, holding);
+    QVERIFY(!awake->until);
+    QCOMPARE(awakeModeFromName(awakeModeName(awake->mode)), awake->mode);
+}
+
+void TestWireRecords::codex()
+{
+    const std::optional<Codex> codex
+        = Codex::fromJson(json(R"({"available":"yes","enabled":true,"path":"/x/codex","account":"soon","usage":7})"));
+    QVERIFY(codex);
+    QVERIFY(!codex->available);
+    QVERIFY(codex->enabled);
+    QVERIFY(!codex->connected);
+    QCOMPARE(codex->path, u"/x/codex"_s);
+    QVERIFY(!codex->account);
+    QVERIFY(!codex->usage);
+}
+
+void TestWireRecords::codexResetOfZeroIsNoReset_data()
+{
+    QTest::addColumn<QByteArray>("resetsAt");
+    QTest::addColumn<bool>("hasReset");
+
+    QTest::newRow("0") << QByteArray("0") << false;
+    QTest::newRow("0.0") << QByteArray("0.0") << false;
+    QTest::newRow("\"0\"") << QByteArray("\"0\"") << false;
+    QTest::newRow("the epoch in ISO") << QByteArray("\"1970-01-01T00:00:00Z\"") << false;
+    QTest::newRow("half a millisecond rounds to the epoch") << QByteArray("0.0004") << false;
+    QTest::newRow("one second after the epoch is a reset") << QByteArray("1") << true;
+    QTest::newRow("a real reset") << QByteArray("1760031000") << true;
+}
+
+void TestWireRecords::codexResetOfZeroIsNoReset()
+{
+    QFETCH(QByteArray, resetsAt);
+    QFETCH(bool, hasReset);
+
+    const QByteArray limits
+        = R"({"fiveHour":{"pct":18,"resetsAt":)" + resetsAt + R"(},"sevenDay":{"pct":1,"resetsAt":)" + resetsAt + "}}";
+    const std::optional<Codex::Limits> decoded = Codex::Limits::fromJson(json(limits));
+    QVERIFY(decoded && decoded->fiveHour && decoded->sevenDay);
+    QCOMPARE(decoded->fiveHour->pct, 18.0);
+    QCOMPARE(decoded->fiveHour->resetsAt.has_value(), hasReset);
+    QCOMPARE(decoded->sevenDay->resetsAt.has_value(), hasReset);
+}
+
+void TestWireRecords::usageWindowNeedsAFinitePercent()
+{
+    // JSON text can't carry infinity; a document built in memory can.
+    QVERIFY(!UsageWindow::fromJson(QJsonObject{{u"pct"_s, qInf()}}));
+    QVERIFY(!UsageWindow::fromJson(QJsonObject{{u"pct"_s, qQNaN()}}));
+    QVERIFY(!UsageWindow::fromJson(json(R"({"pct":"50"})")));
+    QVERIFY(!ModelWindow::fromJson(json(R"({"pct":50})")));
+    const std::optional<Usage> usage
+        = Usage::fromJson(json(R"({"fiveHour":{"pct":"x"},"sevenDay":{"pct":0},"models":[{"label":"Opus"}]})"));
+    QVERIFY(usage);
+    QVERIFY(!usage->fiveHour);
+    QCOMPARE(usage->sevenDay->pct, 0.0);
+    QCOMPARE(usage->models->size(), 0);
+}
+
+void TestWireRecords::displayTitle_data()
+{
+    QTest::addColumn<QByteArray>("session");
+    QTest::addColumn<QString>("title");
+
+    QTest::newRow("trimmed of blanks and new lines")
+        << QByteArray(R"({"id":"s","title":"\n\t Fix it  \r\n"})") << u"Fix it"_s;
+    QTest::newRow("inner new lines are kept") << QByteArray(R"({"id":"s","title":"a\nb"})") << u"a\nb"_s;
+    QTest::newRow("empty") << QByteArray(R"({"id":"s","title":""})") << u"Untitled session"_s;
+    QTest::newRow("only blanks") << QByteArray(R"({"id":"s","title":" \n\u00a0"})") << u"Untitled session"_s;
+    QTest::newRow("missing") << QByteArray(R"({"id":"s"})") << u"Untitled session"_s;
+    QTest::newRow("of another type") << QByteArray(R"({"id":"s","title":7})") << u"Untitled session"_s;
+}
+
+void TestWireRecords::displayTitle()
+{
+    QFETCH(QByteArray, session);
+    QFETCH(QString, title);
+
+    QCOMPARE(Session::fromJson(json(session))->displayTitle(), title);
+}
+
+void TestWireRecords::approvalInput()
+{
+    const std::optional<Approval> tool
+        = Approval::fromJson(json(R"({"id":"a","input":{"command":"ls","env":{"A":[1,null,{"b":false}]}}})"));
+    QCOMPARE(tool->input, json(R"({"command":"ls","env":{"A":[1,null,{"b":false}]}})"));
+    QVERIFY(!Approval::fromJson(json(R"({"id":"a","input":null})"))->input);
+    QCOMPARE(Approval::fromJson(json(R"({"id":"a","input":"ls"})"))->input, QJsonValue(u"ls"_s));
+    // Equality sees inside the kept value.
+    QVERIFY(*Approval::fromJson(json(R"({"id":"a","input":{"x":1}})"))
+        != *Approval::fromJson(json(R"({"id":"a","input":{"x":2}})")));
+}
+
+QTEST_GUILESS_MAIN(TestWireRecords)
+#include "TestWireRecords.moc"
