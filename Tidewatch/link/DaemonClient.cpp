@@ -91,9 +91,9 @@ QString DaemonClient::pathSegment(const QString& raw)
     return QString::fromLatin1(QUrl::toPercentEncoding(raw, QByteArrayLiteral("!$&'()*+,;=:@")));
 }
 
-std::optional<QString> DaemonClient::readToken() const
+std::optional<QString> DaemonClient::readToken(const Environment& environment)
 {
-    QFile file(m_environment.adminTokenFile());
+    QFile file(environment.adminTokenFile());
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
     const QString token = QString::fromUtf8(file.readAll()).trimmed();
@@ -143,7 +143,7 @@ std::optional<DaemonError> DaemonClient::failureFor(int httpStatus, const QByteA
 void DaemonClient::request(Method method, const QString& path, std::optional<QJsonObject> body,
                            double timeoutSeconds, Callback<QByteArray> done)
 {
-    const std::optional<QString> token = readToken();
+    const std::optional<QString> token = readToken(m_environment);
     if (!token) {
         // Without a key the question is only whether anyone is there to refuse it.
         health(kNoTokenProbeSeconds, [done = std::move(done)](std::optional<Health> health) {

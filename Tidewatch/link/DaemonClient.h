@@ -76,6 +76,10 @@ public:
                                                     const QString& path, std::optional<QJsonObject> body,
                                                     double timeoutSeconds);
 
+    /// The admin key from its file, read afresh: none when the file can't be
+    /// read or holds only blanks.
+    static std::optional<QString> readToken(const Environment& environment);
+
     /// A data value made safe to stand as one path segment ("/" becomes "%2F").
     static QString pathSegment(const QString& raw);
     static QString methodName(Method method);
@@ -88,7 +92,6 @@ private:
     template <class T>
     static std::optional<T> decodeReply(const QByteArray& body);
 
-    std::optional<QString> readToken() const;
     void send(Method method, const QString& path, const QByteArray* body, const QString& token, double timeoutSeconds,
               Callback<QByteArray> done);
 
