@@ -1,0 +1,336 @@
+#include "link/Account.h"
+#include "link/Codex.h"
+#include "surface/words/AccountWords.h"
+
+#include <QJsonDocument>
+#include <QTest>
+#include <QTimeZone>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// Thursday 2025-10-09 10:53:20 UTC.
+constexpr qint64 kNow = 1760007200000;
+
+QDateTime now()
+{
+    return QDateTime::fromMSecsSinceEpoch(kNow, QTimeZone::utc());
+}
+
+QJsonValue json(QByteArray text)
+{
+    // "@+90" stands for the moment 90 seconds from now.
+    qsizetype i;
+    while ((i = text.indexOf("\"@")) >= 0) {
+        const qsizetype end = text.indexOf('"', i + 2);
+        const double offset = text.mid(i + 2, end - i - 2).toDouble();
+        text.replace(i, end - i + 1, QByteArray::number(kNow + qint64(offset * 1000)));
+    }
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson("[" + text + "]", &error);
+    if (error.error != QJsonParseError::NoError)
+        qFatal("bad test JSON: %s", text.constData());
+    return document.array().at(0);
+}
+
+Account account(const QByteArray& text)
+{
+    return *Account::fromJson(json(text));
+}
+
+Codex codex(const QByteArray& text)
+{
+    return *Codex::fromJson(json(text));
+}
+
+} // namespace
+
+class TestAccountWords : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void card_data();
+    void card();
+    void actions();
+    void helpAndKey();
+    void codexCard_data();
+    void codexCard();
+    void codexAccountWords_data();
+    void codexAccountWords();
+};
+
+void TestAccountWords::card_data()
+{
+    QTest::addColumn<QByteArray>("account");
+    QTest::addColumn<bool>("beside");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<QString>("detail");
+    QTest::addColumn<bool>("amber");
+    QTest::addColumn<QString>("help");
+
+    const QString none;
+    QTest::newRow("fine") << QByteArray(R"({"state":"ok","login":{"state":"ok"}})") << false << none << none << false
+                          << none;
+    QTest::newRow("a state not known") << QByteArray(R"({"state":"melting"})") << false << none << none << false
+                                       << none;
+    QTest::newRow("signed out, Claude Code alone")
+        << QByteArray(R"({"state":"logged_out","reason":"expired"})") << false << "Signed out"
+        << "Sessions on your subscription can’t reply." << true
+        << "Claude Code is signed out on this Mac, so sessions on your subscription can't reply. Sign in opens a "
+           "terminal window and your browser.";
+    QTest::newRow("signed out beside Codex")
+        << QByteArray(R"({"state":"logged_out","reason":"expired"})") << true << "Claude Code is signed out"
+        << "Its sessions can’t reply. Codex keeps working." << true
+        << "Claude Code is signed out on this Mac, so sessions on your subscription can't reply. Sign in opens a "
+           "terminal window and your browser.";
+    QTest::newRow("a sign-in runs first, whatever the state")
+        << QByteArray(R"({"state":"logged_out","login":{}})") << false << "Signing in…" << none << true
+        << "Claude Code is signing in. Its terminal window shows how it's going.";
+    QTest::newRow("a code awaited on the phone")
+        << QByteArray(R"({"state":"logged_out","login":{"state":"waiting_code","where":"phone"}})") << false
+        << "Signing in on your phone"
+        << "It’s waiting for the code there." << true
+        << "A sign-in started on your phone is waiting for its code there.";
+    QTest::newRow("a failed sign-in keeps its error")
+        << QByteArray(R"({"state":"logged_out","login":{"state":"failed","error":"Port busy."}})") << false
+        << "Sign-in didn’t finish"
+        << "Claude Code is still signed out." << true << "Port busy.";
+    QTest::newRow("a failed sign-in with a blank error")
+        << QByteArray(R"({"state":"logged_out","login":{"state":"failed","error":"  "}})") << false
+        << "Sign-in didn’t finish"
+        << "Claude Code is still signed out." << true << "Claude Code didn't finish signing in.";
+    QTest::newRow("plan ended") << QByteArray(R"({"state":"no_subscription","reason":"trial_ended"})") << false
+                                << "Claude plan ended"
+                                << "Renew Pro or Max on the Claude site, then sign in again." << true
+                                << "Renew Pro or Max on the Claude site, then sign in again. Sessions on another "
+                                   "provider keep working.";
+    QTest::newRow("plan doesn't cover it, beside Codex")
+        << QByteArray(R"({"state":"no_subscription","reason":"org_disabled"})") << true
+        << "Plan doesn’t cover Claude Code"
+        << "Renew Pro or Max on the Claude site, then sign in again." << true
+        << "Renew Pro or Max on the Claude site, then sign in again. Sessions on another provider, and Codex's, keep "
+           "working.";
+    QTest::newRow("plan rejected") << QByteArray(R"({"state":"no_subscription","reason":"rejected"})") << false
+                                   << "Claude plan may have ended"
+                                   << "Renew Pro or Max on the Claude site, then sign in again." << true
+                                   << "Renew Pro or Max on the Claude site, then sign in again. Sessions on another "
+                                      "provider keep working.";
+    QTest::newRow("no plan, no reason") << QByteArray(R"({"state":"no_subscription"})") << false << "No Claude plan"
+                                        << "Renew Pro or Max on the Claude site, then sign in again." << true
+                                        << "Renew Pro or Max on the Claude site, then sign in again. Sessions on "
+                                           "another provider keep working.";
+    QTest::newRow("on hold beside Codex")
+        << QByteArray(R"({"state":"on_hold"})") << true << "Claude Code’s account is on hold"
+        << "Anthropic has put this account on hold." << true
+        << "Anthropic has put this account on hold. The page explains why and how "
+           "to appeal.";
+    QTest::newRow("spending cap with a reset ahead")
+        << QByteArray(R"({"state":"no_credit","reason":"spend_cap","limit":{"resetsAt":"@7200"}})") << false
+        << "Spending limit reached"
+        << "Claude Code can’t reply until 12:53 PM." << true
+        << "Claude Code can't reply until the limit resets or you add credits.";
+    QTest::newRow("credit too low, reset passed")
+        << QByteArray(R"({"state":"no_credit","reason":"api_credit","limit":{"resetsAt":"@-1"}})") << false
+        << "Credit balance too low"
+        << "Claude Code can’t reply until you add credits." << true
+        << "Claude Code can't reply until the limit resets or you add credits.";
+    QTest::newRow("a session limit two hours ahead")
+        << QByteArray(
+               R"({"state":"limited","limit":{"window":"five_hour","label":"session limit","resetsAt":"@7200"}})")
+        << false << "Session limit until 12:53 PM"
+        << "Claude Code can reply again then." << false << "It lifts at 12:53 PM.";
+    QTest::newRow("a weekly limit days ahead, carrying on")
+        << QByteArray(
+               R"({"state":"limited","limit":{"window":"seven_day","resetsAt":"@172800","autoResumeAt":"@172860"}})")
+        << true << "Weekly limit until Sat 10:53 AM"
+        << "Claude Code’s sessions carry on by themselves then." << false
+        << "Claude Code carries on by itself Sat 10:54 AM.";
+    QTest::newRow("a limit with no reset")
+        << QByteArray(R"({"state":"limited","limit":{"window":"credits"}})") << false << "Usage credit limit"
+        << "Claude Code can’t reply for now." << false << "";
+    QTest::newRow("a limit that lifted exactly now")
+        << QByteArray(R"({"state":"limited","limit":{"window":"five_hour","resetsAt":"@0"}})") << false << none << none
+        << false << none;
+    QTest::newRow("limited without a limit")
+        << QByteArray(R"({"state":"limited"})") << false << none << none << false << none;
+    QTest::newRow("on usage credits") << QByteArray(
+        R"({"state":"limited","limit":{"window":"five_hour","resetsAt":"@600","usingCredits":true}})")
+                                      << false << "Session limit reached"
+                                      << "Claude Code is on usage credits." << false
+                                      << "Claude Code carries on on usage credits.";
+}
+
+void TestAccountWords::card()
+{
+    QFETCH(QByteArray, account);
+    QFETCH(bool, beside);
+    QFETCH(QString, title);
+    QFETCH(QString, detail);
+    QFETCH(bool, amber);
+    QFETCH(QString, help);
+    const std::optional<AccountContent> card
+        = AccountWords::content(::account(account), now(), QLocale(u"en_US"_s), false, beside);
+    QCOMPARE(card.has_value(), !title.isNull());
+    if (!card)
+        return;
+    QCOMPARE(card->title, title);
+    QCOMPARE(card->detail.value_or(QString()), detail);
+    QCOMPARE(card->amber, amber);
+    QCOMPARE(card->help, help);
+}
+
+void TestAccountWords::actions()
+{
+    const QLocale en(u"en_US"_s);
+    std::optional<AccountContent> card
+        = AccountWords::content(account(R"({"state":"logged_out"})"), now(), en, true, false);
+    QCOMPARE(card->action, u"Sign in"_s);
+    QCOMPARE(card->act, AccountContent::Act::SignIn);
+    QVERIFY(card->busy);
+
+    card = AccountWords::content(account(R"({"state":"on_hold"})"), now(), en, false, false);
+    QCOMPARE(card->act, AccountContent::Act::Open);
+    QCOMPARE(card->url.path(), u"/restricted"_s);
+
+    const Account waiting = account(R"({"state":"logged_out","login":{"state":"waiting_code","url":"https://x/y"}})");
+    card = AccountWords::content(waiting, now(), en, false, false);
+    QCOMPARE(card->detail, u"Finish in your browser."_s);
+    QCOMPARE(card->action, u"Open page"_s);
+    QCOMPARE(card->url, QUrl(u"https://x/y"_s));
+    card = AccountWords::content(waiting, now(), en, false, false, true);
+    QCOMPARE(card->title, u"Signing in, in Setup"_s);
+    QCOMPARE(card->act, AccountContent::Act::Setup);
+    card = AccountWords::content(
+        account(R"({"state":"logged_out","login":{"state":"waiting_code"}})"), now(), en, false, false);
+    QCOMPARE(card->action, std::nullopt);
+
+    card = AccountWords::content(account(R"({"state":"no_credit"})"), now(), en, false, false);
+    QCOMPARE(card->action, std::nullopt);
+}
+
+void TestAccountWords::helpAndKey()
+{
+    const Account limited = account(R"({"state":"limited","text":" You've hit your limit. ",
+        "limit":{"window":"five_hour","resetsAt":"@7200"},"login":{"state":"ok"}})");
+    const std::optional<AccountContent> card = AccountWords::content(limited, now(), QLocale(u"de_DE"_s), false, false);
+    QCOMPARE(card->help, u"You've hit your limit.\n\nIt lifts at 12:53."_s);
+    QCOMPARE(card->key, u"limited/five_hour/%1/ok"_s.arg(kNow / 1000 + 7200));
+    QCOMPARE(AccountWords::key(account(R"({"state":"logged_out"})")), u"logged_out///"_s);
+    // A new reset is a new state: a dismissed card comes back.
+    QVERIFY(AccountWords::key(limited)
+        != AccountWords::key(account(R"({"state":"limited","limit":{"window":"five_hour","resetsAt":"@9000"},
+                                             "login":{"state":"ok"}})")));
+}
+
+void TestAccountWords::codexCard_data()
+{
+    QTest::addColumn<QByteArray>("codex");
+    QTest::addColumn<bool>("lead");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<bool>("dot");
+    QTest::addColumn<QString>("detail");
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<QString>("key");
+
+    QTest::newRow("too old, both versions")
+        << QByteArray(R"({"available":false,"version":"0.150.2","min":"0.163.0","account":{"signedIn":false}})") << true
+        << "Codex needs an update" << true
+        << "Tidewatch needs Codex 0.163.0 or later (this one is 0.150.2). Run codex update in a terminal."
+        << "Tidewatch needs Codex 0.163.0 or later. Run codex update."
+        << "too-old/0.150.2";
+    QTest::newRow("too old, no minimum") << QByteArray(R"({"version":"0.9"})") << true << "Codex needs an update"
+                                         << true
+                                         << "Tidewatch needs a newer Codex (this one is 0.9). Run codex update in a "
+                                            "terminal."
+                                         << "Run codex update in a terminal."
+                                         << "too-old/0.9";
+    QTest::newRow("too old, no version") << QByteArray(R"({"min":"1.0"})") << true << "Codex needs an update" << true
+                                         << "Tidewatch needs Codex 1.0 or later. Run codex update in a terminal."
+                                         << "Tidewatch needs Codex 1.0 or later. Run codex update."
+                                         << "too-old/";
+    QTest::newRow("unreachable raises no dot, so no card")
+        << QByteArray(R"({"available":true,"problem":" Socket closed. ","account":{"signedIn":false}})") << true
+        << "Can’t reach Codex" << false << "Socket closed. Tidewatch keeps trying."
+        << ""
+        << "";
+    QTest::newRow("a problem of blanks is none")
+        << QByteArray(R"({"available":true,"problem":"  ","account":{"signedIn":false}})") << true
+        << "Codex is signed out" << true << "Run codex login in a terminal; it shows here once you're signed in."
+        << "Its sessions can’t reply until you sign in."
+        << "signed-out";
+    QTest::newRow("signed out beside Claude Code has no card")
+        << QByteArray(R"({"available":true,"account":{"signedIn":false}})") << false << "Codex is signed out" << true
+        << "Run codex login in a terminal; it shows here once you're signed in."
+        << ""
+        << "";
+    QTest::newRow("not known to be signed out")
+        << QByteArray(R"({"available":true,"account":{}})") << true << "" << false << ""
+        << ""
+        << "";
+    QTest::newRow("missing and never found") << QByteArray(R"({"available":false})") << true << "" << false << ""
+                                             << ""
+                                             << "";
+}
+
+void TestAccountWords::codexCard()
+{
+    QFETCH(QByteArray, codex);
+    QFETCH(bool, lead);
+    QFETCH(QString, title);
+    QFETCH(bool, dot);
+    QFETCH(QString, detail);
+    QFETCH(QString, line);
+    QFETCH(QString, key);
+    const Codex c = ::codex(codex);
+    const std::optional<CodexCardWords> card = AccountWords::codexCard(c);
+    QCOMPARE(card.has_value(), !title.isEmpty());
+    if (!card)
+        return;
+    QCOMPARE(card->title, title);
+    QCOMPARE(card->raisesDot, dot);
+    QCOMPARE(card->detail, detail);
+    const std::optional<CodexAccountCardWords> shown = AccountWords::codexAccountCard(c, lead);
+    QCOMPARE(shown.has_value(), !line.isEmpty());
+    if (shown) {
+        QCOMPARE(shown->line, line);
+        QCOMPARE(shown->key, key);
+        if (shown->act == CodexAccountCardWords::Act::OpenSetup)
+            QCOMPARE(shown->help, detail + u" Setup's Codex step has the line to copy."_s);
+    }
+    const CodexLine asLine = *AccountWords::codexLine(c, !lead);
+    QCOMPARE(asLine.spoken, u"Codex: "_s + title);
+    QCOMPARE(asLine.ink, dot ? Ink::Amber : Ink::Secondary);
+    QCOMPARE(asLine.label, lead ? QString() : u"Codex"_s);
+}
+
+void TestAccountWords::codexAccountWords_data()
+{
+    QTest::addColumn<QByteArray>("account");
+    QTest::addColumn<QString>("words");
+
+    QTest::newRow("Pro Lite") << QByteArray(R"({"signedIn":true,"type":"chatgpt","planType":"prolite"})")
+                              << "Signed in with ChatGPT Pro Lite";
+    QTest::newRow("Plus in capitals") << QByteArray(R"({"signedIn":true,"type":"chatgpt","planType":"PLUS"})")
+                                      << "Signed in with ChatGPT Plus";
+    QTest::newRow("an unknown plan is raised")
+        << QByteArray(R"({"signedIn":true,"type":"chatgpt","planType":"max"})") << "Signed in with ChatGPT Max";
+    QTest::newRow("no plan") << QByteArray(R"({"signedIn":true,"type":"chatgpt","planType":" "})")
+                             << "Signed in with ChatGPT";
+    QTest::newRow("an API key") << QByteArray(R"({"signedIn":true,"type":"apiKey","planType":"pro"})")
+                                << "Signed in with an API key";
+    QTest::newRow("another way of signing in") << QByteArray(R"({"signedIn":true,"type":"sso"})") << "";
+    QTest::newRow("signed out") << QByteArray(R"({"signedIn":false,"type":"chatgpt"})") << "";
+}
+
+void TestAccountWords::codexAccountWords()
+{
+    QFETCH(QByteArray, account);
+    QFETCH(QString, words);
+    const Codex c = codex(R"({"available":true,"account":)" + account + "}");
+    QCOMPARE(AccountWords::codexAccountWords(c).value_or(QString()), words);
+}
+
+QTEST_GUILESS_MAIN(TestAccountWords)
+#include "TestAccountWords.moc"
