@@ -1,0 +1,82 @@
+#pragma once
+
+#include "link/Lenient.h"
+#include "model/SetupStep.h"
+#include "workflows/WFAskItem.h"
+
+#include <QDateTime>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+/// A standing card about this Mac: something to do, until it is done or waved away.
+struct Notice {
+    enum class Tone { Accent, Amber, Danger };
+
+    /// The notice's stable name; also what its action is looked up by.
+    QString id;
+    Tone tone = Tone::Accent;
+    QString title;
+    std::optional<QString> line;
+    /// The button's word as it reads now (its busy word while busy); none means no button.
+    std::optional<QString> action;
+    bool busy = false;
+    std::optional<QString> help;
+    bool eclipse = false;
+    /// What this occurrence is: a dismissal lasts until the key changes.
+    QString key;
+    /// A choice row in place of a button.
+    QStringList choices;
+    /// The ask whose countdown the card shows as its live figure.
+    std::optional<WFAskItem> ask;
+
+    bool operator==(const Notice&) const = default;
+};
+
+/// What the notices are made of, as the model holds it now.
+struct NoticeInputs {
+    enum class Sdk { Current, OutOfDate, Missing };
+
+    bool serviceUp = false;
+    std::optional<QString> lastError;
+    bool restarting = false;
+    QList<WFAskItem> asks;
+    bool serviceUpdate = false;
+    bool updatingService = false;
+    Sdk sdk = Sdk::Current;
+    /// The SDK's download size in words, when known.
+    std::optional<QString> sdkSize;
+    bool sdkFetchFailed = false;
+    bool fetchingSDK = false;
+    std::optional<SetupStep> setupGap;
+    /// Codex is here but too old to use.
+    bool codexTooOld = false;
+    bool voiceUsable = false;
+    bool voiceAsked = false;
+    /// When this Mac's key runs out, on the Tailscale app's route only.
+    std::optional<FlexDate> keyExpiry;
+};
+
+/// The notices in their order.
+QList<Notice> buildNotices(const NoticeInputs& inputs, const QDateTime& now);
+
+/// A card's hover text, with the hint of its gesture.
+std::optional<QString> noticeHelp(const Notice& notice);
+
+/// The live figure of a card (an ask's countdown), none for a card without one.
+std::optional<QString> noticeFigure(const Notice& notice, const QDateTime& now);
+
+/// A key expiry counts when it is less than 14 days off, or past.
+bool keyExpiryCounts(const FlexDate& expiry, const QDateTime& now);
+
+/// The whole-page card that stands in for the notices while the service isn't running.
+struct ServiceDownCard {
+    QString title;
+    QString line;
+    bool operator==(const ServiceDownCard&) const = default;
+};
+ServiceDownCard serviceDownCard(const std::optional<QString>& serviceNodeGone, bool serviceInstalled);
+
+/// What the page says before the first read has ended.
+QString checkingLine();

@@ -1,0 +1,216 @@
+#include "model/DismissedNotices.h"
+#include "model/Notice.h"
+
+#include <QTest>
+
+namespace {
+
+const QDateTime kNow = QDateTime::fromSecsSinceEpoch(1760007200, Qt::UTC);
+
+QStringList idsOf(const QList<Notice>& notices)
+{
+    QStringList ids;
+    for (const Notice& notice : notices)
+        ids << notice.id;
+    return ids;
+}
+
+WFAskItem ask(const QString& runId)
+{
+    WFAskItem item;
+    item.runId = runId;
+    item.name = QStringLiteral("Nightly tidy");
+    item.question = QStringLiteral("Push the branch?");
+    item.answers = {QStringLiteral("Push"), QStringLiteral("Skip")};
+    item.defaultAnswer = QStringLiteral("Skip");
+    item.until = FlexDate::fromMSecsSinceEpoch(kNow.addSecs(90).toMSecsSinceEpoch());
+    return item;
+}
+
+Notice findNotice(const QList<Notice>& notices, const QString& id)
+{
+    for (const Notice& notice : notices) {
+        if (notice.id == id)
+            return notice;
+    }
+    return {};
+}
+
+} // namespace
+
+class TestNotices : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void order();
+    void setupWords_data();
+    void setupWords();
+    void keyExpiry_data();
+    void keyExpiry();
+    void busyWords();
+    void dismissalFollowsTheKey();
+    void undoBringsTheCardBack();
+    void serviceDownCards();
+};
+
+void TestNotices::order()
+{
+    NoticeInputs inputs;
+    inputs.serviceUp = true;
+    inputs.lastError = QStringLiteral("The background service answered 500.");
+    inputs.asks = {ask(QStringLiteral("r1")), ask(QStringLiteral("r2"))};
+    inputs.serviceUpdate = true;
+    inputs.sdk = NoticeInputs::Sdk::Missing;
+    inputs.setupGap = SetupStep::Phone;
+    inputs.keyExpiry = FlexDate::fromMSecsSinceEpoch(kNow.addDays(3).toMSecsSinceEpoch());
+    QCOMPARE(idsOf(buildNotices(inputs, kNow)),
+             (QStringList{"error", "ask-r1", "ask-r2", "update", "sdk", "setup", "key"}));
+
+    // Voice is offered only when Setup has nothing left to say.
+    inputs.setupGap.reset();
+    QVERIFY(idsOf(buildNotices(inputs, kNow)).contains(QStringLiteral("voice")));
+    inputs.voiceAsked = true;
+    QVERIFY(!idsOf(buildNotices(inputs, kNow)).contains(QStringLiteral("voice")));
+
+    // A failed read speaks only while the service is up.
+    inputs.serviceUp = false;
+    QVERIFY(!idsOf(buildNotices(inputs, kNow)).contains(QStringLiteral("error")));
+
+    const Notice asked = findNotice(buildNotices(inputs, kNow), QStringLiteral("ask-r1"));
+    QCOMPARE(asked.key, QStringLiteral("r1"));
+    QCOMPARE(asked.choices, (QStringList{"Push", "Skip"}));
+    QCOMPARE(noticeFigure(asked, kNow), std::optional<QString>(QStringLiteral("Skip in 90s")));
+}
+
+void TestNotices::setupWords_data()
+{
+    QTest::addColumn<int>("step");
+    QTest::addColumn<bool>("codexTooOld");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<QString>("action");
+
+    QTest::newRow("no agent") << int(SetupStep::Claude) << false << "No agent on this Mac yet"
+                              << "Install Claude Code or Codex, so there’s an agent to work with." << "Open";
+    QTest::newRow("a Codex too old is updated first")
+        << int(SetupStep::Codex) << true << "Setup isn’t finished"
+        << "Update Codex with codex update, then turn it on in Setup." << "Open";
+    QTest::newRow("a Codex that is off is turned on")
+        << int(SetupStep::Codex) << false << "Setup isn’t finished"
+        << "Turn on Codex, so your phone can start Codex sessions." << "Open";
+    QTest::newRow("pairing is the friendly one") << int(SetupStep::Phone) << false << "Pair your phone to get started"
+                                                 << "Scan a code with Tidewatch for Android." << "Pair";
+}
+
+void TestNotices::setupWords()
+{
+    QFETCH(int, step);
+    QFETCH(bool, codexTooOld);
+    QFETCH(QString, title);
+    QFETCH(QString, line);
+    QFETCH(QString, action);
+    NoticeInputs inputs;
+    inputs.setupGap = SetupStep(step);
+    inputs.codexTooOld = codexTooOld;
+    const QList<Notice> notices = buildNotices(inputs, kNow);
+    QCOMPARE(notices.size(), 1);
+    QCOMPARE(notices.first().title, title);
+    QCOMPARE(notices.first().line, std::optional<QString>(line));
+    QCOMPARE(notices.first().action, std::optional<QString>(action));
+}
+
+void TestNotices::keyExpiry_data()
+{
+    QTest::addColumn<double>("daysLeft");
+    QTest::addColumn<QString>("title");
+
+    QTest::newRow("15 days off: no warning") << 15.0 << "";
+    QTest::newRow("13 days off: the time left") << 13.0 << "Tailscale key expires in 13d 0h";
+    QTest::newRow("past: expired") << -1.0 << "This Mac’s Tailscale key has expired";
+}
+
+void TestNotices::keyExpiry()
+{
+    QFETCH(double, daysLeft);
+    QFETCH(QString, title);
+    NoticeInputs inputs;
+    inputs.keyExpiry = FlexDate::fromMSecsSinceEpoch(kNow.toMSecsSinceEpoch() + qint64(daysLeft * 86400000));
+    const QList<Notice> notices = buildNotices(inputs, kNow);
+    QCOMPARE(notices.isEmpty() ? QString() : notices.first().title, title);
+    if (!notices.isEmpty()) {
+        // A renewed key is a new occurrence: the key is the expiry's day.
+        QCOMPARE(notices.first().key, QString::number(inputs.keyExpiry->msecsSinceEpoch / 86400000));
+    }
+}
+
+void TestNotices::busyWords()
+{
+    NoticeInputs inputs;
+    inputs.sdk = NoticeInputs::Sdk::Missing;
+    QCOMPARE(buildNotices(inputs, kNow).first().action, std::optional<QString>(QStringLiteral("Fetch")));
+    QCOMPARE(buildNotices(inputs, kNow).first().line,
+             std::optional<QString>(QStringLiteral(
+                 "Sessions the service runs itself, the “/” list and Rewind need it (about 2 MB from npm).")));
+    inputs.sdkFetchFailed = true;
+    QCOMPARE(buildNotices(inputs, kNow).first().action, std::optional<QString>(QStringLiteral("Fetch again")));
+    inputs.fetchingSDK = true;
+    const Notice fetching = buildNotices(inputs, kNow).first();
+    QVERIFY(fetching.busy);
+    QCOMPARE(fetching.action, std::optional<QString>(QStringLiteral("Fetching…")));
+    QCOMPARE(noticeHelp(fetching),
+             std::optional<QString>(QStringLiteral("Fetches it from npm into the background service, which keeps "
+                                                   "running.\n\nDrag to the right to dismiss.")));
+
+    NoticeInputs failing;
+    failing.serviceUp = true;
+    failing.lastError = QStringLiteral("x");
+    failing.restarting = true;
+    QCOMPARE(buildNotices(failing, kNow).first().action, std::optional<QString>(QStringLiteral("Restarting…")));
+    QVERIFY(!noticeHelp(buildNotices(failing, kNow).first()));
+}
+
+void TestNotices::dismissalFollowsTheKey()
+{
+    DismissedNotices dismissed;
+    NoticeInputs inputs;
+    inputs.setupGap = SetupStep::Connect;
+    const Notice connect = buildNotices(inputs, kNow).first();
+    dismissed.dismiss(connect);
+    QVERIFY(dismissed.visibleOf(buildNotices(inputs, kNow)).isEmpty());
+    // The next step is a new occurrence of the same notice.
+    inputs.setupGap = SetupStep::Tailscale;
+    QCOMPARE(idsOf(dismissed.visibleOf(buildNotices(inputs, kNow))), QStringList{QStringLiteral("setup")});
+}
+
+void TestNotices::undoBringsTheCardBack()
+{
+    DismissedNotices dismissed;
+    NoticeInputs inputs;
+    inputs.serviceUpdate = true;
+    inputs.setupGap = SetupStep::Phone;
+    const QList<Notice> notices = buildNotices(inputs, kNow);
+    dismissed.dismiss(notices.first());
+    QCOMPARE(dismissed.undoLine(), std::optional<QString>(QStringLiteral("Dismissed: A newer service is ready")));
+    QCOMPARE(idsOf(dismissed.visibleOf(notices)), QStringList{QStringLiteral("setup")});
+    dismissed.undoDismiss();
+    QCOMPARE(idsOf(dismissed.visibleOf(notices)), (QStringList{"update", "setup"}));
+    QVERIFY(!dismissed.undo());
+
+    // The offer ends by itself; the dismissal stays.
+    dismissed.dismiss(notices.first());
+    QTRY_VERIFY_WITH_TIMEOUT(!dismissed.undo(), DismissedNotices::undoMilliseconds + 2000);
+    QCOMPARE(idsOf(dismissed.visibleOf(notices)), QStringList{QStringLiteral("setup")});
+}
+
+void TestNotices::serviceDownCards()
+{
+    QCOMPARE(serviceDownCard(QStringLiteral("/opt/node/bin/node"), true).line,
+             QStringLiteral("It ran on /opt/node/bin/node. Repair gets Node.js and starts the service again; shared "
+                            "terminals keep running."));
+    QCOMPARE(serviceDownCard(std::nullopt, false).title, QStringLiteral("Tidewatch isn't set up on this Mac yet."));
+    QCOMPARE(serviceDownCard(std::nullopt, true).title, QStringLiteral("The background service isn't answering."));
+}
+
+QTEST_GUILESS_MAIN(TestNotices)
+#include "TestNotices.moc"
