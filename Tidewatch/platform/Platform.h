@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QHash>
+#include <QList>
 #include <QString>
 
 /// The one place that knows which system it runs on. Everything here has one
@@ -51,5 +52,21 @@ namespace platform {
 /// process becomes the one others hand over to, and onReopen runs (on the
 /// main thread, for as long as owner lives) whenever a later launch does.
 bool handOverToRunningInstance(QObject* owner, std::function<void()> onReopen);
+
+} // namespace platform
+
+namespace platform {
+
+/// The shell that knows the user's PATH, run with -lc: zsh where it is there
+/// (the Mac's own), else the user's login shell from the user database.
+QString loginShell();
+
+/// Where this system's package managers put node and friends, in the order
+/// they are searched, with the words a person knows them by.
+struct ToolFolder {
+    QString folder;
+    QString label;
+};
+QList<ToolFolder> systemToolFolders();
 
 } // namespace platform

@@ -71,6 +71,22 @@ QString preferencesFile(const QString& domain, const QString& home, const QHash<
     return config + QStringLiteral("/Tidewatch/") + domain + QStringLiteral(".conf");
 }
 
+QString loginShell()
+{
+    if (QFileInfo(QStringLiteral("/bin/zsh")).isExecutable())
+        return QStringLiteral("/bin/zsh");
+    const passwd* entry = getpwuid(getuid());
+    if (entry && entry->pw_shell && entry->pw_shell[0] == '/')
+        return QString::fromLocal8Bit(entry->pw_shell);
+    return QStringLiteral("/bin/sh");
+}
+
+QList<ToolFolder> systemToolFolders()
+{
+    return {{QStringLiteral("/usr/local/bin"), QStringLiteral("/usr/local")},
+            {QStringLiteral("/usr/bin"), QStringLiteral("your system’s packages")}};
+}
+
 void becomeAccessory()
 {
     // A tray program on Linux has no Dock to stay out of.

@@ -57,6 +57,17 @@ QString preferencesFile(const QString&, const QString&, const QHash<QString, QSt
     return {};
 }
 
+QString loginShell()
+{
+    return QStringLiteral("/bin/zsh");
+}
+
+QList<ToolFolder> systemToolFolders()
+{
+    return {{QStringLiteral("/opt/homebrew/bin"), QStringLiteral("Homebrew")},
+            {QStringLiteral("/usr/local/bin"), QStringLiteral("/usr/local")}};
+}
+
 void becomeAccessory()
 {
     [NSApp setActivationPolicy:NSApplicationActivationPolicyAccessory];
