@@ -1,6 +1,8 @@
 #include "entry/OneShot.h"
 
+#include "awake/BackpackSetup.h"
 #include "entry/StreamSelfTest.h"
+#include "platform/Platform.h"
 
 #include <QSemaphore>
 #include <QThreadPool>
@@ -60,8 +62,12 @@ int runOneShot(const CommandLine& line)
         return notInThisBuild("--selftest-node-download");
     case Work::SdkFetch:
         return notInThisBuild("--selftest-sdk-fetch");
-    case Work::BackpackScripts:
-        return notInThisBuild("--backpack-scripts");
+    case Work::BackpackScripts: {
+        // Prints, runs nothing.
+        const auto [text, nameable] = BackpackSetup::printScripts(platform::systemUserName());
+        printLine(text);
+        return nameable ? 0 : 1;
+    }
     case Work::WindowCapture:
         return notInThisBuild("--window-capture-selftest");
     case Work::Snapshots:

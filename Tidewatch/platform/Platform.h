@@ -12,6 +12,9 @@ namespace platform {
 /// inherited HOME is not trusted (an app started by the login window may lack it).
 QString systemHomeDirectory();
 
+/// The current user's account name, as sudo's rules name it.
+QString systemUserName();
+
 /// Absolute path of the running executable, or empty when it can't be told.
 QString executablePath();
 
@@ -68,5 +71,21 @@ struct ToolFolder {
     QString label;
 };
 QList<ToolFolder> systemToolFolders();
+
+} // namespace platform
+
+namespace platform {
+
+/// The end of a script run with the administrator's password.
+struct AdminRun {
+    enum class Result { Done, Cancelled, Failed };
+    Result result = Result::Failed;
+    /// What went wrong, in the system's or the script's words; may be empty.
+    QString message;
+};
+
+/// Runs a shell script as root after the system's own password dialog: the
+/// AppleScript source on macOS (in the app or through osascript), pkexec on Linux.
+AdminRun runAsAdministrator(const QString& script, const QString& appleScriptSource, bool inApp);
 
 } // namespace platform

@@ -67,6 +67,8 @@ void TestLaunch::oneShotExitCodes_data()
     QTest::newRow("a switch whose work isn't in this build fails, never succeeds")
         << QStringList{QStringLiteral("--snapshots"), QStringLiteral("/tmp/x")} << 1 << QString();
     QTest::newRow("the streaming check passes") << QStringList{QStringLiteral("--selftest-stream")} << 0 << QString();
+    QTest::newRow("the Backpack scripts are printed, nothing is run")
+        << QStringList{QStringLiteral("--backpack-scripts")} << 0 << QString();
 }
 
 void TestLaunch::oneShotExitCodes()

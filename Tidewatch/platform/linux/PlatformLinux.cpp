@@ -30,6 +30,12 @@ QString systemHomeDirectory()
     return QDir::homePath();
 }
 
+QString systemUserName()
+{
+    const passwd* entry = getpwuid(getuid());
+    return entry && entry->pw_name ? QString::fromLocal8Bit(entry->pw_name) : QString();
+}
+
 QString executablePath()
 {
     char buffer[PATH_MAX];

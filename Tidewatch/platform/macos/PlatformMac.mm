@@ -22,6 +22,12 @@ QString systemHomeDirectory()
     return QString::fromNSString(NSHomeDirectory());
 }
 
+QString systemUserName()
+{
+    const passwd* entry = getpwuid(getuid());
+    return entry && entry->pw_name ? QString::fromUtf8(entry->pw_name) : QString();
+}
+
 QString executablePath()
 {
     char buffer[PATH_MAX];

@@ -1,0 +1,254 @@
+#include "awake/BackpackSetup.h"
+
+#include "ScratchFolder.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTest>
+
+#include <sys/stat.h>
+
+using namespace BackpackSetup;
+
+namespace {
+
+Environment scratchEnvironment(const ScratchFolder& scratch, const QString& sudoers,
+                               const QHash<QString, QString>& extra = {})
+{
+    Environment::Variables variables{{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.path() + QStringLiteral("/support")},
+                                     {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("1")},
+                                     {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("2")},
+                                     {QStringLiteral("TIDEWATCH_SUDOERS"), sudoers}};
+    variables.insert(extra);
+    return Environment(variables, scratch.path());
+}
+
+int modeOf(const QString& path)
+{
+    struct stat info {};
+    ::stat(QFile::encodeName(path).constData(), &info);
+    return int(info.st_mode & 07777);
+}
+
+} // namespace
+
+class TestBackpackSetup : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void accounts_data();
+    void accounts();
+    void refusals_data();
+    void refusals();
+    void removeScripts_data();
+    void removeScripts();
+    void quotingSurvivesTheShell();
+    void appleScriptEscapesOnce();
+    void ruleLandsValidated();
+    void brokenRuleNeverLands();
+    void removeRestoresSleepAndTheRecord();
+    void printedScripts();
+};
+
+void TestBackpackSetup::accounts_data()
+{
+    QTest::addColumn<QString>("user");
+    QTest::addColumn<bool>("accepted");
+
+    QTest::newRow("one letter") << "a" << true;
+    QTest::newRow("dots, dashes and underscores inside") << "_jane.doe-2" << true;
+    QTest::newRow("64 characters") << QString(64, QLatin1Char('a')) << true;
+    QTest::newRow("65 characters") << QString(65, QLatin1Char('a')) << false;
+    QTest::newRow("a leading dash") << "-jane" << false;
+    QTest::newRow("a leading dot") << ".jane" << false;
+    QTest::newRow("a blank") << "jane doe" << false;
+    QTest::newRow("a single quote") << "jane'doe" << false;
+    QTest::newRow("a newline") << "jane\nALL ALL=(ALL) ALL" << false;
+    QTest::newRow("non-ASCII letters") << QStringLiteral("jöns") << false;
+    QTest::newRow("empty") << "" << false;
+}
+
+void TestBackpackSetup::accounts()
+{
+    QFETCH(QString, user);
+    QFETCH(bool, accepted);
+    const std::optional<QString> problem = accountProblem(user);
+    QCOMPARE(!problem, accepted);
+    if (problem)
+        QCOMPARE(*problem, "Backpack mode can't name your account (" + user + ") in sudo's rules.");
+    QCOMPARE(printScripts(user).second, accepted);
+}
+
+void TestBackpackSetup::refusals_data()
+{
+    QTest::addColumn<QString>("sudoers");
+    QTest::addColumn<bool>("testCopy");
+    QTest::addColumn<QString>("refusal");
+
+    const QString intoEtc = QStringLiteral("TIDEWATCH_SUDOERS points into /etc: a test never touches sudo's own folder.");
+    QTest::newRow("the real install may use the real path") << "" << false << "";
+    QTest::newRow("a test copy may not")
+        << "" << true
+        << "This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode's permission to your real "
+           "Tidewatch. Set TIDEWATCH_SUDOERS to a scratch path to test it.";
+    QTest::newRow("sudo's folder is refused") << "/etc/sudoers.d/x" << true << intoEtc;
+    QTest::newRow("its macOS spelling too") << "/private/etc/x" << true << intoEtc;
+    QTest::newRow("a way round through ..") << "/tmp/../etc/sudoers.d/x" << true << intoEtc;
+    QTest::newRow("a link into /etc") << "$SCRATCH/etc-link/x" << true << intoEtc;
+    QTest::newRow("a scratch path") << "$SCRATCH/sudoers.d/tidewatch" << true << "";
+}
+
+void TestBackpackSetup::refusals()
+{
+    QFETCH(QString, sudoers);
+    QFETCH(bool, testCopy);
+    QFETCH(QString, refusal);
+    ScratchFolder scratch;
+    QFile::link(QStringLiteral("/etc"), scratch.path() + QStringLiteral("/etc-link"));
+    sudoers.replace(QStringLiteral("$SCRATCH"), scratch.path());
+    Environment::Variables variables;
+    if (!sudoers.isEmpty())
+        variables.insert(QStringLiteral("TIDEWATCH_SUDOERS"), sudoers);
+    if (testCopy)
+        variables.insert(QStringLiteral("TIDEWATCH_LOGS"), scratch.path());
+    QCOMPARE(BackpackSetup::refusal(Environment(variables, scratch.path())).value_or(QString()), refusal);
+}
+
+void TestBackpackSetup::removeScripts_data()
+{
+    QTest::addColumn<QByteArray>("awake");
+    QTest::addColumn<bool>("withPmset");
+    QTest::addColumn<QString>("restore");
+
+    QTest::newRow("applied from 1 puts 1 back") << QByteArray(R"({"backpack":{"prev":1,"applied":true}})") << true
+                                                << "'/usr/bin/pmset' -a disablesleep 1";
+    QTest::newRow("applied from 0 puts 0 back") << QByteArray(R"({"backpack":{"prev":0,"applied":true}})") << true
+                                                << "'/usr/bin/pmset' -a disablesleep 0";
+    QTest::newRow("not applied: nothing to put back")
+        << QByteArray(R"({"backpack":{"prev":1,"applied":false}})") << true << "";
+    QTest::newRow("a prev of 7 is no value to restore")
+        << QByteArray(R"({"backpack":{"prev":7,"applied":true}})") << true << "";
+    QTest::newRow("no record at all") << QByteArray("{}") << true << "";
+    QTest::newRow("a scratch path without a stand-in writes no line")
+        << QByteArray(R"({"backpack":{"prev":1,"applied":true}})") << false << "";
+}
+
+void TestBackpackSetup::removeScripts()
+{
+    QFETCH(QByteArray, awake);
+    QFETCH(bool, withPmset);
+    QFETCH(QString, restore);
+    const QString script = removeScript(QStringLiteral("/x/rule"), Saved::fromAwakeFile(awake),
+                                        withPmset ? std::optional<QString>(QStringLiteral("/usr/bin/pmset")) : std::nullopt);
+    QStringList expected{QStringLiteral("set -e")};
+    if (!restore.isEmpty())
+        expected << restore;
+    expected << QStringLiteral("/bin/rm -f '/x/rule'");
+    QCOMPARE(script.split(QLatin1Char('\n')), expected);
+}
+
+void TestBackpackSetup::quotingSurvivesTheShell()
+{
+    // Whatever a value holds, the shell sees it as one word, unchanged.
+    const QString hostile = QStringLiteral("it's $(touch /tmp/x) `id` \"q\" \\ ; rm -rf ~");
+    ScratchFolder scratch;
+    const QString out = scratch.file(QStringLiteral("out"));
+    const QString script = QStringLiteral("printf '%s' ") + quoted(hostile) + QStringLiteral(" > ") + quoted(out);
+    QCOMPARE(QProcess::execute(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script}), 0);
+    QFile file(out);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(QString::fromUtf8(file.readAll()), hostile);
+}
+
+void TestBackpackSetup::appleScriptEscapesOnce()
+{
+    const QString script = QStringLiteral("set -e\n/bin/chmod 0440 \"$tmp\"\nprintf '%s\\n' x");
+    QCOMPARE(appleScript(script, QStringLiteral("Say \"yes\"")),
+             QStringLiteral("do shell script \"set -e\\n/bin/chmod 0440 \\\"$tmp\\\"\\nprintf '%s\\\\n' x\" with prompt "
+                            "\"Say \\\"yes\\\"\" with administrator privileges"));
+}
+
+void TestBackpackSetup::ruleLandsValidated()
+{
+    ScratchFolder scratch;
+    const QString rule = scratch.path() + QStringLiteral("/sudoers.d/tidewatch");
+    const Environment environment = scratchEnvironment(scratch, rule);
+    QVERIFY(!isInstalled(environment));
+    QCOMPARE(install(environment, QStringLiteral("jane"), false), Outcome());
+    QVERIFY(isInstalled(environment));
+    QCOMPARE(modeOf(rule), 0440);
+    QFile file(rule);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 3);
+    QCOMPARE(lines.at(2), QStringLiteral("jane ALL=(root) NOPASSWD: /usr/bin/pmset -a disablesleep 0, "
+                                         "/usr/bin/pmset -a disablesleep 1"));
+    QCOMPARE(QDir(scratch.path() + QStringLiteral("/sudoers.d")).entryList(QDir::Files | QDir::Hidden),
+             QStringList{QStringLiteral("tidewatch")});
+
+    // Already there: nothing runs, so nothing asks for a password.
+    const QDateTime before = QFileInfo(rule).lastModified();
+    QTest::qWait(20);
+    QCOMPARE(install(environment, QStringLiteral("jane"), false), Outcome());
+    QCOMPARE(QFileInfo(rule).lastModified(), before);
+}
+
+void TestBackpackSetup::brokenRuleNeverLands()
+{
+    ScratchFolder scratch;
+    const QString rule = scratch.path() + QStringLiteral("/sudoers.d/tidewatch");
+    QString script = installScript(QStringLiteral("jane"), rule, false);
+    script.replace(QStringLiteral("NOPASSWD:"), QStringLiteral("NOPASSWD"));
+    const Outcome outcome = runPrivileged(scratchEnvironment(scratch, rule), script, installPrompt(), false);
+    QVERIFY(outcome);
+    QCOMPARE(outcome->kind, Failure::Kind::Failed);
+    QVERIFY(!QFileInfo::exists(rule));
+    QCOMPARE(QDir(scratch.path() + QStringLiteral("/sudoers.d")).entryList(QDir::Files | QDir::Hidden), QStringList());
+}
+
+void TestBackpackSetup::removeRestoresSleepAndTheRecord()
+{
+    ScratchFolder scratch;
+    const QString rule = scratch.path() + QStringLiteral("/sudoers.d/tidewatch");
+    const QString calls = scratch.file(QStringLiteral("pmset-calls"));
+    const QString pmset = scratch.write(QStringLiteral("bin/pmset"),
+                                        QStringLiteral("#!/bin/sh\necho \"$@\" >> '%1'\n").arg(calls).toUtf8(), 0755);
+    const Environment environment = scratchEnvironment(scratch, rule, {{QStringLiteral("TIDEWATCH_PMSET"), pmset}});
+    QCOMPARE(install(environment, QStringLiteral("jane"), false), Outcome());
+    scratch.write(QStringLiteral("support/awake.json"),
+                  R"({"mode":"backpack","until":1760007200,"minBattery":20,"backpack":{"prev":1,"applied":true}})");
+
+    // Nothing answers on the test ports: the record is corrected here.
+    QCOMPARE(remove(environment, false), Outcome());
+    QVERIFY(!isInstalled(environment));
+    QFile called(calls);
+    QVERIFY(called.open(QIODevice::ReadOnly));
+    QCOMPARE(called.readAll(), QByteArray("-a disablesleep 1\n"));
+    QFile awake(scratch.path() + QStringLiteral("/support/awake.json"));
+    QVERIFY(awake.open(QIODevice::ReadOnly));
+    const QJsonObject record = QJsonDocument::fromJson(awake.readAll()).object();
+    QCOMPARE(record, (QJsonObject{{"mode", "working"}, {"minBattery", 20}}));
+    QCOMPARE(modeOf(awake.fileName()), 0600);
+
+    // Gone already: nothing to do.
+    QCOMPARE(remove(environment, false), Outcome());
+}
+
+void TestBackpackSetup::printedScripts()
+{
+    const auto [text, ok] = printScripts(QStringLiteral("jane"));
+    QVERIFY(ok);
+    QVERIFY(text.startsWith(QStringLiteral("# install (as root), for jane:\nset -e\numask 077\n")));
+    QVERIFY(text.contains(QStringLiteral("/usr/sbin/chown root:wheel \"$tmp\"\n")));
+    QVERIFY(text.contains(QStringLiteral("\n\n# remove (as root), Backpack having switched SleepDisabled from 0:\nset -e\n"
+                                         "'/usr/bin/pmset' -a disablesleep 0\n/bin/rm -f '/private/etc/sudoers.d/tidewatch'\n\n"
+                                         "# AppleScript:\ndo shell script \"set -e\\numask 077\\n")));
+    QVERIFY(text.endsWith(QStringLiteral("\" with administrator privileges")));
+}
+
+QTEST_GUILESS_MAIN(TestBackpackSetup)
+#include "TestBackpackSetup.moc"
