@@ -24,6 +24,13 @@ public:
     /// A flag that was never set reads false.
     bool flag(const QString& key) const;
     void setFlag(const QString& key, bool value);
+    /// A text setting; empty when unset.
+    QString text(const QString& key) const { return m_settings->value(key).toString(); }
+    void setText(const QString& key, const QString& value)
+    {
+        m_settings->setValue(key, value);
+        m_settings->sync();
+    }
 
     const QString& domain() const { return m_domain; }
     /// Where the flags are stored, for messages and tests.

@@ -89,3 +89,15 @@ struct AdminRun {
 AdminRun runAsAdministrator(const QString& script, const QString& appleScriptSource, bool inApp);
 
 } // namespace platform
+
+namespace platform {
+
+/// Which Node.js archive fits this machine: the file name's system part
+/// ("darwin-arm64", "linux-x64") and the key the release index lists it under.
+struct NodeArchive {
+    QString system;
+    QString indexKey;
+};
+NodeArchive nodeArchive();
+
+} // namespace platform
