@@ -3,6 +3,7 @@
 #include "awake/BackpackSetup.h"
 #include "entry/StreamSelfTest.h"
 #include "platform/Platform.h"
+#include "setup/NodeInstaller.h"
 
 #include <QSemaphore>
 #include <QThreadPool>
@@ -23,6 +24,30 @@ int notInThisBuild(const char* name)
 {
     printLine(QStringLiteral("Tidewatch: this build doesn’t do %1 yet.").arg(QLatin1StringView(name)));
     return 1;
+}
+
+// The download check: a real install into folder, told line by line, with
+// the percentage every ten points.
+int downloadNode(const QString& folder)
+{
+    int lastPercent = -10;
+    NodeInstaller::Observer observer;
+    observer.line = printLine;
+    observer.progress = [&lastPercent](double fraction) {
+        const int percent = int(fraction * 100);
+        if (percent - lastPercent < 10)
+            return;
+        lastPercent = percent;
+        printLine(QStringLiteral("downloading… %1%").arg(percent));
+    };
+    const Outcome<QString> installed
+        = NodeInstaller::install(folder, NodeInstaller::configuredSite(Environment::current()), observer);
+    if (!installed.ok()) {
+        printLine(QStringLiteral("FAILED: ") + installed.sentence());
+        return 1;
+    }
+    printLine(installed.value());
+    return 0;
 }
 
 } // namespace
@@ -59,7 +84,7 @@ int runOneShot(const CommandLine& line)
     case Work::RenderIconset:
         return notInThisBuild("--render-iconset");
     case Work::NodeDownload:
-        return notInThisBuild("--selftest-node-download");
+        return runOffMainThread([&line] { return downloadNode(*line.value); });
     case Work::SdkFetch:
         return notInThisBuild("--selftest-sdk-fetch");
     case Work::BackpackScripts: {
