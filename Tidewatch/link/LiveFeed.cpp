@@ -28,10 +28,13 @@ public:
     FeedRunner(LiveFeed* feed, qint64 epoch)
         : m_feed(feed)
         , m_epoch(epoch)
+        , m_retry(new QTimer(this))
+        , m_watchdog(new QTimer(this))
     {
-        m_retry.setSingleShot(true);
-        connect(&m_retry, &QTimer::timeout, this, &FeedRunner::connectOnce);
-        connect(&m_watchdog, &QTimer::timeout, this, &FeedRunner::checkSilence);
+        // Children, so that they move to the feed's thread with the runner.
+        m_retry->setSingleShot(true);
+        connect(m_retry, &QTimer::timeout, this, &FeedRunner::connectOnce);
+        connect(m_watchdog, &QTimer::timeout, this, &FeedRunner::checkSilence);
     }
 
     void begin()
@@ -43,11 +46,15 @@ public:
     void cancel()
     {
         m_cancelled = true;
-        m_retry.stop();
-        m_watchdog.stop();
+        m_retry->stop();
+        m_watchdog->stop();
         if (m_socket) {
             m_socket->disconnect(this);
-            m_socket->close(QWebSocketProtocol::CloseCodeNormal);
+            // A socket still connecting has no one to say goodbye to.
+            if (m_socket->state() == QAbstractSocket::ConnectedState)
+                m_socket->close(QWebSocketProtocol::CloseCodeNormal);
+            else
+                m_socket->abort();
         }
         finishConnection(false);
         deleteLater();
@@ -76,7 +83,7 @@ private:
                 onEnded();
         });
         m_at = m_feed->m_clock.now();
-        m_watchdog.start(milliseconds(m_feed->m_timing.watchdogEvery));
+        m_watchdog->start(milliseconds(m_feed->m_timing.watchdogEvery));
 
         QNetworkRequest request{QUrl(m_feed->m_environment.feedUrl())};
         request.setRawHeader(QByteArrayLiteral("Authorization"), QByteArrayLiteral("Bearer ") + token->toUtf8());
@@ -146,7 +153,7 @@ private:
         if (m_ended)
             return;
         m_ended = true;
-        m_watchdog.stop();
+        m_watchdog->stop();
         if (m_socket) {
             m_socket->disconnect(this);
             m_socket->deleteLater();
@@ -161,14 +168,14 @@ private:
     {
         const LiveFeed::Pause pause = LiveFeed::pause(m_heard, m_delay, m_feed->m_timing);
         m_delay = pause.nextDelay;
-        m_retry.start(milliseconds(pause.sleep));
+        m_retry->start(milliseconds(pause.sleep));
     }
 
     LiveFeed* m_feed;
     const qint64 m_epoch;
     QWebSocket* m_socket = nullptr;
-    QTimer m_retry;
-    QTimer m_watchdog;
+    QTimer* m_retry;
+    QTimer* m_watchdog;
     QDateTime m_at; // the last frame, or the connection's start: what the watchdog reads
     double m_delay = 1;
     bool m_heard = false;
