@@ -1,14 +1,29 @@
 // The routes of the API port. Health needs no token, so that anyone on this
-// machine can tell whether the service runs; the feed joins it later.
+// machine can tell whether the service runs; the feed shares the port, on
+// the listener's upgrade event.
 
 import os from 'node:os';
 
+import { HttpError } from './http-reply.js';
 import { Router } from './router.js';
 
 /** The version of the service's interface that the app checks. */
 export const PROTOCOL = 1;
 
-/** @return {Router} */
-export function apiRoutes() {
-  return new Router().add('GET', '/v1/health', () => ({ ok: true, protocol: PROTOCOL, name: os.hostname() }));
+/**
+ * @param {Object} parts
+ * @param {{answering: boolean}} parts.health Switched by /qa: while
+ *     `answering` is false, health requests are held without an answer, as a
+ *     hung service would hold them, until the client gives up or the service
+ *     closes
+ * @return {Router}
+ */
+export function apiRoutes({ health }) {
+  return new Router()
+    .add('GET', '/v1/health', () => (health.answering ? { ok: true, protocol: PROTOCOL, name: os.hostname() } : undefined))
+    .add('GET', '/v1/ws', () => {
+      throw new HttpError(426, 'upgrade_required', 'The feed is a WebSocket; connect to it with an upgrade request.', {
+        headers: { Upgrade: 'websocket', Connection: 'Upgrade' },
+      });
+    });
 }

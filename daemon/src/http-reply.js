@@ -23,6 +23,21 @@ export class HttpError extends Error {
   }
 }
 
+/** A 400 that names the one field of the request at fault. */
+export function invalid(field, message) {
+  return new HttpError(400, 'invalid', message, { field });
+}
+
+/**
+ * A 404 for an id that names nothing.
+ *
+ * @param {string} kind Such as "session"
+ * @param {string} id As decoded from the path
+ */
+export function notFound(kind, id) {
+  return new HttpError(404, 'not_found', `No ${kind} has the id “${id}”.`);
+}
+
 /**
  * Sends a complete reply.
  *

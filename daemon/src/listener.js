@@ -1,7 +1,7 @@
 // One loopback HTTP listener and the road every request takes on it:
 // planted faults first, then the admin token (where the listener asks for
 // it), then the route table. Both the API port and the local port are one of
-// these; the API port's feed will hang on the same server's upgrade event.
+// these; the API port's feed hangs on the same server's upgrade event.
 
 import http from 'node:http';
 
@@ -35,17 +35,13 @@ export function createListener({ router, faults, pending, log, token }) {
   const server = http.createServer(
     { maxHeaderSize: MAX_HEADER_BYTES, headersTimeout: HEADERS_TIMEOUT_MS, requestTimeout: REQUEST_TIMEOUT_MS },
     (req, res) => {
-      let url;
-      try {
-        // Parsed against a fixed origin: "//x" must stay a path, not become a host.
-        if (!req.url.startsWith('/')) throw new TypeError('not a path');
-        url = new URL(`http://${HOST}${req.url}`);
-      } catch {
+      const target = readTarget(req.url);
+      if (target === null) {
         sendError(res, new HttpError(400, 'bad_request', 'The request’s path can’t be read.'));
         return;
       }
-      const proceed = () => respond(req, res, url, { router, log, token });
-      const fault = faults.take(req.method, url.pathname);
+      const proceed = () => respond(req, res, target, { router, log, token });
+      const fault = faults.take(req.method, target.path);
       if (fault) answerWithFault(req, res, fault, pending, proceed);
       else proceed();
     },
@@ -55,20 +51,41 @@ export function createListener({ router, faults, pending, log, token }) {
   return server;
 }
 
-async function respond(req, res, url, { router, log, token }) {
+/**
+ * Splits a request target into its path, exactly as sent, and a URL for the
+ * query. The path is never taken from the URL, which would resolve "." and
+ * ".." segments (percent-encoded ones too) and so let an id such as ".."
+ * climb out of its route.
+ *
+ * @param {string} target The request line's target, such as "/v1/ws?client=mac"
+ * @return {{path: string, url: URL}|null} null when it isn't a path
+ */
+export function readTarget(target) {
+  if (typeof target !== 'string' || !target.startsWith('/')) return null;
+  const end = target.search(/[?#]/);
+  const path = end < 0 ? target : target.slice(0, end);
+  try {
+    // Parsed against a fixed origin: "//x" must stay a path, not become a host.
+    return { path, url: new URL(`http://${HOST}${target}`) };
+  } catch {
+    return null;
+  }
+}
+
+async function respond(req, res, { path, url }, { router, log, token }) {
   try {
     if (token !== undefined && !bearerMatches(req.headers.authorization, token)) {
       throw new HttpError(401, 'unauthorized', 'This request needs the admin token, sent as “Authorization: Bearer <token>”.', {
         headers: { 'WWW-Authenticate': 'Bearer' },
       });
     }
-    const found = router.find(req.method, url.pathname);
-    if (found === null) throw new HttpError(404, 'not_found', `Nothing here answers ${req.method} ${url.pathname}.`);
+    const found = router.find(req.method, path);
+    if (found === null) throw new HttpError(404, 'not_found', `Nothing here answers ${req.method} ${path}.`);
     if (found.allowed) {
       throw new HttpError(
         405,
         'method_not_allowed',
-        `${url.pathname} doesn’t take ${req.method}; it takes ${found.allowed.join(', ')}.`,
+        `${path} doesn’t take ${req.method}; it takes ${found.allowed.join(', ')}.`,
         { headers: { Allow: found.allowed.join(', ') } },
       );
     }
@@ -78,7 +95,7 @@ async function respond(req, res, url, { router, log, token }) {
     if (error instanceof HttpError) {
       sendError(res, error);
     } else {
-      log.error(`${req.method} ${url.pathname} failed: ${error?.stack ?? error}`);
+      log.error(`${req.method} ${path} failed: ${error?.stack ?? error}`);
       sendError(res, new HttpError(500, 'internal', 'The background service failed while answering; its log tells more.'));
     }
   }

@@ -1,22 +1,28 @@
 // The routes of the local port, every one behind the admin token: the
-// whole-state reads the app makes, and the /qa interface.
+// whole-state reads and the actions the app makes, and the /qa interface.
 
+import { addActionRoutes } from './action-routes.js';
 import { addQaRoutes } from './qa-routes.js';
 import { Router } from './router.js';
+import { addSettingsRoutes } from './settings-routes.js';
 
 /**
  * @param {Object} parts
  * @param {ServiceState} parts.state
  * @param {FaultBook} parts.faults
+ * @param {FeedServer} parts.feed
+ * @param {{answering: boolean}} parts.health The switch of the health route
  * @return {Router}
  */
-export function localRoutes({ state, faults }) {
+export function localRoutes({ state, faults, feed, health }) {
   const router = new Router()
     .add('GET', '/v1/snapshot', () => state.snapshot())
     // `fresh=1` asks for a new look rather than the cache; everything here
     // is current already, so it changes nothing yet.
     .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
     .add('GET', '/local/devices', () => state.devices());
-  addQaRoutes(router, { state, faults });
+  addActionRoutes(router, { state });
+  addSettingsRoutes(router, { state });
+  addQaRoutes(router, { state, faults, feed, health });
   return router;
 }

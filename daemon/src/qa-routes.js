@@ -1,13 +1,18 @@
-// The /qa interface: tests and demonstrations put state into the service
-// and plant faults through it. Values are stored as given; the only checks
-// are that a body is a JSON object and that an item has an id to be found by.
+// The /qa interface: tests and demonstrations put state into the service,
+// plant faults, and push the feed and the health route around through it.
+// Values are stored as given; the only checks are that a body is a JSON
+// object and that an item has an id to be found by.
 
-import { HttpError, send } from './http-reply.js';
+import { HttpError, invalid, notFound, send } from './http-reply.js';
 import { readJsonObject } from './request-body.js';
 
 const ROUTES = [
   ['GET', '/qa', 'this page'],
-  ['GET', '/qa/state', '{"snapshot":…,"local":…}: the whole state, as the two reads give it'],
+  [
+    'GET',
+    '/qa/state',
+    '{"snapshot":…,"local":…,"feedClients":…,"decisions":[…]}: the whole state as the two reads give it, the clients on the feed and the last answers to approvals',
+  ],
   ['POST', '/qa/snapshot', 'an object of snapshot parts; each key replaces its part, null removes it'],
   ['POST', '/qa/local', 'an object of local status parts, likewise'],
   ['POST', '/qa/sessions', 'one session with an "id": put in, or replaced where it stands'],
@@ -23,7 +28,12 @@ const ROUTES = [
     '/qa/faults',
     '{"route":"GET /v1/snapshot","status":502,"body":"…","contentType":"text/plain","delayMs":3000,"drop":true,"times":1}',
   ],
-  ['DELETE', '/qa/faults', 'clears every fault'],
+  ['DELETE', '/qa/faults', 'clears every fault, and turns health and the feed back on'],
+  ['POST', '/qa/feed/frame', '{"frame":"…"} sends that text as it stands, or {"json":…} that value as JSON text, to every feed client'],
+  ['POST', '/qa/feed/ping', 'sends {"t":"ping"} to every feed client now'],
+  ['POST', '/qa/feed/drop', 'cuts every feed client off without a close frame; new ones are still taken'],
+  ['POST', '/qa/feed/refuse', '{"on":true} refuses new feed connections with 503 until {"on":false}'],
+  ['POST', '/qa/health', '{"answering":false} holds every /v1/health request unanswered until {"answering":true}'],
 ];
 
 const escapeHtml = (text) =>
@@ -55,7 +65,10 @@ function requireId(body, kind) {
   return body;
 }
 
-const notFound = (kind, id) => new HttpError(404, 'not_found', `No ${kind} has the id “${id}”.`);
+function requireBoolean(body, field) {
+  if (typeof body[field] !== 'boolean') throw invalid(field, `“${field}” must be true or false.`);
+  return body[field];
+}
 
 /**
  * Adds the /qa routes to the local port's table.
@@ -64,11 +77,18 @@ const notFound = (kind, id) => new HttpError(404, 'not_found', `No ${kind} has t
  * @param {Object} parts
  * @param {ServiceState} parts.state
  * @param {FaultBook} parts.faults
+ * @param {FeedServer} parts.feed
+ * @param {{answering: boolean}} parts.health The switch of the health route
  */
-export function addQaRoutes(router, { state, faults }) {
+export function addQaRoutes(router, { state, faults, feed, health }) {
   router
     .add('GET', '/qa', ({ res }) => send(res, 200, PAGE, 'text/html; charset=utf-8'))
-    .add('GET', '/qa/state', () => ({ snapshot: state.snapshot(), local: state.localStatus() }))
+    .add('GET', '/qa/state', () => ({
+      snapshot: state.snapshot(),
+      local: state.localStatus(),
+      feedClients: feed.count,
+      decisions: state.decisions(),
+    }))
     .add('POST', '/qa/snapshot', async ({ req }) => {
       state.setSnapshotParts(await readJsonObject(req));
       return { snapshot: state.snapshot() };
@@ -109,6 +129,37 @@ export function addQaRoutes(router, { state, faults }) {
     })
     .add('DELETE', '/qa/faults', () => {
       faults.clear();
+      feed.refusing = false;
+      health.answering = true;
       return { faults: [] };
+    });
+
+  router
+    .add('POST', '/qa/feed/frame', async ({ req }) => {
+      const body = await readJsonObject(req);
+      const hasFrame = Object.hasOwn(body, 'frame');
+      if (hasFrame === Object.hasOwn(body, 'json')) {
+        throw invalid('frame', 'Give either “frame”, a text sent as it stands, or “json”, a value sent as JSON text.');
+      }
+      if (hasFrame && typeof body.frame !== 'string') {
+        throw invalid('frame', 'The frame must be a string; send any other value as “json”.');
+      }
+      return { sent: feed.sendText(hasFrame ? body.frame : JSON.stringify(body.json)) };
+    })
+    .add('POST', '/qa/feed/ping', async ({ req }) => {
+      await readJsonObject(req);
+      return { sent: feed.ping() };
+    })
+    .add('POST', '/qa/feed/drop', async ({ req }) => {
+      await readJsonObject(req);
+      return { dropped: feed.drop() };
+    })
+    .add('POST', '/qa/feed/refuse', async ({ req }) => {
+      feed.refusing = requireBoolean(await readJsonObject(req), 'on');
+      return { refusing: feed.refusing };
+    })
+    .add('POST', '/qa/health', async ({ req }) => {
+      health.answering = requireBoolean(await readJsonObject(req), 'answering');
+      return { answering: health.answering };
     });
 }

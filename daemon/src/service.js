@@ -1,5 +1,5 @@
-// The service as one piece: folders, token, log, state and the two
-// listeners, started together and closed together.
+// The service as one piece: folders, token, log, state, the two listeners
+// and the feed, started together and closed together.
 
 import os from 'node:os';
 
@@ -7,6 +7,7 @@ import { loadAdminToken } from './admin-token.js';
 import { apiRoutes } from './api-routes.js';
 import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';
 import { FaultBook, PendingTimers } from './faults.js';
+import { FeedServer } from './feed-server.js';
 import { closeListener, createListener, HOST, listen } from './listener.js';
 import { localRoutes } from './local-routes.js';
 import { Log } from './log.js';
@@ -22,10 +23,12 @@ import { VERSION } from './version.js';
  * @property {FaultBook} faults
  * @property {http.Server} apiServer Where the feed attaches (its upgrade event)
  * @property {http.Server} localServer
+ * @property {FeedServer} feed
  * @property {Log} log
  * @property {string} startLine The sentence that announces the start
- * @property {function(): Promise<void>} close Ends both listeners and every
- *     connection; safe to call more than once
+ * @property {function(): Promise<void>} close Closes the feed's clients
+ *     (1001), then ends both listeners and every connection; safe to call
+ *     more than once
  */
 
 /**
@@ -37,11 +40,19 @@ import { VERSION } from './version.js';
  * @param {string} options.logs The log folder
  * @param {number} [options.apiPort=47321] 0 for any free port
  * @param {number} [options.localPort=47322] 0 for any free port
+ * @param {Object} [options.feed] The feed's timing and limits, for tests:
+ *     `pingIntervalMs`, `coalesceMs`, `maxBufferedBytes` (see FeedServer)
  * @return {Promise<RunningService>}
  * @throws {Error} A port that can't be bound gives code "TIDEWATCH_PORT" and
  *     a sentence as its message, already written to the log
  */
-export async function startService({ support, logs, apiPort = DEFAULT_API_PORT, localPort = DEFAULT_LOCAL_PORT }) {
+export async function startService({
+  support,
+  logs,
+  apiPort = DEFAULT_API_PORT,
+  localPort = DEFAULT_LOCAL_PORT,
+  feed: feedOptions = {},
+}) {
   ensurePrivateFolder(support);
   ensurePrivateFolder(logs);
   const log = new Log(logs);
@@ -54,8 +65,17 @@ export async function startService({ support, logs, apiPort = DEFAULT_API_PORT, 
   const state = new ServiceState({ hostname: os.hostname(), daemonVersion: VERSION, home: os.homedir() });
   const faults = new FaultBook();
   const pending = new PendingTimers();
-  const apiServer = createListener({ router: apiRoutes(), faults, pending, log });
-  const localServer = createListener({ router: localRoutes({ state, faults }), faults, pending, log, token });
+  // Switched by /qa to make the service look hung while its feed lives on.
+  const health = { answering: true };
+  const apiServer = createListener({ router: apiRoutes({ health }), faults, pending, log });
+  const feed = new FeedServer({ server: apiServer, state, token, faults, pending, log, ...feedOptions });
+  const localServer = createListener({
+    router: localRoutes({ state, faults, feed, health }),
+    faults,
+    pending,
+    log,
+    token,
+  });
 
   let ports;
   try {
@@ -66,6 +86,7 @@ export async function startService({ support, logs, apiPort = DEFAULT_API_PORT, 
     });
     ports = { api, local };
   } catch (error) {
+    await feed.close();
     log.error(error.message);
     throw error;
   }
@@ -80,6 +101,7 @@ export async function startService({ support, logs, apiPort = DEFAULT_API_PORT, 
   const close = () => {
     closing ??= (async () => {
       pending.clear();
+      await feed.close();
       await Promise.all([closeListener(apiServer), closeListener(localServer)]);
     })();
     return closing;
@@ -92,6 +114,7 @@ export async function startService({ support, logs, apiPort = DEFAULT_API_PORT, 
     faults,
     apiServer,
     localServer,
+    feed,
     log,
     startLine,
     close,

@@ -59,7 +59,19 @@ export const MIRRORED_KEYS = ['sessions', 'approvals', 'usage', 'account', 'code
  * Local status keys the service fills in itself. Setting one of these (or a
  * mirrored one) on the local side overrides it until it is set to null.
  */
-export const OWN_KEYS = ['daemonVersion', 'apiPort'];
+export const OWN_KEYS = ['daemonVersion', 'apiPort', 'connectedClients'];
+
+/** The answers an approval can get. */
+export const DECISIONS = ['allow', 'deny', 'session', 'always'];
+
+/** Decisions kept for /qa to show, newest last; older ones are forgotten. */
+export const MAX_DECISIONS = 100;
+
+/**
+ * Ids of approvals that left (answered or taken out) which are remembered,
+ * so that a late answer to one of them is told apart from an id never seen.
+ */
+export const MAX_GONE_APPROVALS = 1000;
 
 const DERIVED = new Set([...OWN_KEYS, ...MIRRORED_KEYS]);
 
@@ -109,8 +121,11 @@ function withPending(session, id, wanted) {
  * @typedef {Object} Change
  * @property {Array<string>} snapshot The snapshot parts that changed
  * @property {Array<string>} local The local-only parts (and overrides) that changed
- * @property {{kind: string, id: string, value: (Object|null)}} [item] Set when
- *     one session, approval or device was put in (value) or taken out (null)
+ * @property {{kind: string, id: string, value: (Object|null), resolution: (Object|undefined)}} [item]
+ *     Set when one session, approval or device was put in (value) or taken
+ *     out (null); an answered approval also carries its `resolution`
+ *     {sessionId, decision, by, at}
+ * @property {boolean} [whole] Everything may have changed (a reset)
  */
 
 /**
@@ -123,6 +138,8 @@ export class ServiceState extends EventEmitter {
   #snapshotParts;
   #localParts;
   #overrides;
+  #decisions;
+  #goneApprovals;
 
   /**
    * @param {Object} about
@@ -134,9 +151,12 @@ export class ServiceState extends EventEmitter {
     super();
     this.about = { hostname, daemonVersion, home };
     this.apiPort = null;
+    this.connectedClients = 0;
     this.#snapshotParts = this.#defaultSnapshot();
     this.#localParts = this.#defaultLocal();
     this.#overrides = new Map();
+    this.#decisions = [];
+    this.#goneApprovals = new Set();
   }
 
   #defaultSnapshot() {
@@ -164,7 +184,6 @@ export class ServiceState extends EventEmitter {
       ['statusLine', { installed: false, supported: true }],
       ['shell', { installed: false, supported: true }],
       ['devices', []],
-      ['connectedClients', 0],
       ['projectsRoot', this.about.home],
       ['files', { browseOutsideProjects: false }],
     ]);
@@ -185,6 +204,7 @@ export class ServiceState extends EventEmitter {
     const parts = new Map();
     parts.set('daemonVersion', this.about.daemonVersion);
     if (this.apiPort !== null) parts.set('apiPort', this.apiPort);
+    parts.set('connectedClients', this.connectedClients);
     for (const key of MIRRORED_KEYS) {
       if (key !== 'automations' && this.#snapshotParts.has(key)) parts.set(key, this.#snapshotParts.get(key));
     }
@@ -201,11 +221,46 @@ export class ServiceState extends EventEmitter {
     return this.#localParts.has('devices') ? this.#localParts.get('devices') : [];
   }
 
+  /** @return {*} One snapshot part as stored; undefined when it is absent. */
+  part(key) {
+    return this.#snapshotParts.get(key);
+  }
+
+  /** @return {*} One local-only part as stored (no overrides); undefined when absent. */
+  localPart(key) {
+    return this.#localParts.get(key);
+  }
+
+  /** @return {Object|undefined} The session object with this id. */
+  session(id) {
+    return this.#find('sessions', id);
+  }
+
+  /**
+   * @return {Array<Object>} The last decisions, oldest first:
+   *     {id, sessionId, decision, by, at} with `at` in epoch milliseconds
+   */
+  decisions() {
+    return [...this.#decisions];
+  }
+
+  /** @return {boolean} Whether an approval of this id was here once and has left. */
+  approvalLeft(id) {
+    return this.#goneApprovals.has(id);
+  }
+
   /** Records the port the API listener got, which the local status reports. */
   setApiPort(port) {
     if (this.apiPort === port) return;
     this.apiPort = port;
     this.#announce({ local: ['apiPort'] });
+  }
+
+  /** Records how many clients the feed has now, which the local status reports. */
+  setConnectedClients(count) {
+    if (this.connectedClients === count) return;
+    this.connectedClients = count;
+    this.#announce({ local: ['connectedClients'] });
   }
 
   /**
@@ -217,7 +272,10 @@ export class ServiceState extends EventEmitter {
   setSnapshotParts(parts) {
     const changed = [];
     for (const [key, value] of Object.entries(parts)) {
-      if (this.#put(this.#snapshotParts, key, value)) changed.push(key);
+      const before = key === 'approvals' ? this.#snapshotParts.get(key) : undefined;
+      if (!this.#put(this.#snapshotParts, key, value)) continue;
+      changed.push(key);
+      if (key === 'approvals') this.#noteGone(before, this.#snapshotParts.get(key));
     }
     this.#announce({ snapshot: changed });
   }
@@ -248,6 +306,22 @@ export class ServiceState extends EventEmitter {
     if (this.#putItem(this.#snapshotParts, 'sessions', session)) {
       this.#announce({ snapshot: ['sessions'], item: { kind: 'session', id: session.id, value: session } });
     }
+  }
+
+  /**
+   * Rewrites one session in place.
+   *
+   * @param {string} id
+   * @param {function(Object): Object} rewrite Gets the stored session, which
+   *     it must not change, and gives the new one (or the same to change nothing)
+   * @return {boolean} Whether a session had this id
+   */
+  patchSession(id, rewrite) {
+    const session = this.session(id);
+    if (session === undefined) return false;
+    const after = rewrite(session);
+    if (!same(session, after)) this.upsertSession(after);
+    return true;
   }
 
   /** @return {boolean} Whether a session had this id. */
@@ -281,10 +355,46 @@ export class ServiceState extends EventEmitter {
    */
   removeApproval(id) {
     if (!this.#takeItem(this.#snapshotParts, 'approvals', id)) return false;
+    this.#rememberGone(id);
     const changed = ['approvals'];
     if (this.#mapSessions((session) => withPending(session, id, false))) changed.push('sessions');
     this.#announce({ snapshot: changed, item: { kind: 'approval', id, value: null } });
     return true;
+  }
+
+  /**
+   * Answers one approval: it is taken out, its id leaves every session's
+   * pending list, and its session works again once nothing else waits on it
+   * (unless it has ended). The answer is kept among the last decisions.
+   *
+   * @param {string} id
+   * @param {Object} answer
+   * @param {string} answer.decision One of {@link DECISIONS}
+   * @param {string} answer.by Who answered, such as "mac" or "phone"
+   * @param {number} [answer.at=Date.now()] Epoch milliseconds
+   * @return {Object|null} The decision recorded, or null when no approval
+   *     has this id
+   */
+  resolveApproval(id, { decision, by, at = Date.now() }) {
+    const approval = this.#find('approvals', id);
+    if (approval === undefined) return null;
+    this.#takeItem(this.#snapshotParts, 'approvals', id);
+    this.#rememberGone(id);
+    const sessionId = approval.sessionId ?? null;
+    const changed = ['approvals'];
+    const resumed = this.#mapSessions((session) => {
+      const after = withPending(session, id, false);
+      const waiting = Array.isArray(after.pendingApprovalIds) && after.pendingApprovalIds.length > 0;
+      if (session.id !== sessionId || waiting || after.state === 'working' || after.state === 'ended') return after;
+      return { ...after, state: 'working' };
+    });
+    if (resumed) changed.push('sessions');
+
+    const record = { id, sessionId, decision, by, at };
+    this.#decisions.push(record);
+    if (this.#decisions.length > MAX_DECISIONS) this.#decisions.shift();
+    this.#announce({ snapshot: changed, item: { kind: 'approval', id, value: null, resolution: record } });
+    return { ...record };
   }
 
   /** @param {Object} device With a string `id` */
@@ -314,7 +424,33 @@ export class ServiceState extends EventEmitter {
     this.#snapshotParts = snapshot;
     this.#localParts = local;
     this.#overrides = new Map();
-    this.#announce(change);
+    this.#decisions = [];
+    this.#goneApprovals.clear();
+    this.#announce({ ...change, whole: true });
+  }
+
+  #find(part, id) {
+    const list = this.#snapshotParts.get(part);
+    if (!Array.isArray(list)) return undefined;
+    return list.find((element) => isObject(element) && element.id === id);
+  }
+
+  #rememberGone(id) {
+    // A Set iterates in insertion order, so the first entry is the oldest.
+    this.#goneApprovals.delete(id);
+    this.#goneApprovals.add(id);
+    if (this.#goneApprovals.size > MAX_GONE_APPROVALS) {
+      this.#goneApprovals.delete(this.#goneApprovals.values().next().value);
+    }
+  }
+
+  // Remembers the approvals a whole new list left out.
+  #noteGone(before, after) {
+    if (!Array.isArray(before)) return;
+    const kept = new Set(Array.isArray(after) ? after.filter(isObject).map((approval) => approval.id) : []);
+    for (const approval of before) {
+      if (isObject(approval) && typeof approval.id === 'string' && !kept.has(approval.id)) this.#rememberGone(approval.id);
+    }
   }
 
   // Sets or (for null) deletes one key; says whether anything changed.
@@ -358,10 +494,11 @@ export class ServiceState extends EventEmitter {
     return changed;
   }
 
-  #announce({ snapshot = [], local = [], item } = {}) {
+  #announce({ snapshot = [], local = [], item, whole = false } = {}) {
     if (snapshot.length === 0 && local.length === 0) return;
     const change = { snapshot, local };
     if (item) change.item = item;
+    if (whole) change.whole = true;
     this.emit('change', change);
   }
 }

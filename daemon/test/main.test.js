@@ -9,7 +9,7 @@ import path from 'node:path';
 import test from 'node:test';
 import { fileURLToPath } from 'node:url';
 
-import { request, scratchFolder } from './helpers.js';
+import { openFeed, request, scratchFolder } from './helpers.js';
 
 const daemonFolder = path.dirname(path.dirname(fileURLToPath(import.meta.url)));
 
@@ -85,16 +85,21 @@ for (const signal of ['SIGTERM', 'SIGINT']) {
     const idle = net.connect(localPort, '127.0.0.1');
     await new Promise((resolve) => idle.on('connect', resolve));
     t.after(() => idle.destroy());
+    // Nor must a feed client, which is told the service is going away.
+    const feed = await openFeed(t, apiPort, { token, client: 'mac' });
+    await feed.next('snapshot');
 
     const started = Date.now();
     child.kill(signal);
     assert.deepEqual(await exited, { code: 0, signal: null });
     assert.ok(Date.now() - started < 2000, 'it stopped within 2 seconds');
+    assert.equal(await feed.closed, 1001);
 
     assert.match(output.stdout, new RegExp(`listening on 127\\.0\\.0\\.1:${apiPort} \\(API\\) and 127\\.0\\.0\\.1:${localPort}`));
     const log = await fs.readFile(path.join(support, 'logs', 'daemon.log'), 'utf8');
     assert.ok(log.includes(output.stdout.trim()), 'the start line is in the log');
-    assert.match(log, new RegExp(`info Stopping \\(${signal}\\)\\.\\n.* info Stopped\\.\\n$`));
+    assert.match(log, /info Feed client “mac” connected; 1 connected\.\n/);
+    assert.match(log, new RegExp(`info Stopping \\(${signal}\\)\\.\\n(.*\\n)?.* info Stopped\\.\\n$`));
     assert.ok(!log.includes(token), 'the token is never logged');
   });
 }

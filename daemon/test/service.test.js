@@ -104,7 +104,7 @@ test('/qa puts state in, and the reads show it', async (t) => {
   assert.deepEqual(status.approvals, snapshot.approvals);
 
   const state = (await local('GET', '/qa/state')).json;
-  assert.deepEqual(state, { snapshot, local: status });
+  assert.deepEqual(state, { snapshot, local: status, feedClients: 0, decisions: [] });
 
   // Ids are one path segment, percent-encoded.
   assert.deepEqual((await local('DELETE', '/qa/devices/d%2F1')).json, { removed: 'd/1' });

@@ -1,7 +1,7 @@
 import assert from 'node:assert/strict';
 import test from 'node:test';
 
-import { DEFAULT_AWAKE, ServiceState } from '../src/state.js';
+import { DEFAULT_AWAKE, MAX_DECISIONS, ServiceState } from '../src/state.js';
 
 function makeState() {
   const state = new ServiceState({ hostname: 'studio', daemonVersion: '9.9.9', home: '/home/ada' });
@@ -176,5 +176,99 @@ test('reset brings back the defaults and says what changed', () => {
   changes.length = 0;
   state.reset();
   assert.deepEqual({ snapshot: state.snapshot(), local: state.localStatus() }, before);
-  assert.deepEqual(changes, [{ snapshot: ['extra', 'mac'], local: ['devices', 'lan', 'usage'] }]);
+  assert.deepEqual(changes, [{ snapshot: ['extra', 'mac'], local: ['devices', 'lan', 'usage'], whole: true }]);
+});
+
+test('an answered approval leaves, and its session works again once nothing else waits', () => {
+  const { state, changes } = makeState();
+  state.setSnapshotParts({
+    sessions: [
+      { id: 's1', state: 'needs_you' },
+      { id: 's2', state: 'needs_you' },
+      { id: 's3', state: 'ended' },
+    ],
+  });
+  for (const [id, sessionId] of [
+    ['ap1', 's1'],
+    ['ap2', 's1'],
+    ['ap3', 's2'],
+    ['ap4', 's3'],
+  ]) {
+    state.upsertApproval({ id, sessionId });
+  }
+  const record = state.resolveApproval('ap1', { decision: 'allow', by: 'mac', at: 5 });
+  assert.deepEqual(record, { id: 'ap1', sessionId: 's1', decision: 'allow', by: 'mac', at: 5 });
+  assert.deepEqual(changes.at(-1), {
+    snapshot: ['approvals', 'sessions'],
+    local: [],
+    item: { kind: 'approval', id: 'ap1', value: null, resolution: record },
+  });
+  state.resolveApproval('ap3', { decision: 'deny', by: 'phone', at: 6 });
+  state.resolveApproval('ap4', { decision: 'deny', by: 'mac', at: 7 });
+  assert.deepEqual(
+    state.snapshot().sessions.map((session) => [session.state, session.pendingApprovalIds]),
+    [
+      ['needs_you', ['ap2']],
+      ['working', []],
+      ['ended', []],
+    ],
+    'another approval keeps s1 waiting; an ended session stays ended',
+  );
+  assert.equal(state.resolveApproval('ap1', { decision: 'allow', by: 'mac' }), null);
+  assert.deepEqual(
+    state.decisions().map((decision) => decision.id),
+    ['ap1', 'ap3', 'ap4'],
+  );
+});
+
+test('approvals that left are remembered, however they left, until a reset', () => {
+  const { state } = makeState();
+  state.upsertApproval({ id: 'answered' });
+  state.upsertApproval({ id: 'withdrawn' });
+  state.upsertApproval({ id: 'replaced' });
+  state.resolveApproval('answered', { decision: 'deny', by: 'mac' });
+  state.removeApproval('withdrawn');
+  state.setSnapshotParts({ approvals: [{ id: 'new' }] });
+  for (const id of ['answered', 'withdrawn', 'replaced']) assert.equal(state.approvalLeft(id), true, id);
+  assert.equal(state.approvalLeft('new'), false);
+  assert.equal(state.approvalLeft('never'), false);
+  state.reset();
+  assert.equal(state.approvalLeft('answered'), false);
+  assert.deepEqual(state.decisions(), []);
+});
+
+test('only the last decisions are kept', () => {
+  const { state } = makeState();
+  for (let i = 0; i <= MAX_DECISIONS; i++) {
+    state.upsertApproval({ id: `ap${i}` });
+    state.resolveApproval(`ap${i}`, { decision: 'allow', by: 'mac' });
+  }
+  const decisions = state.decisions();
+  assert.equal(decisions.length, MAX_DECISIONS);
+  assert.equal(decisions[0].id, 'ap1');
+  assert.equal(decisions.at(-1).id, `ap${MAX_DECISIONS}`);
+});
+
+test('a session is rewritten in place; an unknown one is reported', () => {
+  const { state, changes } = makeState();
+  state.setSnapshotParts({ sessions: [{ id: 's1', state: 'idle' }, { id: 's2' }] });
+  changes.length = 0;
+  assert.equal(state.patchSession('s1', (session) => ({ ...session, state: 'working' })), true);
+  assert.equal(state.patchSession('s1', (session) => session), true);
+  assert.equal(state.patchSession('nope', () => assert.fail('not called')), false);
+  assert.deepEqual(state.snapshot().sessions, [{ id: 's1', state: 'working' }, { id: 's2' }]);
+  assert.equal(changes.length, 1, 'a rewrite to the same value is no change');
+});
+
+test('the feed’s client count is the service’s own, overridable like the port', () => {
+  const { state, changes } = makeState();
+  assert.equal(state.localStatus().connectedClients, 0);
+  state.setConnectedClients(2);
+  state.setConnectedClients(2);
+  assert.deepEqual(changes, [{ snapshot: [], local: ['connectedClients'] }]);
+  state.setLocalParts({ connectedClients: 7 });
+  state.setConnectedClients(3);
+  assert.equal(state.localStatus().connectedClients, 7);
+  state.setLocalParts({ connectedClients: null });
+  assert.equal(state.localStatus().connectedClients, 3);
 });

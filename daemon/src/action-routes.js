@@ -1,0 +1,128 @@
+// The calls the app makes when the user acts: answer an approval, open,
+// continue or arm a session, sign in, refresh the usage and Codex readings.
+// Each changes the state, and the feed tells every client.
+
+import { randomBytes } from 'node:crypto';
+
+import { HttpError, invalid, notFound } from './http-reply.js';
+import { readJsonObject } from './request-body.js';
+import { DECISIONS } from './state.js';
+
+const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
+const objectOr = (value, fallback) => (isObject(value) ? value : fallback);
+
+/**
+ * Only the Mac app holds the admin token, so an answer that comes this way
+ * is the Mac's, whichever feed client the app named itself.
+ */
+export const LOCAL_DECIDER = 'mac';
+
+// The sign-in page's address; its `state` ties the code to this sign-in.
+const signInUrl = () =>
+  `https://claude.ai/oauth/authorize?response_type=code&state=${randomBytes(16).toString('hex')}`;
+
+function requireBoolean(body, field) {
+  if (typeof body[field] !== 'boolean') throw invalid(field, `“${field}” must be true or false.`);
+  return body[field];
+}
+
+function requireText(body, field, message) {
+  if (typeof body[field] !== 'string' || body[field].trim() === '') throw invalid(field, message);
+  return body[field];
+}
+
+/**
+ * Adds the action routes to the local port's table.
+ *
+ * @param {Router} router
+ * @param {Object} parts
+ * @param {ServiceState} parts.state
+ */
+export function addActionRoutes(router, { state }) {
+  const requireSession = (id) => {
+    if (state.session(id) === undefined) throw notFound('session', id);
+  };
+
+  router
+    .add('POST', '/v1/approvals/:id/decision', async ({ req, params }) => {
+      const { decision } = await readJsonObject(req);
+      if (!DECISIONS.includes(decision)) {
+        throw invalid('decision', 'The decision must be “allow”, “deny”, “session” or “always”.');
+      }
+      if (state.resolveApproval(params.id, { decision, by: LOCAL_DECIDER }) !== null) return { ok: true };
+      // Answered already (on the phone, say) or withdrawn: the user's wish was
+      // overtaken, which the app takes as done. An id never seen is an error.
+      if (state.approvalLeft(params.id)) {
+        throw new HttpError(409, 'already_resolved', 'That approval was already answered, or it’s no longer waiting.');
+      }
+      throw notFound('approval', params.id);
+    })
+    .add('POST', '/v1/sessions/:id/open', async ({ req, params }) => {
+      await readJsonObject(req);
+      requireSession(params.id);
+      // Bringing a terminal forward is the agent integration's work; until it
+      // comes, the answer names the app that would show the session.
+      return { app: 'Terminal', already: false };
+    })
+    .add('POST', '/v1/sessions/:id/continue', async ({ req, params }) => {
+      await readJsonObject(req);
+      requireSession(params.id);
+      state.patchSession(params.id, (session) => ({ ...session, state: 'working' }));
+      return { ok: true };
+    })
+    .add('POST', '/v1/sessions/:id/auto-continue', async ({ req, params }) => {
+      const on = requireBoolean(await readJsonObject(req), 'on');
+      requireSession(params.id);
+      // Only a session held by a block has anything to carry on from.
+      state.patchSession(params.id, (session) =>
+        isObject(session.blocked)
+          ? {
+              ...session,
+              blocked: {
+                ...session.blocked,
+                resume: { ...objectOr(session.blocked.resume, {}), state: on ? 'armed' : 'off' },
+              },
+            }
+          : session,
+      );
+      return { ok: true };
+    })
+    .add('POST', '/v1/account/login', async ({ req }) => {
+      const where = requireText(await readJsonObject(req), 'where', 'Say where the sign-in happens, such as “mac”.');
+      // A stand-in for the real sign-in, which comes with the agent
+      // integration: it only puts a sign-in waiting for its code on the
+      // account, with a page address of the real form.
+      const account = {
+        ...objectOr(state.part('account'), { state: 'unknown' }),
+        login: { state: 'waiting_code', where, url: signInUrl() },
+      };
+      state.setSnapshotParts({ account });
+      return { account };
+    })
+    .add('POST', '/v1/account/login/code', async ({ req }) => {
+      requireText(await readJsonObject(req), 'code', 'The code must be the text the sign-in page showed.');
+      const account = state.part('account');
+      if (!isObject(account) || account.login?.state !== 'waiting_code') {
+        throw new HttpError(409, 'no_sign_in', 'No sign-in is waiting for a code; start one first.');
+      }
+      // The stand-in takes any code. The old state's reason and sentence go
+      // with it.
+      const { login, reason, text, ...rest } = account;
+      state.setSnapshotParts({ account: { ...rest, state: 'ok' } });
+      return { ok: true };
+    })
+    .add('POST', '/v1/usage/refresh', async ({ req }) => {
+      await readJsonObject(req);
+      // Until the usage is probed for real, a refresh says that the reading
+      // held was looked at now.
+      const usage = { ...objectOr(state.part('usage'), { source: 'none' }), observedAt: Date.now() };
+      state.setSnapshotParts({ usage });
+      return { usage };
+    })
+    .add('POST', '/v1/codex/refresh', async ({ req }) => {
+      await readJsonObject(req);
+      // Looking at Codex again comes with the agent integration; until then
+      // the reading held is the answer.
+      return { codex: state.part('codex') ?? null };
+    });
+}

@@ -1,0 +1,205 @@
+// The calls the app makes when the user acts, against a running service,
+// with the feed listening.
+
+import assert from 'node:assert/strict';
+import test from 'node:test';
+
+import { eventually, sleep, startScratchService } from './helpers.js';
+
+const SETTLE_MS = 400;
+
+async function withSession(t, session = { id: 's1', state: 'needs_you' }) {
+  const started = await startScratchService(t);
+  await started.local('POST', '/qa/sessions', { body: session });
+  return started;
+}
+
+test('an answer takes the approval away once; a second answer is told it came too late', async (t) => {
+  const { local, feed } = await withSession(t);
+  await local('POST', '/qa/approvals', { body: { id: 'ap1', sessionId: 's1', kind: 'tool' } });
+  const client = await feed();
+  await client.next('snapshot');
+
+  const first = await local('POST', '/v1/approvals/ap1/decision', { body: { decision: 'allow' } });
+  assert.equal(first.status, 200);
+  assert.deepEqual(first.json, { ok: true });
+  const resolved = await client.next('approval.resolved');
+  assert.deepEqual(resolved, { t: 'approval.resolved', id: 'ap1', sessionId: 's1', decision: 'allow', by: 'mac' });
+
+  const again = await local('POST', '/v1/approvals/ap1/decision', { body: { decision: 'deny' } });
+  assert.equal(again.status, 409);
+  assert.equal(again.json.error.code, 'already_resolved');
+  assert.match(again.json.error.message, /^[A-Z].*\.$/);
+
+  const snapshot = (await local('GET', '/v1/snapshot')).json;
+  assert.deepEqual(snapshot.approvals, []);
+  assert.deepEqual(snapshot.sessions, [{ id: 's1', state: 'working', pendingApprovalIds: [] }]);
+  await client.next('session');
+
+  await sleep(SETTLE_MS);
+  assert.equal(client.ofType('approval.resolved').length, 1, 'resolved exactly once');
+  const { decisions } = (await local('GET', '/qa/state')).json;
+  assert.equal(decisions.length, 1);
+  assert.deepEqual({ ...decisions[0], at: typeof decisions[0].at }, {
+    id: 'ap1',
+    sessionId: 's1',
+    decision: 'allow',
+    by: 'mac',
+    at: 'number',
+  });
+});
+
+test('an answer leaves the session waiting while another approval is open on it', async (t) => {
+  const { local } = await withSession(t);
+  await local('POST', '/qa/approvals', { body: { id: 'ap1', sessionId: 's1' } });
+  await local('POST', '/qa/approvals', { body: { id: 'ap2', sessionId: 's1' } });
+  await local('POST', '/v1/approvals/ap1/decision', { body: { decision: 'session' } });
+  let [session] = (await local('GET', '/v1/snapshot')).json.sessions;
+  assert.deepEqual(session, { id: 's1', state: 'needs_you', pendingApprovalIds: ['ap2'] });
+  await local('POST', '/v1/approvals/ap2/decision', { body: { decision: 'always' } });
+  [session] = (await local('GET', '/v1/snapshot')).json.sessions;
+  assert.equal(session.state, 'working');
+});
+
+test('the decision must be one of the four words', async (t) => {
+  const { local } = await withSession(t);
+  const rows = [
+    ['allow', 200],
+    ['deny', 200],
+    ['session', 200],
+    ['always', 200],
+    ['Allow', 400],
+    ['yes', 400],
+    ['', 400],
+    [true, 400],
+    [undefined, 400],
+  ];
+  for (const [index, [decision, status]] of rows.entries()) {
+    const id = `ap${index}`;
+    await local('POST', '/qa/approvals', { body: { id, sessionId: 's1' } });
+    const reply = await local('POST', `/v1/approvals/${id}/decision`, { body: { decision } });
+    assert.equal(reply.status, status, String(decision));
+    if (status === 400) assert.equal(reply.json.error.field, 'decision', String(decision));
+  }
+  const { decisions } = (await local('GET', '/qa/state')).json;
+  assert.deepEqual(
+    decisions.map((entry) => entry.decision),
+    ['allow', 'deny', 'session', 'always'],
+  );
+});
+
+test('ids are single path segments, decoded one by one, never resolved as dots', async (t) => {
+  const { local } = await withSession(t, { id: 's/1', state: 'idle' });
+  await local('POST', '/qa/approvals', { body: { id: '..', sessionId: 's/1' } });
+  const rows = [
+    ['an id with a slash, encoded', 'POST', '/v1/sessions/s%2F1/continue', 200],
+    ['an id made of dots is only an id', 'POST', '/v1/approvals/../decision', 200],
+    ['encoded dots name nothing', 'POST', '/v1/sessions/%2E%2E/open', 404],
+    ['plain dots name nothing', 'POST', '/v1/sessions/../continue', 404],
+    ['one dot names nothing', 'POST', '/v1/sessions/./open', 404],
+    ['an approval never seen', 'POST', '/v1/approvals/nobody/decision', 404],
+    ['a device never paired', 'DELETE', '/local/devices/..', 404],
+    ['dots can’t climb to another route', 'POST', '/v1/sessions/s1/../../snapshot', 404],
+  ];
+  for (const [name, method, target, status] of rows) {
+    const reply = await local(method, target, { body: { decision: 'deny' } });
+    assert.equal(reply.status, status, name);
+  }
+  const snapshot = (await local('GET', '/v1/snapshot')).json;
+  assert.equal(snapshot.sessions[0].state, 'working', 's/1 was continued');
+  assert.deepEqual(snapshot.approvals, [], '“..” was answered');
+  assert.equal(
+    (await local('POST', '/v1/sessions/%2E%2E/open')).json.error.message,
+    'No session has the id “..”.',
+  );
+});
+
+test('open, continue and auto-continue act on the session named', async (t) => {
+  const blocked = { kind: 'limit', text: 'You’ve hit your session limit', resume: { state: 'off', canArm: true } };
+  const { local, feed } = await withSession(t, { id: 's1', state: 'idle', blocked });
+  await local('POST', '/qa/sessions', { body: { id: 's2', state: 'idle' } });
+  const client = await feed();
+  const session = async (id) => (await local('GET', '/v1/snapshot')).json.sessions.find((s) => s.id === id);
+
+  const opened = await local('POST', '/v1/sessions/s1/open');
+  assert.deepEqual(opened.json, { app: 'Terminal', already: false });
+
+  assert.deepEqual((await local('POST', '/v1/sessions/s1/auto-continue', { body: { on: true } })).json, { ok: true });
+  assert.deepEqual((await session('s1')).blocked, { ...blocked, resume: { state: 'armed', canArm: true } });
+  assert.equal((await client.next('session')).session.blocked.resume.state, 'armed');
+  await local('POST', '/v1/sessions/s1/auto-continue', { body: { on: false } });
+  assert.equal((await session('s1')).blocked.resume.state, 'off');
+
+  // Without a block there is nothing to arm, and nothing changes.
+  assert.equal((await local('POST', '/v1/sessions/s2/auto-continue', { body: { on: true } })).status, 200);
+  assert.deepEqual(await session('s2'), { id: 's2', state: 'idle' });
+
+  assert.deepEqual((await local('POST', '/v1/sessions/s2/continue')).json, { ok: true });
+  assert.equal((await session('s2')).state, 'working');
+  await eventually(() => client.ofType('session').some((m) => m.session.id === 's2' && m.session.state === 'working'), 's2 working on the feed');
+
+  const rows = [
+    ['open an unknown session', '/v1/sessions/nope/open', {}, 404, undefined],
+    ['continue an unknown session', '/v1/sessions/nope/continue', {}, 404, undefined],
+    ['arm an unknown session', '/v1/sessions/nope/auto-continue', { on: true }, 404, undefined],
+    ['arm with a word', '/v1/sessions/s1/auto-continue', { on: 'true' }, 400, 'on'],
+    ['arm with nothing', '/v1/sessions/s1/auto-continue', {}, 400, 'on'],
+    ['a body that isn’t an object', '/v1/sessions/s1/open', '[1]', 400, undefined],
+  ];
+  for (const [name, target, body, status, field] of rows) {
+    const reply = await local('POST', target, { body });
+    assert.equal(reply.status, status, name);
+    assert.equal(reply.json.error.field, field, name);
+  }
+});
+
+test('signing in waits for a code, and the code finishes it', async (t) => {
+  const { local, feed } = await startScratchService(t);
+  await local('POST', '/qa/snapshot', { body: { account: { state: 'logged_out', reason: 'not_logged_in', plan: 'Max' } } });
+  const client = await feed();
+
+  const early = await local('POST', '/v1/account/login/code', { body: { code: 'abc' } });
+  assert.equal(early.status, 409);
+  assert.equal(early.json.error.code, 'no_sign_in');
+
+  const started = await local('POST', '/v1/account/login', { body: { where: 'mac' } });
+  assert.equal(started.status, 200);
+  const { login } = started.json.account;
+  assert.equal(login.state, 'waiting_code');
+  assert.equal(login.where, 'mac');
+  assert.match(login.url, /^https:\/\/claude\.ai\/oauth\/authorize\?/);
+  assert.deepEqual((await client.next('account')).account, started.json.account);
+
+  for (const [name, body] of [
+    ['no code', {}],
+    ['an empty code', { code: '  ' }],
+    ['a number', { code: 123456 }],
+  ]) {
+    assert.equal((await local('POST', '/v1/account/login/code', { body })).json.error.field, 'code', name);
+  }
+  assert.equal((await local('POST', '/v1/account/login', { body: {} })).json.error.field, 'where');
+
+  assert.deepEqual((await local('POST', '/v1/account/login/code', { body: { code: 'abc#123' } })).json, { ok: true });
+  const account = (await local('GET', '/v1/snapshot')).json.account;
+  assert.deepEqual(account, { state: 'ok', plan: 'Max' });
+  await eventually(() => client.ofType('account').at(-1)?.account.state === 'ok', 'the account on the feed');
+});
+
+test('refreshing usage stamps the reading; refreshing Codex gives it back', async (t) => {
+  const { local, feed } = await startScratchService(t);
+  const usage = { fiveHour: { pct: 42, resetsAt: 1760007200000 }, source: 'official', observedAt: 1 };
+  const codex = { available: true, enabled: true, connected: false, version: '0.50.0' };
+  await local('POST', '/qa/snapshot', { body: { usage } });
+  await local('POST', '/qa/snapshot', { body: { codex } });
+  const client = await feed();
+
+  const before = Date.now();
+  const refreshed = await local('POST', '/v1/usage/refresh');
+  assert.equal(refreshed.status, 200);
+  const { observedAt, ...rest } = refreshed.json.usage;
+  assert.deepEqual(rest, { fiveHour: usage.fiveHour, source: 'official' });
+  assert.ok(observedAt >= before && observedAt <= Date.now(), 'observed now');
+  assert.deepEqual((await client.next('usage')).usage, refreshed.json.usage);
+
+  assert.deepEqual((await local('POST', '/v1/codex/refresh')).json, { codex });
+});
