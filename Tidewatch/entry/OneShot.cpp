@@ -1,6 +1,7 @@
 #include "entry/OneShot.h"
 
 #include "awake/BackpackSetup.h"
+#include "entry/FeedSelfTest.h"
 #include "entry/StreamSelfTest.h"
 #include "platform/Platform.h"
 #include "setup/NodeInstaller.h"
@@ -98,7 +99,7 @@ int runOneShot(const CommandLine& line)
     case Work::Snapshots:
         return notInThisBuild("--snapshots");
     case Work::FeedSelfTest:
-        return notInThisBuild("--feed-selftest");
+        return runFeedSelfTest(line.seconds, line.signIn, line.open);
     case Work::LensGuideSelfTest:
         return notInThisBuild("--lens-guide-selftest");
     case Work::RenderLensGuide:

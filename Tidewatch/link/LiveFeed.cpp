@@ -111,6 +111,7 @@ private:
         switch (frame.kind) {
         case Feed::Frame::Kind::Ping:
             m_socket->sendTextMessage(QString::fromLatin1(Feed::pong.data(), Feed::pong.size()));
+            m_feed->postPong(m_epoch);
             break;
         case Feed::Frame::Kind::Window:
             m_feed->postRaw(m_epoch, true, bytes);
@@ -275,6 +276,17 @@ void LiveFeed::postRaw(qint64 epoch, bool window, QByteArray text)
             const auto& sink = window ? m_windowSink : m_speechSink;
             if (sink)
                 sink(text);
+        },
+        Qt::QueuedConnection);
+}
+
+void LiveFeed::postPong(qint64 epoch)
+{
+    QMetaObject::invokeMethod(
+        this,
+        [this, epoch] {
+            if (isCurrent(epoch) && m_pongSink)
+                m_pongSink();
         },
         Qt::QueuedConnection);
 }

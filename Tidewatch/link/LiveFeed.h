@@ -52,6 +52,8 @@ public:
     void setWindowSink(std::function<void(const QByteArray&)> sink) { m_windowSink = std::move(sink); }
     /// Speaking state frames, as their raw text.
     void setSpeechSink(std::function<void(const QByteArray&)> sink) { m_speechSink = std::move(sink); }
+    /// Told after each ping was answered; for the feed's self-check.
+    void setPongSink(std::function<void()> sink) { m_pongSink = std::move(sink); }
 
     /// Starts a new connection, ending the one before: the single way to
     /// force a reconnect. May be called at any time.
@@ -77,6 +79,7 @@ private:
     void ended(qint64 epoch);
     void post(qint64 epoch, Event event);
     void postRaw(qint64 epoch, bool window, QByteArray text);
+    void postPong(qint64 epoch);
     bool isCurrent(qint64 epoch) const;
 
     Environment m_environment;
@@ -92,4 +95,5 @@ private:
     std::function<void(const Event&)> m_sink;
     std::function<void(const QByteArray&)> m_windowSink;
     std::function<void(const QByteArray&)> m_speechSink;
+    std::function<void()> m_pongSink;
 };

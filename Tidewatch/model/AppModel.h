@@ -1,0 +1,283 @@
+#pragma once
+
+#include "entry/Clock.h"
+#include "entry/Environment.h"
+#include "link/DaemonClient.h"
+#include "link/Device.h"
+#include "link/GuideState.h"
+#include "link/Health.h"
+#include "link/LiveFeed.h"
+#include "link/LocalStatus.h"
+#include "link/Snapshot.h"
+#include "link/SttState.h"
+#include "model/Attention.h"
+#include "model/Note.h"
+#include "model/ReadPace.h"
+
+#include <QDateTime>
+#include <QJsonObject>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class QTimer;
+
+/// The one object that knows what the app believes; every surface is a
+/// function of it. Two sources feed it: a read loop that asks the service and
+/// the live feed that tells. The feed keeps it current, the loop keeps it
+/// honest, and either may fail. Main thread only.
+///
+/// Every observable write compares before it sets, so a read that finds
+/// nothing new emits nothing.
+class AppModel : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(bool firstPollDone READ firstPollDone NOTIFY firstPollDoneChanged)
+    Q_PROPERTY(bool serviceInstalled READ serviceInstalled NOTIFY serviceInstalledChanged)
+    Q_PROPERTY(bool feedLive READ feedLive NOTIFY feedLiveChanged)
+    Q_PROPERTY(bool signingIn READ signingIn NOTIFY signingInChanged)
+    Q_PROPERTY(QString lastError READ lastErrorText NOTIFY lastErrorChanged)
+    Q_PROPERTY(QString noteText READ noteText NOTIFY noteChanged)
+    Q_PROPERTY(QString serviceNodeGone READ serviceNodeGoneText NOTIFY serviceNodeGoneChanged)
+
+public:
+    /// The last local look for Claude Code's binary.
+    struct ClaudeLook {
+        bool found = false;
+        QDateTime at;
+        bool operator==(const ClaudeLook&) const = default;
+    };
+
+    /// A sample instance shows what it is given: it does no reads, no
+    /// actions, and ignores the feed.
+    AppModel(Environment environment, const Clock& clock, LiveFeed::Timing feedTiming = {}, bool sample = false,
+        QObject* parent = nullptr);
+    ~AppModel() override;
+
+    /// Starts the feed and the read loop, whose first read comes at once.
+    /// Calling it again does nothing more.
+    void start();
+    /// The popover opened or closed: opening reads at once (status included)
+    /// and may ask for fresh usage; either way the new pace holds from now.
+    void setPopoverVisible(bool visible);
+    bool popoverVisible() const { return m_popoverVisible; }
+
+    /// One read of health, snapshot and (when asked, or none is held) the
+    /// local status. Runs beside the loop's; readFinished() tells its end.
+    void read(bool withStatus);
+    /// A feed message on an incomplete picture asks for a read, at most every 2 seconds.
+    void nudge();
+    /// The one road of a failed action: a sentence shown for 6 seconds, unless a later one replaces it.
+    void showNote(const QString& text);
+    /// What the feed delivers; model tests deliver their own.
+    void take(const LiveFeed::Event& event);
+
+    const std::optional<Health>& health() const { return m_health; }
+    const std::optional<LocalStatus>& status() const { return m_status; }
+    const std::optional<Snapshot>& snapshot() const { return m_snapshot; }
+    /// The sentence of the last failed snapshot read.
+    const std::optional<QString>& lastError() const { return m_lastError; }
+    QString lastErrorText() const { return m_lastError.value_or(QString()); }
+    bool serviceInstalled() const { return m_serviceInstalled; }
+    /// Set by the first finished read, whatever it found.
+    bool firstPollDone() const { return m_firstPollDone; }
+    bool feedLive() const { return m_feedLive; }
+    /// The service answers its health probe, or else the feed lives.
+    bool serviceUp() const { return m_health.has_value() || m_feedLive; }
+    bool signingIn() const { return m_signingIn; }
+    const Attention::AnsweredMap& answered() const { return m_answered; }
+    const std::optional<Note>& note() const { return m_note; }
+    QString noteText() const { return m_note ? m_note->text : QString(); }
+    /// None until the devices were read.
+    const std::optional<QList<Device>>& deviceList() const { return m_deviceList; }
+    /// The Node.js the installed service ran on, when it is gone.
+    const std::optional<QString>& serviceNodeGone() const { return m_serviceNodeGone; }
+    QString serviceNodeGoneText() const { return m_serviceNodeGone.value_or(QString()); }
+    const std::optional<ClaudeLook>& claudeLook() const { return m_claudeLook; }
+    /// The status read last counted this app's own feed among its connected clients.
+    bool statusCountsFeed() const { return m_statusCountsFeed; }
+    /// Feed messages taken so far, but for `devices`.
+    qint64 feedGeneration() const { return m_feedGeneration; }
+    /// Reads under way, the loop's and the actions' together.
+    int reading() const { return m_reading; }
+    /// Since when reads fail while the feed is still believed.
+    const std::optional<QDateTime>& failingSince() const { return m_failingSince; }
+    bool isSample() const { return m_sample; }
+
+    // The user's actions. Each does nothing in a sample; a failure shows
+    // its fixed opening and the service's sentence as a note.
+
+    /// Brings the session's terminal window forward; nothing is read after.
+    void openTerminal(const QString& sessionId);
+    void continueSession(const QString& sessionId);
+    /// Arms the session to carry on by itself after its limit, or cancels that.
+    void setAutoContinue(const QString& sessionId, bool on);
+    /// `name` is the provider's, for the sentence.
+    void checkProvider(const QString& providerId, const QString& name);
+    /// Starts Claude Code's sign-in; `where` is "mac" or "phone".
+    void signIn(const QString& where = QStringLiteral("mac"));
+    /// `name` is the device's, for the sentence. The device list is read again after.
+    void forgetDevice(const QString& deviceId, const QString& name);
+    /// Reads the paired devices into deviceList(); a failure passes in silence.
+    void readDevices();
+    /// Asks the service to read usage afresh; a failure passes in silence.
+    void refreshUsage();
+    void setCodexEnabled(bool on);
+    /// Asks the service to look at Codex afresh; a failure passes in silence.
+    void refreshCodex();
+    void setBuiltInTailscale(bool on);
+    void setBrowseOutsideProjects(bool on);
+    /// Signs the built-in Tailscale node out.
+    void signOutTailscale();
+
+    /// Replaces the local look for Claude Code's binary (it runs off the main
+    /// thread); tests and tools that must not look at this machine set their own.
+    void setClaudeLook(std::function<bool()> look) { m_lookForClaude = std::move(look); }
+
+Q_SIGNALS:
+    void healthChanged();
+    void statusChanged();
+    void snapshotChanged();
+    void lastErrorChanged();
+    void serviceInstalledChanged();
+    void firstPollDoneChanged();
+    void feedLiveChanged();
+    void signingInChanged();
+    void answeredChanged();
+    void noteChanged();
+    void deviceListChanged();
+    void serviceNodeGoneChanged();
+    void claudeLookChanged();
+    /// A read has ended, whatever it found.
+    void readFinished();
+    /// The glasses' guide, for the lens guide model.
+    void guideReceived(const GuideState& guide);
+    /// The guide is to be opened, and why ("phone" when unsaid).
+    void guideShowRequested(const GuideState& guide, const QString& reason);
+    /// Speech-to-text's state, for the voice model.
+    void sttReceived(const SttState& stt);
+
+private:
+    /// One call of an action.
+    struct Call {
+        DaemonClient::Method method = DaemonClient::Method::Post;
+        QString path;
+        std::optional<QJsonObject> body;
+        double timeout = 10;
+    };
+
+    /// Every action's road: the call, and on success `onSuccess`; on failure
+    /// the note made of `opening` and the error's sentence, or silence when
+    /// there is no opening. Nothing in a sample.
+    template <class T> void run(const Call& call, std::optional<QString> opening, std::function<void(T)> onSuccess);
+    /// The same with a failure handler of the caller's own.
+    template <class T>
+    void runWith(const Call& call, std::function<void(T)> onSuccess, std::function<void(const DaemonError&)> onFailure);
+
+    /// The one compare-then-set: a value equal to the held one emits nothing.
+    template <class T, class U> bool assign(T& field, U&& value, void (AppModel::*changed)());
+
+    ReadPace pace() const;
+    std::optional<QDateTime> feedHeardAt() const;
+    void turn();
+    void cancelNap();
+    void readThen(bool withStatus, std::function<void()> done);
+    void afterHealth(bool withStatus, std::optional<Health> health, std::function<void()> done);
+    void readStatusPart(bool withStatus, std::function<void()> done);
+    /// The read's last steps after the service was asked for everything.
+    void finishRead(bool serviceAnswered, std::function<void()> done);
+    /// Every read's end, also one cut short.
+    void endRead(std::function<void()> done);
+    void lookForClaudeIfDue();
+    void checkServiceNode(bool serviceAnswered);
+    void startFeed();
+    void setFeedLive(bool live);
+    void setSnapshotPart(const std::function<bool(Snapshot&)>& change);
+    void pruneAnswered();
+    void noteSignInProgress();
+    template <class Result> void offMainThread(std::function<Result()> work, std::function<void(Result)> then);
+
+    Environment m_environment;
+    const Clock& m_clock;
+    LiveFeed::Timing m_feedTiming;
+    const bool m_sample;
+    std::unique_ptr<DaemonClient> m_client;
+    std::unique_ptr<LiveFeed> m_feed;
+    QTimer* m_nap;
+    std::function<bool()> m_lookForClaude;
+
+    // Observable.
+    std::optional<Health> m_health;
+    std::optional<LocalStatus> m_status;
+    std::optional<Snapshot> m_snapshot;
+    std::optional<QString> m_lastError;
+    bool m_serviceInstalled = false;
+    bool m_firstPollDone = false;
+    bool m_feedLive = false;
+    bool m_signingIn = false;
+    Attention::AnsweredMap m_answered;
+    std::optional<Note> m_note;
+    std::optional<QList<Device>> m_deviceList;
+    std::optional<QString> m_serviceNodeGone;
+    std::optional<ClaudeLook> m_claudeLook;
+
+    // The loop's own.
+    bool m_loopRunning = false;
+    bool m_loopReading = false;
+    bool m_readNow = false;
+    bool m_statusNow = false;
+    QDateTime m_lastRead = QDateTime::fromMSecsSinceEpoch(0, Qt::UTC);
+    QDateTime m_lastStatus = QDateTime::fromMSecsSinceEpoch(0, Qt::UTC);
+    std::optional<QDateTime> m_failingSince;
+    int m_reading = 0;
+    QDateTime m_lastNudge = QDateTime::fromMSecsSinceEpoch(0, Qt::UTC);
+    bool m_feedStarted = false;
+    qint64 m_feedGeneration = 0;
+    bool m_statusCountsFeed = false;
+    bool m_popoverVisible = false;
+    bool m_claudeLooking = false;
+    QDateTime m_lastUsageAsk = QDateTime::fromMSecsSinceEpoch(0, Qt::UTC);
+    /// The account's state when the sign-in began; a move away from it ends `signingIn`.
+    std::optional<QString> m_signInFrom;
+};
+
+template <class T, class U> bool AppModel::assign(T& field, U&& value, void (AppModel::*changed)())
+{
+    if (field == value)
+        return false;
+    field = std::forward<U>(value);
+    Q_EMIT(this->*changed)();
+    return true;
+}
+
+template <class T>
+void AppModel::runWith(
+    const Call& call, std::function<void(T)> onSuccess, std::function<void(const DaemonError&)> onFailure)
+{
+    if (m_sample)
+        return;
+    // The client is the model's own and goes first when the model goes, so no
+    // answer can reach a model that is gone.
+    m_client->call<T>(call.method, call.path, call.body, call.timeout,
+        [onSuccess = std::move(onSuccess), onFailure = std::move(onFailure)](DaemonResult<T> result) {
+            if (!result.ok()) {
+                if (onFailure)
+                    onFailure(result.error());
+                return;
+            }
+            if (onSuccess)
+                onSuccess(std::move(result.value()));
+        });
+}
+
+template <class T>
+void AppModel::run(const Call& call, std::optional<QString> opening, std::function<void(T)> onSuccess)
+{
+    runWith<T>(call, std::move(onSuccess), [this, opening = std::move(opening)](const DaemonError& error) {
+        if (opening)
+            showNote(*opening + error.errorDescription());
+    });
+}

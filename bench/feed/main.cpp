@@ -1,0 +1,245 @@
+// How much the feed path carries, from the socket to the patched model: a
+// local WebSocket server on its own thread plays the service, sends a snapshot
+// of 500 sessions, then a stream of `session` messages, each the whole session
+// as the service sends it. Prints the frames per second the path sustains
+// (server sending flat out, model patching each), and the time from a frame
+// leaving the server to the model holding it, one frame at a time.
+
+#include "entry/Clock.h"
+#include "entry/Environment.h"
+#include "link/LiveFeed.h"
+#include "model/AppModel.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QHostAddress>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QTimer>
+#include <QWebSocket>
+#include <QWebSocketServer>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <vector>
+
+namespace {
+
+constexpr int kSessions = 500;
+constexpr int kBurst = 20000;
+constexpr int kRounds = 3;
+constexpr int kLatencySamples = 2000;
+
+qint64 steadyNanos()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+QJsonObject session(int index, int version, const QString& lastText)
+{
+    const QString project = QStringLiteral("project-%1").arg(index % 37);
+    return QJsonObject{
+        {QStringLiteral("id"), QStringLiteral("s%1").arg(index)},
+        {QStringLiteral("title"), QStringLiteral("Fix the flaky upload test %1").arg(index)},
+        {QStringLiteral("cwd"), QStringLiteral("/Users/someone/Projects/") + project},
+        {QStringLiteral("projectName"), project},
+        {QStringLiteral("origin"), QStringLiteral("terminal")},
+        {QStringLiteral("state"), version % 2 ? QStringLiteral("working") : QStringLiteral("idle")},
+        {QStringLiteral("model"), QStringLiteral("opus")},
+        {QStringLiteral("createdAt"), 1760000000000.0 + index},
+        {QStringLiteral("lastActivityAt"), 1760000000000.0 + index + version},
+        {QStringLiteral("activity"), QStringLiteral("Running the tests")},
+        {QStringLiteral("lastText"), lastText},
+        {QStringLiteral("queued"), 0},
+        {QStringLiteral("pendingApprovalIds"), QJsonArray{}},
+        {QStringLiteral("term"),
+            QJsonObject{{QStringLiteral("id"), QStringLiteral("t%1").arg(index)}, {QStringLiteral("mac"), 1},
+                {QStringLiteral("phone"), 0}}},
+    };
+}
+
+QString frame(const QString& type, const QJsonObject& payload)
+{
+    return QString::fromUtf8(
+        QJsonDocument(QJsonObject{{QStringLiteral("t"), type}, {type, payload}}).toJson(QJsonDocument::Compact));
+}
+
+/// Plays the service: accepts the feed and sends what it is told to.
+class FakeService : public QObject
+{
+public:
+    FakeService()
+        : m_server(new QWebSocketServer(QStringLiteral("bench"), QWebSocketServer::NonSecureMode, this))
+    {
+        connect(m_server, &QWebSocketServer::newConnection, this, [this] {
+            m_client = m_server->nextPendingConnection();
+            m_client->setParent(this);
+            QJsonArray sessions;
+            for (int i = 0; i < kSessions; ++i)
+                sessions.append(session(i, 0, QStringLiteral("Started.")));
+            const QJsonObject snapshot{
+                {QStringLiteral("sessions"), sessions}, {QStringLiteral("approvals"), QJsonArray{}}};
+            m_client->sendTextMessage(frame(QStringLiteral("snapshot"), snapshot));
+        });
+    }
+
+    quint16 listen()
+    {
+        m_server->listen(QHostAddress::LocalHost, 0);
+        return m_server->serverPort();
+    }
+
+    /// Built ahead of the clock, so the figure is the receiving side's and not the JSON writer's.
+    void prepareBurst(int round)
+    {
+        m_frames.clear();
+        m_frames.reserve(kBurst);
+        for (int i = 0; i < kBurst; ++i) {
+            m_frames << frame(QStringLiteral("session"),
+                session(i % kSessions, round * kBurst + i + 1, QStringLiteral("Step %1").arg(i)));
+        }
+    }
+
+    void sendBurst()
+    {
+        for (const QString& text : std::as_const(m_frames))
+            m_client->sendTextMessage(text);
+        m_client->flush();
+    }
+
+    void sendStamped(int sample)
+    {
+        const QString stamp = QString::number(steadyNanos());
+        m_client->sendTextMessage(
+            frame(QStringLiteral("session"), session(sample % kSessions, 1000000 + sample, stamp)));
+        m_client->flush();
+    }
+
+private:
+    QWebSocketServer* m_server;
+    QWebSocket* m_client = nullptr;
+    QStringList m_frames;
+};
+
+bool waitUntil(const std::function<bool()>& done, int limitMs)
+{
+    QElapsedTimer waited;
+    waited.start();
+    while (!done()) {
+        if (waited.elapsed() > limitMs)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 50);
+    }
+    return true;
+}
+
+int unusedPort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return probe.serverPort();
+}
+
+double percentile(std::vector<double> values, double fraction)
+{
+    std::sort(values.begin(), values.end());
+    return values.at(std::min(values.size() - 1, size_t(fraction * double(values.size()))));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication application(argc, argv);
+
+    QThread serviceThread;
+    serviceThread.start();
+    auto* service = new FakeService;
+    service->moveToThread(&serviceThread);
+    quint16 port = 0;
+    QMetaObject::invokeMethod(
+        service, [&] { port = service->listen(); }, Qt::BlockingQueuedConnection);
+
+    QTemporaryDir support;
+    QFile token(support.filePath(QStringLiteral("admin-token")));
+    if (!token.open(QIODevice::WriteOnly) || token.write("bench") < 0) {
+        std::puts("FAILED: couldn't write the admin key for the fake service.");
+        return 1;
+    }
+    token.close();
+    const Environment environment({{QStringLiteral("TIDEWATCH_SUPPORT"), support.path()},
+                                      {QStringLiteral("TIDEWATCH_API_PORT"), QString::number(port)},
+                                      {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(unusedPort())}},
+        support.path());
+
+    // The model's own loop would ask a service that isn't there; the feed is
+    // wired to it as the model wires its own.
+    AppModel model(environment, Clock::system());
+    qint64 changedAt = 0;
+    QObject::connect(&model, &AppModel::snapshotChanged, [&changedAt] { changedAt = steadyNanos(); });
+    LiveFeed feed(environment);
+    feed.setSink([&model](const LiveFeed::Event& event) { model.take(event); });
+    feed.start();
+    if (!waitUntil([&] { return model.snapshot() && model.snapshot()->sessions.items.size() == kSessions; }, 10000)) {
+        std::puts("FAILED: the snapshot never reached the model.");
+        return 1;
+    }
+    std::printf("feed bench: snapshot of %d sessions, %d session frames a round\n", kSessions, kBurst);
+
+    std::vector<double> rates;
+    for (int round = 0; round < kRounds; ++round) {
+        QMetaObject::invokeMethod(
+            service, [service, round] { service->prepareBurst(round); }, Qt::BlockingQueuedConnection);
+        const qint64 target = model.feedGeneration() + kBurst;
+        QElapsedTimer elapsed;
+        elapsed.start();
+        QMetaObject::invokeMethod(service, [service] { service->sendBurst(); });
+        if (!waitUntil([&] { return model.feedGeneration() >= target; }, 120000)) {
+            std::puts("FAILED: a burst didn't reach the model.");
+            return 1;
+        }
+        const double seconds = double(elapsed.nsecsElapsed()) / 1e9;
+        rates.push_back(kBurst / seconds);
+        std::printf("  round %d: %d frames in %.3f s, %.0f frames/s\n", round + 1, kBurst, seconds, kBurst / seconds);
+    }
+    std::printf("throughput, socket to patched model: median %.0f frames/s\n", percentile(rates, 0.5));
+
+    std::vector<double> latencies;
+    latencies.reserve(kLatencySamples);
+    for (int sample = 0; sample < kLatencySamples; ++sample) {
+        const QString id = QStringLiteral("s%1").arg(sample % kSessions);
+        const qint64 target = model.feedGeneration() + 1;
+        QMetaObject::invokeMethod(service, [service, sample] { service->sendStamped(sample); });
+        if (!waitUntil([&] { return model.feedGeneration() >= target; }, 5000)) {
+            std::puts("FAILED: a frame didn't reach the model.");
+            return 1;
+        }
+        const qint64 held = changedAt;
+        const auto& sessions = model.snapshot()->sessions.items;
+        const auto found
+            = std::find_if(sessions.begin(), sessions.end(), [&id](const Session& s) { return s.id == id; });
+        if (found == sessions.end() || !found->lastText) {
+            std::puts("FAILED: the model lost a session.");
+            return 1;
+        }
+        latencies.push_back(double(held - found->lastText->toLongLong()) / 1000.0);
+    }
+    std::printf("latency, frame sent to model holding it (%d frames, one at a time): median %.0f us, p95 %.0f us, "
+                "max %.0f us\n",
+        kLatencySamples, percentile(latencies, 0.5), percentile(latencies, 0.95),
+        *std::max_element(latencies.begin(), latencies.end()));
+
+    QMetaObject::invokeMethod(
+        service, [service] { delete service; }, Qt::BlockingQueuedConnection);
+    serviceThread.quit();
+    serviceThread.wait();
+    return 0;
+}

@@ -1,0 +1,82 @@
+#include "entry/FeedSelfTest.h"
+
+#include "ScratchFolder.h"
+#include "ServiceProcess.h"
+
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QTest>
+#include <QTimer>
+
+class TestAppModelFeedSelfTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void aLiveFeedIsToldLineByLine();
+    void aCopyThatIsntIsolatedRefuses_data();
+    void aCopyThatIsntIsolatedRefuses();
+    void nothingAnsweringFails();
+};
+
+void TestAppModelFeedSelfTest::aLiveFeedIsToldLineByLine()
+{
+    ScratchFolder scratch;
+    ServiceProcess service(scratch.path());
+    QVERIFY2(service.start(), qPrintable(service.lastError()));
+    service.qa("POST", "/qa/sessions", QJsonObject{{"id", "s1"}, {"state", "idle"}});
+    service.qa("POST", "/qa/snapshot", QJsonObject{{"account", QJsonObject{{"state", "logged_out"}}}});
+    QTimer::singleShot(800, [&service] { service.qa("POST", "/qa/feed/ping", QJsonObject{}); });
+
+    QStringList lines;
+    const int code
+        = runFeedSelfTest(service.environment(), 2.5, true, true, [&lines](const QString& line) { lines << line; });
+    QCOMPARE(code, 0);
+    QCOMPARE(lines.value(0), QStringLiteral("live true"));
+    QCOMPARE(lines.value(1), QStringLiteral("message snapshot 1 session, 0 approvals"));
+    QVERIFY2(lines.contains("pong sent"), qPrintable(lines.join('\n')));
+    QVERIFY2(lines.contains("sign-in: account logged_out, login waiting_code"), qPrintable(lines.join('\n')));
+    QVERIFY2(lines.contains("open: s1 in Terminal"), qPrintable(lines.join('\n')));
+    // The sign-in changes the account, and the feed says so.
+    QVERIFY2(lines.filter(QRegularExpression("^message account ")).size() >= 1, qPrintable(lines.join('\n')));
+    const int messages = int(lines.filter(QRegularExpression("^message ")).size());
+    QCOMPARE(lines.last(), QStringLiteral("OK: live, %1 messages in 2.5 s").arg(messages));
+}
+
+void TestAppModelFeedSelfTest::aCopyThatIsntIsolatedRefuses_data()
+{
+    QTest::addColumn<Environment::Variables>("variables");
+
+    QTest::newRow("the real install") << Environment::Variables{};
+    QTest::newRow("a test copy on the real ports")
+        << Environment::Variables{{"TIDEWATCH_SUPPORT", "/tmp/tidewatch-selftest-support"}};
+}
+
+void TestAppModelFeedSelfTest::aCopyThatIsntIsolatedRefuses()
+{
+    QFETCH(Environment::Variables, variables);
+    ScratchFolder scratch;
+    QStringList lines;
+    const int code = runFeedSelfTest(
+        Environment(variables, scratch.path()), 1, true, true, [&lines](const QString& line) { lines << line; });
+    QCOMPARE(code, 1);
+    QCOMPARE(lines,
+        QStringList{"FAILED: run this as a test copy with a folder and ports of its own (TIDEWATCH_SUPPORT, "
+                    "TIDEWATCH_API_PORT, TIDEWATCH_LOCAL_PORT), so nothing of the real install is touched."});
+}
+
+void TestAppModelFeedSelfTest::nothingAnsweringFails()
+{
+    ScratchFolder scratch;
+    ServiceProcess service(scratch.path());
+    QVERIFY2(service.start(), qPrintable(service.lastError()));
+    QCOMPARE(service.stop(), 0);
+    QStringList lines;
+    const int code
+        = runFeedSelfTest(service.environment(), 1.5, false, false, [&lines](const QString& line) { lines << line; });
+    QCOMPARE(code, 1);
+    QCOMPARE(lines, QStringList{"FAILED: the feed never went live in 1.5 s."});
+}
+
+QTEST_GUILESS_MAIN(TestAppModelFeedSelfTest)
+#include "TestAppModelFeedSelfTest.moc"
