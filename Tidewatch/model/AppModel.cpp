@@ -6,6 +6,7 @@
 #include "setup/ServiceJob.h"
 
 #include <QFile>
+#include <QPointer>
 #include <QFileInfo>
 #include <QThread>
 #include <QTimer>
@@ -15,6 +16,8 @@ namespace {
 constexpr double kHealthLimit = 1.5;
 constexpr int kNoteMs = 6000;
 constexpr int kAfterSignOutMs = 1200;
+// A little past the fold's 1.6 s, so the prune after an answer finds it old.
+constexpr int kPruneAfterAnswerMs = 1650;
 
 int milliseconds(double seconds)
 {
@@ -426,6 +429,22 @@ void AppModel::take(const LiveFeed::Event& event)
     nudge();
 }
 
+QList<NeedsYouItem> AppModel::needsYou() const
+{
+    return Attention::needsYou(m_snapshot, m_status, m_answered, m_clock.now());
+}
+
+QList<Approval> AppModel::waitingApprovals() const
+{
+    return Attention::waitingApprovals(m_snapshot, m_status, m_answered);
+}
+
+AgentsInUse AppModel::agentsInUse() const
+{
+    const std::optional<bool> lookFound = m_claudeLook ? std::optional<bool>(m_claudeLook->found) : std::nullopt;
+    return Agents::agentsInUse({m_snapshot, m_status, serviceUp(), m_sample, false, lookFound});
+}
+
 void AppModel::pruneAnswered()
 {
     if (m_answered.isEmpty())
@@ -462,6 +481,38 @@ void AppModel::showNote(const QString& text)
 }
 
 // MARK: Actions
+
+void AppModel::decide(const Approval& approval, const QString& decision)
+{
+    if (m_sample || m_answered.contains(approval.id))
+        return;
+    Attention::AnsweredMap answered = m_answered;
+    answered.insert(approval.id, Answered{approval, decision, m_clock.now()});
+    assign(m_answered, std::move(answered), &AppModel::answeredChanged);
+
+    const auto settle = [this] {
+        read(false);
+        QTimer::singleShot(kPruneAfterAnswerMs, this, [this] { pruneAnswered(); });
+    };
+    const QString path = QStringLiteral("/v1/approvals/") + DaemonClient::pathSegment(approval.id)
+        + QStringLiteral("/decision");
+    runWith<Ignored>({DaemonClient::Method::Post, path, QJsonObject{{QStringLiteral("decision"), decision}}, 10},
+        [settle](Ignored) { settle(); },
+        [this, approval, settle](const DaemonError& error) {
+            // Someone else answered first: the wish was overtaken, and there is nothing to tell.
+            if (error.kind == DaemonError::Kind::Server && error.status == 409) {
+                settle();
+                return;
+            }
+            Attention::AnsweredMap answered = m_answered;
+            answered.remove(approval.id);
+            assign(m_answered, std::move(answered), &AppModel::answeredChanged);
+            const QList<Session> sessions = m_snapshot ? m_snapshot->sessions.items : QList<Session>();
+            showNote(Attention::lostAnswerNote(
+                Attention::agentWord(approval, sessions, agentsInUse()), error.errorDescription()));
+            read(false);
+        });
+}
 
 void AppModel::openTerminal(const QString& sessionId)
 {
@@ -511,6 +562,82 @@ void AppModel::forgetDevice(const QString& deviceId, const QString& name)
     const QString path = QStringLiteral("/local/devices/") + DaemonClient::pathSegment(deviceId);
     run<Ignored>({DaemonClient::Method::Delete, path, std::nullopt, 8},
         QStringLiteral("Couldn’t forget %1. ").arg(name), [this](Ignored) { readDevices(); });
+}
+
+void AppModel::askForgetDevice(const QString& deviceId, const QString& name)
+{
+    GlassDialog dialog;
+    dialog.title = QStringLiteral("Forget ") + name;
+    dialog.line = QStringLiteral("Its token stops working at once, on Tailscale and on the local network. Glasses that "
+                                 "come through it stop too.");
+    dialog.accent = Ink::Red;
+    dialog.secondary = QStringLiteral("Keep");
+    dialog.primary = QStringLiteral("Forget");
+    dialog.confirm = [this, deviceId, name](bool, GlassDialog::Finish finish) {
+        const QString path = QStringLiteral("/local/devices/") + DaemonClient::pathSegment(deviceId);
+        runWith<Ignored>({DaemonClient::Method::Delete, path, std::nullopt, 8},
+            [this, finish](Ignored) {
+                readDevices();
+                finish(std::nullopt);
+            },
+            [name, finish](const DaemonError& error) {
+                finish(QStringLiteral("Couldn’t forget %1. ").arg(name) + error.errorDescription());
+            });
+    };
+    showDialog(std::move(dialog));
+}
+
+// MARK: Dialogs
+
+void AppModel::showDialog(GlassDialog dialog)
+{
+    assign(m_dialogWorking, false, &AppModel::dialogWorkingChanged);
+    assign(m_dialog, std::optional<GlassDialog>(std::move(dialog)), &AppModel::dialogChanged);
+}
+
+void AppModel::confirmDialog(bool option)
+{
+    if (!m_dialog || m_dialogWorking)
+        return;
+    if (!m_dialog->confirm) {
+        assign(m_dialog, std::nullopt, &AppModel::dialogChanged);
+        return;
+    }
+    assign(m_dialogWorking, true, &AppModel::dialogWorkingChanged);
+    // The work may end after another dialog took the slot; it closes only its own.
+    const QUuid asked = m_dialog->id;
+    m_dialog->confirm(option, [this, asked, guard = QPointer<AppModel>(this)](std::optional<QString> failure) {
+        if (!guard || !m_dialog || m_dialog->id != asked)
+            return;
+        assign(m_dialogWorking, false, &AppModel::dialogWorkingChanged);
+        assign(m_dialog, std::nullopt, &AppModel::dialogChanged);
+        if (failure)
+            showNote(*failure);
+    });
+}
+
+void AppModel::cancelDialog()
+{
+    if (!m_dialog)
+        return;
+    const std::function<void()> cancel = m_dialog->cancel;
+    assign(m_dialogWorking, false, &AppModel::dialogWorkingChanged);
+    assign(m_dialog, std::nullopt, &AppModel::dialogChanged);
+    if (cancel)
+        cancel();
+}
+
+void AppModel::dialogSecondary()
+{
+    if (!m_dialog)
+        return;
+    const std::function<void()> action = m_dialog->secondaryAction;
+    if (!action) {
+        cancelDialog();
+        return;
+    }
+    assign(m_dialog, std::nullopt, &AppModel::dialogChanged);
+    action();
 }
 
 void AppModel::readDevices()

@@ -11,6 +11,7 @@
 #include "link/Snapshot.h"
 #include "link/SttState.h"
 #include "model/Attention.h"
+#include "model/GlassDialog.h"
 #include "model/Note.h"
 #include "model/ReadPace.h"
 
@@ -42,6 +43,7 @@ class AppModel : public QObject
     Q_PROPERTY(QString lastError READ lastErrorText NOTIFY lastErrorChanged)
     Q_PROPERTY(QString noteText READ noteText NOTIFY noteChanged)
     Q_PROPERTY(QString serviceNodeGone READ serviceNodeGoneText NOTIFY serviceNodeGoneChanged)
+    Q_PROPERTY(bool dialogWorking READ dialogWorking NOTIFY dialogWorkingChanged)
 
 public:
     /// The last local look for Claude Code's binary.
@@ -89,6 +91,12 @@ public:
     bool serviceUp() const { return m_health.has_value() || m_feedLive; }
     bool signingIn() const { return m_signingIn; }
     const Attention::AnsweredMap& answered() const { return m_answered; }
+    /// What waits on the user now, answers of the last moment folded in place.
+    QList<NeedsYouItem> needsYou() const;
+    /// The open approvals not yet answered here.
+    QList<Approval> waitingApprovals() const;
+    /// Which agents this machine has, as far as the model knows.
+    AgentsInUse agentsInUse() const;
     const std::optional<Note>& note() const { return m_note; }
     QString noteText() const { return m_note ? m_note->text : QString(); }
     /// None until the devices were read.
@@ -97,6 +105,10 @@ public:
     const std::optional<QString>& serviceNodeGone() const { return m_serviceNodeGone; }
     QString serviceNodeGoneText() const { return m_serviceNodeGone.value_or(QString()); }
     const std::optional<ClaudeLook>& claudeLook() const { return m_claudeLook; }
+    /// The open dialog; a new one replaces it.
+    const std::optional<GlassDialog>& dialog() const { return m_dialog; }
+    /// The open dialog's work is under way.
+    bool dialogWorking() const { return m_dialogWorking; }
     /// The status read last counted this app's own feed among its connected clients.
     bool statusCountsFeed() const { return m_statusCountsFeed; }
     /// Feed messages taken so far, but for `devices`.
@@ -110,6 +122,10 @@ public:
     // The user's actions. Each does nothing in a sample; a failure shows
     // its fixed opening and the service's sentence as a note.
 
+    /// Answers an approval: it folds at once, and comes back with a note when
+    /// the answer doesn't reach the service. An approval is answered once.
+    void decide(const Approval& approval, const QString& decision);
+
     /// Brings the session's terminal window forward; nothing is read after.
     void openTerminal(const QString& sessionId);
     void continueSession(const QString& sessionId);
@@ -121,6 +137,17 @@ public:
     void signIn(const QString& where = QStringLiteral("mac"));
     /// `name` is the device's, for the sentence. The device list is read again after.
     void forgetDevice(const QString& deviceId, const QString& name);
+    /// Asks first, in a dialog, whether to forget the device.
+    void askForgetDevice(const QString& deviceId, const QString& name);
+
+    /// Puts up a dialog in the one slot, replacing whatever was there.
+    void showDialog(GlassDialog dialog);
+    /// The primary button: the dialog stays, working, until its work ends;
+    /// a failure closes it and goes to the note line.
+    void confirmDialog(bool option = false);
+    /// The dialog was dismissed.
+    void cancelDialog();
+    void dialogSecondary();
     /// Reads the paired devices into deviceList(); a failure passes in silence.
     void readDevices();
     /// Asks the service to read usage afresh; a failure passes in silence.
@@ -151,6 +178,8 @@ Q_SIGNALS:
     void deviceListChanged();
     void serviceNodeGoneChanged();
     void claudeLookChanged();
+    void dialogChanged();
+    void dialogWorkingChanged();
     /// A read has ended, whatever it found.
     void readFinished();
     /// The glasses' guide, for the lens guide model.
@@ -223,6 +252,8 @@ private:
     std::optional<QList<Device>> m_deviceList;
     std::optional<QString> m_serviceNodeGone;
     std::optional<ClaudeLook> m_claudeLook;
+    std::optional<GlassDialog> m_dialog;
+    bool m_dialogWorking = false;
 
     // The loop's own.
     bool m_loopRunning = false;

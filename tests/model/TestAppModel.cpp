@@ -55,6 +55,8 @@ private Q_SLOTS:
     void aSampleIgnoresTheFeedAndActsOnNothing();
     void aFailedActionSpeaksThroughTheNote();
     void aSecondNoteShowsForItsOwnSixSeconds();
+    void theDialogSlotHoldsOneQuestion_data();
+    void theDialogSlotHoldsOneQuestion();
 
 private:
     ScratchFolder m_scratch;
@@ -178,6 +180,57 @@ void TestAppModel::aSecondNoteShowsForItsOwnSixSeconds()
     QCOMPARE(model.noteText(), QStringLiteral("second"));
     QTRY_VERIFY_WITH_TIMEOUT(!model.note(), 4000);
     QVERIFY2(elapsed.elapsed() - secondAt >= 5900, "the second note went before its 6 seconds");
+}
+
+void TestAppModel::theDialogSlotHoldsOneQuestion_data()
+{
+    QTest::addColumn<QString>("steps");
+    QTest::addColumn<bool>("open");
+    QTest::addColumn<bool>("working");
+    QTest::addColumn<QString>("note");
+    QTest::addColumn<QString>("calls");
+
+    // Steps: c confirm, s success, f failure, x cancel, n a new dialog, 2 the secondary button.
+    QTest::newRow("confirm works until the work ends") << "c" << true << true << "" << "confirm(true)";
+    QTest::newRow("success closes it without a word") << "cs" << false << false << "" << "confirm(true)";
+    QTest::newRow("a failure closes it and tells the note") << "cf" << false << false << "It failed." << "confirm(true)";
+    QTest::newRow("a second confirm while working runs nothing") << "cc" << true << true << "" << "confirm(true)";
+    QTest::newRow("dismissal runs cancel") << "x" << false << false << "" << "cancel";
+    QTest::newRow("a new dialog is not closed by the old one's end") << "cns" << true << false << "" << "confirm(true)";
+    QTest::newRow("the secondary button runs its own action") << "2" << false << false << "" << "secondary";
+}
+
+void TestAppModel::theDialogSlotHoldsOneQuestion()
+{
+    QFETCH(QString, steps);
+    AppModel model(nowhere(m_scratch), m_clock);
+    QStringList calls;
+    GlassDialog::Finish pending;
+    GlassDialog dialog;
+    dialog.title = QStringLiteral("Forget Pixel");
+    dialog.primary = QStringLiteral("Forget");
+    dialog.confirm = [&](bool option, GlassDialog::Finish finish) {
+        calls << QStringLiteral("confirm(%1)").arg(option ? "true" : "false");
+        pending = std::move(finish);
+    };
+    dialog.cancel = [&] { calls << QStringLiteral("cancel"); };
+    dialog.secondaryAction = [&] { calls << QStringLiteral("secondary"); };
+    model.showDialog(dialog);
+
+    for (const QChar step : steps) {
+        switch (step.toLatin1()) {
+        case 'c': model.confirmDialog(true); break;
+        case 's': pending(std::nullopt); break;
+        case 'f': pending(QStringLiteral("It failed.")); break;
+        case 'x': model.cancelDialog(); break;
+        case 'n': model.showDialog(GlassDialog{}); break;
+        case '2': model.dialogSecondary(); break;
+        }
+    }
+    QTEST(model.dialog().has_value(), "open");
+    QTEST(model.dialogWorking(), "working");
+    QTEST(model.noteText(), "note");
+    QTEST(calls.join(QLatin1Char(' ')), "calls");
 }
 
 QTEST_GUILESS_MAIN(TestAppModel)
