@@ -3,7 +3,8 @@
 // of 500 sessions, then a stream of `session` messages, each the whole session
 // as the service sends it. Prints the frames per second the path sustains
 // (server sending flat out, model patching each), and the time from a frame
-// leaving the server to the model holding it, one frame at a time.
+// leaving the server to the model holding it, one frame at a time: a session's
+// frame in the snapshot, and an approval's frame at the head of `needsYou`.
 
 #include "entry/Clock.h"
 #include "entry/Environment.h"
@@ -123,6 +124,17 @@ public:
         m_client->flush();
     }
 
+    /// An approval whose id carries the moment it left.
+    void sendApproval(int sample)
+    {
+        const QJsonObject approval{{QStringLiteral("id"), QStringLiteral("a%1-%2").arg(sample).arg(steadyNanos())},
+            {QStringLiteral("sessionId"), QStringLiteral("s%1").arg(sample % kSessions)},
+            {QStringLiteral("kind"), QStringLiteral("tool")}, {QStringLiteral("toolName"), QStringLiteral("Bash")},
+            {QStringLiteral("createdAt"), 1760000000000.0 - sample}};
+        m_client->sendTextMessage(frame(QStringLiteral("approval"), approval));
+        m_client->flush();
+    }
+
 private:
     QWebSocketServer* m_server;
     QWebSocket* m_client = nullptr;
@@ -236,6 +248,34 @@ int main(int argc, char** argv)
                 "max %.0f us\n",
         kLatencySamples, percentile(latencies, 0.5), percentile(latencies, 0.95),
         *std::max_element(latencies.begin(), latencies.end()));
+
+    // Each approval is older than the last, so it sorts first the moment the model holds it.
+    std::vector<double> attention;
+    attention.reserve(kLatencySamples);
+    for (int sample = 0; sample < kLatencySamples; ++sample) {
+        const QString prefix = QStringLiteral("a%1-").arg(sample);
+        qint64 heldAt = 0;
+        const QMetaObject::Connection watch = QObject::connect(&model, &AppModel::snapshotChanged, [&] {
+            if (!heldAt) {
+                const QList<NeedsYouItem> items = model.needsYou();
+                if (!items.isEmpty() && items.first().approval().id.startsWith(prefix))
+                    heldAt = steadyNanos();
+            }
+        });
+        QMetaObject::invokeMethod(service, [service, sample] { service->sendApproval(sample); });
+        const bool held = waitUntil([&] { return heldAt != 0; }, 5000);
+        QObject::disconnect(watch);
+        if (!held) {
+            std::puts("FAILED: an approval never reached needsYou.");
+            return 1;
+        }
+        const QString id = model.needsYou().first().approval().id;
+        attention.push_back(double(heldAt - id.mid(prefix.size()).toLongLong()) / 1000.0);
+    }
+    std::printf("latency, approval frame sent to the head of needsYou (%d frames, one at a time): median %.0f us, "
+                "p95 %.0f us, max %.0f us\n",
+        kLatencySamples, percentile(attention, 0.5), percentile(attention, 0.95),
+        *std::max_element(attention.begin(), attention.end()));
 
     QMetaObject::invokeMethod(
         service, [service] { delete service; }, Qt::BlockingQueuedConnection);
