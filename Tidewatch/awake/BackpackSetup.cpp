@@ -29,12 +29,12 @@ QStringList ruleLines(const QString& user)
     };
 }
 
+} // namespace
+
 QString awakeFile(const Environment& environment)
 {
     return environment.supportFolder() + QStringLiteral("/awake.json");
 }
-
-} // namespace
 
 Saved Saved::fromAwakeFile(const QByteArray& contents)
 {
@@ -58,6 +58,16 @@ QString path(const Environment& environment)
 bool isRealPath(const Environment& environment)
 {
     return path(environment) == QLatin1StringView(realPath);
+}
+
+bool ruleNeeded(const Environment& environment)
+{
+#if defined(Q_OS_MACOS)
+    Q_UNUSED(environment);
+    return true;
+#else
+    return !isRealPath(environment);
+#endif
 }
 
 std::optional<QString> refusal(const Environment& environment)

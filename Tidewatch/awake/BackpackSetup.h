@@ -38,6 +38,11 @@ struct Saved {
 inline constexpr const char* realPath = "/private/etc/sudoers.d/tidewatch";
 
 QString path(const Environment& environment);
+/// Where the service keeps its Stay awake state.
+QString awakeFile(const Environment& environment);
+/// Whether this system needs the rule at all: Linux keeps a closed laptop awake
+/// through logind without root, so there only a scratch path brings it into play.
+bool ruleNeeded(const Environment& environment);
 bool isRealPath(const Environment& environment);
 /// Why this copy must leave the rule alone; none when it may go ahead.
 std::optional<QString> refusal(const Environment& environment);

@@ -1,6 +1,7 @@
 #include "entry/OneShot.h"
 
 #include "awake/BackpackSetup.h"
+#include "awake/BackpackSteps.h"
 #include "entry/FeedSelfTest.h"
 #include "entry/StreamSelfTest.h"
 #include "platform/Platform.h"
@@ -51,6 +52,21 @@ int downloadNode(const QString& folder)
     return 0;
 }
 
+// One setup action without a window; a script reads its lines as they come.
+int runStep(const QString& name)
+{
+    const Environment& environment = Environment::current();
+    if (name == QLatin1StringView("backpack"))
+        return BackpackSteps::setUp(environment, platform::systemUserName(), printLine);
+    if (name == QLatin1StringView("uninstall-backpack"))
+        return BackpackSteps::remove(environment, printLine);
+    if (CommandLine::runStepNames().contains(name))
+        return notInThisBuild("--run-step");
+    printLine(QStringLiteral("Unknown step '%1'. Use one of: %2")
+                  .arg(name, CommandLine::runStepNames().join(QStringLiteral(", "))));
+    return 64;
+}
+
 } // namespace
 
 int runOffMainThread(const std::function<int()>& work)
@@ -81,7 +97,7 @@ int runOneShot(const CommandLine& line)
     case Work::SelfTest:
         return notInThisBuild("--selftest");
     case Work::RunStep:
-        return notInThisBuild("--run-step");
+        return runOffMainThread([&line] { return runStep(*line.value); });
     case Work::RenderIconset:
         return notInThisBuild("--render-iconset");
     case Work::NodeDownload:

@@ -1,6 +1,9 @@
 #include "model/AppModel.h"
 
+#include "link/ActionReplies.h"
+#include "awake/BackpackSetup.h"
 #include "model/Agents.h"
+#include "platform/Platform.h"
 #include "model/SnapshotPatch.h"
 #include "setup/Detection.h"
 #include "setup/ServiceJob.h"
@@ -23,57 +26,6 @@ int milliseconds(double seconds)
 {
     return std::max(1, int(seconds * 1000));
 }
-
-// The replies the actions read. Each is as tolerant as the records: a key
-// that doesn't read is absent.
-
-struct AccountReply {
-    std::optional<Account> account;
-    static std::optional<AccountReply> fromJson(const QJsonValue& value)
-    {
-        const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
-        if (!fields)
-            return std::nullopt;
-        return AccountReply{fields->record<Account>(QLatin1StringView("account"))};
-    }
-};
-
-struct UsageReply {
-    std::optional<Usage> usage;
-    static std::optional<UsageReply> fromJson(const QJsonValue& value)
-    {
-        const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
-        if (!fields)
-            return std::nullopt;
-        return UsageReply{fields->record<Usage>(QLatin1StringView("usage"))};
-    }
-};
-
-struct CodexReply {
-    /// The key was there: a null or unreadable record clears Codex.
-    bool present = false;
-    std::optional<Codex> codex;
-    static std::optional<CodexReply> fromJson(const QJsonValue& value)
-    {
-        const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
-        if (!fields)
-            return std::nullopt;
-        return CodexReply{fields->has(QLatin1StringView("codex")), fields->record<Codex>(QLatin1StringView("codex"))};
-    }
-};
-
-/// Which app shows the terminal, and whether it was open already.
-struct OpenedReply {
-    std::optional<QString> app;
-    std::optional<bool> already;
-    static std::optional<OpenedReply> fromJson(const QJsonValue& value)
-    {
-        const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
-        if (!fields)
-            return std::nullopt;
-        return OpenedReply{fields->string(QLatin1StringView("app")), fields->boolean(QLatin1StringView("already"))};
-    }
-};
 
 QString sessionPath(const QString& sessionId, const char* what)
 {
@@ -585,6 +537,112 @@ void AppModel::askForgetDevice(const QString& deviceId, const QString& name)
             });
     };
     showDialog(std::move(dialog));
+}
+
+// MARK: Stay awake
+
+void AppModel::takeAwake(const std::optional<Awake>& awake)
+{
+    if (!awake)
+        return;
+    setSnapshotPart([&awake](Snapshot& snapshot) {
+        if (!snapshot.mac)
+            snapshot.mac = Snapshot::Mac{};
+        if (snapshot.mac->awake == awake)
+            return false;
+        snapshot.mac->awake = awake;
+        return true;
+    });
+}
+
+void AppModel::changeAwake(const QJsonObject& change, const QString& opening, bool clearsChoice)
+{
+    runWith<AwakeReply>({DaemonClient::Method::Post, QStringLiteral("/v1/mac/awake"), change, 15},
+        [this, clearsChoice](AwakeReply reply) {
+            takeAwake(reply.awake);
+            if (clearsChoice)
+                assign(m_awakeChoice, std::nullopt, &AppModel::awakeChoiceChanged);
+        },
+        [this, opening, clearsChoice](const DaemonError& error) {
+            if (clearsChoice)
+                assign(m_awakeChoice, std::nullopt, &AppModel::awakeChoiceChanged);
+            if (error.code == QStringLiteral("needs_setup"))
+                showNote(QStringLiteral("Backpack mode needs its one-time setup again."));
+            else
+                showNote(opening + error.errorDescription());
+        });
+}
+
+void AppModel::setAwake(Awake::Mode mode)
+{
+    if (m_sample)
+        return;
+    assign(m_awakeChoice, std::optional(mode), &AppModel::awakeChoiceChanged);
+    changeAwake(QJsonObject{{QStringLiteral("mode"), awakeModeName(mode)}}, QStringLiteral("Couldn’t change Stay awake. "),
+        true);
+}
+
+void AppModel::extendBackpack()
+{
+    changeAwake(QJsonObject{{QStringLiteral("extend"), true}}, QStringLiteral("Couldn’t extend Backpack. "), false);
+}
+
+void AppModel::setMinBattery(int percent)
+{
+    changeAwake(QJsonObject{{QStringLiteral("minBattery"), percent}},
+        QStringLiteral("Couldn’t change the battery level. "), false);
+}
+
+void AppModel::setupBackpack()
+{
+    if (m_sample || m_backpackBusy)
+        return;
+    assign(m_backpackBusy, true, &AppModel::backpackBusyChanged);
+    const auto fail = [this](const QString& sentence) {
+        showNote(QStringLiteral("Backpack mode isn’t set up. ") + sentence);
+        assign(m_backpackBusy, false, &AppModel::backpackBusyChanged);
+        Q_EMIT panelWanted();
+    };
+    // A moment for the panel to close before the system's password dialog takes the screen.
+    QTimer::singleShot(250, this, [this, fail] {
+        offMainThread<BackpackSetup::Outcome>(
+            [environment = m_environment] {
+                return BackpackSetup::install(environment, platform::systemUserName(), true);
+            },
+            [this, fail](BackpackSetup::Outcome outcome) {
+                if (outcome && outcome->kind == BackpackSetup::Failure::Kind::Cancelled) {
+                    assign(m_backpackBusy, false, &AppModel::backpackBusyChanged);
+                    return;
+                }
+                if (outcome) {
+                    fail(outcome->sentence);
+                    return;
+                }
+                runWith<AwakeReply>({DaemonClient::Method::Post, QStringLiteral("/v1/mac/awake"),
+                                        QJsonObject{{QStringLiteral("mode"), QStringLiteral("backpack")}}, 15},
+                    [this](AwakeReply reply) {
+                        takeAwake(reply.awake);
+                        assign(m_backpackBusy, false, &AppModel::backpackBusyChanged);
+                        Q_EMIT panelWanted();
+                    },
+                    [fail](const DaemonError& error) { fail(error.errorDescription()); });
+            });
+    });
+}
+
+void AppModel::removeBackpack()
+{
+    if (m_sample || m_backpackBusy)
+        return;
+    assign(m_backpackBusy, true, &AppModel::backpackBusyChanged);
+    offMainThread<BackpackSetup::Outcome>(
+        [environment = m_environment] { return BackpackSetup::remove(environment, true); },
+        [this](BackpackSetup::Outcome outcome) {
+            assign(m_backpackBusy, false, &AppModel::backpackBusyChanged);
+            if (outcome && outcome->kind == BackpackSetup::Failure::Kind::Failed)
+                showNote(QStringLiteral("Couldn’t remove Backpack mode’s permission. ") + outcome->sentence);
+            read(false);
+        });
 }
 
 // MARK: Dialogs

@@ -44,6 +44,7 @@ class AppModel : public QObject
     Q_PROPERTY(QString noteText READ noteText NOTIFY noteChanged)
     Q_PROPERTY(QString serviceNodeGone READ serviceNodeGoneText NOTIFY serviceNodeGoneChanged)
     Q_PROPERTY(bool dialogWorking READ dialogWorking NOTIFY dialogWorkingChanged)
+    Q_PROPERTY(bool backpackBusy READ backpackBusy NOTIFY backpackBusyChanged)
 
 public:
     /// The last local look for Claude Code's binary.
@@ -105,6 +106,10 @@ public:
     const std::optional<QString>& serviceNodeGone() const { return m_serviceNodeGone; }
     QString serviceNodeGoneText() const { return m_serviceNodeGone.value_or(QString()); }
     const std::optional<ClaudeLook>& claudeLook() const { return m_claudeLook; }
+    /// The Stay awake mode picked and not yet confirmed by the service.
+    const std::optional<Awake::Mode>& awakeChoice() const { return m_awakeChoice; }
+    /// Backpack's permission is being set up or removed.
+    bool backpackBusy() const { return m_backpackBusy; }
     /// The open dialog; a new one replaces it.
     const std::optional<GlassDialog>& dialog() const { return m_dialog; }
     /// The open dialog's work is under way.
@@ -139,6 +144,18 @@ public:
     void forgetDevice(const QString& deviceId, const QString& name);
     /// Asks first, in a dialog, whether to forget the device.
     void askForgetDevice(const QString& deviceId, const QString& name);
+
+    /// Asks the service for another Stay awake mode; the picker shows the
+    /// choice until the service answers.
+    void setAwake(Awake::Mode mode);
+    /// Gives Backpack more time, while the service offers it.
+    void extendBackpack();
+    /// The battery level at which Backpack lets go.
+    void setMinBattery(int percent);
+    /// Sets up Backpack's one permission with the system's password dialog,
+    /// then switches Backpack on. The panel is wanted again after.
+    void setupBackpack();
+    void removeBackpack();
 
     /// Puts up a dialog in the one slot, replacing whatever was there.
     void showDialog(GlassDialog dialog);
@@ -179,6 +196,10 @@ Q_SIGNALS:
     void serviceNodeGoneChanged();
     void claudeLookChanged();
     void dialogChanged();
+    void awakeChoiceChanged();
+    void backpackBusyChanged();
+    /// The panel should open again, after the system's dialog took it away.
+    void panelWanted();
     void dialogWorkingChanged();
     /// A read has ended, whatever it found.
     void readFinished();
@@ -225,6 +246,10 @@ private:
     void startFeed();
     void setFeedLive(bool live);
     void setSnapshotPart(const std::function<bool(Snapshot&)>& change);
+    /// The service's word on Stay awake, as an action's reply carried it.
+    void takeAwake(const std::optional<Awake>& awake);
+    /// One change of Stay awake; `opening` begins the note of a failure.
+    void changeAwake(const QJsonObject& change, const QString& opening, bool clearsChoice);
     void pruneAnswered();
     void noteSignInProgress();
     template <class Result> void offMainThread(std::function<Result()> work, std::function<void(Result)> then);
@@ -253,6 +278,8 @@ private:
     std::optional<QString> m_serviceNodeGone;
     std::optional<ClaudeLook> m_claudeLook;
     std::optional<GlassDialog> m_dialog;
+    std::optional<Awake::Mode> m_awakeChoice;
+    bool m_backpackBusy = false;
     bool m_dialogWorking = false;
 
     // The loop's own.

@@ -9,7 +9,6 @@
 #include <QProcess>
 #include <QTest>
 
-#include <sys/stat.h>
 
 using namespace BackpackSetup;
 
@@ -24,13 +23,6 @@ Environment scratchEnvironment(const ScratchFolder& scratch, const QString& sudo
                                      {QStringLiteral("TIDEWATCH_SUDOERS"), sudoers}};
     variables.insert(extra);
     return Environment(variables, scratch.path());
-}
-
-int modeOf(const QString& path)
-{
-    struct stat info {};
-    ::stat(QFile::encodeName(path).constData(), &info);
-    return int(info.st_mode & 07777);
 }
 
 } // namespace
@@ -180,7 +172,7 @@ void TestBackpackSetup::ruleLandsValidated()
     QVERIFY(!isInstalled(environment));
     QCOMPARE(install(environment, QStringLiteral("jane"), false), Outcome());
     QVERIFY(isInstalled(environment));
-    QCOMPARE(modeOf(rule), 0440);
+    QCOMPARE(fileMode(rule), 0440);
     QFile file(rule);
     QVERIFY(file.open(QIODevice::ReadOnly));
     const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
@@ -232,7 +224,7 @@ void TestBackpackSetup::removeRestoresSleepAndTheRecord()
     QVERIFY(awake.open(QIODevice::ReadOnly));
     const QJsonObject record = QJsonDocument::fromJson(awake.readAll()).object();
     QCOMPARE(record, (QJsonObject{{"mode", "working"}, {"minBattery", 20}}));
-    QCOMPARE(modeOf(awake.fileName()), 0600);
+    QCOMPARE(fileMode(awake.fileName()), 0600);
 
     // Gone already: nothing to do.
     QCOMPARE(remove(environment, false), Outcome());

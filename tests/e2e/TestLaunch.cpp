@@ -1,49 +1,9 @@
+#include "Launch.h"
 #include "ScratchFolder.h"
 
 #include <QProcess>
 #include <QTest>
 
-namespace {
-
-struct Outcome {
-    int code = -1;
-    QString output;
-};
-
-/// The environment of a launch: no TIDEWATCH_ variable of the caller leaks
-/// in, and every user folder the program might reach is inside the scratch folder.
-QProcessEnvironment launchEnvironment(const ScratchFolder& scratch, const QHash<QString, QString>& extra = {})
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const QString& key : environment.keys()) {
-        if (key.startsWith(QLatin1StringView("TIDEWATCH_")))
-            environment.remove(key);
-    }
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), scratch.file(QStringLiteral("runtime/")));
-    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), scratch.file(QStringLiteral("config/")));
-    environment.insert(QStringLiteral("XDG_DATA_HOME"), scratch.file(QStringLiteral("data/")));
-    environment.insert(QStringLiteral("XDG_STATE_HOME"), scratch.file(QStringLiteral("state/")));
-    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    for (auto it = extra.begin(); it != extra.end(); ++it)
-        environment.insert(it.key(), it.value());
-    return environment;
-}
-
-Outcome run(const QStringList& arguments, const QProcessEnvironment& environment, int limitMs = 30000)
-{
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStringLiteral(TIDEWATCH_BINARY), arguments);
-    if (!process.waitForFinished(limitMs)) {
-        process.kill();
-        process.waitForFinished();
-        return {-1, QString::fromUtf8(process.readAll())};
-    }
-    return {process.exitCode(), QString::fromUtf8(process.readAll())};
-}
-
-} // namespace
 
 class TestLaunch : public QObject
 {
@@ -77,7 +37,7 @@ void TestLaunch::oneShotExitCodes()
     QFETCH(int, code);
     QFETCH(QString, output);
     ScratchFolder scratch;
-    const Outcome outcome = run(arguments, launchEnvironment(scratch));
+    const LaunchResult outcome = launch(arguments, launchEnvironment(scratch));
     QVERIFY2(outcome.code == code, qPrintable(outcome.output));
     if (!output.isEmpty())
         QCOMPARE(outcome.output, output);
@@ -95,7 +55,7 @@ void TestLaunch::secondLaunchHandsOver()
     // The first copy owns the lock once its socket is listening.
     QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(scratch.file(QStringLiteral("runtime/tidewatch.socket"))), 20000);
 
-    const Outcome second = run({}, real, 20000);
+    const LaunchResult second = launch({}, real, 20000);
     QCOMPARE(second.code, 0);
     QCOMPARE(first.state(), QProcess::Running);
 

@@ -28,3 +28,11 @@ QString ScratchFolder::write(const QString& relative, const QByteArray& contents
     ::chmod(QFile::encodeName(full).constData(), mode_t(mode));
     return full;
 }
+
+int fileMode(const QString& path)
+{
+    struct stat info {};
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0)
+        return -1;
+    return int(info.st_mode & 07777);
+}

@@ -19,3 +19,6 @@ public:
 private:
     QTemporaryDir m_folder;
 };
+
+/// A file's permission bits as stat gives them (07777), or -1 when it isn't there.
+int fileMode(const QString& path);
