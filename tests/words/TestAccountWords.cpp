@@ -1,6 +1,7 @@
 #include "link/Account.h"
 #include "link/Codex.h"
 #include "surface/words/AccountWords.h"
+#include "Fixture.h"
 
 #include <QJsonDocument>
 #include <QTest>
@@ -10,38 +11,18 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Thursday 2025-10-09 10:53:20 UTC.
-constexpr qint64 kNow = 1760007200000;
+using Fixture::now;
 
-QDateTime now()
-{
-    return QDateTime::fromMSecsSinceEpoch(kNow, QTimeZone::utc());
-}
-
-QJsonValue json(QByteArray text)
-{
-    // "@+90" stands for the moment 90 seconds from now.
-    qsizetype i;
-    while ((i = text.indexOf("\"@")) >= 0) {
-        const qsizetype end = text.indexOf('"', i + 2);
-        const double offset = text.mid(i + 2, end - i - 2).toDouble();
-        text.replace(i, end - i + 1, QByteArray::number(kNow + qint64(offset * 1000)));
-    }
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson("[" + text + "]", &error);
-    if (error.error != QJsonParseError::NoError)
-        qFatal("bad test JSON: %s", text.constData());
-    return document.array().at(0);
-}
+constexpr qint64 kNow = Fixture::kNowMs;
 
 Account account(const QByteArray& text)
 {
-    return *Account::fromJson(json(text));
+    return Fixture::record<Account>(text);
 }
 
 Codex codex(const QByteArray& text)
 {
-    return *Codex::fromJson(json(text));
+    return Fixture::record<Codex>(text);
 }
 
 } // namespace

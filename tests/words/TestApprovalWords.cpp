@@ -1,6 +1,7 @@
 #include "link/Approval.h"
 #include "link/Session.h"
 #include "surface/words/ApprovalWords.h"
+#include "Fixture.h"
 
 #include <QJsonDocument>
 #include <QTest>
@@ -10,30 +11,18 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qint64 kNow = 1760007200000;
+using Fixture::now;
 
-QDateTime now()
-{
-    return QDateTime::fromMSecsSinceEpoch(kNow, QTimeZone::utc());
-}
-
-QJsonValue json(const QByteArray& text)
-{
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson("[" + text + "]", &error);
-    if (error.error != QJsonParseError::NoError)
-        qFatal("bad test JSON: %s", text.constData());
-    return document.array().at(0);
-}
+constexpr qint64 kNow = Fixture::kNowMs;
 
 Approval approval(const QByteArray& text)
 {
-    return *Approval::fromJson(json(text));
+    return Fixture::record<Approval>(text);
 }
 
 std::optional<Session> session(const QByteArray& text)
 {
-    return text.isEmpty() ? std::nullopt : Session::fromJson(json(text));
+    return Fixture::maybe<Session>(text);
 }
 
 } // namespace

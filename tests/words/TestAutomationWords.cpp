@@ -3,6 +3,7 @@
 #include "link/LocalStatus.h"
 #include "workflows/AutomationWords.h"
 #include "workflows/AutomationsState.h"
+#include "Fixture.h"
 
 #include <QJsonDocument>
 #include <QTest>
@@ -12,43 +13,19 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Thursday 2025-10-09 10:53:20 UTC.
-constexpr qint64 kNow = 1760007200000;
+using Fixture::json;
+using Fixture::now;
 
-QDateTime now()
-{
-    return QDateTime::fromMSecsSinceEpoch(kNow, QTimeZone::utc());
-}
-
-// "@+90" in a fixture stands for the moment 90 seconds from now.
-QByteArray at(QByteArray text)
-{
-    qsizetype i;
-    while ((i = text.indexOf("\"@")) >= 0) {
-        const qsizetype end = text.indexOf('"', i + 2);
-        const double offset = text.mid(i + 2, end - i - 2).toDouble();
-        text.replace(i, end - i + 1, QByteArray::number(kNow + qint64(offset * 1000)));
-    }
-    return text;
-}
-
-QJsonValue json(const QByteArray& text)
-{
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson("[" + at(text) + "]", &error);
-    if (error.error != QJsonParseError::NoError)
-        qFatal("bad test JSON: %s", text.constData());
-    return document.array().at(0);
-}
+constexpr qint64 kNow = Fixture::kNowMs;
 
 AutomationsState fromSnapshot(const QByteArray& text)
 {
-    return AutomationsState::fromSnapshot(*AutomationsSnapshot::fromJson(json(text)));
+    return AutomationsState::fromSnapshot(Fixture::record<AutomationsSnapshot>(text));
 }
 
 AutomationsState fromStatus(const QByteArray& text)
 {
-    return AutomationsState::fromStatus(*AutomationsStatus::fromJson(json(text)));
+    return AutomationsState::fromStatus(Fixture::record<AutomationsStatus>(text));
 }
 
 QStringList names(const AutomationsState& state)

@@ -1,5 +1,6 @@
 #include "awake/AwakeWords.h"
 #include "link/Awake.h"
+#include "Fixture.h"
 
 #include <QJsonDocument>
 #include <QTest>
@@ -11,31 +12,11 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Thursday 2025-10-09 10:53:20 UTC.
-constexpr qint64 kNow = 1760007200000;
+using Fixture::now;
 
-QDateTime now()
+Awake awake(const QByteArray& text)
 {
-    return QDateTime::fromMSecsSinceEpoch(kNow, QTimeZone::utc());
-}
-
-// "@+90" in a fixture stands for the moment 90 seconds from now.
-Awake awake(QByteArray text)
-{
-    qsizetype i;
-    while ((i = text.indexOf("\"@")) >= 0) {
-        const qsizetype end = text.indexOf('"', i + 2);
-        const double offset = text.mid(i + 2, end - i - 2).toDouble();
-        text.replace(i, end - i + 1, QByteArray::number(kNow + qint64(offset * 1000)));
-    }
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson("[" + text + "]", &error);
-    if (error.error != QJsonParseError::NoError)
-        qFatal("bad test JSON: %s", text.constData());
-    const std::optional<Awake> value = Awake::fromJson(document.array().at(0));
-    if (!value)
-        qFatal("not an awake record: %s", text.constData());
-    return *value;
+    return Fixture::record<Awake>(text);
 }
 
 std::optional<Battery> battery(double percent)

@@ -2,6 +2,7 @@
 #include "link/Provider.h"
 #include "link/Session.h"
 #include "surface/words/SessionWords.h"
+#include "Fixture.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -12,56 +13,24 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Thursday 2025-10-09 10:53:20 UTC.
-constexpr qint64 kNow = 1760007200000;
+using Fixture::json;
+using Fixture::now;
 
-QDateTime now()
-{
-    return QDateTime::fromMSecsSinceEpoch(kNow, QTimeZone::utc());
-}
-
-QJsonValue json(const QByteArray& text)
-{
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson("[" + text + "]", &error);
-    if (error.error != QJsonParseError::NoError)
-        qFatal("bad test JSON: %s", text.constData());
-    return document.array().at(0);
-}
-
-// Moments are written in the fixtures as "@+90" (seconds from now) and
-// replaced before parsing, so a row reads as the situation it stands for.
-QByteArray at(QByteArray text)
-{
-    qsizetype i;
-    while ((i = text.indexOf("\"@")) >= 0) {
-        const qsizetype end = text.indexOf('"', i + 2);
-        const double offset = text.mid(i + 2, end - i - 2).toDouble();
-        text.replace(i, end - i + 1, QByteArray::number(kNow + qint64(offset * 1000)));
-    }
-    return text;
-}
+constexpr qint64 kNow = Fixture::kNowMs;
 
 Session session(const QByteArray& text)
 {
-    std::optional<Session> value = Session::fromJson(json(at(text)));
-    if (!value)
-        qFatal("not a session: %s", text.constData());
-    return *value;
+    return Fixture::record<Session>(text);
 }
 
 std::optional<Provider> provider(const QByteArray& text)
 {
-    if (text.isEmpty())
-        return std::nullopt;
-    return Provider::fromJson(json(at(text)));
+    return Fixture::maybe<Provider>(text);
 }
 
 std::optional<Account> account(const QByteArray& text)
 {
-    if (text.isEmpty())
-        return std::nullopt;
-    return Account::fromJson(json(at(text)));
+    return Fixture::maybe<Account>(text);
 }
 
 const QByteArray kOpenRouter = R"({"id":"or","name":"OpenRouter","kind":"openrouter"})";
@@ -140,7 +109,7 @@ void TestSessionWords::order()
 {
     QFETCH(QByteArray, sessions);
     QFETCH(QStringList, ids);
-    const FlexList<Session> list = FlexList<Session>::fromJson(json(at(sessions)));
+    const FlexList<Session> list = FlexList<Session>::fromJson(json((sessions)));
     QStringList got;
     for (const Session& s : SessionWords::ordered(list.items))
         got.append(s.id);
@@ -621,7 +590,7 @@ void TestSessionWords::providerWords()
     QFETCH(QByteArray, provider);
     QFETCH(QString, text);
     QFETCH(bool, attention);
-    const std::optional<Session::Blocked> b = Session::Blocked::fromJson(json(at(blocked)));
+    const std::optional<Session::Blocked> b = Session::Blocked::fromJson(json((blocked)));
     const std::optional<Provider> p = ::provider(provider);
     const BlockedWords words = SessionWords::providerWords(*b, p ? &*p : nullptr, now(), QLocale(u"en_US"_s));
     QCOMPARE(words.text, text);

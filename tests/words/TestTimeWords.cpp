@@ -1,4 +1,5 @@
 #include "surface/words/TimeWords.h"
+#include "Fixture.h"
 
 #include <QTest>
 #include <QTimeZone>
@@ -9,13 +10,9 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Thursday 2025-10-09 10:53:20 UTC.
-constexpr qint64 kNow = 1760007200000;
+using Fixture::now;
 
-QDateTime now()
-{
-    return QDateTime::fromMSecsSinceEpoch(kNow, QTimeZone::utc());
-}
+constexpr qint64 kNow = Fixture::kNowMs;
 
 } // namespace
 

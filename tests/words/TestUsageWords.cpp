@@ -2,6 +2,7 @@
 #include "link/Codex.h"
 #include "link/Usage.h"
 #include "surface/words/UsageWords.h"
+#include "Fixture.h"
 
 #include <QJsonDocument>
 #include <QTest>
@@ -11,13 +12,9 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Thursday 2025-10-09 10:53:20 UTC.
-constexpr qint64 kNow = 1760007200000;
+using Fixture::now;
 
-QDateTime now()
-{
-    return QDateTime::fromMSecsSinceEpoch(kNow, QTimeZone::utc());
-}
+constexpr qint64 kNow = Fixture::kNowMs;
 
 FlexDate in(double seconds)
 {

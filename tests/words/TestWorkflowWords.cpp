@@ -1,4 +1,5 @@
 #include "workflows/WorkflowWords.h"
+#include "Fixture.h"
 
 #include <QTest>
 #include <QTimeZone>
@@ -7,12 +8,9 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qint64 kNow = 1760007200000;
+using Fixture::now;
 
-QDateTime now()
-{
-    return QDateTime::fromMSecsSinceEpoch(kNow, QTimeZone::utc());
-}
+constexpr qint64 kNow = Fixture::kNowMs;
 
 } // namespace
 

@@ -1,0 +1,35 @@
+#include "Fixture.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+namespace Fixture {
+
+QDateTime now()
+{
+    return QDateTime::fromMSecsSinceEpoch(kNowMs, Qt::UTC);
+}
+
+QJsonValue json(const QByteArray& written)
+{
+    QByteArray text = written;
+    qsizetype i;
+    while ((i = text.indexOf("\"@")) >= 0) {
+        const qsizetype end = text.indexOf('"', i + 2);
+        const double offset = text.mid(i + 2, end - i - 2).toDouble();
+        text.replace(i, end - i + 1, QByteArray::number(kNowMs + qint64(offset * 1000)));
+    }
+    // Wrapped so that a bare value parses as well as an object.
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson("[" + text + "]", &error);
+    if (error.error != QJsonParseError::NoError)
+        qFatal("bad test JSON (%s): %s", qPrintable(error.errorString()), written.constData());
+    return document.array().at(0);
+}
+
+void undecodable(const QByteArray& text)
+{
+    qFatal("the fixture doesn't decode: %s", text.constData());
+}
+
+} // namespace Fixture
