@@ -146,4 +146,59 @@ QString minBatteryCaption()
     return u"Below this, on its own battery, Tidewatch stops keeping the Mac awake (2 minutes' warning first)."_s;
 }
 
+QString modeTitle(Awake::Mode mode)
+{
+    switch (mode) {
+    case Awake::Mode::Working:
+        return u"While working"_s;
+    case Awake::Mode::Backpack:
+        return u"Backpack"_s;
+    case Awake::Mode::Off:
+        break;
+    }
+    return u"Off"_s;
+}
+
+QString modeHelp(Awake::Mode mode)
+{
+    switch (mode) {
+    case Awake::Mode::Working:
+        return u"Awake while sessions, agents or automations run, or a phone or the glasses are connected; it sleeps "
+               u"as usual after."_s;
+    case Awake::Mode::Backpack:
+        return u"Awake with the lid closed, on battery, for up to 8 hours: Tidewatch keeps working in your bag."_s;
+    case Awake::Mode::Off:
+        break;
+    }
+    return u"Tidewatch never keeps this Mac awake; it sleeps as macOS decides."_s;
+}
+
+bool backpackSetUp(const Awake& awake, bool ruleFileExists)
+{
+    return awake.backpackReady || ruleFileExists;
+}
+
+BackpackOffer backpackOffer(qint64 minBattery)
+{
+    return {u"Keep working with the lid closed."_s,
+        u"Backpack mode keeps this Mac awake in your bag, on battery, for up to 8 hours, and lets it sleep at "_s
+            + QString::number(minBattery)
+            + u"% battery or if it runs hot. Your phone and glasses hear 2 minutes before.\n\nmacOS keeps a closed Mac "
+              u"awake only with your password, once: Tidewatch adds a rule that lets it turn sleep off and back on, "
+              u"and nothing else."_s,
+        u"Enable Backpack mode"_s, u"Setting up…"_s, u"Not now"_s};
+}
+
+QString settingsCaption()
+{
+    return u"While working keeps it awake while sessions, agents or automations run, or a phone or the glasses are "
+           u"connected. Backpack also keeps it awake with the lid closed, for up to 8 hours."_s;
+}
+
+QString permissionCaption(bool setUp)
+{
+    return setUp ? u"Removes the rule that lets Tidewatch turn sleep off. Asks for your password."_s
+                 : u"Asks for your password once, to let Tidewatch keep this Mac awake with the lid closed."_s;
+}
+
 } // namespace AwakeWords

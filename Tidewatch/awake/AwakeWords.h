@@ -30,6 +30,17 @@ struct MinBatteryControl {
     bool operator==(const MinBatteryControl&) const = default;
 };
 
+/// What the panel offers when Backpack is picked before its permission is there.
+struct BackpackOffer {
+    QString title;
+    QString body;
+    /// The button that sets it up, and its word while that runs.
+    QString enable;
+    QString enableBusy;
+    QString decline;
+    bool operator==(const BackpackOffer&) const = default;
+};
+
 // The words of Stay awake: pure functions of the service's Awake record and
 // the present time, shared by the popover, Settings and the phone.
 namespace AwakeWords {
@@ -60,5 +71,17 @@ constexpr qint64 kMinBatteryStep = 5;
 MinBatteryControl minBatteryControl(qint64 value);
 /// "Below this, on its own battery, …"
 QString minBatteryCaption();
+
+/// The picker's word for a mode: "While working", "Backpack", "Off".
+QString modeTitle(Awake::Mode mode);
+/// What a mode does, in a sentence, as the picker's help.
+QString modeHelp(Awake::Mode mode);
+/// Backpack can be chosen at once: the service has its permission, or the rule file is there.
+bool backpackSetUp(const Awake& awake, bool ruleFileExists);
+BackpackOffer backpackOffer(qint64 minBattery);
+/// Settings' caption under the picker.
+QString settingsCaption();
+/// The caption beside Settings' button that sets the permission up, or removes it.
+QString permissionCaption(bool setUp);
 
 } // namespace AwakeWords

@@ -45,6 +45,9 @@ private Q_SLOTS:
     void sentence();
     void minBattery_data();
     void minBattery();
+    void backpackCountsAsSetUp_data();
+    void backpackCountsAsSetUp();
+    void theOfferNamesTheBatteryLevel();
 };
 
 void TestAwakeWords::duration_data()
@@ -241,6 +244,32 @@ void TestAwakeWords::minBattery()
     QCOMPARE(control.canRaise, plus);
     QCOMPARE(control.canLower, minus);
     QCOMPARE(control.text, text);
+}
+
+void TestAwakeWords::backpackCountsAsSetUp_data()
+{
+    QTest::addColumn<QByteArray>("awake");
+    QTest::addColumn<bool>("ruleFile");
+    QTest::addColumn<bool>("setUp");
+
+    QTest::newRow("the service has it") << QByteArray(R"({"mode":"working","backpackReady":true})") << false << true;
+    QTest::newRow("only the rule file is there") << QByteArray(R"({"mode":"working"})") << true << true;
+    QTest::newRow("neither: the offer opens") << QByteArray(R"({"mode":"working","backpackReady":false})") << false
+                                              << false;
+}
+
+void TestAwakeWords::backpackCountsAsSetUp()
+{
+    QFETCH(QByteArray, awake);
+    QFETCH(bool, ruleFile);
+    QTEST(AwakeWords::backpackSetUp(::awake(awake), ruleFile), "setUp");
+}
+
+void TestAwakeWords::theOfferNamesTheBatteryLevel()
+{
+    const BackpackOffer offer = AwakeWords::backpackOffer(20);
+    QVERIFY2(offer.body.contains(QStringLiteral("lets it sleep at 20% battery or if it runs hot.")), qPrintable(offer.body));
+    QCOMPARE(offer.enableBusy, QStringLiteral("Setting up…"));
 }
 
 QTEST_GUILESS_MAIN(TestAwakeWords)
