@@ -2,9 +2,11 @@
 #include "entry/Environment.h"
 #include "entry/OneShot.h"
 #include "platform/Platform.h"
+#include "surface/IconsetRender.h"
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QGuiApplication>
 
 #include <cstdio>
 
@@ -53,6 +55,12 @@ int startApplication(const CommandLine& line, int& argc, char** argv)
 int main(int argc, char** argv)
 {
     const CommandLine line = CommandLine::scan(argumentList(argc, argv));
+    // Drawing wants the screen library, which the one-shot work below never links.
+    if (line.work == CommandLine::Work::RenderIconset) {
+        chooseHeadlessWhenNoDisplay();
+        QGuiApplication application(argc, argv);
+        return renderIconset(*line.value);
+    }
     if (line.isOneShot()) {
         QCoreApplication application(argc, argv);
         return runOneShot(line);
