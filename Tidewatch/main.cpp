@@ -1,8 +1,10 @@
 #include "entry/CommandLine.h"
 #include "entry/Environment.h"
 #include "entry/OneShot.h"
+#include "model/AppModel.h"
 #include "platform/Platform.h"
 #include "surface/IconsetRender.h"
+#include "surface/StatusItemController.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -47,6 +49,11 @@ int startApplication(const CommandLine& line, int& argc, char** argv)
         std::puts("Tidewatch: this build doesn’t do --popover-selftest yet.");
         return 1;
     }
+
+    AppModel model(environment, Clock::system());
+    StatusItemController statusItem(model, environment);
+    statusItem.install();
+    model.start();
     return application.exec();
 }
 
