@@ -7,13 +7,15 @@
 //   valgrind --tool=callgrind --toggle-collect='MenuBarIconAnimator::tick()' bench_idle --seconds 0
 //
 // Options: --seconds N (each timed state, default 10), --ticks N (default 100000).
+// With --app: the whole app against the real service instead (AppIdle.cpp).
 
+#include "AppIdle.h"
 #include "entry/Clock.h"
 #include "surface/MenuBarFrames.h"
 #include "surface/MenuBarIconAnimator.h"
 #include "surface/StatusButton.h"
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QElapsedTimer>
 #include <QEvent>
 #include <QTimer>
@@ -92,7 +94,7 @@ void printRow(const char* state, double seconds, qint64 wakes, qint64 ticks, qin
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
+    QApplication app(argc, argv);
     double seconds = 10;
     qint64 steps = 100000;
     const QStringList args = app.arguments();
@@ -102,6 +104,9 @@ int main(int argc, char** argv)
         else if (args[i] == QLatin1StringView("--ticks"))
             steps = args[i + 1].toLongLong();
     }
+
+    if (args.contains(QLatin1StringView("--app")))
+        return runAppIdle(seconds);
 
     QElapsedTimer building;
     building.start();
