@@ -4,6 +4,7 @@
 #include "model/AppModel.h"
 #include "platform/Platform.h"
 #include "surface/IconsetRender.h"
+#include "surface/PopoverRender.h"
 #include "surface/StatusItemController.h"
 
 #include <QApplication>
@@ -67,6 +68,12 @@ int main(int argc, char** argv)
         chooseHeadlessWhenNoDisplay();
         QGuiApplication application(argc, argv);
         return renderIconset(*line.value);
+    }
+    if (line.work == CommandLine::Work::RenderPopover || line.work == CommandLine::Work::Snapshots) {
+        chooseHeadlessWhenNoDisplay();
+        QApplication application(argc, argv);
+        return line.work == CommandLine::Work::Snapshots ? PopoverRender::renderSnapshots(*line.value)
+                                                         : PopoverRender::renderPopover(*line.value, line.live);
     }
     if (line.isOneShot()) {
         QCoreApplication application(argc, argv);

@@ -381,6 +381,21 @@ void AppModel::take(const LiveFeed::Event& event)
     nudge();
 }
 
+void AppModel::showPicture(const Picture& picture)
+{
+    if (!m_sample)
+        return;
+    assign(m_health, picture.health, &AppModel::healthChanged);
+    assign(m_status, picture.status, &AppModel::statusChanged);
+    assign(m_snapshot, picture.snapshot, &AppModel::snapshotChanged);
+    assign(m_answered, picture.answered, &AppModel::answeredChanged);
+    assign(m_serviceNodeGone, picture.serviceNodeGone, &AppModel::serviceNodeGoneChanged);
+    assign(m_serviceInstalled, picture.serviceInstalled, &AppModel::serviceInstalledChanged);
+    assign(m_feedLive, picture.feedLive, &AppModel::feedLiveChanged);
+    assign(m_signingIn, picture.signingIn, &AppModel::signingInChanged);
+    assign(m_firstPollDone, picture.firstPollDone, &AppModel::firstPollDoneChanged);
+}
+
 QList<NeedsYouItem> AppModel::needsYou() const
 {
     return Attention::needsYou(m_snapshot, m_status, m_answered, m_clock.now());

@@ -60,6 +60,21 @@ public:
         QObject* parent = nullptr);
     ~AppModel() override;
 
+    /// What a sample instance shows: a state as the reads and the feed would leave it.
+    struct Picture {
+        bool firstPollDone = true;
+        bool serviceInstalled = true;
+        bool feedLive = true;
+        std::optional<Health> health;
+        std::optional<LocalStatus> status;
+        std::optional<Snapshot> snapshot;
+        Attention::AnsweredMap answered;
+        std::optional<QString> serviceNodeGone;
+        bool signingIn = false;
+    };
+    /// Puts a picture into a sample instance; a live one ignores it.
+    void showPicture(const Picture& picture);
+
     /// Starts the feed and the read loop, whose first read comes at once.
     /// Calling it again does nothing more.
     void start();
@@ -123,6 +138,7 @@ public:
     /// Since when reads fail while the feed is still believed.
     const std::optional<QDateTime>& failingSince() const { return m_failingSince; }
     bool isSample() const { return m_sample; }
+    const Environment& environment() const { return m_environment; }
 
     // The user's actions. Each does nothing in a sample; a failure shows
     // its fixed opening and the service's sentence as a note.

@@ -1,0 +1,160 @@
+#include "surface/PopoverModel.h"
+
+#include "awake/BackpackSetup.h"
+#include "model/AppModel.h"
+#include "platform/Platform.h"
+#include "surface/PopoverPage.h"
+#include "surface/words/SessionWords.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+
+PopoverModel::PopoverModel(AppModel& model, DismissedNotices& dismissed, const Clock& clock, QObject* parent)
+    : QObject(parent)
+    , m_model(model)
+    , m_dismissed(dismissed)
+    , m_clock(clock)
+    , m_tick(new QTimer(this))
+{
+    m_tick->setInterval(1000);
+    connect(m_tick, &QTimer::timeout, this, &PopoverModel::refresh);
+    for (auto changed : {&AppModel::snapshotChanged, &AppModel::statusChanged, &AppModel::healthChanged,
+             &AppModel::answeredChanged, &AppModel::noteChanged, &AppModel::feedLiveChanged,
+             &AppModel::firstPollDoneChanged, &AppModel::serviceInstalledChanged, &AppModel::serviceNodeGoneChanged,
+             &AppModel::lastErrorChanged, &AppModel::signingInChanged, &AppModel::dialogChanged,
+             &AppModel::dialogWorkingChanged, &AppModel::awakeChoiceChanged, &AppModel::backpackBusyChanged,
+             &AppModel::deviceListChanged, &AppModel::claudeLookChanged})
+        connect(&m_model, changed, this, &PopoverModel::queueRefresh);
+    connect(&m_dismissed, &DismissedNotices::changed, this, &PopoverModel::queueRefresh);
+    refresh();
+}
+
+void PopoverModel::queueRefresh()
+{
+    // A read changes several things at once; the page is built once for all of them.
+    if (m_queued)
+        return;
+    m_queued = true;
+    QTimer::singleShot(0, this, [this] {
+        m_queued = false;
+        refresh();
+    });
+}
+
+void PopoverModel::refresh()
+{
+    // Without a locale of its own (C, as on a bare server) times read as in the United States, not with seconds.
+    QLocale locale;
+    if (locale.language() == QLocale::C)
+        locale = QLocale(QLocale::English, QLocale::UnitedStates);
+    const QVariantMap page = PopoverPage::build({m_model, m_dismissed, m_clock.now(), locale,
+        platform::systemHomeDirectory(), BackpackSetup::isInstalled(m_model.environment())});
+    if (page == m_page)
+        return;
+    m_page = page;
+    Q_EMIT pageChanged();
+}
+
+void PopoverModel::setTicking(bool on)
+{
+    if (on)
+        m_tick->start();
+    else
+        m_tick->stop();
+}
+
+void PopoverModel::decide(const QString& approvalId, const QString& decision)
+{
+    for (const Approval& approval : m_model.waitingApprovals()) {
+        if (approval.id == approvalId) {
+            m_model.decide(approval, decision);
+            return;
+        }
+    }
+}
+
+void PopoverModel::openTerminal(const QString& sessionId)
+{
+    m_model.openTerminal(sessionId);
+}
+
+void PopoverModel::rowAction(const QString& sessionId, int act)
+{
+    switch (RowAction::Act(act)) {
+    case RowAction::Act::Continue:
+    case RowAction::Act::ContinueNow:
+        m_model.continueSession(sessionId);
+        return;
+    case RowAction::Act::ArmResume:
+        m_model.setAutoContinue(sessionId, true);
+        return;
+    case RowAction::Act::CancelResume:
+        m_model.setAutoContinue(sessionId, false);
+        return;
+    case RowAction::Act::TopUp:
+    case RowAction::Act::FixKey:
+    case RowAction::Act::TryAgain:
+        // The providers' window owns these; until it opens from here the row's help says where to go.
+        return;
+    }
+}
+
+void PopoverModel::dismissNotice(const QString& id)
+{
+    // The dismissal keeps the notice's own key, so the same trouble stays away.
+    for (const Notice& notice : PopoverPage::currentNotices(m_model, m_clock.now())) {
+        if (notice.id == id)
+            m_dismissed.dismiss(notice);
+    }
+}
+
+void PopoverModel::undoDismiss()
+{
+    m_dismissed.undoDismiss();
+}
+
+void PopoverModel::signIn()
+{
+    m_model.signIn();
+}
+
+void PopoverModel::setAwake(const QString& mode)
+{
+    if (const std::optional<Awake::Mode> chosen = awakeModeFromName(mode))
+        m_model.setAwake(*chosen);
+}
+
+void PopoverModel::extendBackpack()
+{
+    m_model.extendBackpack();
+}
+
+void PopoverModel::setMinBattery(int percent)
+{
+    m_model.setMinBattery(percent);
+}
+
+void PopoverModel::setupBackpack()
+{
+    m_model.setupBackpack();
+}
+
+void PopoverModel::confirmDialog(bool option)
+{
+    m_model.confirmDialog(option);
+}
+
+void PopoverModel::cancelDialog()
+{
+    m_model.cancelDialog();
+}
+
+void PopoverModel::dialogSecondary()
+{
+    m_model.dialogSecondary();
+}
+
+void PopoverModel::quit()
+{
+    QCoreApplication::quit();
+}

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "entry/Clock.h"
+#include "model/DismissedNotices.h"
+
+#include <QObject>
+#include <QVariantMap>
+
+class AppModel;
+class QTimer;
+
+/// What the panel's views bind to: the page as finished words, and the
+/// user's actions by name. It lives as long as the panel is open, so its
+/// one-second refresh (for the countdowns and ages) stops when the panel closes.
+class PopoverModel : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QVariantMap page READ page NOTIFY pageChanged)
+
+public:
+    PopoverModel(AppModel& model, DismissedNotices& dismissed, const Clock& clock, QObject* parent = nullptr);
+
+    const QVariantMap& page() const { return m_page; }
+    /// Builds the page now; the views follow on a change only.
+    void refresh();
+    /// Ages and countdowns move once a second while this is on.
+    void setTicking(bool on);
+
+    Q_INVOKABLE void decide(const QString& approvalId, const QString& decision);
+    Q_INVOKABLE void openTerminal(const QString& sessionId);
+    /// A row's button, by the act the page gave it.
+    Q_INVOKABLE void rowAction(const QString& sessionId, int act);
+    Q_INVOKABLE void dismissNotice(const QString& id);
+    Q_INVOKABLE void undoDismiss();
+    Q_INVOKABLE void signIn();
+    Q_INVOKABLE void setAwake(const QString& mode);
+    Q_INVOKABLE void extendBackpack();
+    Q_INVOKABLE void setMinBattery(int percent);
+    Q_INVOKABLE void setupBackpack();
+    Q_INVOKABLE void confirmDialog(bool option);
+    Q_INVOKABLE void cancelDialog();
+    Q_INVOKABLE void dialogSecondary();
+    Q_INVOKABLE void quit();
+
+Q_SIGNALS:
+    void pageChanged();
+    /// The content no longer fits the panel it stands in.
+    void closeRequested();
+
+private:
+    void queueRefresh();
+
+    AppModel& m_model;
+    DismissedNotices& m_dismissed;
+    const Clock& m_clock;
+    QTimer* m_tick;
+    QVariantMap m_page;
+    bool m_queued = false;
+};

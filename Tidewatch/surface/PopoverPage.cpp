@@ -1,0 +1,317 @@
+#include "surface/PopoverPage.h"
+
+#include "awake/AwakeWords.h"
+#include "model/Agents.h"
+#include "model/AppModel.h"
+#include "model/DismissedNotices.h"
+#include "model/Notice.h"
+#include "surface/words/AccountWords.h"
+#include "surface/words/ApprovalWords.h"
+#include "surface/words/ConnectionPill.h"
+#include "surface/words/MeterReading.h"
+#include "surface/words/SessionWords.h"
+#include "surface/words/UsageWords.h"
+
+#include <QVariantList>
+
+using namespace Qt::StringLiterals;
+
+namespace PopoverPage {
+
+namespace {
+
+// The notice's colour, as the cards' accent.
+Ink toneInk(Notice::Tone tone)
+{
+    switch (tone) {
+    case Notice::Tone::Amber:
+        return Ink::Amber;
+    case Notice::Tone::Danger:
+        return Ink::Red;
+    case Notice::Tone::Accent:
+        break;
+    }
+    return Ink::Green;
+}
+
+QVariant text(const std::optional<QString>& value)
+{
+    return value ? QVariant(*value) : QVariant(QString());
+}
+
+const Session* sessionById(const QList<Session>& sessions, const std::optional<QString>& id)
+{
+    if (!id)
+        return nullptr;
+    for (const Session& session : sessions) {
+        if (session.id == *id)
+            return &session;
+    }
+    return nullptr;
+}
+
+bool phonePaired(const std::optional<LocalStatus>& status)
+{
+    return status && !status->devices.items.isEmpty();
+}
+
+QVariantMap pill(const AppModel& model, const QDateTime& now)
+{
+    const ConnectionPill::Look look = ConnectionPill::look(
+        {model.firstPollDone(), model.serviceUp(), model.status(), model.statusCountsFeed()}, now);
+    return {{u"dot"_s, inkHex(look.dot)}, {u"glow"_s, look.glow}, {u"word"_s, look.word}, {u"help"_s, look.help}};
+}
+
+QVariantList notices(const Inputs& in)
+{
+    QVariantList list;
+    for (const Notice& notice : in.dismissed.visibleOf(currentNotices(in.model, in.now))) {
+        list << QVariantMap{{u"id"_s, notice.id}, {u"ink"_s, inkHex(toneInk(notice.tone))}, {u"title"_s, notice.title},
+            {u"line"_s, text(notice.line)}, {u"action"_s, text(notice.action)}, {u"help"_s, text(noticeHelp(notice))}};
+    }
+    return list;
+}
+
+QVariantList buttons(const Approval& approval)
+{
+    QVariantList list;
+    for (const ApprovalButton& button : ApprovalWords::buttons(approval))
+        list << QVariantMap{{u"title"_s, button.title}, {u"help"_s, button.help}, {u"decision"_s, button.decision}};
+    return list;
+}
+
+QVariantMap attentionItem(const NeedsYouItem& item, const QList<Session>& sessions, const Inputs& in)
+{
+    const Approval& approval = item.approval();
+    const Session* session = sessionById(sessions, approval.sessionId);
+    QVariantMap card{{u"id"_s, approval.id},
+        {u"source"_s, session ? SessionWords::title(*session) : QString()}};
+    if (const Answered* answer = item.answer()) {
+        card.insert(u"type"_s, u"folded"_s);
+        card.insert(u"words"_s, ApprovalWords::foldedWords(approval, answer->decision));
+        return card;
+    }
+    if (const std::optional<ExpiryWords> expiry = ApprovalWords::expiry(approval, in.now)) {
+        card.insert(u"expiry"_s, expiry->text);
+        card.insert(u"expiryInk"_s, inkHex(expiry->ink));
+        card.insert(u"expiryHelp"_s, ApprovalWords::expiryHelp());
+    }
+    if (!ApprovalWords::isToolRequest(approval)) {
+        const TerminalAnswerWords there = ApprovalWords::terminalAnswer(session, phonePaired(in.model.status()));
+        card.insert(u"type"_s, u"ask"_s);
+        card.insert(u"summary"_s, ApprovalWords::askSummary(approval, session));
+        card.insert(u"where"_s, there.text);
+        card.insert(u"whereAction"_s, there.action);
+        card.insert(u"sessionId"_s, session ? session->id : QString());
+        return card;
+    }
+    const CommandWell well = ApprovalWords::commandWell(approval);
+    card.insert(u"type"_s, u"approval"_s);
+    card.insert(u"tool"_s, ApprovalWords::toolName(approval));
+    card.insert(u"prompt"_s, well.prompt);
+    card.insert(u"command"_s, well.text);
+    card.insert(u"buttons"_s, buttons(approval));
+    return card;
+}
+
+QVariantMap row(const Session& session, const QList<Approval>& open, const Snapshot& snapshot, const Inputs& in)
+{
+    const Provider* provider = SessionWords::providerOf(session, snapshot.providers.items);
+    const Account* account = snapshot.account ? &*snapshot.account : nullptr;
+    const Approval* approval = nullptr;
+    for (const Approval& candidate : open) {
+        if (candidate.sessionId == session.id) {
+            approval = &candidate;
+            break;
+        }
+    }
+    const StateLine line = SessionWords::stateLine(session, approval, provider, account, in.now, in.locale);
+    const SessionStamp stamp = SessionWords::stamp(session, in.now);
+    const SmallPrint small = SessionWords::smallPrint(session, false);
+    QStringList print;
+    for (const std::optional<QString>& part : {small.queued, small.agents}) {
+        if (part)
+            print << *part;
+    }
+    QVariantList actions;
+    for (const RowAction& action : SessionWords::actions(session, provider, account, in.now, in.locale, false))
+        actions << QVariantMap{{u"act"_s, int(action.act)}, {u"title"_s, action.title}, {u"help"_s, action.help}};
+    return {{u"id"_s, session.id}, {u"title"_s, SessionWords::title(session)},
+        {u"place"_s, text(SessionWords::place(session, in.home))}, {u"chip"_s, SessionWords::chip(session, provider)},
+        {u"mode"_s, text(SessionWords::modeTag(session.permissionMode))}, {u"stamp"_s, stamp.hex},
+        {u"age"_s, stamp.age}, {u"stampHelp"_s, stamp.help}, {u"line"_s, line.text}, {u"lineInk"_s, inkHex(line.ink())},
+        {u"lineOpacity"_s, line.opacity()}, {u"thinking"_s, line.thinking}, {u"small"_s, print.join(u" · "_s)},
+        {u"actions"_s, actions}, {u"opens"_s, SessionWords::opensTerminal(session)},
+        {u"openTitle"_s, SessionWords::openTitle(session)}, {u"help"_s, SessionWords::help(session)},
+        {u"spoken"_s, SessionWords::spokenLabel(session, provider, in.home)}};
+}
+
+QVariantMap meter(const Meter& meter, const Inputs& in)
+{
+    const MeterLook look = MeterWords::look(meter.reading, in.now, in.locale);
+    return {{u"label"_s, meter.label.toUpper()}, {u"chip"_s, text(meter.chip)}, {u"percent"_s, look.percent},
+        {u"percentInk"_s, inkHex(look.percentInk)}, {u"barInk"_s, inkHex(look.barInk)}, {u"fill"_s, look.fill},
+        {u"ghost"_s, look.ghost.value_or(-1)}, {u"tag"_s, look.tagText}, {u"tagInk"_s, inkHex(look.tagInk)},
+        {u"spoken"_s, meter.reading.sentence(in.now, in.locale)}};
+}
+
+QVariantMap awake(const Awake& record, const Inputs& in, const std::optional<Battery>& battery)
+{
+    QVariantList modes;
+    const Awake::Mode shown = in.model.awakeChoice().value_or(record.mode);
+    for (const Awake::Mode mode : {Awake::Mode::Working, Awake::Mode::Backpack, Awake::Mode::Off}) {
+        modes << QVariantMap{{u"name"_s, awakeModeName(mode)}, {u"title"_s, AwakeWords::modeTitle(mode)},
+            {u"help"_s, AwakeWords::modeHelp(mode)}, {u"chosen"_s, mode == shown}};
+    }
+    const std::optional<AwakeLine> line = AwakeWords::sentence(record, in.now, battery, in.locale);
+    QVariantMap section{{u"heading"_s, u"Stay awake"_s}, {u"extendTitle"_s, u"Extend"_s},
+        {u"lower"_s, u"Lower the battery level"_s}, {u"raise"_s, u"Raise the battery level"_s}, {u"modes"_s, modes}, {u"phrase"_s, AwakeWords::phrase(record, in.now)},
+        {u"line"_s, line ? line->text : QString()}, {u"warn"_s, AwakeWords::isHighlighted(record)},
+        {u"extend"_s, text(AwakeWords::extendLabel(record, in.now))},
+        {u"backpackSetUp"_s, AwakeWords::backpackSetUp(record, in.backpackRuleExists)},
+        {u"busy"_s, in.model.backpackBusy()}};
+    if (record.mode == Awake::Mode::Backpack) {
+        const MinBatteryControl control = AwakeWords::minBatteryControl(record.minBattery);
+        section.insert(u"battery"_s,
+            QVariantMap{{u"value"_s, control.value}, {u"text"_s, control.text}, {u"canRaise"_s, control.canRaise},
+                {u"canLower"_s, control.canLower}, {u"caption"_s, AwakeWords::minBatteryCaption()}});
+    }
+    const BackpackOffer offer = AwakeWords::backpackOffer(record.minBattery);
+    section.insert(u"offer"_s, QVariantMap{{u"title"_s, offer.title}, {u"body"_s, offer.body},
+                                   {u"enable"_s, offer.enable}, {u"busy"_s, offer.enableBusy},
+                                   {u"decline"_s, offer.decline}});
+    return section;
+}
+
+QVariantMap dialog(const GlassDialog& dialog, bool working)
+{
+    return {{u"eyebrow"_s, dialog.eyebrow}, {u"title"_s, dialog.title}, {u"line"_s, dialog.line},
+        {u"more"_s, text(dialog.more)}, {u"accent"_s, inkHex(dialog.accent)}, {u"secondary"_s, text(dialog.secondary)},
+        {u"primary"_s, working && dialog.busy ? *dialog.busy : dialog.primary}, {u"option"_s, text(dialog.option)},
+        {u"working"_s, working}};
+}
+
+void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
+{
+    const AppModel& model = in.model;
+    const Snapshot snapshot = model.snapshot().value_or(Snapshot{});
+    const QList<Session>& sessions = snapshot.sessions.items;
+
+    page.insert(u"notices"_s, notices(in));
+    page.insert(u"undo"_s, text(in.dismissed.undoLine()));
+
+    // What waits: every card the model holds, answered ones folded in place.
+    const QList<NeedsYouItem> items = model.needsYou();
+    QVariantList attention;
+    for (const NeedsYouItem& item : items)
+        attention << attentionItem(item, sessions, in);
+    page.insert(u"attention"_s, attention);
+    if (!items.isEmpty())
+        page.insert(u"waitingHeading"_s, ApprovalWords::waitingHeading(model.waitingApprovals().size()));
+
+    // The sessions, with their counts in the seam above.
+    const QList<Approval> open = Attention::openApprovals(model.snapshot(), model.status());
+    qint64 needs = 0;
+    qint64 working = 0;
+    for (const Session& session : sessions) {
+        const bool hasApproval = std::any_of(
+            open.begin(), open.end(), [&session](const Approval& a) { return a.sessionId == session.id; });
+        needs += SessionWords::needsYou(session, hasApproval) ? 1 : 0;
+        working += SessionWords::isWorking(session, hasApproval) ? 1 : 0;
+    }
+    QVariantList marks;
+    for (const CountMark& mark : SessionWords::countMarks(needs, working))
+        marks << QVariantMap{{u"text"_s, mark.text}, {u"ink"_s, inkHex(mark.ink)}};
+    page.insert(u"seam"_s, QVariantMap{{u"label"_s, SessionWords::seamLabel()}, {u"marks"_s, marks},
+                               {u"quiet"_s, marks.isEmpty() ? SessionWords::seamQuiet() : QString()}});
+    const QList<Session> ordered = SessionWords::ordered(sessions);
+    QVariantList rows;
+    for (qsizetype i = 0; i < ordered.size() && i < kShownRows; ++i)
+        rows << row(ordered.at(i), open, snapshot, in);
+    page.insert(u"sessions"_s, rows);
+    page.insert(u"more"_s,
+        text(SessionWords::moreRows(std::max<qsizetype>(0, ordered.size() - kShownRows), phonePaired(model.status()))));
+    if (ordered.isEmpty())
+        page.insert(u"empty"_s, SessionWords::emptyList(agents));
+
+    // The account, then the usage windows.
+    if (snapshot.account) {
+        if (const std::optional<AccountContent> content = AccountWords::content(
+                *snapshot.account, in.now, in.locale, model.signingIn(), agents.codexBeside())) {
+            page.insert(u"account"_s, QVariantMap{{u"title"_s, content->title}, {u"detail"_s, text(content->detail)},
+                                          {u"ink"_s, inkHex(content->amber ? Ink::Amber : Ink::Secondary)},
+                                          {u"action"_s, text(content->action)}, {u"help"_s, content->help}});
+        }
+    }
+    QVariantList meters;
+    const std::optional<Codex> codex = Agents::trustedCodex(
+        {model.snapshot(), model.status(), model.serviceUp(), model.isSample(), false, std::nullopt});
+    const bool both = agents.codexBeside();
+    if (agents.claude || !codex) {
+        for (const Meter& m : UsageWords::claudeMeters(snapshot.usage, in.now, both))
+            meters << meter(m, in);
+    }
+    if (codex && (both || !agents.claude)) {
+        for (const Meter& m : UsageWords::codexMeters(*codex, in.now, both))
+            meters << meter(m, in);
+    }
+    page.insert(u"meters"_s, meters);
+    if (snapshot.usage) {
+        if (const std::optional<QString> note = UsageWords::claudeNote(*snapshot.usage, snapshot.account ? &*snapshot.account : nullptr))
+            page.insert(u"usageNote"_s, *note);
+    }
+
+    if (snapshot.mac && snapshot.mac->awake)
+        page.insert(u"awake"_s, awake(*snapshot.mac->awake, in, snapshot.mac->battery));
+}
+
+} // namespace
+
+QList<Notice> currentNotices(const AppModel& model, const QDateTime& now)
+{
+    NoticeInputs inputs;
+    inputs.serviceUp = model.serviceUp();
+    inputs.lastError = model.lastError();
+    inputs.setupGap = Agents::setupGap(model.agentsInUse(), model.status(), model.environment().isTestCopy());
+    return buildNotices(inputs, now);
+}
+
+QVariantMap build(const Inputs& in)
+{
+    const AppModel& model = in.model;
+    const AgentsInUse agents = model.agentsInUse();
+    QVariantMap page{{u"pill"_s, pill(model, in.now)}, {u"note"_s, model.noteText()}};
+
+    QString state = u"main"_s;
+    if (!model.firstPollDone()) {
+        state = u"checking"_s;
+        page.insert(u"checking"_s, checkingLine());
+    } else if (!model.serviceUp()) {
+        state = u"down"_s;
+        const ServiceDownCard card = serviceDownCard(model.serviceNodeGone(), model.serviceInstalled());
+        page.insert(u"down"_s, QVariantMap{{u"title"_s, card.title}, {u"line"_s, card.line}});
+    } else {
+        addMainPage(page, in, agents);
+    }
+    page.insert(u"state"_s, state);
+
+    const QString agentsWord = agents.codexBeside() ? u"Claude Code and Codex"_s
+        : (agents.leader() == AgentsInUse::Leader::Codex ? u"Codex"_s : u"Claude Code"_s);
+    page.insert(u"footer"_s,
+        QVariantMap{{u"quitHelp"_s,
+                        u"Quit Tidewatch. The background service keeps running, so your phone still reaches "_s
+                            + agentsWord},
+            {u"settingsHelp"_s, u"Shows connection settings"_s}, {u"quit"_s, u"Quit"_s},
+            {u"settings"_s, u"Settings"_s}});
+    page.insert(u"quick"_s,
+        QVariantList{QVariantMap{{u"id"_s, u"pair"_s}, {u"title"_s, u"Pair another phone"_s},
+                         {u"help"_s, u"Show a pairing code. Each code works once, and every time you get a new one, "
+                                     u"so you can pair more than one device."_s}},
+            QVariantMap{{u"id"_s, u"checklist"_s}, {u"title"_s, u"Testing checklist"_s},
+                {u"help"_s, u"The testing checklist, in your browser"_s}}});
+    if (model.dialog())
+        page.insert(u"dialog"_s, dialog(*model.dialog(), model.dialogWorking()));
+    return page;
+}
+
+} // namespace PopoverPage

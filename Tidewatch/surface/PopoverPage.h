@@ -1,0 +1,37 @@
+#pragma once
+
+#include "model/Notice.h"
+
+#include <QDateTime>
+#include <QLocale>
+#include <QString>
+#include <QVariantMap>
+
+class AppModel;
+class DismissedNotices;
+
+/// The panel's whole main page as one value of finished words and colours,
+/// built from the model at a moment. The views lay it out and decide nothing;
+/// tests read it without a screen.
+namespace PopoverPage {
+
+/// How many session rows the page shows before "{n} more".
+inline constexpr int kShownRows = 6;
+
+struct Inputs {
+    const AppModel& model;
+    const DismissedNotices& dismissed;
+    QDateTime now;
+    QLocale locale;
+    /// The person's home folder, for the "Home" place.
+    QString home;
+    /// Backpack's rule file is there.
+    bool backpackRuleExists = false;
+};
+
+QVariantMap build(const Inputs& inputs);
+
+/// The notices the model's state calls for now, dismissed ones included.
+QList<Notice> currentNotices(const AppModel& model, const QDateTime& now);
+
+} // namespace PopoverPage
