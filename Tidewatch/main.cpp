@@ -4,6 +4,7 @@
 #include "model/AppModel.h"
 #include "platform/Platform.h"
 #include "surface/IconsetRender.h"
+#include "surface/MenuPanel.h"
 #include "surface/PopoverRender.h"
 #include "surface/StatusItemController.h"
 
@@ -53,6 +54,9 @@ int startApplication(const CommandLine& line, int& argc, char** argv)
 
     AppModel model(environment, Clock::system());
     StatusItemController statusItem(model, environment);
+    MenuPanel panel(model, Clock::system());
+    QObject::connect(&statusItem, &StatusItemController::clicked, &panel, &MenuPanel::toggle);
+    QObject::connect(&panel, &MenuPanel::openChanged, &statusItem, &StatusItemController::setPanelOpen);
     statusItem.install();
     model.start();
     return application.exec();

@@ -152,6 +152,7 @@ Rectangle {
         Flow {
             width: parent.width
             spacing: 8
+            visible: root.page.state === "main"
             Repeater {
                 model: root.page.quick || []
                 GlassButton { required property var modelData; title: modelData.title; help: modelData.help }
