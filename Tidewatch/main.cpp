@@ -10,6 +10,8 @@
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
 #include <QGuiApplication>
 
 #include <cstdio>
@@ -34,6 +36,37 @@ void chooseHeadlessWhenNoDisplay()
 #endif
 }
 
+// The app as launched, checked from inside: once the service was read, the
+// panel opens and the page it shows is written to the report, one line each.
+int runPopoverSelfTest(AppModel& model, MenuPanel& panel, const QString& reportPath)
+{
+    QElapsedTimer waited;
+    waited.start();
+    while (!model.firstPollDone() && waited.elapsed() < 20000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 50);
+    QStringList report;
+    bool ok = model.firstPollDone();
+    report << (ok ? QStringLiteral("read: done") : QStringLiteral("read: the service was never read"));
+    panel.open(QRect());
+    ok = ok && panel.isOpen();
+    report << (panel.isOpen() ? QStringLiteral("panel: open") : QStringLiteral("panel: didn’t open"));
+    panel.close();
+    QString error;
+    if (const std::optional<PopoverRender::Rendered> page = PopoverRender::render(model, Clock::system(), &error))
+        report << QStringLiteral("page:") << page->twin;
+    else {
+        report << QStringLiteral("page: ") + error;
+        ok = false;
+    }
+    QFile file(reportPath);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)
+        || file.write((report.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8()) < 0) {
+        std::printf("Tidewatch: couldn’t write the report %s.\n", qPrintable(reportPath));
+        return 1;
+    }
+    return ok ? 0 : 1;
+}
+
 int startApplication(const CommandLine& line, int& argc, char** argv)
 {
     chooseHeadlessWhenNoDisplay();
@@ -42,23 +75,27 @@ int startApplication(const CommandLine& line, int& argc, char** argv)
     QApplication::setQuitOnLastWindowClosed(false);
 
     // A test copy, and the copy relaunched from Applications, run beside the real one.
+    // A second launch of the real one shows this one's panel instead.
     const Environment& environment = Environment::current();
-    if (!environment.isTestCopy() && !line.moved && platform::handOverToRunningInstance(&application, [] {}))
+    MenuPanel* shownPanel = nullptr;
+    if (!environment.isTestCopy() && !line.moved
+        && platform::handOverToRunningInstance(&application, [&shownPanel] {
+               if (shownPanel)
+                   shownPanel->open(QRect());
+           }))
         return 0;
     platform::becomeAccessory();
-
-    if (line.popoverSelfTestReport) {
-        std::puts("Tidewatch: this build doesn’t do --popover-selftest yet.");
-        return 1;
-    }
 
     AppModel model(environment, Clock::system());
     StatusItemController statusItem(model, environment);
     MenuPanel panel(model, Clock::system());
+    shownPanel = &panel;
     QObject::connect(&statusItem, &StatusItemController::clicked, &panel, &MenuPanel::toggle);
     QObject::connect(&panel, &MenuPanel::openChanged, &statusItem, &StatusItemController::setPanelOpen);
     statusItem.install();
     model.start();
+    if (line.popoverSelfTestReport)
+        return runPopoverSelfTest(model, panel, *line.popoverSelfTestReport);
     return application.exec();
 }
 

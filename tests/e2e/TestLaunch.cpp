@@ -25,7 +25,9 @@ void TestLaunch::oneShotExitCodes_data()
         << QStringList{QStringLiteral("--run-step")} << 64
         << "Usage: Tidewatch --run-step <service|integration|tailscale|uninstall-service|backpack|uninstall-backpack>\n";
     QTest::newRow("a switch whose work isn't in this build fails, never succeeds")
-        << QStringList{QStringLiteral("--snapshots"), QStringLiteral("/tmp/x")} << 1 << QString();
+        << QStringList{QStringLiteral("--window-capture-selftest")} << 1 << QString();
+    QTest::newRow("a render into a folder that can't be made fails")
+        << QStringList{QStringLiteral("--render-popover"), QStringLiteral("/proc/no/such/folder")} << 1 << QString();
     QTest::newRow("the streaming check passes") << QStringList{QStringLiteral("--selftest-stream")} << 0 << QString();
     QTest::newRow("the Backpack scripts are printed, nothing is run")
         << QStringList{QStringLiteral("--backpack-scripts")} << 0 << QString();
