@@ -35,6 +35,27 @@ Rectangle {
 
         PopoverHeader { pill: root.page.pill || ({}) }
 
+        Row {
+            // The battery, when it puts the sessions at risk.
+            readonly property var battery: root.page.battery
+            visible: !!battery
+            spacing: 8
+            Accessible.description: battery ? battery.help : ""
+            Rectangle {
+                width: 16; height: 8; radius: 2
+                anchors.verticalCenter: parent.verticalCenter
+                color: "transparent"
+                border.color: "#E8B341"
+                Rectangle {
+                    x: 2; y: 2; height: 4; radius: 1
+                    width: parent.parent.battery && !parent.parent.battery.critical ? 4 : 0
+                    color: "#E8B341"
+                }
+            }
+            Label { text: parent.battery ? parent.battery.text : ""; size: 11; color: "#E8B341" }
+            Label { text: parent.battery ? parent.battery.time : ""; size: 11; color: "#B5B0A6" }
+        }
+
         Label {
             visible: root.page.state === "checking"
             text: root.page.checking || ""

@@ -7,6 +7,7 @@
 #include "model/Notice.h"
 #include "surface/words/AccountWords.h"
 #include "surface/words/ApprovalWords.h"
+#include "surface/words/BatteryWords.h"
 #include "surface/words/ConnectionPill.h"
 #include "surface/words/MeterReading.h"
 #include "surface/words/SessionWords.h"
@@ -197,6 +198,12 @@ void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
     const Snapshot snapshot = model.snapshot().value_or(Snapshot{});
     const QList<Session>& sessions = snapshot.sessions.items;
 
+    if (snapshot.mac && snapshot.mac->battery) {
+        if (const std::optional<BatteryLine> battery = BatteryWords::line(*snapshot.mac->battery)) {
+            page.insert(u"battery"_s, QVariantMap{{u"text"_s, battery->text}, {u"time"_s, battery->time},
+                                          {u"help"_s, battery->help}, {u"critical"_s, battery->critical}});
+        }
+    }
     page.insert(u"notices"_s, notices(in));
     page.insert(u"undo"_s, text(in.dismissed.undoLine()));
 

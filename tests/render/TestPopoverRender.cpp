@@ -71,7 +71,7 @@ void TestPopoverRender::samplesReadInOrder_data()
                "Codex 5-hour window 48% used, resets in 2 hours 13 minutes."}
         << QStringList{};
     QTest::newRow("Backpack with its battery level")
-        << "backpack" << QStringList{"STAY AWAKE", "While working", "Backpack", "Off", "Let it sleep at 20 percent battery"}
+        << "backpack" << QStringList{"Plug it in or its sessions stop.", "52m left at this rate.", "STAY AWAKE", "While working", "Backpack", "Off", "Let it sleep at 20 percent battery"}
         << QStringList{"Keep working with the lid closed."};
 }
 

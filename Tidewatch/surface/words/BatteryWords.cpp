@@ -1,0 +1,45 @@
+#include "surface/words/BatteryWords.h"
+
+#include "surface/words/TimeWords.h"
+
+#include <cmath>
+
+using namespace Qt::StringLiterals;
+
+namespace BatteryWords {
+
+namespace {
+
+QString plugIn()
+{
+    return u"Plug it in or its sessions stop."_s;
+}
+
+} // namespace
+
+std::optional<BatteryLine> line(const Battery& battery)
+{
+    const bool charging = battery.charging.value_or(false);
+    const bool onCharger = battery.onAC.value_or(false);
+    const bool low = battery.percent <= kLowPercent;
+    if (charging || (!low && !onCharger))
+        return std::nullopt;
+    BatteryLine said;
+    said.help = u"Your sessions run on this Mac, so they stop if it sleeps or shuts down."_s;
+    said.critical = battery.percent <= kCriticalPercent;
+    // A charger that doesn't keep up is a weak one when the battery is low, a resting one otherwise.
+    if (onCharger)
+        said.text = low ? u"Use a stronger charger or its sessions stop."_s : u"It's plugged in but not charging."_s;
+    else
+        said.text = plugIn();
+    if (battery.minutesLeft && *battery.minutesLeft > 0 && !(onCharger && !low))
+        said.time = TimeWords::compactDuration(*battery.minutesLeft * 60) + u" left at this rate."_s;
+    return said;
+}
+
+QString notification(const Battery& battery)
+{
+    return u"Your Mac is at %1%. "_s.arg(std::lround(battery.percent)) + plugIn();
+}
+
+} // namespace BatteryWords
