@@ -83,17 +83,6 @@ QString statusItemText(StatusItemController& item)
         + item.icon().labelText() + u'\n';
 }
 
-/// A status button with nothing on the screen, for a render.
-class UnseenButton final : public StatusButton
-{
-public:
-    void setImage(const MenuBarFrames::Frame&, const MenuBarFrames::Image&) override { }
-    void setTitle(const QString&) override { }
-    void setLabel(const QString&) override { }
-    void setHighlighted(bool) override { }
-    void setWide(bool) override { }
-};
-
 bool writeFile(const QString& path, const QByteArray& contents, QString* error)
 {
     QFile file(path);
@@ -233,7 +222,7 @@ int renderPopover(const QString& folder, bool live)
             return 1;
         }
         StatusItemController item(model, environment,
-            [](const QString&) { return std::unique_ptr<StatusButton>(new UnseenButton); }, Clock::system());
+            [](const QString&) { return StatusButton::unseen(); }, Clock::system());
         item.install();
         item.sync();
         const std::optional<Rendered> rendered = render(model, Clock::system(), &error);

@@ -37,8 +37,9 @@ function requireText(body, field, message) {
  * @param {Router} router
  * @param {Object} parts
  * @param {ServiceState} parts.state
+ * @param {CodexAgent} [parts.codex] Looked at again on a Codex refresh
  */
-export function addActionRoutes(router, { state }) {
+export function addActionRoutes(router, { state, codex = null }) {
   const requireSession = (id) => {
     if (state.session(id) === undefined) throw notFound('session', id);
   };
@@ -121,8 +122,7 @@ export function addActionRoutes(router, { state }) {
     })
     .add('POST', '/v1/codex/refresh', async ({ req }) => {
       await readJsonObject(req);
-      // Looking at Codex again comes with the agent integration; until then
-      // the reading held is the answer.
+      if (codex) await codex.refresh();
       return { codex: state.part('codex') ?? null };
     });
 }

@@ -42,7 +42,12 @@ function xdgFolder(env, name, fallback) {
  * @param {Object} [system] The system, replaceable by tests
  * @param {string} [system.platform=process.platform]
  * @param {string} [system.home=os.homedir()]
- * @return {{support: string, logs: string, apiPort: number, localPort: number, testCopy: boolean}}
+ * @return {{support: string, logs: string, apiPort: number, localPort: number, testCopy: boolean,
+ *     codexHome: string, codexPath: (string|null)}} `codexHome` is Codex's
+ *     own folder, `CODEX_HOME` as Codex reads it, else ~/.codex (a test copy
+ *     without `CODEX_HOME` gets an empty one in its support folder, so that it
+ *     never reads the person's sessions); `codexPath` is the program named
+ *     by `TIDEWATCH_CODEX`, else null for looking it up
  */
 export function readConfig(env = process.env, { platform = process.platform, home = os.homedir() } = {}) {
   const given = (name) => (typeof env[name] === 'string' && env[name] !== '' ? env[name] : null);
@@ -63,11 +68,16 @@ export function readConfig(env = process.env, { platform = process.platform, hom
   if (given('TIDEWATCH_LOGS') !== null) logs = path.resolve(given('TIDEWATCH_LOGS'));
   else if (testCopy) logs = path.join(support, 'logs');
 
+  let codexHome = testCopy ? path.join(support, 'codex-home') : path.join(home, '.codex');
+  if (given('CODEX_HOME') !== null) codexHome = path.resolve(given('CODEX_HOME'));
+
   return {
     support,
     logs,
     apiPort: parsePort(given('TIDEWATCH_API_PORT')) ?? DEFAULT_API_PORT,
     localPort: parsePort(given('TIDEWATCH_LOCAL_PORT')) ?? DEFAULT_LOCAL_PORT,
     testCopy,
+    codexHome,
+    codexPath: given('TIDEWATCH_CODEX') !== null ? path.resolve(given('TIDEWATCH_CODEX')) : null,
   };
 }

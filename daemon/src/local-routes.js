@@ -2,6 +2,7 @@
 // whole-state reads and the actions the app makes, and the /qa interface.
 
 import { addActionRoutes } from './action-routes.js';
+import { addAwakeRoutes } from './awake-routes.js';
 import { addQaRoutes } from './qa-routes.js';
 import { Router } from './router.js';
 import { addSettingsRoutes } from './settings-routes.js';
@@ -12,17 +13,20 @@ import { addSettingsRoutes } from './settings-routes.js';
  * @param {FaultBook} parts.faults
  * @param {FeedServer} parts.feed
  * @param {{answering: boolean}} parts.health The switch of the health route
+ * @param {AwakeKeeper} parts.keeper Stay awake
+ * @param {CodexAgent} [parts.codex] Codex, looked at again on a refresh
  * @return {Router}
  */
-export function localRoutes({ state, faults, feed, health }) {
+export function localRoutes({ state, faults, feed, health, keeper, codex }) {
   const router = new Router()
     .add('GET', '/v1/snapshot', () => state.snapshot())
     // `fresh=1` asks for a new look rather than the cache; everything here
     // is current already, so it changes nothing yet.
     .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
     .add('GET', '/local/devices', () => state.devices());
-  addActionRoutes(router, { state });
+  addActionRoutes(router, { state, codex });
   addSettingsRoutes(router, { state });
+  addAwakeRoutes(router, { keeper });
   addQaRoutes(router, { state, faults, feed, health });
   return router;
 }

@@ -1,6 +1,7 @@
 // Entry: `node src/main` from the daemon folder. Reads the environment,
 // starts the service, and stops it cleanly on SIGTERM or SIGINT.
 
+import { awakeOptions } from './awake-keeper.js';
 import { readConfig } from './config.js';
 import { startService } from './service.js';
 
@@ -11,7 +12,7 @@ async function main() {
   const config = readConfig();
   let service;
   try {
-    service = await startService(config);
+    service = await startService({ ...config, awake: awakeOptions(process.env, { testCopy: config.testCopy }) });
   } catch (error) {
     const sentence =
       error.code === 'TIDEWATCH_PORT' ? error.message : `The background service couldn’t start (${error.message}).`;

@@ -34,6 +34,16 @@ const ROUTES = [
   ['POST', '/qa/feed/drop', 'cuts every feed client off without a close frame; new ones are still taken'],
   ['POST', '/qa/feed/refuse', '{"on":true} refuses new feed connections with 503 until {"on":false}'],
   ['POST', '/qa/health', '{"answering":false} holds every /v1/health request unanswered until {"answering":true}'],
+  [
+    'GET',
+    '/qa/power',
+    'Stay awake from inside: the service’s clock, the stand-ins, the last power reading, what runs, and what the power lock was asked',
+  ],
+  [
+    'POST',
+    '/qa/power',
+    '{"now":ms} stops the clock there, {"offsetMs":n} runs it n ms ahead; {"battery":{"percent":12,"onAC":false}} (false: none), {"lidClosed":true}, {"temperature":95}, {"hotAt":80}, {"backpackReady":false} stand in for the machine; null gives a part back',
+  ],
 ];
 
 const escapeHtml = (text) =>

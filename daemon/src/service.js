@@ -5,12 +5,15 @@ import os from 'node:os';
 
 import { loadAdminToken } from './admin-token.js';
 import { apiRoutes } from './api-routes.js';
+import { AwakeKeeper, ServiceClock } from './awake-keeper.js';
+import { CodexAgent } from './codex/codex-agent.js';
 import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';
 import { FaultBook, PendingTimers } from './faults.js';
 import { FeedServer } from './feed-server.js';
 import { closeListener, createListener, HOST, listen } from './listener.js';
 import { localRoutes } from './local-routes.js';
 import { Log } from './log.js';
+import { StatePersister } from './persist.js';
 import { ensurePrivateFolder } from './private-files.js';
 import { ServiceState } from './state.js';
 import { VERSION } from './version.js';
@@ -24,6 +27,10 @@ import { VERSION } from './version.js';
  * @property {http.Server} apiServer Where the feed attaches (its upgrade event)
  * @property {http.Server} localServer
  * @property {FeedServer} feed
+ * @property {AwakeKeeper} awake
+ * @property {CodexAgent} codex
+ * @property {Promise<void>} codexReady When Codex's first look (program and files) is done
+ * @property {StatePersister} persister
  * @property {Log} log
  * @property {string} startLine The sentence that announces the start
  * @property {function(): Promise<void>} close Closes the feed's clients
@@ -42,6 +49,18 @@ import { VERSION } from './version.js';
  * @param {number} [options.localPort=47322] 0 for any free port
  * @param {Object} [options.feed] The feed's timing and limits, for tests:
  *     `pingIntervalMs`, `coalesceMs`, `maxBufferedBytes` (see FeedServer)
+ * @param {Object} [options.awake] Stay awake's reach: `source` and `lock`
+ *     (see awakeOptions), `clock`, `hotAt`; without it nothing of the
+ *     machine is read or held
+ * @param {string|null} [options.codexHome=null] Codex's own folder, whose
+ *     sessions are followed while Codex is switched on; null follows none
+ * @param {string|null} [options.codexPath=null] The `codex` program to use;
+ *     null looks for it on PATH and in the usual folders
+ * @param {Object} [options.codex] More for Codex, for tests: `searchPath`,
+ *     `folders`, `now`, `detectEveryMs`, `versionTimeoutMs`, `watch`
+ *     (see CodexAgent)
+ * @param {Object} [options.persist] For tests: `now`, `saveDelayMs`,
+ *     `saveMaxDelayMs`, `sweepEveryMs` (see StatePersister)
  * @return {Promise<RunningService>}
  * @throws {Error} A port that can't be bound gives code "TIDEWATCH_PORT" and
  *     a sentence as its message, already written to the log
@@ -52,6 +71,11 @@ export async function startService({
   apiPort = DEFAULT_API_PORT,
   localPort = DEFAULT_LOCAL_PORT,
   feed: feedOptions = {},
+  awake: awakeOptions = {},
+  codexHome = null,
+  codexPath = null,
+  codex: codexOptions = {},
+  persist: persistOptions = {},
 }) {
   ensurePrivateFolder(support);
   ensurePrivateFolder(logs);
@@ -62,15 +86,42 @@ export async function startService({
   if (created) log.info('Made a new admin token.');
   if (tightened) log.warn('The admin token file was readable by others; it is private (0600) again.');
 
-  const state = new ServiceState({ hostname: os.hostname(), daemonVersion: VERSION, home: os.homedir() });
+  let keeper = null;
+  const state = new ServiceState({
+    hostname: os.hostname(),
+    daemonVersion: VERSION,
+    home: os.homedir(),
+    machine: () => keeper?.machine() ?? {},
+  });
+  // What was kept before a restart comes back before anyone can ask.
+  const persister = new StatePersister({ support, state, log, ...persistOptions });
+  persister.load();
+  const codex = new CodexAgent({
+    state,
+    log,
+    home: codexHome,
+    named: codexPath,
+    onProgress: () => persister.markDirty(),
+    ...codexOptions,
+  });
+  persister.addSection('codex', { save: () => codex.saved(), restore: (saved) => codex.restore(saved) });
   const faults = new FaultBook();
   const pending = new PendingTimers();
   // Switched by /qa to make the service look hung while its feed lives on.
   const health = { answering: true };
   const apiServer = createListener({ router: apiRoutes({ health }), faults, pending, log });
   const feed = new FeedServer({ server: apiServer, state, token, faults, pending, log, ...feedOptions });
+  keeper = new AwakeKeeper({
+    state,
+    support,
+    log,
+    clock: awakeOptions.clock ?? new ServiceClock(),
+    source: awakeOptions.source,
+    lock: awakeOptions.lock,
+    hotAt: awakeOptions.hotAt,
+  });
   const localServer = createListener({
-    router: localRoutes({ state, faults, feed, health }),
+    router: localRoutes({ state, faults, feed, health, keeper, codex }),
     faults,
     pending,
     log,
@@ -79,6 +130,8 @@ export async function startService({
 
   let ports;
   try {
+    // Decided before anyone can ask, so that the first snapshot is current.
+    await keeper.start();
     const api = await listen(apiServer, apiPort);
     const local = await listen(localServer, localPort).catch(async (error) => {
       await closeListener(apiServer);
@@ -87,10 +140,13 @@ export async function startService({
     ports = { api, local };
   } catch (error) {
     await feed.close();
+    await keeper.close();
     log.error(error.message);
     throw error;
   }
   state.setApiPort(ports.api);
+  persister.start();
+  const codexReady = codex.start().catch((error) => log.error(`Codex couldn’t be followed: ${error?.stack ?? error}`));
 
   const startLine =
     `Tidewatch service ${VERSION} is listening on ${HOST}:${ports.api} (API) and ${HOST}:${ports.local} (local); ` +
@@ -100,9 +156,11 @@ export async function startService({
   let closing = null;
   const close = () => {
     closing ??= (async () => {
+      codex.close();
+      persister.close();
       pending.clear();
       await feed.close();
-      await Promise.all([closeListener(apiServer), closeListener(localServer)]);
+      await Promise.all([closeListener(apiServer), closeListener(localServer), keeper.close()]);
     })();
     return closing;
   };
@@ -115,6 +173,10 @@ export async function startService({
     apiServer,
     localServer,
     feed,
+    awake: keeper,
+    codex,
+    codexReady,
+    persister,
     log,
     startLine,
     close,

@@ -140,16 +140,20 @@ export class ServiceState extends EventEmitter {
   #overrides;
   #decisions;
   #goneApprovals;
+  #machine;
 
   /**
    * @param {Object} about
    * @param {string} about.hostname This machine's name
    * @param {string} about.daemonVersion
    * @param {string} about.home The user's home folder, the default projects root
+   * @param {function(): {awake: (Object|undefined), battery: (Object|null)}} [about.machine]
+   *     The machine's parts as read and decided now, for a fresh start and a reset
    */
-  constructor({ hostname, daemonVersion, home }) {
+  constructor({ hostname, daemonVersion, home, machine = () => ({}) }) {
     super();
     this.about = { hostname, daemonVersion, home };
+    this.#machine = machine;
     this.apiPort = null;
     this.connectedClients = 0;
     this.#snapshotParts = this.#defaultSnapshot();
@@ -162,8 +166,9 @@ export class ServiceState extends EventEmitter {
   #defaultSnapshot() {
     const { hostname, daemonVersion } = this.about;
     const id = `mac_${createHash('sha256').update(hostname).digest('hex').slice(0, 8)}`;
+    const { awake = { ...DEFAULT_AWAKE }, battery = null } = this.#machine?.() ?? {};
     return new Map([
-      ['mac', { id, name: hostname, daemonVersion, claudeVersion: null, battery: null, awake: { ...DEFAULT_AWAKE } }],
+      ['mac', { id, name: hostname, daemonVersion, claudeVersion: null, battery, awake }],
       ['usage', { source: 'none' }],
       ['sessions', []],
       ['approvals', []],
@@ -247,6 +252,60 @@ export class ServiceState extends EventEmitter {
   /** @return {boolean} Whether an approval of this id was here once and has left. */
   approvalLeft(id) {
     return this.#goneApprovals.has(id);
+  }
+
+  /**
+   * The part of the state worth keeping across a restart: the sessions, the
+   * approvals still waiting, the usage reading, Codex's switch and reading,
+   * and the answers that tell a late answer from a wrong id.
+   *
+   * @return {Object} JSON data for {@link restore}
+   */
+  serialize() {
+    const codex = this.#snapshotParts.get('codex');
+    const kept = { codex: {} };
+    for (const key of ['sessions', 'approvals', 'usage']) {
+      if (this.#snapshotParts.has(key)) kept[key] = this.#snapshotParts.get(key);
+    }
+    if (isObject(codex)) {
+      if (codex.enabled !== undefined) kept.codex.enabled = codex.enabled;
+      if (codex.usage !== undefined) kept.codex.usage = codex.usage;
+    }
+    kept.decisions = this.#decisions;
+    kept.goneApprovals = [...this.#goneApprovals];
+    return structuredClone(kept);
+  }
+
+  /**
+   * Takes back what {@link serialize} gave, over a fresh state. Elements
+   * that can't be records (no string id) are left out; the rest is taken as
+   * it was kept. Meant for the start, before anyone listens; it announces
+   * one change of everything all the same.
+   *
+   * @param {*} saved
+   */
+  restore(saved) {
+    if (!isObject(saved)) return;
+    const records = (list) =>
+      Array.isArray(list) ? list.filter((item) => isObject(item) && typeof item.id === 'string') : [];
+    const parts = {};
+    if (Array.isArray(saved.sessions)) parts.sessions = records(saved.sessions);
+    if (Array.isArray(saved.approvals)) parts.approvals = records(saved.approvals);
+    if (isObject(saved.usage)) parts.usage = saved.usage;
+    if (isObject(saved.codex)) {
+      const codex = { ...(isObject(this.#snapshotParts.get('codex')) ? this.#snapshotParts.get('codex') : {}) };
+      if (typeof saved.codex.enabled === 'boolean') codex.enabled = saved.codex.enabled;
+      if (isObject(saved.codex.usage)) codex.usage = saved.codex.usage;
+      parts.codex = codex;
+    }
+    for (const [key, value] of Object.entries(parts)) this.#snapshotParts.set(key, copy(value));
+    if (Array.isArray(saved.decisions)) this.#decisions = copy(records(saved.decisions).slice(-MAX_DECISIONS));
+    if (Array.isArray(saved.goneApprovals)) {
+      for (const id of saved.goneApprovals.filter((each) => typeof each === 'string').slice(-MAX_GONE_APPROVALS)) {
+        this.#rememberGone(id);
+      }
+    }
+    this.#announce({ snapshot: Object.keys(parts), whole: true });
   }
 
   /** Records the port the API listener got, which the local status reports. */

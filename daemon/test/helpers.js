@@ -72,16 +72,37 @@ export function request(port, method, target, { body, headers = {}, chunked = fa
  * @param {Object} [options]
  * @param {string} [options.folder] Reuse this scratch folder
  * @param {Object} [options.feed] The feed's timing and limits
+ * @param {Object} [options.awake] Stay awake's reach (see startService)
+ * @param {string} [options.codexHome] Codex's folder; by default an empty
+ *     one in the scratch folder, never the person's own
+ * @param {string} [options.codexPath] The `codex` program to use
+ * @param {Object} [options.codex] More for Codex (see startService); by
+ *     default no folder is searched for the program
+ * @param {Object} [options.persist] Timing of the kept state (see startService)
  * @return {Promise<Object>} {service, folder, support, logs, token, api(),
  *     local(), feed()} where api() and local() are {@link request} on that
  *     port, local() with the token unless headers say otherwise, and feed()
  *     is {@link openFeed} with the token
  */
-export async function startScratchService(t, { folder, feed } = {}) {
+export async function startScratchService(
+  t,
+  { folder, feed, awake, codexHome, codexPath = null, codex = {}, persist } = {},
+) {
   folder ??= await scratchFolder(t);
   const support = path.join(folder, 'support');
   const logs = path.join(folder, 'logs');
-  const service = await startService({ support, logs, apiPort: 0, localPort: 0, feed });
+  const service = await startService({
+    support,
+    logs,
+    apiPort: 0,
+    localPort: 0,
+    feed,
+    awake,
+    codexHome: codexHome ?? path.join(folder, 'codex-home'),
+    codexPath,
+    codex: { searchPath: [], folders: [], ...codex },
+    persist,
+  });
   t.after(() => service.close());
   const token = (await fs.readFile(path.join(support, 'admin-token'), 'utf8')).trim();
   return {

@@ -27,16 +27,6 @@ QStringList lines(const QString& path)
     return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
-class UnseenButton final : public StatusButton
-{
-public:
-    void setImage(const MenuBarFrames::Frame&, const MenuBarFrames::Image&) override { }
-    void setTitle(const QString&) override { }
-    void setLabel(const QString&) override { }
-    void setHighlighted(bool) override { }
-    void setWide(bool) override { }
-};
-
 } // namespace
 
 /// What a person sees of the real service: the live render and the status
@@ -104,7 +94,7 @@ void TestPopoverLive::answeringFoldsTheCardAndClearsTheBadge()
     AppModel model(m_service->environment(), Clock::system());
     model.setClaudeLook([] { return true; });
     StatusItemController item(model, m_service->environment(),
-        [](const QString&) { return std::unique_ptr<StatusButton>(new UnseenButton); }, Clock::system());
+        [](const QString&) { return StatusButton::unseen(); }, Clock::system());
     item.install();
     model.start();
     QTRY_VERIFY_WITH_TIMEOUT(model.waitingApprovals().size() == 1, 15000);

@@ -1,0 +1,206 @@
+// What goes into Claude Code's settings.json so that it tells the service what
+// it does: one command hook per event that matters, and the status line. All
+// pure: a settings object in, a settings object out. A person's own hooks are
+// left as they stand, and a person's own status line command is wrapped (it
+// keeps running and its line is the one shown) and put back on removal.
+//
+// Our entries are known by the hook program's file name in their command, so
+// an install over an older one replaces it instead of adding a second.
+
+/** The hook program's file name, which marks our entries. */
+export const HOOK_PROGRAM = 'tidewatch-hook.mjs';
+
+/**
+ * The events that only report: they run in the background (`async`), so
+ * Claude Code never waits on them. Tool events are hooked for every tool.
+ */
+export const REPORT_EVENTS = [
+  'SessionStart',
+  'UserPromptSubmit',
+  'PreToolUse',
+  'PostToolUse',
+  'PostToolUseFailure',
+  'SubagentStart',
+  'SubagentStop',
+  'Notification',
+  'Stop',
+  'StopFailure',
+  'SessionEnd',
+];
+
+/** The one event that waits for an answer. */
+export const WAITING_EVENT = 'PermissionRequest';
+
+const TOOL_EVENTS = new Set(['PreToolUse', 'PostToolUse', 'PostToolUseFailure', 'PermissionRequest']);
+
+/**
+ * How long Claude Code lets the waiting hook run, in seconds. The service
+ * gives up on an unanswered request before this (APPROVAL_WAIT_MS), so the
+ * hook always ends by itself and Claude Code's own prompt decides.
+ */
+export const PERMISSION_HOOK_TIMEOUT_S = 630;
+
+/** Report-only hooks are cut off after this, in seconds; they take milliseconds. */
+export const REPORT_HOOK_TIMEOUT_S = 10;
+
+const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
+
+/** Quotes one word for the POSIX shell that runs hook commands. */
+export function shellQuote(word) {
+  return `'${String(word).replace(/'/g, `'\\''`)}'`;
+}
+
+/**
+ * @typedef {Object} HookPlace Where the hook program runs from
+ * @property {string} node The Node.js the service runs on (absolute)
+ * @property {string} program The hook program (absolute path of bin/tidewatch-hook.mjs)
+ * @property {string} support The service's support folder, where the hook
+ *     finds the token and the service's port; a path, never a secret
+ */
+
+/** @return {string} The command line of the event hooks. */
+export function hookCommand({ node, program, support }) {
+  return [node, program, '--support', support].map(shellQuote).join(' ');
+}
+
+/**
+ * @param {HookPlace} place
+ * @param {Object|null} [own] The person's status line entry to keep running
+ * @return {string} The status line's command line
+ */
+export function statusLineCommand(place, own = null) {
+  const words = [place.node, place.program, '--support', place.support, '--status-line'];
+  if (isObject(own)) words.push('--then', Buffer.from(JSON.stringify(own)).toString('base64url'));
+  return words.map(shellQuote).join(' ');
+}
+
+/** @return {boolean} Whether a command is one of ours. */
+export function isOurCommand(command) {
+  return typeof command === 'string' && command.includes(HOOK_PROGRAM);
+}
+
+/**
+ * The person's own status line entry that one of our commands wraps.
+ *
+ * @param {string} command
+ * @return {Object|null}
+ */
+export function wrappedStatusLine(command) {
+  if (!isOurCommand(command)) return null;
+  const match = /'--then' '([A-Za-z0-9_-]+)'/.exec(command);
+  if (!match) return null;
+  try {
+    const own = JSON.parse(Buffer.from(match[1], 'base64url').toString('utf8'));
+    return isObject(own) ? own : null;
+  } catch {
+    return null;
+  }
+}
+
+/**
+ * The hooks block: every event with one command hook of ours.
+ *
+ * @param {HookPlace} place
+ * @return {Object} Event name → list of matcher groups
+ */
+export function ourHooks(place) {
+  const command = hookCommand(place);
+  const hooks = {};
+  for (const event of [...REPORT_EVENTS, WAITING_EVENT]) {
+    const waiting = event === WAITING_EVENT;
+    const hook = waiting
+      ? { type: 'command', command, timeout: PERMISSION_HOOK_TIMEOUT_S }
+      : { type: 'command', command, async: true, timeout: REPORT_HOOK_TIMEOUT_S };
+    hooks[event] = [TOOL_EVENTS.has(event) ? { matcher: '*', hooks: [hook] } : { hooks: [hook] }];
+  }
+  return hooks;
+}
+
+// A hooks block without our entries; groups left empty go, and so do events
+// left without groups.
+function withoutOurHooks(hooks) {
+  if (!isObject(hooks)) return hooks;
+  const kept = {};
+  for (const [event, groups] of Object.entries(hooks)) {
+    if (!Array.isArray(groups)) {
+      kept[event] = groups;
+      continue;
+    }
+    const left = [];
+    for (const group of groups) {
+      if (!isObject(group) || !Array.isArray(group.hooks)) {
+        left.push(group);
+        continue;
+      }
+      const own = group.hooks.filter((hook) => !(isObject(hook) && isOurCommand(hook.command)));
+      if (own.length === group.hooks.length) left.push(group);
+      else if (own.length > 0) left.push({ ...group, hooks: own });
+    }
+    if (left.length > 0) kept[event] = left;
+  }
+  return kept;
+}
+
+/**
+ * Settings with our hooks and status line in: an older install of ours is
+ * replaced, everything else is kept.
+ *
+ * @param {Object|null} settings As read from settings.json (null for none)
+ * @param {HookPlace} place
+ * @return {Object} The new settings
+ */
+export function installIntoSettings(settings, place) {
+  const base = isObject(settings) ? settings : {};
+  const hooks = withoutOurHooks(isObject(base.hooks) ? base.hooks : {});
+  for (const [event, groups] of Object.entries(ourHooks(place))) {
+    hooks[event] = Array.isArray(hooks[event]) ? [...hooks[event], ...groups] : groups;
+  }
+  const current = base.statusLine;
+  // Ours already: keep what it wraps. Someone else's: wrap it.
+  const own = isObject(current) && isOurCommand(current.command) ? wrappedStatusLine(current.command) : current;
+  const statusLine = { type: 'command', command: statusLineCommand(place, isObject(own) ? own : null) };
+  if (isObject(own) && own.padding !== undefined) statusLine.padding = own.padding;
+  return { ...base, hooks, statusLine };
+}
+
+/**
+ * Settings with our hooks taken out and the person's own status line back
+ * (or none, if they had none).
+ *
+ * @param {Object|null} settings
+ * @return {Object}
+ */
+export function removeFromSettings(settings) {
+  if (!isObject(settings)) return {};
+  const next = { ...settings };
+  if (isObject(next.hooks)) {
+    next.hooks = withoutOurHooks(next.hooks);
+    if (Object.keys(next.hooks).length === 0) delete next.hooks;
+  }
+  if (isObject(next.statusLine) && isOurCommand(next.statusLine.command)) {
+    const own = wrappedStatusLine(next.statusLine.command);
+    if (own) next.statusLine = own;
+    else delete next.statusLine;
+  }
+  return next;
+}
+
+/**
+ * What of ours the settings hold.
+ *
+ * @param {Object|null} settings
+ * @return {{hooks: boolean, statusLine: boolean}} `hooks` when every event
+ *     has our hook
+ */
+export function integrationState(settings) {
+  const hooks = isObject(settings) && isObject(settings.hooks) ? settings.hooks : {};
+  const hooked = (event) =>
+    Array.isArray(hooks[event]) &&
+    hooks[event].some(
+      (group) => isObject(group) && Array.isArray(group.hooks) && group.hooks.some((hook) => isOurCommand(hook?.command)),
+    );
+  return {
+    hooks: [...REPORT_EVENTS, WAITING_EVENT].every(hooked),
+    statusLine: isObject(settings) && isObject(settings.statusLine) && isOurCommand(settings.statusLine.command),
+  };
+}

@@ -1,0 +1,159 @@
+// What the service reads in a Claude Code transcript (JSON lines, one record
+// a line, appended as the session goes): the last words, the tool calls, and
+// how each call ended, which is the only trace of a request refused in the
+// terminal. Reading goes on from where it stopped, never from the start
+// again; line kinds it doesn't know are passed over.
+
+import fs from 'node:fs/promises';
+
+import { freshCursor, readNewLines } from '../codex/line-tail.js';
+
+/** A longer transcript line is passed over unread. */
+export const MAX_TRANSCRIPT_LINE_BYTES = 1024 * 1024;
+
+/** At most this much is read in one go; the rest waits for the next read. */
+export const MAX_TRANSCRIPT_READ_BYTES = 4 * 1024 * 1024;
+
+/**
+ * A transcript seen for the first time is read from this far before its end,
+ * not from its start: a long session's early lines say nothing of now.
+ */
+export const FIRST_READ_BYTES = 1024 * 1024;
+
+/** What Claude Code writes when the person refuses a tool call in the terminal. */
+export const INTERRUPTED_FOR_TOOL = '[Request interrupted by user for tool use]';
+
+const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
+
+/**
+ * @typedef {Object} TranscriptFacts
+ * @property {string|undefined} lastText The assistant's last words
+ * @property {Array<{id: string, name: string, input: *}>} toolUses Tool calls, in order
+ * @property {Array<{id: string, outcome: string}>} outcomes How calls ended:
+ *     "done", "failed", or "refused" (refused by the person in the terminal)
+ * @property {boolean} interrupted The turn stopped on the person's refusal
+ * @property {string|undefined} model The model of the last answer
+ */
+
+/**
+ * Reads facts out of transcript lines. A call whose result is an error
+ * counts as refused once the interruption line follows it (or when Claude
+ * Code marks the result as the person's rejection); alone it has failed.
+ *
+ * @param {Array<string>} lines
+ * @return {TranscriptFacts}
+ */
+export function transcriptFacts(lines) {
+  const facts = { lastText: undefined, toolUses: [], outcomes: [], interrupted: false, model: undefined };
+  let erred = [];
+  const settle = (outcome) => {
+    for (const id of erred) facts.outcomes.push({ id, outcome });
+    erred = [];
+  };
+  for (const line of lines) {
+    let record;
+    try {
+      record = JSON.parse(line);
+    } catch {
+      continue;
+    }
+    if (!isObject(record) || !isObject(record.message) || record.isSidechain === true) continue;
+    const content = record.message.content;
+    if (record.type === 'assistant' && Array.isArray(content)) {
+      if (record.isApiErrorMessage !== true && typeof record.message.model === 'string' && !record.message.model.startsWith('<')) {
+        facts.model = record.message.model;
+      }
+      for (const block of content) {
+        if (!isObject(block)) continue;
+        if (block.type === 'text' && typeof block.text === 'string' && block.text.trim() !== '') facts.lastText = block.text;
+        if (block.type === 'tool_use' && typeof block.id === 'string' && typeof block.name === 'string') {
+          facts.toolUses.push({ id: block.id, name: block.name, input: block.input });
+        }
+      }
+    } else if (record.type === 'user') {
+      const blocks = typeof content === 'string' ? [{ type: 'text', text: content }] : Array.isArray(content) ? content : [];
+      for (const block of blocks) {
+        if (!isObject(block)) continue;
+        if (block.type === 'tool_result' && typeof block.tool_use_id === 'string') {
+          if (block.is_error !== true) {
+            facts.outcomes.push({ id: block.tool_use_id, outcome: 'done' });
+          } else if (record.toolDenialKind === 'user-rejected' || record.toolUseResult === 'User rejected tool use') {
+            facts.outcomes.push({ id: block.tool_use_id, outcome: 'refused' });
+          } else {
+            erred.push(block.tool_use_id);
+          }
+        } else if (block.type === 'text' && typeof block.text === 'string') {
+          if (block.text.trim() === INTERRUPTED_FOR_TOOL) {
+            settle('refused');
+            facts.interrupted = true;
+          } else if (!block.text.startsWith('<')) {
+            settle('failed');
+            facts.interrupted = false;
+          }
+        }
+      }
+    }
+  }
+  // Errors not followed by the interruption in what was read so far stay
+  // open; the next read may bring it.
+  facts.pendingErrors = erred;
+  return facts;
+}
+
+/**
+ * Follows one transcript file: each read gives the facts of the lines added
+ * since the last one.
+ */
+export class TranscriptTail {
+  #file;
+  #cursor;
+  #pendingErrors = [];
+
+  /**
+   * @param {string} file
+   * @param {Object|null} [saved] What {@link saved} gave before a restart
+   */
+  constructor(file, saved = null) {
+    this.#file = file;
+    this.#cursor = isObject(saved?.cursor) ? { ...freshCursor(), ...saved.cursor } : null;
+    this.#pendingErrors = Array.isArray(saved?.pendingErrors) ? saved.pendingErrors.filter((id) => typeof id === 'string') : [];
+  }
+
+  get file() {
+    return this.#file;
+  }
+
+  /** @return {Object} Where reading stands, as plain data. */
+  saved() {
+    return { cursor: this.#cursor, pendingErrors: this.#pendingErrors };
+  }
+
+  /**
+   * Reads what was added.
+   *
+   * @return {Promise<TranscriptFacts|null>} null when the file can't be read
+   */
+  async read() {
+    try {
+      if (this.#cursor === null) {
+        const stat = await fs.stat(this.#file);
+        // Starting inside a line is fine: that part doesn't parse and is passed over.
+        this.#cursor = { ...freshCursor(), ino: stat.ino, offset: Math.max(0, stat.size - FIRST_READ_BYTES) };
+      }
+      const { lines, cursor } = await readNewLines(this.#file, this.#cursor, {
+        maxLineBytes: MAX_TRANSCRIPT_LINE_BYTES,
+        maxReadBytes: MAX_TRANSCRIPT_READ_BYTES,
+      });
+      this.#cursor = cursor;
+      // A refusal's error and its interruption line may land in two reads.
+      const carried = this.#pendingErrors.map((id) =>
+        JSON.stringify({ type: 'user', message: { content: [{ type: 'tool_result', tool_use_id: id, is_error: true }] } }),
+      );
+      const facts = transcriptFacts([...carried, ...lines]);
+      this.#pendingErrors = facts.pendingErrors;
+      return facts;
+    } catch {
+      return null;
+    }
+  }
+}
