@@ -50,8 +50,8 @@ test('what the codex record says of the program', () => {
     ['none found: nothing but available, so no min reads as too old', { path: null, version: null }, { available: false }],
     [
       'usable',
-      { path: '/usr/local/bin/codex', version: '0.46.0' },
-      { available: true, version: '0.46.0', min: MIN_CODEX_VERSION, path: '/usr/local/bin/codex' },
+      { path: '/usr/local/bin/codex', version: '0.170.0' },
+      { available: true, version: '0.170.0', min: MIN_CODEX_VERSION, path: '/usr/local/bin/codex' },
     ],
     [
       'exactly the lowest',
@@ -60,13 +60,13 @@ test('what the codex record says of the program', () => {
     ],
     [
       'too old',
-      { path: '/c', version: '0.39.2' },
+      { path: '/c', version: '0.150.2' },
       {
         available: false,
-        version: '0.39.2',
+        version: '0.150.2',
         min: MIN_CODEX_VERSION,
         path: '/c',
-        problem: `Codex 0.39.2 is too old for Tidewatch, which needs ${MIN_CODEX_VERSION} or later.`,
+        problem: `Codex 0.150.2 is too old for Tidewatch, which needs ${MIN_CODEX_VERSION} or later.`,
       },
     ],
   ];
@@ -75,7 +75,7 @@ test('what the codex record says of the program', () => {
   const silent = binaryFields({ path: '/opt/codex', version: null });
   assert.equal(silent.available, true, 'there, but its version unknown');
   assert.match(silent.problem, /^Codex at \/opt\/codex didn’t say which version it is/);
-  assert.equal(binaryFields({ path: '/c', version: '0.46.0' }, '0.50.0').available, false, 'the lowest is a parameter');
+  assert.equal(binaryFields({ path: '/c', version: '0.170.0' }, '0.180.0').available, false, 'the lowest is a parameter');
 });
 
 test('the program is looked for on the search path first, then in the usual folders', async (t) => {

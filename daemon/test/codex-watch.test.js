@@ -19,7 +19,7 @@ const run = promisify(execFile);
 
 // A Codex home with its sessions folder, as on a machine where Codex ran,
 // and the stand-in program on the service's search path.
-async function codexMachine(t, { version = '0.46.0', sessionsFolder = true } = {}) {
+async function codexMachine(t, { version = '0.170.0', sessionsFolder = true } = {}) {
   const folder = await scratchFolder(t);
   const codexHome = path.join(folder, 'codex-home');
   if (sessionsFolder) fs.mkdirSync(path.join(codexHome, 'sessions'), { recursive: true });
@@ -42,7 +42,7 @@ test('a Codex session shows as the stand-in writes it, step by step, through the
     available: true,
     enabled: false,
     connected: false,
-    version: '0.46.0',
+    version: '0.170.0',
     min: MIN_CODEX_VERSION,
     path: machine.program,
   });
@@ -168,7 +168,7 @@ test('a sessions folder made after the start is found by the look-over', async (
 });
 
 test('a Codex older than the lowest version says so; a refresh after its update clears it', async (t) => {
-  const machine = await codexMachine(t, { version: '0.39.0' });
+  const machine = await codexMachine(t, { version: '0.150.0' });
   const { service, local } = await startScratchService(t, {
     folder: machine.folder,
     codexHome: machine.codexHome,
@@ -177,17 +177,17 @@ test('a Codex older than the lowest version says so; a refresh after its update 
   await service.codexReady;
   const old = (await local('GET', '/v1/snapshot')).json.codex;
   assert.equal(old.available, false);
-  assert.equal(old.version, '0.39.0');
+  assert.equal(old.version, '0.150.0');
   assert.equal(old.min, MIN_CODEX_VERSION);
   assert.equal(old.path, machine.program);
-  assert.equal(old.problem, `Codex 0.39.0 is too old for Tidewatch, which needs ${MIN_CODEX_VERSION} or later.`);
+  assert.equal(old.problem, `Codex 0.150.0 is too old for Tidewatch, which needs ${MIN_CODEX_VERSION} or later.`);
   assert.equal((await local('GET', '/local/status')).json.codex.problem, old.problem, 'the local status says the same');
 
-  installStandInProgram(machine.bin, { version: '0.63.0' });
+  installStandInProgram(machine.bin, { version: '0.171.0' });
   const reply = await local('POST', '/v1/codex/refresh');
   assert.equal(reply.status, 200);
   assert.equal(reply.json.codex.available, true);
-  assert.equal(reply.json.codex.version, '0.63.0');
+  assert.equal(reply.json.codex.version, '0.171.0');
   assert.equal('problem' in reply.json.codex, false);
 });
 
@@ -206,7 +206,7 @@ test('a record planted through /qa stands until the service has news of its own'
 
   // A reset is a fresh start: the program is looked at as it is.
   await local('POST', '/qa/reset');
-  assert.equal((await local('GET', '/v1/snapshot')).json.codex.version, '0.46.0');
+  assert.equal((await local('GET', '/v1/snapshot')).json.codex.version, '0.170.0');
 });
 
 test('sessions that went quiet end, and a day after their last activity they are dropped', async (t) => {

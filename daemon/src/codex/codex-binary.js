@@ -6,12 +6,11 @@ import fs from 'node:fs';
 import path from 'node:path';
 
 /**
- * The oldest Codex whose session records this service reads: 0.40.0 writes
- * its rate-limit windows as `rate_limits.primary` / `secondary` with
- * `used_percent` inside each token count, the shape read here; older ones
- * wrote them flat, or not at all.
+ * The oldest Codex this service works with. Its session records carry the
+ * rate-limit windows as `rate_limits.primary` / `secondary` from 0.40.0 on;
+ * the sessions the phone starts and the shared terminal need 0.163.0.
  */
-export const MIN_CODEX_VERSION = '0.40.0';
+export const MIN_CODEX_VERSION = '0.163.0';
 
 /** How long `codex --version` may take, in milliseconds. */
 export const VERSION_TIMEOUT_MS = 8000;

@@ -13,7 +13,7 @@
 //   node codex-standin.js exec [--step-ms N] [--limits P,S] "<prompt>"
 //                                              plays one turn into $CODEX_HOME
 //
-// The version is STANDIN_CODEX_VERSION, or 0.46.0.
+// The version is STANDIN_CODEX_VERSION, or 0.170.0.
 
 import { randomUUID } from 'node:crypto';
 import fs from 'node:fs';
@@ -21,7 +21,7 @@ import path from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { fileURLToPath } from 'node:url';
 
-export const DEFAULT_STANDIN_VERSION = '0.46.0';
+export const DEFAULT_STANDIN_VERSION = '0.170.0';
 
 const two = (n) => String(n).padStart(2, '0');
 
