@@ -78,7 +78,12 @@ Rectangle {
                 onDismissed: function (id) { root.popover.dismissNotice(id) }
             }
         }
-        Label { text: root.page.undo || ""; size: 11; color: "#7A7468" }
+        Row {
+            visible: !!root.page.undo
+            spacing: 8
+            Label { text: root.page.undo ? root.page.undo.text : ""; size: 11; color: "#7A7468"; anchors.verticalCenter: parent.verticalCenter }
+            GlassButton { title: root.page.undo ? root.page.undo.action : ""; onPressed: root.popover.undoDismiss() }
+        }
 
         Label {
             text: (root.page.waitingHeading || "").toUpperCase()

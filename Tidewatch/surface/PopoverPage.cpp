@@ -205,7 +205,8 @@ void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
         }
     }
     page.insert(u"notices"_s, notices(in));
-    page.insert(u"undo"_s, text(in.dismissed.undoLine()));
+    if (const std::optional<QString> undo = in.dismissed.undoLine())
+        page.insert(u"undo"_s, QVariantMap{{u"text"_s, *undo}, {u"action"_s, u"Undo"_s}});
 
     // What waits: every card the model holds, answered ones folded in place.
     const QList<NeedsYouItem> items = model.needsYou();
