@@ -181,6 +181,8 @@ class Holder {
     };
     await Promise.race([granted(), holder.exited]).catch(() => {});
     holder.settled = true;
+    // Its complaint is whole only once its output has closed.
+    if (!holder.alive) await holder.exited;
     return holder;
   }
 
