@@ -6,6 +6,7 @@
 // leaving the server to the model holding it, one frame at a time: a session's
 // frame in the snapshot, and an approval's frame at the head of `needsYou`.
 
+#include "../BenchSupport.h"
 #include "entry/Clock.h"
 #include "entry/Environment.h"
 #include "link/LiveFeed.h"
@@ -32,6 +33,8 @@
 #include <vector>
 
 namespace {
+
+using bench::waitUntil;
 
 constexpr int kSessions = 500;
 constexpr int kBurst = 20000;
@@ -140,18 +143,6 @@ private:
     QWebSocket* m_client = nullptr;
     QStringList m_frames;
 };
-
-bool waitUntil(const std::function<bool()>& done, int limitMs)
-{
-    QElapsedTimer waited;
-    waited.start();
-    while (!done()) {
-        if (waited.elapsed() > limitMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 50);
-    }
-    return true;
-}
 
 int unusedPort()
 {

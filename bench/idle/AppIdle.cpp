@@ -7,6 +7,7 @@
 
 #include "ScratchFolder.h"
 #include "ServiceProcess.h"
+#include "../BenchSupport.h"
 #include "entry/Clock.h"
 #include "model/AppModel.h"
 #include "surface/StatusItemController.h"
@@ -25,13 +26,10 @@
 
 namespace {
 
-double cpuSeconds()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
-        + double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
+using bench::cpuSeconds;
+using bench::runFor;
+using bench::waitUntil;
+using bench::WakeCounter;
 
 double residentMegabytes()
 {
@@ -43,36 +41,6 @@ double residentMegabytes()
             return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024;
     }
     return 0;
-}
-
-class WakeCounter : public QObject
-{
-public:
-    bool eventFilter(QObject*, QEvent* event) override
-    {
-        if (event->type() == QEvent::Timer)
-            ++wakes;
-        return false;
-    }
-    qint64 wakes = 0;
-};
-
-void runFor(double seconds)
-{
-    QTimer::singleShot(int(seconds * 1000), QCoreApplication::instance(), &QCoreApplication::quit);
-    QCoreApplication::exec();
-}
-
-bool waitFor(const std::function<bool()>& done, int limitMs)
-{
-    QElapsedTimer waited;
-    waited.start();
-    while (!done()) {
-        if (waited.elapsed() > limitMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 50);
-    }
-    return true;
 }
 
 QJsonObject session(int index)
@@ -108,7 +76,7 @@ int runAppIdle(double seconds)
     StatusItemController statusItem(model, service.environment());
     statusItem.install();
     model.start();
-    if (!waitFor([&] { return model.feedLive() && model.snapshot(); }, 15000)) {
+    if (!waitUntil([&] { return model.feedLive() && model.snapshot(); }, 15000)) {
         std::puts("FAILED: the app never heard the service.");
         return 1;
     }
@@ -129,7 +97,7 @@ int runAppIdle(double seconds)
     const double before = residentMegabytes();
     for (int i = 0; i < 500; ++i)
         service.call("POST", QStringLiteral("/qa/sessions"), session(i));
-    if (!waitFor([&] { return model.snapshot() && model.snapshot()->sessions.items.size() == 500; }, 30000)) {
+    if (!waitUntil([&] { return model.snapshot() && model.snapshot()->sessions.items.size() == 500; }, 30000)) {
         std::puts("FAILED: the 500 sessions never reached the model.");
         return 1;
     }

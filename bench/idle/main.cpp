@@ -10,6 +10,7 @@
 // With --app: the whole app against the real service instead (AppIdle.cpp).
 
 #include "AppIdle.h"
+#include "../BenchSupport.h"
 #include "entry/Clock.h"
 #include "surface/MenuBarFrames.h"
 #include "surface/MenuBarIconAnimator.h"
@@ -27,26 +28,9 @@
 
 namespace {
 
-double cpuSeconds()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
-        + double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
-/// Counts every timer event the main thread delivers, to any object.
-class WakeCounter : public QObject
-{
-public:
-    bool eventFilter(QObject*, QEvent* event) override
-    {
-        if (event->type() == QEvent::Timer)
-            ++wakes;
-        return false;
-    }
-    qint64 wakes = 0;
-};
+using bench::cpuSeconds;
+using bench::runFor;
+using bench::WakeCounter;
 
 /// A button that only counts what it is handed.
 class CountingButton final : public StatusButton
@@ -75,12 +59,6 @@ MenuBarIconAnimator::Look lookWith(int working, bool reduceMotion, bool seen = t
     look.reduceMotion = reduceMotion;
     look.seen = seen;
     return look;
-}
-
-void runFor(double seconds)
-{
-    QTimer::singleShot(int(seconds * 1000), QCoreApplication::instance(), &QCoreApplication::quit);
-    QCoreApplication::exec();
 }
 
 void printRow(const char* state, double seconds, qint64 wakes, qint64 ticks, qint64 images, double cpu)
