@@ -28,9 +28,8 @@ int finish(const BackpackSetup::Outcome& outcome, const QString& success, const 
     return kFailed;
 }
 
-} // namespace
-
-int setUp(const Environment& environment, const QString& user, const Print& print)
+// Before anything else: a copy that must leave the rule alone, or a system that needs none, ends here.
+std::optional<int> endsBeforeTheRule(const Environment& environment, const Print& print)
 {
     if (const std::optional<QString> refused = BackpackSetup::refusal(environment)) {
         print(QStringLiteral("FAILED: ") + *refused);
@@ -40,6 +39,15 @@ int setUp(const Environment& environment, const QString& user, const Print& prin
         print(noRuleOnThisSystem());
         return kDone;
     }
+    return std::nullopt;
+}
+
+} // namespace
+
+int setUp(const Environment& environment, const QString& user, const Print& print)
+{
+    if (const std::optional<int> code = endsBeforeTheRule(environment, print))
+        return *code;
     print(QStringLiteral("Setting up Backpack mode: a sudoers rule for exactly pmset -a disablesleep 0 and 1…"));
     print(QStringLiteral("  rule  ") + BackpackSetup::path(environment));
     if (BackpackSetup::isInstalled(environment)) {
@@ -52,14 +60,8 @@ int setUp(const Environment& environment, const QString& user, const Print& prin
 
 int remove(const Environment& environment, const Print& print)
 {
-    if (const std::optional<QString> refused = BackpackSetup::refusal(environment)) {
-        print(QStringLiteral("FAILED: ") + *refused);
-        return kFailed;
-    }
-    if (!BackpackSetup::ruleNeeded(environment)) {
-        print(noRuleOnThisSystem());
-        return kDone;
-    }
+    if (const std::optional<int> code = endsBeforeTheRule(environment, print))
+        return *code;
     if (!BackpackSetup::isInstalled(environment)) {
         print(QStringLiteral("OK: not set up"));
         return kDone;
