@@ -89,8 +89,7 @@ void TestEnvironment::ports_data()
 void TestEnvironment::ports()
 {
     QFETCH(QString, text);
-    QFETCH(int, port);
-    QCOMPARE(make({{QStringLiteral("TIDEWATCH_API_PORT"), text}}).apiPort(), port);
+    QTEST(make({{QStringLiteral("TIDEWATCH_API_PORT"), text}}).apiPort(), "port");
 }
 
 void TestEnvironment::copies_data()
@@ -146,18 +145,15 @@ void TestEnvironment::copies_data()
 void TestEnvironment::copies()
 {
     QFETCH(Variables, variables);
-    QFETCH(bool, testCopy);
-    QFETCH(bool, isolated);
-    QFETCH(QString, refusal);
 
     for (QString& value : variables) {
         value.replace(QStringLiteral("$SCRATCH"), m_scratch->path());
         value.replace(QStringLiteral("$HOME"), m_home);
     }
     const Environment environment = make(variables);
-    QCOMPARE(environment.isTestCopy(), testCopy);
-    QCOMPARE(environment.isIsolated(), isolated);
-    QCOMPARE(environment.refusalSentence().value_or(QString()), refusal);
+    QTEST(environment.isTestCopy(), "testCopy");
+    QTEST(environment.isIsolated(), "isolated");
+    QTEST(environment.refusalSentence().value_or(QString()), "refusal");
 }
 
 void TestEnvironment::realFolders_data()

@@ -5,7 +5,8 @@
 #include "link/Snapshot.h"
 #include "link/SttState.h"
 
-#include <QFile>
+#include "Fixture.h"
+
 #include <QJsonDocument>
 #include <QTest>
 
@@ -67,55 +68,14 @@ private:
     std::mt19937_64 m_engine;
 };
 
-QByteArray readSample(const QString& name)
-{
-    QFile file(QStringLiteral(TIDEWATCH_TEST_DATA "/") + name);
-    if (!file.open(QIODevice::ReadOnly))
-        qFatal("missing sample %s", qPrintable(name));
-    return file.readAll();
-}
-
 // Keys the records read, so that random objects sometimes become readable ones.
 const QStringList& wireKeys()
 {
-    static const QStringList keys{
-        u"id"_s,
-        u"title"_s,
-        u"state"_s,
-        u"mode"_s,
-        u"pct"_s,
-        u"percent"_s,
-        u"resetsAt"_s,
-        u"createdAt"_s,
-        u"sessions"_s,
-        u"approvals"_s,
-        u"questions"_s,
-        u"options"_s,
-        u"input"_s,
-        u"label"_s,
-        u"kind"_s,
-        u"name"_s,
-        u"list"_s,
-        u"lastRun"_s,
-        u"ask"_s,
-        u"term"_s,
-        u"blocked"_s,
-        u"resume"_s,
-        u"usage"_s,
-        u"fiveHour"_s,
-        u"mac"_s,
-        u"battery"_s,
-        u"awake"_s,
-        u"count"_s,
-        u"running"_s,
-        u"devices"_s,
-        u"link"_s,
-        u"ready"_s,
-        u"step"_s,
-        u"x\u0000y"_s,
-        u"ünïcødé’"_s,
-        QString(),
-    };
+    static const QStringList keys{u"id"_s, u"title"_s, u"state"_s, u"mode"_s, u"pct"_s, u"percent"_s, u"resetsAt"_s,
+        u"createdAt"_s, u"sessions"_s, u"approvals"_s, u"questions"_s, u"options"_s, u"input"_s, u"label"_s, u"kind"_s,
+        u"name"_s, u"list"_s, u"lastRun"_s, u"ask"_s, u"term"_s, u"blocked"_s, u"resume"_s, u"usage"_s, u"fiveHour"_s,
+        u"mac"_s, u"battery"_s, u"awake"_s, u"count"_s, u"running"_s, u"devices"_s, u"link"_s, u"ready"_s, u"step"_s,
+        u"x\u0000y"_s, u"ünïcødé’"_s, QString()};
     return keys;
 }
 
@@ -135,24 +95,9 @@ QJsonValue randomValue(Rng& rng, int depth = 0)
 {
     static const QList<double> numbers{0, -0.0, 1, -1, 2.5, 1e11, 1e11 + 1, 1e300, -1e300, 9.2e18,
         1.7976931348623157e308, 4.9e-324, 1760007200000.6, 1760007200, 100, -86400};
-    static const QStringList strings{
-        QString(),
-        u"soon"_s,
-        u"1760007200"_s,
-        u"1760007200000"_s,
-        u"-1"_s,
-        u"2025-10-09T10:53:20Z"_s,
-        u"2025-10-09T10:53:20.123+02:00"_s,
-        u"2025-13-40T99:99:99Z"_s,
-        u"nan"_s,
-        u"1e400"_s,
-        u"working"_s,
-        u"needs_you"_s,
-        u"ünïcødé ’…"_s,
-        QString(4000, u'x'),
-        u"\u0000"_s,
-        u" 17"_s,
-    };
+    static const QStringList strings{QString(), u"soon"_s, u"1760007200"_s, u"1760007200000"_s, u"-1"_s,
+        u"2025-10-09T10:53:20Z"_s, u"2025-10-09T10:53:20.123+02:00"_s, u"2025-13-40T99:99:99Z"_s, u"nan"_s, u"1e400"_s,
+        u"working"_s, u"needs_you"_s, u"ünïcødé ’…"_s, QString(4000, u'x'), u"\u0000"_s, u" 17"_s};
     switch (rng.below(depth > 3 ? 5 : 8)) {
     case 0:
         return numbers[rng.below(int(numbers.size()))];
@@ -370,8 +315,8 @@ quint64 seedFromEnvironment()
 
 void TestDecodeFuzz::initTestCase()
 {
-    const QByteArray snapshot = readSample(u"snapshot-busy.json"_s);
-    const QByteArray status = readSample(u"local-status-full.json"_s);
+    const QByteArray snapshot = Fixture::sample(u"snapshot-busy.json"_s);
+    const QByteArray status = Fixture::sample(u"local-status-full.json"_s);
     g_samples = {{u"snapshot-busy"_s, snapshot}, {u"local-status-full"_s, status}};
 
     // Feed-like frames built from the sample's own records.
@@ -454,7 +399,7 @@ void TestDecodeFuzz::samplesDecodeAsBefore()
 {
     QCOMPARE(decodeDocument<Snapshot>(g_samples[0].bytes), g_snapshotBefore);
     QCOMPARE(decodeDocument<LocalStatus>(g_samples[1].bytes), g_statusBefore);
-    QCOMPARE(g_samples[0].bytes, readSample(u"snapshot-busy.json"_s));
+    QCOMPARE(g_samples[0].bytes, Fixture::sample(u"snapshot-busy.json"_s));
 }
 
 QTEST_GUILESS_MAIN(TestDecodeFuzz)

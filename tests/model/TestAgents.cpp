@@ -1,26 +1,18 @@
 #include "model/Agents.h"
 #include "model/TailscaleAction.h"
 
-#include <QJsonDocument>
+#include "Fixture.h"
+
 #include <QTest>
+
+using namespace Qt::StringLiterals;
 
 using Kind = TailscaleAction::Kind;
 
 namespace {
 
-std::optional<Snapshot> snapshotOf(const char* json)
-{
-    if (!*json)
-        return std::nullopt;
-    return Snapshot::fromJson(QJsonDocument::fromJson(json).object());
-}
-
-std::optional<LocalStatus> statusOf(const char* json)
-{
-    if (!*json)
-        return std::nullopt;
-    return LocalStatus::fromJson(QJsonDocument::fromJson(json).object());
-}
+constexpr auto snapshotOf = &Fixture::maybe<Snapshot>;
+constexpr auto statusOf = &Fixture::maybe<LocalStatus>;
 
 QString outcome(const AgentsInUse& agents)
 {
@@ -117,11 +109,10 @@ void TestAgents::agentsInUse()
     QFETCH(QByteArray, status);
     QFETCH(bool, sample);
     QFETCH(int, look);
-    QFETCH(QString, expected);
-    const std::optional<Snapshot> snap = snapshotOf(snapshot.constData());
-    const std::optional<LocalStatus> stat = statusOf(status.constData());
+    const std::optional<Snapshot> snap = snapshotOf(snapshot);
+    const std::optional<LocalStatus> stat = statusOf(status);
     Agents::Inputs inputs{snap, stat, true, sample, false, look < 0 ? std::nullopt : std::optional<bool>(look == 1)};
-    QCOMPARE(outcome(Agents::agentsInUse(inputs)), expected);
+    QTEST(outcome(Agents::agentsInUse(inputs)), "expected");
 }
 
 void TestAgents::serviceDownTrustsNoCodex()
@@ -174,13 +165,12 @@ void TestAgents::setupGap()
     QFETCH(QString, agents);
     QFETCH(QByteArray, status);
     QFETCH(bool, testCopy);
-    QFETCH(int, step);
     AgentsInUse inUse;
     inUse.claude = agents == "claude";
     inUse.codexHere = inUse.codexAvailable = agents.startsWith("codex");
     inUse.codexEnabled = agents == "codex";
-    const std::optional<SetupStep> gap = Agents::setupGap(inUse, statusOf(status.constData()), testCopy);
-    QCOMPARE(gap ? int(*gap) : -1, step);
+    const std::optional<SetupStep> gap = Agents::setupGap(inUse, statusOf(status), testCopy);
+    QTEST(gap ? int(*gap) : -1, "step");
 }
 
 void TestAgents::tailscale_data()
@@ -191,48 +181,45 @@ void TestAgents::tailscale_data()
     QTest::addColumn<QString>("detail");
 
     QTest::newRow("a short record raises no alarm but has no address")
-        << QByteArray(R"({"tailscale":{}})") << int(Kind::TurnOnServe) << "" << "";
-    QTest::newRow("no Tailscale record at all") << QByteArray("{}") << int(Kind::TurnOnServe) << "" << "";
+        << QByteArray(R"({"tailscale":{}})") << int(Kind::TurnOnServe) << u""_s << u""_s;
+    QTest::newRow("no Tailscale record at all") << QByteArray("{}") << int(Kind::TurnOnServe) << u""_s << u""_s;
     QTest::newRow("not installed") << QByteArray(R"({"tailscale":{"installed":false,"running":false}})")
-                                   << int(Kind::Install) << "" << "";
+                                   << int(Kind::Install) << u""_s << u""_s;
     QTest::newRow("not running") << QByteArray(R"({"tailscale":{"running":false,"loggedIn":false}})")
-                                 << int(Kind::OpenApp) << "" << "";
-    QTest::newRow("signed out") << QByteArray(R"({"tailscale":{"loggedIn":false}})") << int(Kind::OpenApp) << ""
-                                << "";
+                                 << int(Kind::OpenApp) << u""_s << u""_s;
+    QTest::newRow("signed out") << QByteArray(R"({"tailscale":{"loggedIn":false}})") << int(Kind::OpenApp) << u""_s
+                                << u""_s;
     QTest::newRow("no HTTPS") << QByteArray(R"({"tailscale":{"httpsEnabled":false,"serveOn":true,"url":"https://x"}})")
-                              << int(Kind::EnableHTTPS) << "" << "";
+                              << int(Kind::EnableHTTPS) << u""_s << u""_s;
     QTest::newRow("serving off") << QByteArray(R"({"tailscale":{"serveOn":false,"url":"https://x"}})")
-                                 << int(Kind::TurnOnServe) << "" << "";
+                                 << int(Kind::TurnOnServe) << u""_s << u""_s;
     QTest::newRow("ready, without the trailing slash")
         << QByteArray(R"({"tailscale":{"serveOn":true,"url":"https://mac.tail.ts.net/"}})") << int(Kind::Ready)
-        << "https://mac.tail.ts.net" << "";
+        << u"https://mac.tail.ts.net"_s << u""_s;
     QTest::newRow("built-in running and listening")
         << QByteArray(R"({"tsnet":{"mode":"builtIn","available":true,"enabled":true,"url":"https://b.ts.net",)"
                       R"("helper":{"state":"Running","listening":":443","tls":"pinned"}}})")
-        << int(Kind::ReadyBuiltIn) << "https://b.ts.net" << "";
+        << int(Kind::ReadyBuiltIn) << u"https://b.ts.net"_s << u""_s;
     QTest::newRow("built-in needs a sign-in")
         << QByteArray(R"({"tsnet":{"mode":"builtIn","helper":{"state":"NeedsLogin","loginUrl":"https://login.ts/a"}}})")
-        << int(Kind::SignInBuiltIn) << "https://login.ts/a" << "";
+        << int(Kind::SignInBuiltIn) << u"https://login.ts/a"_s << u""_s;
     QTest::newRow("a sign-in address that isn't https waits")
         << QByteArray(R"({"tsnet":{"mode":"builtIn","helper":{"state":"NeedsLogin","loginUrl":"http://x"}}})")
-        << int(Kind::BuiltInWaiting) << "" << "NeedsLogin";
+        << int(Kind::BuiltInWaiting) << u""_s << u"NeedsLogin"_s;
     QTest::newRow("built-in with an error says it")
         << QByteArray(R"({"tsnet":{"mode":"builtIn","helper":{"state":"Stopped","error":"no route"}}})")
-        << int(Kind::BuiltInWaiting) << "" << "no route";
+        << int(Kind::BuiltInWaiting) << u""_s << u"no route"_s;
     QTest::newRow("built-in without a helper is starting")
-        << QByteArray(R"({"tsnet":{"mode":"builtIn"}})") << int(Kind::BuiltInWaiting) << "" << "starting";
+        << QByteArray(R"({"tsnet":{"mode":"builtIn"}})") << int(Kind::BuiltInWaiting) << u""_s << u"starting"_s;
 }
 
 void TestAgents::tailscale()
 {
     QFETCH(QByteArray, status);
-    QFETCH(int, kind);
-    QFETCH(QString, url);
-    QFETCH(QString, detail);
-    const TailscaleAction action = TailscaleAction::decide(*statusOf(status.constData()));
-    QCOMPARE(int(action.kind), kind);
-    QCOMPARE(action.url, url);
-    QCOMPARE(action.detail, detail);
+    const TailscaleAction action = TailscaleAction::decide(*statusOf(status));
+    QTEST(int(action.kind), "kind");
+    QTEST(action.url, "url");
+    QTEST(action.detail, "detail");
 }
 
 void TestAgents::phoneAddress()

@@ -1,46 +1,14 @@
 #include "model/AppModel.h"
 
-#include "FreePorts.h"
+#include "Fixture.h"
 #include "ManualClock.h"
-#include "ScratchFolder.h"
+#include "Offline.h"
 
 #include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QTest>
 
-namespace {
-
-/// A test copy whose service isn't there: nothing answers on its ports.
-Environment nowhere(const ScratchFolder& scratch)
-{
-    const QList<int> ports = freePorts(2);
-    return Environment({{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("support"))},
-                           {QStringLiteral("TIDEWATCH_API_PORT"), QString::number(ports.value(0))},
-                           {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(ports.value(1))}},
-        scratch.path());
-}
-
-LiveFeed::Event message(const QByteArray& frame)
-{
-    return {LiveFeed::Event::Kind::Message, false, Feed::readEnvelope(frame)};
-}
-
-LiveFeed::Event live(bool up)
-{
-    return {LiveFeed::Event::Kind::Live, up, std::nullopt};
-}
-
-QStringList sessionIds(const AppModel& model)
-{
-    QStringList ids;
-    if (model.snapshot()) {
-        for (const Session& session : model.snapshot()->sessions.items)
-            ids << session.id;
-    }
-    return ids;
-}
-
-} // namespace
+using namespace Qt::StringLiterals;
 
 class TestAppModel : public QObject
 {
@@ -69,13 +37,13 @@ void TestAppModel::feedMessagesPatchTheSnapshot()
     QSignalSpy changed(&model, &AppModel::snapshotChanged);
 
     // Without a snapshot there is nothing to patch; the whole one comes first.
-    model.take(message(R"({"t":"session","session":{"id":"s0"}})"));
+    model.take(feedMessage(R"({"t":"session","session":{"id":"s0"}})"));
     QVERIFY(!model.snapshot());
-    model.take(message(R"({"t":"snapshot","snapshot":{"sessions":[{"id":"s1"},{"id":"s2"}],"approvals":[]}})"));
-    model.take(message(R"({"t":"session","session":{"id":"s3","state":"working"}})"));
-    model.take(message(R"({"t":"session","session":{"id":"s1","state":"idle"}})"));
-    model.take(message(R"({"t":"approval","approval":{"id":"ap1","sessionId":"s3"}})"));
-    QCOMPARE(sessionIds(model), (QStringList{"s1", "s2", "s3"}));
+    model.take(feedMessage(R"({"t":"snapshot","snapshot":{"sessions":[{"id":"s1"},{"id":"s2"}],"approvals":[]}})"));
+    model.take(feedMessage(R"({"t":"session","session":{"id":"s3","state":"working"}})"));
+    model.take(feedMessage(R"({"t":"session","session":{"id":"s1","state":"idle"}})"));
+    model.take(feedMessage(R"({"t":"approval","approval":{"id":"ap1","sessionId":"s3"}})"));
+    QCOMPARE(Fixture::ids(model.snapshot()->sessions.items), (QStringList{"s1", "s2", "s3"}));
     QCOMPARE(model.snapshot()->sessions.items.first().state, std::optional<QString>("idle"));
     QCOMPARE(model.snapshot()->approvals.items.size(), 1);
     QCOMPARE(changed.count(), 4);
@@ -87,21 +55,21 @@ void TestAppModel::anEchoRedrawsNothing()
 {
     AppModel model(nowhere(m_scratch), m_clock);
     const QByteArray whole = R"({"t":"snapshot","snapshot":{"sessions":[{"id":"s1","state":"idle"}]}})";
-    model.take(message(whole));
+    model.take(feedMessage(whole));
     QSignalSpy changed(&model, &AppModel::snapshotChanged);
-    model.take(message(whole));
-    model.take(message(R"({"t":"session","session":{"id":"s1","state":"idle"}})"));
-    model.take(message(R"({"t":"battery"})"));
+    model.take(feedMessage(whole));
+    model.take(feedMessage(R"({"t":"session","session":{"id":"s1","state":"idle"}})"));
+    model.take(feedMessage(R"({"t":"battery"})"));
     QCOMPARE(changed.count(), 0);
 }
 
 void TestAppModel::devicesAskForAReadAndCountNoGeneration()
 {
     AppModel model(nowhere(m_scratch), m_clock);
-    model.take(message(R"({"t":"snapshot","snapshot":{"sessions":[]}})"));
+    model.take(feedMessage(R"({"t":"snapshot","snapshot":{"sessions":[]}})"));
     const qint64 generation = model.feedGeneration();
     QSignalSpy changed(&model, &AppModel::snapshotChanged);
-    model.take(message(R"({"t":"devices"})"));
+    model.take(feedMessage(R"({"t":"devices"})"));
     // A devices message voids no snapshot read: it carries nothing a read could contradict.
     QCOMPARE(model.feedGeneration(), generation);
     QCOMPARE(changed.count(), 0);
@@ -111,11 +79,11 @@ void TestAppModel::liveEventsSetFeedLiveOnlyWhenItChanges()
 {
     AppModel model(nowhere(m_scratch), m_clock);
     QSignalSpy changed(&model, &AppModel::feedLiveChanged);
-    model.take(live(true));
-    model.take(live(true));
+    model.take(feedLive(true));
+    model.take(feedLive(true));
     QVERIFY(model.feedLive());
     QVERIFY(model.serviceUp());
-    model.take(live(false));
+    model.take(feedLive(false));
     QVERIFY(!model.feedLive());
     QVERIFY(!model.serviceUp());
     QCOMPARE(changed.count(), 2);
@@ -127,10 +95,11 @@ void TestAppModel::messagesForOthersAreHandedOn()
     QSignalSpy guides(&model, &AppModel::guideReceived);
     QSignalSpy shows(&model, &AppModel::guideShowRequested);
     QSignalSpy stts(&model, &AppModel::sttReceived);
-    model.take(message(R"({"t":"guide","guide":{"step":"voice","seen":true,"done":false}})"));
-    model.take(message(R"({"t":"guide","guide":"soon"})"));
-    model.take(message(R"({"t":"guide.show","guide":{"step":"voice","seen":true,"done":false},"reason":"paired"})"));
-    model.take(message(R"({"t":"stt","stt":{"provider":"x","ready":true}})"));
+    model.take(feedMessage(R"({"t":"guide","guide":{"step":"voice","seen":true,"done":false}})"));
+    model.take(feedMessage(R"({"t":"guide","guide":"soon"})"));
+    model.take(
+        feedMessage(R"({"t":"guide.show","guide":{"step":"voice","seen":true,"done":false},"reason":"paired"})"));
+    model.take(feedMessage(R"({"t":"stt","stt":{"provider":"x","ready":true}})"));
     QCOMPARE(guides.count(), 1);
     QCOMPARE(guides.first().first().value<GuideState>().step, QStringLiteral("voice"));
     QCOMPARE(shows.count(), 1);
@@ -144,8 +113,8 @@ void TestAppModel::aSampleIgnoresTheFeedAndActsOnNothing()
     QSignalSpy notes(&model, &AppModel::noteChanged);
     QSignalSpy reads(&model, &AppModel::readFinished);
     model.start();
-    model.take(live(true));
-    model.take(message(R"({"t":"snapshot","snapshot":{"sessions":[{"id":"s1"}]}})"));
+    model.take(feedLive(true));
+    model.take(feedMessage(R"({"t":"snapshot","snapshot":{"sessions":[{"id":"s1"}]}})"));
     model.continueSession(QStringLiteral("s1"));
     model.forgetDevice(QStringLiteral("d1"), QStringLiteral("Pixel"));
     model.signIn();
@@ -191,13 +160,16 @@ void TestAppModel::theDialogSlotHoldsOneQuestion_data()
     QTest::addColumn<QString>("calls");
 
     // Steps: c confirm, s success, f failure, x cancel, n a new dialog, 2 the secondary button.
-    QTest::newRow("confirm works until the work ends") << "c" << true << true << "" << "confirm(true)";
-    QTest::newRow("success closes it without a word") << "cs" << false << false << "" << "confirm(true)";
-    QTest::newRow("a failure closes it and tells the note") << "cf" << false << false << "It failed." << "confirm(true)";
-    QTest::newRow("a second confirm while working runs nothing") << "cc" << true << true << "" << "confirm(true)";
-    QTest::newRow("dismissal runs cancel") << "x" << false << false << "" << "cancel";
-    QTest::newRow("a new dialog is not closed by the old one's end") << "cns" << true << false << "" << "confirm(true)";
-    QTest::newRow("the secondary button runs its own action") << "2" << false << false << "" << "secondary";
+    QTest::newRow("confirm works until the work ends") << u"c"_s << true << true << u""_s << u"confirm(true)"_s;
+    QTest::newRow("success closes it without a word") << u"cs"_s << false << false << u""_s << u"confirm(true)"_s;
+    QTest::newRow("a failure closes it and tells the note")
+        << u"cf"_s << false << false << u"It failed."_s << u"confirm(true)"_s;
+    QTest::newRow("a second confirm while working runs nothing")
+        << u"cc"_s << true << true << u""_s << u"confirm(true)"_s;
+    QTest::newRow("dismissal runs cancel") << u"x"_s << false << false << u""_s << u"cancel"_s;
+    QTest::newRow("a new dialog is not closed by the old one's end")
+        << u"cns"_s << true << false << u""_s << u"confirm(true)"_s;
+    QTest::newRow("the secondary button runs its own action") << u"2"_s << false << false << u""_s << u"secondary"_s;
 }
 
 void TestAppModel::theDialogSlotHoldsOneQuestion()
@@ -218,6 +190,7 @@ void TestAppModel::theDialogSlotHoldsOneQuestion()
     model.showDialog(dialog);
 
     for (const QChar step : steps) {
+        // clang-format off
         switch (step.toLatin1()) {
         case 'c': model.confirmDialog(true); break;
         case 's': pending(std::nullopt); break;
@@ -226,6 +199,7 @@ void TestAppModel::theDialogSlotHoldsOneQuestion()
         case 'n': model.showDialog(GlassDialog{}); break;
         case '2': model.dialogSecondary(); break;
         }
+        // clang-format on
     }
     QTEST(model.dialog().has_value(), "open");
     QTEST(model.dialogWorking(), "working");

@@ -1,13 +1,14 @@
 #include "model/Attention.h"
 
-#include <QJsonDocument>
+#include "Fixture.h"
+
 #include <QTest>
 
 using namespace Attention;
 
 namespace {
 
-const QDateTime kNow = QDateTime::fromSecsSinceEpoch(1760007200, Qt::UTC);
+const QDateTime kNow = Fixture::now();
 
 Approval approval(const QString& id, const QString& kind, std::optional<double> createdSecondsAgo,
                   const QString& sessionId = QString())
@@ -17,7 +18,7 @@ Approval approval(const QString& id, const QString& kind, std::optional<double> 
     if (!kind.isEmpty())
         made.kind = kind;
     if (createdSecondsAgo)
-        made.createdAt = FlexDate::fromMSecsSinceEpoch(kNow.toMSecsSinceEpoch() - qint64(*createdSecondsAgo * 1000));
+        made.createdAt = Fixture::at(-*createdSecondsAgo);
     if (!sessionId.isEmpty())
         made.sessionId = sessionId;
     return made;
@@ -85,8 +86,7 @@ void TestAttention::order_data()
 void TestAttention::order()
 {
     QFETCH(QList<Approval>, approvals);
-    QFETCH(QStringList, expected);
-    QCOMPARE(ids(needsYou(snapshotWith(approvals), std::nullopt, {}, kNow)), expected);
+    QTEST(ids(needsYou(snapshotWith(approvals), std::nullopt, {}, kNow)), "expected");
 }
 
 void TestAttention::answeredRowFoldsInPlace_data()
@@ -105,13 +105,12 @@ void TestAttention::answeredRowFoldsInPlace()
 {
     QFETCH(double, answeredSecondsAgo);
     QFETCH(bool, stillListed);
-    QFETCH(QStringList, expected);
     const Approval old = approval("old", "tool", 300);
     QList<Approval> open{approval("new", "tool", 10), approval("mid", "tool", 100)};
     if (stillListed)
         open.prepend(old);
     const AnsweredMap answered{{"old", answeredAt(old, answeredSecondsAgo)}};
-    QCOMPARE(ids(needsYou(snapshotWith(open), std::nullopt, answered, kNow)), expected);
+    QTEST(ids(needsYou(snapshotWith(open), std::nullopt, answered, kNow)), "expected");
     for (const Approval& waiting : waitingApprovals(snapshotWith(open), std::nullopt, answered))
         QVERIFY(waiting.id != "old");
 }
@@ -132,10 +131,10 @@ void TestAttention::prune()
 {
     QFETCH(double, age);
     QFETCH(bool, listed);
-    QFETCH(bool, kept);
     const Approval asked = approval("a", "tool", 60);
-    const AnsweredMap result = pruned({{"a", answeredAt(asked, age)}}, listed ? QList<Approval>{asked} : QList<Approval>{}, kNow);
-    QCOMPARE(result.contains("a"), kept);
+    const AnsweredMap result
+        = pruned({{"a", answeredAt(asked, age)}}, listed ? QList<Approval>{asked} : QList<Approval>{}, kNow);
+    QTEST(result.contains("a"), "kept");
 }
 
 void TestAttention::statusIsTheFallback()
@@ -165,17 +164,11 @@ void TestAttention::agentWord()
     QFETCH(QString, sessionId);
     QFETCH(bool, codexAlone);
     QFETCH(QString, word);
-    Session codex;
-    codex.id = "codex-s";
-    codex.agent = "codex";
-    Session provider;
-    provider.id = "provider-s";
-    provider.providerId = "codex";
-    Session claude;
-    claude.id = "claude-s";
+    const FlexList<Session> sessions = FlexList<Session>::fromJson(Fixture::json(R"([{"id":"codex-s","agent":"codex"},
+        {"id":"provider-s","providerId":"codex"},{"id":"claude-s"}])"));
     AgentsInUse agents;
     agents.codexAvailable = agents.codexHere = agents.codexEnabled = codexAlone;
-    const QString result = Attention::agentWord(approval("a", "tool", 1, sessionId), {codex, provider, claude}, agents);
+    const QString result = Attention::agentWord(approval("a", "tool", 1, sessionId), sessions.items, agents);
     QCOMPARE(result, word);
     QCOMPARE(lostAnswerNote(result, "It broke."), "That answer didn’t reach " + word + ". It broke.");
 }

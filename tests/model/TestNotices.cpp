@@ -1,19 +1,16 @@
 #include "model/DismissedNotices.h"
 #include "model/Notice.h"
 
+#include "Fixture.h"
+
 #include <QTest>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
-const QDateTime kNow = QDateTime::fromSecsSinceEpoch(1760007200, Qt::UTC);
-
-QStringList idsOf(const QList<Notice>& notices)
-{
-    QStringList ids;
-    for (const Notice& notice : notices)
-        ids << notice.id;
-    return ids;
-}
+const QDateTime kNow = Fixture::now();
+using Fixture::ids;
 
 WFAskItem ask(const QString& runId)
 {
@@ -23,17 +20,8 @@ WFAskItem ask(const QString& runId)
     item.question = QStringLiteral("Push the branch?");
     item.answers = {QStringLiteral("Push"), QStringLiteral("Skip")};
     item.defaultAnswer = QStringLiteral("Skip");
-    item.until = FlexDate::fromMSecsSinceEpoch(kNow.addSecs(90).toMSecsSinceEpoch());
+    item.until = Fixture::at(90);
     return item;
-}
-
-Notice findNotice(const QList<Notice>& notices, const QString& id)
-{
-    for (const Notice& notice : notices) {
-        if (notice.id == id)
-            return notice;
-    }
-    return {};
 }
 
 } // namespace
@@ -63,21 +51,22 @@ void TestNotices::order()
     inputs.serviceUpdate = true;
     inputs.sdk = NoticeInputs::Sdk::Missing;
     inputs.setupGap = SetupStep::Phone;
-    inputs.keyExpiry = FlexDate::fromMSecsSinceEpoch(kNow.addDays(3).toMSecsSinceEpoch());
-    QCOMPARE(idsOf(buildNotices(inputs, kNow)),
-             (QStringList{"error", "ask-r1", "ask-r2", "update", "sdk", "setup", "key"}));
+    inputs.keyExpiry = Fixture::at(3 * 86400);
+    QCOMPARE(
+        ids(buildNotices(inputs, kNow)), (QStringList{"error", "ask-r1", "ask-r2", "update", "sdk", "setup", "key"}));
 
     // Voice is offered only when Setup has nothing left to say.
     inputs.setupGap.reset();
-    QVERIFY(idsOf(buildNotices(inputs, kNow)).contains(QStringLiteral("voice")));
+    QVERIFY(ids(buildNotices(inputs, kNow)).contains(QStringLiteral("voice")));
     inputs.voiceAsked = true;
-    QVERIFY(!idsOf(buildNotices(inputs, kNow)).contains(QStringLiteral("voice")));
+    QVERIFY(!ids(buildNotices(inputs, kNow)).contains(QStringLiteral("voice")));
 
     // A failed read speaks only while the service is up.
     inputs.serviceUp = false;
-    QVERIFY(!idsOf(buildNotices(inputs, kNow)).contains(QStringLiteral("error")));
+    QVERIFY(!ids(buildNotices(inputs, kNow)).contains(QStringLiteral("error")));
 
-    const Notice asked = findNotice(buildNotices(inputs, kNow), QStringLiteral("ask-r1"));
+    const QList<Notice> notices = buildNotices(inputs, kNow);
+    const Notice asked = notices.at(ids(notices).indexOf(QStringLiteral("ask-r1")));
     QCOMPARE(asked.key, QStringLiteral("r1"));
     QCOMPARE(asked.choices, (QStringList{"Push", "Skip"}));
     QCOMPARE(noticeFigure(asked, kNow), std::optional<QString>(QStringLiteral("Skip in 90s")));
@@ -91,23 +80,23 @@ void TestNotices::setupWords_data()
     QTest::addColumn<QString>("line");
     QTest::addColumn<QString>("action");
 
-    QTest::newRow("no agent") << int(SetupStep::Claude) << false << "No agent on this Mac yet"
-                              << "Install Claude Code or Codex, so there’s an agent to work with." << "Open";
+    QTest::newRow("no agent") << int(SetupStep::Claude) << false << u"No agent on this Mac yet"_s
+                              << u"Install Claude Code or Codex, so there’s an agent to work with."_s << u"Open"_s;
     QTest::newRow("a Codex too old is updated first")
-        << int(SetupStep::Codex) << true << "Setup isn’t finished"
-        << "Update Codex with codex update, then turn it on in Setup." << "Open";
+        << int(SetupStep::Codex) << true << u"Setup isn’t finished"_s
+        << u"Update Codex with codex update, then turn it on in Setup."_s << u"Open"_s;
     QTest::newRow("a Codex that is off is turned on")
-        << int(SetupStep::Codex) << false << "Setup isn’t finished"
-        << "Turn on Codex, so your phone can start Codex sessions." << "Open";
-    QTest::newRow("pairing is the friendly one") << int(SetupStep::Phone) << false << "Pair your phone to get started"
-                                                 << "Scan a code with Tidewatch for Android." << "Pair";
+        << int(SetupStep::Codex) << false << u"Setup isn’t finished"_s
+        << u"Turn on Codex, so your phone can start Codex sessions."_s << u"Open"_s;
+    QTest::newRow("pairing is the friendly one")
+        << int(SetupStep::Phone) << false << u"Pair your phone to get started"_s
+        << u"Scan a code with Tidewatch for Android."_s << u"Pair"_s;
 }
 
 void TestNotices::setupWords()
 {
     QFETCH(int, step);
     QFETCH(bool, codexTooOld);
-    QFETCH(QString, title);
     QFETCH(QString, line);
     QFETCH(QString, action);
     NoticeInputs inputs;
@@ -115,7 +104,7 @@ void TestNotices::setupWords()
     inputs.codexTooOld = codexTooOld;
     const QList<Notice> notices = buildNotices(inputs, kNow);
     QCOMPARE(notices.size(), 1);
-    QCOMPARE(notices.first().title, title);
+    QTEST(notices.first().title, "title");
     QCOMPARE(notices.first().line, std::optional<QString>(line));
     QCOMPARE(notices.first().action, std::optional<QString>(action));
 }
@@ -133,11 +122,10 @@ void TestNotices::keyExpiry_data()
 void TestNotices::keyExpiry()
 {
     QFETCH(double, daysLeft);
-    QFETCH(QString, title);
     NoticeInputs inputs;
-    inputs.keyExpiry = FlexDate::fromMSecsSinceEpoch(kNow.toMSecsSinceEpoch() + qint64(daysLeft * 86400000));
+    inputs.keyExpiry = Fixture::at(daysLeft * 86400);
     const QList<Notice> notices = buildNotices(inputs, kNow);
-    QCOMPARE(notices.isEmpty() ? QString() : notices.first().title, title);
+    QTEST(notices.isEmpty() ? QString() : notices.first().title, "title");
     if (!notices.isEmpty()) {
         // A renewed key is a new occurrence: the key is the expiry's day.
         QCOMPARE(notices.first().key, QString::number(inputs.keyExpiry->msecsSinceEpoch / 86400000));
@@ -180,7 +168,7 @@ void TestNotices::dismissalFollowsTheKey()
     QVERIFY(dismissed.visibleOf(buildNotices(inputs, kNow)).isEmpty());
     // The next step is a new occurrence of the same notice.
     inputs.setupGap = SetupStep::Tailscale;
-    QCOMPARE(idsOf(dismissed.visibleOf(buildNotices(inputs, kNow))), QStringList{QStringLiteral("setup")});
+    QCOMPARE(ids(dismissed.visibleOf(buildNotices(inputs, kNow))), QStringList{QStringLiteral("setup")});
 }
 
 void TestNotices::undoBringsTheCardBack()
@@ -192,15 +180,15 @@ void TestNotices::undoBringsTheCardBack()
     const QList<Notice> notices = buildNotices(inputs, kNow);
     dismissed.dismiss(notices.first());
     QCOMPARE(dismissed.undoLine(), std::optional<QString>(QStringLiteral("Dismissed: A newer service is ready")));
-    QCOMPARE(idsOf(dismissed.visibleOf(notices)), QStringList{QStringLiteral("setup")});
+    QCOMPARE(ids(dismissed.visibleOf(notices)), QStringList{QStringLiteral("setup")});
     dismissed.undoDismiss();
-    QCOMPARE(idsOf(dismissed.visibleOf(notices)), (QStringList{"update", "setup"}));
+    QCOMPARE(ids(dismissed.visibleOf(notices)), (QStringList{"update", "setup"}));
     QVERIFY(!dismissed.undo());
 
     // The offer ends by itself; the dismissal stays.
     dismissed.dismiss(notices.first());
     QTRY_VERIFY_WITH_TIMEOUT(!dismissed.undo(), DismissedNotices::undoMilliseconds + 2000);
-    QCOMPARE(idsOf(dismissed.visibleOf(notices)), QStringList{QStringLiteral("setup")});
+    QCOMPARE(ids(dismissed.visibleOf(notices)), QStringList{QStringLiteral("setup")});
 }
 
 void TestNotices::serviceDownCards()

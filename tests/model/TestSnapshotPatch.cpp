@@ -1,17 +1,14 @@
 #include "model/SnapshotPatch.h"
 
+#include "Fixture.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTest>
 
 namespace {
 
-std::optional<Snapshot> snapshotOf(const QByteArray& json)
-{
-    if (json.isEmpty())
-        return std::nullopt;
-    return Snapshot::fromJson(QJsonDocument::fromJson(json).object());
-}
+constexpr auto snapshotOf = &Fixture::maybe<Snapshot>;
 
 const QByteArray kBase = R"({
   "mac":{"id":"m1","battery":{"percent":64,"charging":false}},
@@ -30,7 +27,7 @@ QByteArray baseWith(const QString& key, const QByteArray& part)
     if (part.isEmpty())
         object.remove(key);
     else
-        object.insert(key, QJsonDocument::fromJson("{\"v\":" + part + "}").object().value(QLatin1StringView("v")));
+        object.insert(key, Fixture::json(part));
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
 
@@ -144,13 +141,12 @@ void TestSnapshotPatch::patch()
     QFETCH(QByteArray, before);
     QFETCH(QByteArray, frame);
     QFETCH(QByteArray, after);
-    QFETCH(bool, changed);
 
     std::optional<Snapshot> snapshot = snapshotOf(before);
     bool didChange = false;
     if (const std::optional<Feed::Message> message = Feed::readEnvelope(frame))
         didChange = SnapshotPatch::apply(snapshot, *message);
-    QCOMPARE(didChange, changed);
+    QTEST(didChange, "changed");
     QCOMPARE(snapshot.has_value(), !after.isEmpty());
     if (snapshot)
         QVERIFY(*snapshot == *snapshotOf(after));

@@ -1,5 +1,6 @@
 #include "Fixture.h"
 
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -8,6 +9,11 @@ namespace Fixture {
 QDateTime now()
 {
     return QDateTime::fromMSecsSinceEpoch(kNowMs, Qt::UTC);
+}
+
+FlexDate at(double seconds)
+{
+    return FlexDate{kNowMs + qint64(seconds * 1000)};
 }
 
 QJsonValue json(const QByteArray& written)
@@ -30,6 +36,14 @@ QJsonValue json(const QByteArray& written)
 void undecodable(const QByteArray& text)
 {
     qFatal("the fixture doesn't decode: %s", text.constData());
+}
+
+QByteArray sample(const QString& name)
+{
+    QFile file(QStringLiteral(TIDEWATCH_TEST_DATA "/") + name);
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("missing sample %s", qPrintable(name));
+    return file.readAll();
 }
 
 } // namespace Fixture

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "link/Lenient.h"
+
 #include <QByteArray>
 #include <QDateTime>
 #include <QJsonValue>
+#include <QStringList>
 
 #include <optional>
 
@@ -13,6 +16,8 @@ namespace Fixture {
 /// Thursday 2025-10-09 10:53:20 UTC: "now" in every test that reads times.
 inline constexpr qint64 kNowMs = 1760007200000;
 QDateTime now();
+/// The moment `seconds` after now (before it when negative).
+FlexDate at(double seconds);
 
 /// The JSON value of a text, where a string "@+90" stands for the moment 90
 /// seconds after now (as milliseconds since 1970). Bad JSON stops the run.
@@ -34,6 +39,18 @@ template <class T> T record(const QByteArray& text)
 template <class T> std::optional<T> maybe(const QByteArray& text)
 {
     return text.isEmpty() ? std::nullopt : T::fromJson(json(text));
+}
+
+/// A sample under tests/data, as bytes; a missing one stops the run.
+QByteArray sample(const QString& name);
+
+/// The ids of records, in their order.
+template <class T> QStringList ids(const QList<T>& records)
+{
+    QStringList list;
+    for (const T& record : records)
+        list << record.id;
+    return list;
 }
 
 } // namespace Fixture

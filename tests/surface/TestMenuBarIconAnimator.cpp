@@ -149,7 +149,6 @@ void TestMenuBarIconAnimator::lookOfTheModel()
     QFETCH(bool, firstPollDone);
     QFETCH(QByteArray, sessions);
     QFETCH(QByteArray, approvals);
-    QFETCH(QString, expected);
 
     MenuBarIconAnimator::Inputs in;
     in.alive = alive;
@@ -159,7 +158,7 @@ void TestMenuBarIconAnimator::lookOfTheModel()
     in.reduceMotion = true;
     in.seen = false;
     const Look look = MenuBarIconAnimator::lookOf(in);
-    QCOMPARE(describe(look), expected);
+    QTEST(describe(look), "expected");
     // The screen's flags pass through untouched.
     QVERIFY(look.reduceMotion && !look.seen);
 }
@@ -260,8 +259,7 @@ void TestMenuBarIconAnimator::imageChoice()
     QFETCH(Look, look);
     QFETCH(double, phase);
     QFETCH(double, breath);
-    QFETCH(QString, expected);
-    QCOMPARE(MenuBarIconAnimator::frameFor(look, IconMotion{phase, 1}, breath).name(), expected);
+    QTEST(MenuBarIconAnimator::frameFor(look, IconMotion{phase, 1}, breath).name(), "expected");
 }
 
 void TestMenuBarIconAnimator::timerTable_data()
@@ -291,14 +289,13 @@ void TestMenuBarIconAnimator::timerTable()
     QFETCH(bool, work);
     QFETCH(bool, reduceMotion);
     QFETCH(double, speed);
-    QFETCH(double, interval);
 
     Look look;
     look.up = up;
     look.agents = work ? 1 : 0;
     look.reduceMotion = reduceMotion;
     look.seen = seen;
-    QCOMPARE(MenuBarIconAnimator::intervalFor(look, speed), interval);
+    QTEST(MenuBarIconAnimator::intervalFor(look, speed), "interval");
 }
 
 void TestMenuBarIconAnimator::countTitleAndLabel_data()
@@ -316,33 +313,23 @@ void TestMenuBarIconAnimator::countTitleAndLabel_data()
     Look agentsOnly = seenLook();
     agentsOnly.agents = 2;
 
-    QTest::newRow("idle is the bare name") << seenLook() << ""
-                                           << "Tidewatch";
-    QTest::newRow("one waiting thing: a dot, no number") << seenLook(0, 1) << ""
-                                                         << "Tidewatch: 1 needs you";
-    QTest::newRow("two or more: the count") << seenLook(0, 2) << "2"
-                                            << "Tidewatch: 2 need you";
-    QTest::newRow("one working") << seenLook(1) << ""
-                                 << "Tidewatch: 1 session working";
-    QTest::newRow("two working") << seenLook(2) << ""
-                                 << "Tidewatch: 2 sessions working";
+    QTest::newRow("idle is the bare name") << seenLook() << u""_s << u"Tidewatch"_s;
+    QTest::newRow("one waiting thing: a dot, no number") << seenLook(0, 1) << u""_s << u"Tidewatch: 1 needs you"_s;
+    QTest::newRow("two or more: the count") << seenLook(0, 2) << u"2"_s << u"Tidewatch: 2 need you"_s;
+    QTest::newRow("one working") << seenLook(1) << u""_s << u"Tidewatch: 1 session working"_s;
+    QTest::newRow("two working") << seenLook(2) << u""_s << u"Tidewatch: 2 sessions working"_s;
     QTest::newRow("account, then waiting, then working; agents add no words")
-        << everything << "3"
-        << "Tidewatch: Codex is signed out, 3 need you, 1 session working";
-    QTest::newRow("background agents alone say nothing") << agentsOnly << ""
-                                                         << "Tidewatch";
+        << everything << u"3"_s << u"Tidewatch: Codex is signed out, 3 need you, 1 session working"_s;
+    QTest::newRow("background agents alone say nothing") << agentsOnly << u""_s << u"Tidewatch"_s;
     QTest::newRow("the service gone says only that, and shows no count")
-        << down << ""
-        << "Tidewatch: the background service isn’t running";
+        << down << u""_s << u"Tidewatch: the background service isn’t running"_s;
 }
 
 void TestMenuBarIconAnimator::countTitleAndLabel()
 {
     QFETCH(Look, look);
-    QFETCH(QString, title);
-    QFETCH(QString, label);
-    QCOMPARE(MenuBarIconAnimator::titleOf(look), title);
-    QCOMPARE(MenuBarIconAnimator::labelOf(look), label);
+    QTEST(MenuBarIconAnimator::titleOf(look), "title");
+    QTEST(MenuBarIconAnimator::labelOf(look), "label");
 }
 
 void TestMenuBarIconAnimator::spinSteps_data()

@@ -2,10 +2,9 @@
 
 #include "model/AppModel.h"
 
-#include "FreePorts.h"
 #include "ManualClock.h"
+#include "Offline.h"
 #include "RecordingButton.h"
-#include "ScratchFolder.h"
 
 #include <QSignalSpy>
 #include <QTest>
@@ -13,26 +12,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-/// A test copy whose service isn't there: nothing answers on its ports.
-Environment nowhere(const ScratchFolder& scratch)
-{
-    const QList<int> ports = freePorts(2);
-    return Environment({{u"TIDEWATCH_SUPPORT"_s, scratch.file(u"support"_s)},
-                           {u"TIDEWATCH_API_PORT"_s, QString::number(ports.value(0))},
-                           {u"TIDEWATCH_LOCAL_PORT"_s, QString::number(ports.value(1))}},
-        scratch.path());
-}
-
-LiveFeed::Event message(const QByteArray& frame)
-{
-    return {LiveFeed::Event::Kind::Message, false, Feed::readEnvelope(frame)};
-}
-
-LiveFeed::Event live(bool up)
-{
-    return {LiveFeed::Event::Kind::Live, up, std::nullopt};
-}
 
 /// Makes recording buttons and keeps the last one, with the names it was made under.
 struct Buttons {
@@ -83,8 +62,7 @@ void TestStatusItemController::autosaveName_data()
 void TestStatusItemController::autosaveName()
 {
     QFETCH(Environment::Variables, variables);
-    QFETCH(QString, expected);
-    QCOMPARE(StatusItemController::autosaveName(Environment(variables, m_scratch.path())), expected);
+    QTEST(StatusItemController::autosaveName(Environment(variables, m_scratch.path())), "expected");
 }
 
 void TestStatusItemController::installMakesOneItemHoweverOften()
@@ -132,8 +110,8 @@ void TestStatusItemController::theModelDrivesTheIcon()
     StatusItemController controller(model, environment, buttons.maker(), m_clock);
     controller.install();
 
-    model.take(live(true));
-    model.take(message(R"({"t":"snapshot","snapshot":{
+    model.take(feedLive(true));
+    model.take(feedMessage(R"({"t":"snapshot","snapshot":{
         "sessions":[{"id":"a","state":"working"},{"id":"b","state":"idle","agentsRunning":1},
                     {"id":"c","state":"working"}],
         "approvals":[{"id":"p1","sessionId":"c","kind":"tool"}],
@@ -143,12 +121,12 @@ void TestStatusItemController::theModelDrivesTheIcon()
     QVERIFY(controller.icon().timerRunning());
 
     // The approval resolved: the badge goes, and its session counts as working again.
-    model.take(message(R"({"t":"approval.resolved","id":"p1"})"));
+    model.take(feedMessage(R"({"t":"approval.resolved","id":"p1"})"));
     QTRY_COMPARE(controller.icon().labelText(), u"Tidewatch: 3 sessions working"_s);
     QVERIFY(!controller.icon().shown()->badge);
 
     // Claude Code signed out, as the feed tells it.
-    model.take(message(R"({"t":"account","account":{"state":"logged_out"}})"));
+    model.take(feedMessage(R"({"t":"account","account":{"state":"logged_out"}})"));
     QTRY_COMPARE(controller.icon().labelText(), u"Tidewatch: Claude Code is signed out, 3 sessions working"_s);
     QVERIFY(controller.icon().shown()->badge);
     QCOMPARE(controller.icon().title(), QString());
@@ -161,8 +139,8 @@ void TestStatusItemController::theScreenDrivesTheTimer()
     Buttons buttons;
     StatusItemController controller(model, environment, buttons.maker(), m_clock);
     controller.install();
-    model.take(live(true));
-    model.take(message(R"({"t":"snapshot","snapshot":{"sessions":[{"id":"a","state":"working"}]}})"));
+    model.take(feedLive(true));
+    model.take(feedMessage(R"({"t":"snapshot","snapshot":{"sessions":[{"id":"a","state":"working"}]}})"));
     QTRY_VERIFY(controller.icon().timerRunning());
 
     // Each way of being out of sight stops the planet at once; back in sight it turns again.

@@ -1,6 +1,7 @@
 #include "link/Account.h"
 #include "link/Codex.h"
 #include "surface/words/AccountWords.h"
+
 #include "Fixture.h"
 
 #include <QJsonDocument>
@@ -13,17 +14,8 @@ namespace {
 
 using Fixture::now;
 
-constexpr qint64 kNow = Fixture::kNowMs;
-
-Account account(const QByteArray& text)
-{
-    return Fixture::record<Account>(text);
-}
-
-Codex codex(const QByteArray& text)
-{
-    return Fixture::record<Codex>(text);
-}
+constexpr auto account = &Fixture::record<Account>;
+constexpr auto codex = &Fixture::record<Codex>;
 
 } // namespace
 
@@ -57,80 +49,71 @@ void TestAccountWords::card_data()
     QTest::newRow("a state not known") << QByteArray(R"({"state":"melting"})") << false << none << none << false
                                        << none;
     QTest::newRow("signed out, Claude Code alone")
-        << QByteArray(R"({"state":"logged_out","reason":"expired"})") << false << "Signed out"
-        << "Sessions on your subscription can’t reply." << true
-        << "Claude Code is signed out on this Mac, so sessions on your subscription can't reply. Sign in opens a "
-           "terminal window and your browser.";
+        << QByteArray(R"({"state":"logged_out","reason":"expired"})") << false << u"Signed out"_s
+        << u"Sessions on your subscription can’t reply."_s << true
+        << u"Claude Code is signed out on this Mac, so sessions on your subscription can't reply. Sign in opens a "
+           "terminal window and your browser."_s;
     QTest::newRow("signed out beside Codex")
-        << QByteArray(R"({"state":"logged_out","reason":"expired"})") << true << "Claude Code is signed out"
-        << "Its sessions can’t reply. Codex keeps working." << true
-        << "Claude Code is signed out on this Mac, so sessions on your subscription can't reply. Sign in opens a "
-           "terminal window and your browser.";
+        << QByteArray(R"({"state":"logged_out","reason":"expired"})") << true << u"Claude Code is signed out"_s
+        << u"Its sessions can’t reply. Codex keeps working."_s << true
+        << u"Claude Code is signed out on this Mac, so sessions on your subscription can't reply. Sign in opens a "
+           "terminal window and your browser."_s;
     QTest::newRow("a sign-in runs first, whatever the state")
-        << QByteArray(R"({"state":"logged_out","login":{}})") << false << "Signing in…" << none << true
-        << "Claude Code is signing in. Its terminal window shows how it's going.";
+        << QByteArray(R"({"state":"logged_out","login":{}})") << false << u"Signing in…"_s << none << true
+        << u"Claude Code is signing in. Its terminal window shows how it's going."_s;
     QTest::newRow("a code awaited on the phone")
         << QByteArray(R"({"state":"logged_out","login":{"state":"waiting_code","where":"phone"}})") << false
-        << "Signing in on your phone"
-        << "It’s waiting for the code there." << true
-        << "A sign-in started on your phone is waiting for its code there.";
+        << u"Signing in on your phone"_s << u"It’s waiting for the code there."_s << true
+        << u"A sign-in started on your phone is waiting for its code there."_s;
     QTest::newRow("a failed sign-in keeps its error")
         << QByteArray(R"({"state":"logged_out","login":{"state":"failed","error":"Port busy."}})") << false
-        << "Sign-in didn’t finish"
-        << "Claude Code is still signed out." << true << "Port busy.";
+        << u"Sign-in didn’t finish"_s << u"Claude Code is still signed out."_s << true << u"Port busy."_s;
     QTest::newRow("a failed sign-in with a blank error")
         << QByteArray(R"({"state":"logged_out","login":{"state":"failed","error":"  "}})") << false
-        << "Sign-in didn’t finish"
-        << "Claude Code is still signed out." << true << "Claude Code didn't finish signing in.";
-    QTest::newRow("plan ended") << QByteArray(R"({"state":"no_subscription","reason":"trial_ended"})") << false
-                                << "Claude plan ended"
-                                << "Renew Pro or Max on the Claude site, then sign in again." << true
-                                << "Renew Pro or Max on the Claude site, then sign in again. Sessions on another "
-                                   "provider keep working.";
+        << u"Sign-in didn’t finish"_s << u"Claude Code is still signed out."_s << true
+        << u"Claude Code didn't finish signing in."_s;
+    QTest::newRow("plan ended")
+        << QByteArray(R"({"state":"no_subscription","reason":"trial_ended"})") << false << u"Claude plan ended"_s
+        << u"Renew Pro or Max on the Claude site, then sign in again."_s << true
+        << u"Renew Pro or Max on the Claude site, then sign in again. Sessions on another provider keep working."_s;
     QTest::newRow("plan doesn't cover it, beside Codex")
         << QByteArray(R"({"state":"no_subscription","reason":"org_disabled"})") << true
-        << "Plan doesn’t cover Claude Code"
-        << "Renew Pro or Max on the Claude site, then sign in again." << true
-        << "Renew Pro or Max on the Claude site, then sign in again. Sessions on another provider, and Codex's, keep "
-           "working.";
-    QTest::newRow("plan rejected") << QByteArray(R"({"state":"no_subscription","reason":"rejected"})") << false
-                                   << "Claude plan may have ended"
-                                   << "Renew Pro or Max on the Claude site, then sign in again." << true
-                                   << "Renew Pro or Max on the Claude site, then sign in again. Sessions on another "
-                                      "provider keep working.";
-    QTest::newRow("no plan, no reason") << QByteArray(R"({"state":"no_subscription"})") << false << "No Claude plan"
-                                        << "Renew Pro or Max on the Claude site, then sign in again." << true
-                                        << "Renew Pro or Max on the Claude site, then sign in again. Sessions on "
-                                           "another provider keep working.";
+        << u"Plan doesn’t cover Claude Code"_s << u"Renew Pro or Max on the Claude site, then sign in again."_s << true
+        << u"Renew Pro or Max on the Claude site, then sign in again. Sessions on another provider, and Codex's, keep "
+           "working."_s;
+    QTest::newRow("plan rejected")
+        << QByteArray(R"({"state":"no_subscription","reason":"rejected"})") << false << u"Claude plan may have ended"_s
+        << u"Renew Pro or Max on the Claude site, then sign in again."_s << true
+        << u"Renew Pro or Max on the Claude site, then sign in again. Sessions on another provider keep working."_s;
+    QTest::newRow("no plan, no reason")
+        << QByteArray(R"({"state":"no_subscription"})") << false << u"No Claude plan"_s
+        << u"Renew Pro or Max on the Claude site, then sign in again."_s << true
+        << u"Renew Pro or Max on the Claude site, then sign in again. Sessions on another provider keep working."_s;
     QTest::newRow("on hold beside Codex")
-        << QByteArray(R"({"state":"on_hold"})") << true << "Claude Code’s account is on hold"
-        << "Anthropic has put this account on hold." << true
-        << "Anthropic has put this account on hold. The page explains why and how "
-           "to appeal.";
+        << QByteArray(R"({"state":"on_hold"})") << true << u"Claude Code’s account is on hold"_s
+        << u"Anthropic has put this account on hold."_s << true
+        << u"Anthropic has put this account on hold. The page explains why and how to appeal."_s;
     QTest::newRow("spending cap with a reset ahead")
         << QByteArray(R"({"state":"no_credit","reason":"spend_cap","limit":{"resetsAt":"@7200"}})") << false
-        << "Spending limit reached"
-        << "Claude Code can’t reply until 12:53 PM." << true
-        << "Claude Code can't reply until the limit resets or you add credits.";
+        << u"Spending limit reached"_s << u"Claude Code can’t reply until 12:53 PM."_s << true
+        << u"Claude Code can't reply until the limit resets or you add credits."_s;
     QTest::newRow("credit too low, reset passed")
         << QByteArray(R"({"state":"no_credit","reason":"api_credit","limit":{"resetsAt":"@-1"}})") << false
-        << "Credit balance too low"
-        << "Claude Code can’t reply until you add credits." << true
-        << "Claude Code can't reply until the limit resets or you add credits.";
+        << u"Credit balance too low"_s << u"Claude Code can’t reply until you add credits."_s << true
+        << u"Claude Code can't reply until the limit resets or you add credits."_s;
     QTest::newRow("a session limit two hours ahead")
         << QByteArray(
                R"({"state":"limited","limit":{"window":"five_hour","label":"session limit","resetsAt":"@7200"}})")
-        << false << "Session limit until 12:53 PM"
-        << "Claude Code can reply again then." << false << "It lifts at 12:53 PM.";
+        << false << u"Session limit until 12:53 PM"_s << u"Claude Code can reply again then."_s << false
+        << u"It lifts at 12:53 PM."_s;
     QTest::newRow("a weekly limit days ahead, carrying on")
         << QByteArray(
                R"({"state":"limited","limit":{"window":"seven_day","resetsAt":"@172800","autoResumeAt":"@172860"}})")
-        << true << "Weekly limit until Sat 10:53 AM"
-        << "Claude Code’s sessions carry on by themselves then." << false
-        << "Claude Code carries on by itself Sat 10:54 AM.";
+        << true << u"Weekly limit until Sat 10:53 AM"_s << u"Claude Code’s sessions carry on by themselves then."_s
+        << false << u"Claude Code carries on by itself Sat 10:54 AM."_s;
     QTest::newRow("a limit with no reset")
-        << QByteArray(R"({"state":"limited","limit":{"window":"credits"}})") << false << "Usage credit limit"
-        << "Claude Code can’t reply for now." << false << "";
+        << QByteArray(R"({"state":"limited","limit":{"window":"credits"}})") << false << u"Usage credit limit"_s
+        << u"Claude Code can’t reply for now."_s << false << u""_s;
     QTest::newRow("a limit that lifted exactly now")
         << QByteArray(R"({"state":"limited","limit":{"window":"five_hour","resetsAt":"@0"}})") << false << none << none
         << false << none;
@@ -138,9 +121,8 @@ void TestAccountWords::card_data()
         << QByteArray(R"({"state":"limited"})") << false << none << none << false << none;
     QTest::newRow("on usage credits") << QByteArray(
         R"({"state":"limited","limit":{"window":"five_hour","resetsAt":"@600","usingCredits":true}})")
-                                      << false << "Session limit reached"
-                                      << "Claude Code is on usage credits." << false
-                                      << "Claude Code carries on on usage credits.";
+                                      << false << u"Session limit reached"_s << u"Claude Code is on usage credits."_s
+                                      << false << u"Claude Code carries on on usage credits."_s;
 }
 
 void TestAccountWords::card()
@@ -197,7 +179,7 @@ void TestAccountWords::helpAndKey()
         "limit":{"window":"five_hour","resetsAt":"@7200"},"login":{"state":"ok"}})");
     const std::optional<AccountContent> card = AccountWords::content(limited, now(), QLocale(u"de_DE"_s), false, false);
     QCOMPARE(card->help, u"You've hit your limit.\n\nIt lifts at 12:53."_s);
-    QCOMPARE(card->key, u"limited/five_hour/%1/ok"_s.arg(kNow / 1000 + 7200));
+    QCOMPARE(card->key, u"limited/five_hour/%1/ok"_s.arg(Fixture::kNowMs / 1000 + 7200));
     QCOMPARE(AccountWords::key(account(R"({"state":"logged_out"})")), u"logged_out///"_s);
     // A new reset is a new state: a dismissed card comes back.
     QVERIFY(AccountWords::key(limited)
@@ -217,42 +199,30 @@ void TestAccountWords::codexCard_data()
 
     QTest::newRow("too old, both versions")
         << QByteArray(R"({"available":false,"version":"0.150.2","min":"0.163.0","account":{"signedIn":false}})") << true
-        << "Codex needs an update" << true
-        << "Tidewatch needs Codex 0.163.0 or later (this one is 0.150.2). Run codex update in a terminal."
-        << "Tidewatch needs Codex 0.163.0 or later. Run codex update."
-        << "too-old/0.150.2";
-    QTest::newRow("too old, no minimum") << QByteArray(R"({"version":"0.9"})") << true << "Codex needs an update"
-                                         << true
-                                         << "Tidewatch needs a newer Codex (this one is 0.9). Run codex update in a "
-                                            "terminal."
-                                         << "Run codex update in a terminal."
-                                         << "too-old/0.9";
-    QTest::newRow("too old, no version") << QByteArray(R"({"min":"1.0"})") << true << "Codex needs an update" << true
-                                         << "Tidewatch needs Codex 1.0 or later. Run codex update in a terminal."
-                                         << "Tidewatch needs Codex 1.0 or later. Run codex update."
-                                         << "too-old/";
+        << u"Codex needs an update"_s << true
+        << u"Tidewatch needs Codex 0.163.0 or later (this one is 0.150.2). Run codex update in a terminal."_s
+        << u"Tidewatch needs Codex 0.163.0 or later. Run codex update."_s << u"too-old/0.150.2"_s;
+    QTest::newRow("too old, no minimum")
+        << QByteArray(R"({"version":"0.9"})") << true << u"Codex needs an update"_s << true
+        << u"Tidewatch needs a newer Codex (this one is 0.9). Run codex update in a terminal."_s
+        << u"Run codex update in a terminal."_s << u"too-old/0.9"_s;
+    QTest::newRow("too old, no version") << QByteArray(R"({"min":"1.0"})") << true << u"Codex needs an update"_s << true
+                                         << u"Tidewatch needs Codex 1.0 or later. Run codex update in a terminal."_s
+                                         << u"Tidewatch needs Codex 1.0 or later. Run codex update."_s << u"too-old/"_s;
     QTest::newRow("unreachable raises no dot, so no card")
         << QByteArray(R"({"available":true,"problem":" Socket closed. ","account":{"signedIn":false}})") << true
-        << "Can’t reach Codex" << false << "Socket closed. Tidewatch keeps trying."
-        << ""
-        << "";
+        << u"Can’t reach Codex"_s << false << u"Socket closed. Tidewatch keeps trying."_s << u""_s << u""_s;
     QTest::newRow("a problem of blanks is none")
         << QByteArray(R"({"available":true,"problem":"  ","account":{"signedIn":false}})") << true
-        << "Codex is signed out" << true << "Run codex login in a terminal; it shows here once you're signed in."
-        << "Its sessions can’t reply until you sign in."
-        << "signed-out";
+        << u"Codex is signed out"_s << true << u"Run codex login in a terminal; it shows here once you're signed in."_s
+        << u"Its sessions can’t reply until you sign in."_s << u"signed-out"_s;
     QTest::newRow("signed out beside Claude Code has no card")
-        << QByteArray(R"({"available":true,"account":{"signedIn":false}})") << false << "Codex is signed out" << true
-        << "Run codex login in a terminal; it shows here once you're signed in."
-        << ""
-        << "";
+        << QByteArray(R"({"available":true,"account":{"signedIn":false}})") << false << u"Codex is signed out"_s << true
+        << u"Run codex login in a terminal; it shows here once you're signed in."_s << u""_s << u""_s;
     QTest::newRow("not known to be signed out")
-        << QByteArray(R"({"available":true,"account":{}})") << true << "" << false << ""
-        << ""
-        << "";
-    QTest::newRow("missing and never found") << QByteArray(R"({"available":false})") << true << "" << false << ""
-                                             << ""
-                                             << "";
+        << QByteArray(R"({"available":true,"account":{}})") << true << u""_s << false << u""_s << u""_s << u""_s;
+    QTest::newRow("missing and never found")
+        << QByteArray(R"({"available":false})") << true << u""_s << false << u""_s << u""_s << u""_s;
 }
 
 void TestAccountWords::codexCard()
@@ -308,9 +278,8 @@ void TestAccountWords::codexAccountWords_data()
 void TestAccountWords::codexAccountWords()
 {
     QFETCH(QByteArray, account);
-    QFETCH(QString, words);
     const Codex c = codex(R"({"available":true,"account":)" + account + "}");
-    QCOMPARE(AccountWords::codexAccountWords(c).value_or(QString()), words);
+    QTEST(AccountWords::codexAccountWords(c).value_or(QString()), "words");
 }
 
 QTEST_GUILESS_MAIN(TestAccountWords)

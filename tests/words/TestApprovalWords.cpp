@@ -1,6 +1,7 @@
 #include "link/Approval.h"
 #include "link/Session.h"
 #include "surface/words/ApprovalWords.h"
+
 #include "Fixture.h"
 
 #include <QJsonDocument>
@@ -13,17 +14,8 @@ namespace {
 
 using Fixture::now;
 
-constexpr qint64 kNow = Fixture::kNowMs;
-
-Approval approval(const QByteArray& text)
-{
-    return Fixture::record<Approval>(text);
-}
-
-std::optional<Session> session(const QByteArray& text)
-{
-    return Fixture::maybe<Session>(text);
-}
+constexpr auto approval = &Fixture::record<Approval>;
+constexpr auto session = &Fixture::maybe<Session>;
 
 } // namespace
 
@@ -56,41 +48,32 @@ void TestApprovalWords::card_data()
 
     QTest::newRow("a shell command") << QByteArray(
         R"({"id":"a","toolName":"Bash","summary":"Bash: git push","input":{"command":"git push origin main"}})")
-                                     << "Bash"
-                                     << "$"
-                                     << "git push origin main";
+                                     << u"Bash"_s << u"$"_s << u"git push origin main"_s;
     QTest::newRow("the tool from the summary, the file from the input")
-        << QByteArray(R"({"id":"a","summary":"Edit: main.cpp","input":{"file_path":"/src/main.cpp"}})") << "Edit"
-        << "›"
-        << "/src/main.cpp";
+        << QByteArray(R"({"id":"a","summary":"Edit: main.cpp","input":{"file_path":"/src/main.cpp"}})") << u"Edit"_s
+        << u"›"_s << u"/src/main.cpp"_s;
     QTest::newRow("Bash named only in the summary still has the shell prompt")
-        << QByteArray(R"({"id":"a","toolName":" ","summary":"Bash: ls","input":{"command":"ls"}})") << "Bash"
-        << "$"
-        << "ls";
+        << QByteArray(R"({"id":"a","toolName":" ","summary":"Bash: ls","input":{"command":"ls"}})") << u"Bash"_s
+        << u"$"_s << u"ls"_s;
     QTest::newRow("a blank command gives way to the pattern")
-        << QByteArray(R"({"id":"a","toolName":"Grep","input":{"command":"  ","pattern":"TODO","query":"q"}})") << "Grep"
-        << "›"
-        << "TODO";
+        << QByteArray(R"({"id":"a","toolName":"Grep","input":{"command":"  ","pattern":"TODO","query":"q"}})")
+        << u"Grep"_s << u"›"_s << u"TODO"_s;
     QTest::newRow("input of another shape reads the summary")
-        << QByteArray(R"({"id":"a","toolName":"WebSearch","summary":" weather ","input":["x"]})") << "WebSearch"
-        << "›"
-        << "weather";
-    QTest::newRow("no colon in the summary, no name") << QByteArray(R"({"id":"a","summary":"do it"})") << "Tool"
-                                                      << "›"
-                                                      << "do it";
-    QTest::newRow("a colon first is no name") << QByteArray(R"({"id":"a","summary":": odd"})") << "Tool"
-                                              << "›"
-                                              << ": odd";
+        << QByteArray(R"({"id":"a","toolName":"WebSearch","summary":" weather ","input":["x"]})") << u"WebSearch"_s
+        << u"›"_s << u"weather"_s;
+    QTest::newRow("no colon in the summary, no name")
+        << QByteArray(R"({"id":"a","summary":"do it"})") << u"Tool"_s << u"›"_s << u"do it"_s;
+    QTest::newRow("a colon first is no name")
+        << QByteArray(R"({"id":"a","summary":": odd"})") << u"Tool"_s << u"›"_s << u": odd"_s;
 }
 
 void TestApprovalWords::card()
 {
     QFETCH(QByteArray, approval);
-    QFETCH(QString, tool);
     QFETCH(QString, prompt);
     QFETCH(QString, detail);
     const Approval a = ::approval(approval);
-    QCOMPARE(ApprovalWords::toolName(a), tool);
+    QTEST(ApprovalWords::toolName(a), "tool");
     QCOMPARE(ApprovalWords::commandWell(a), (CommandWell{prompt, detail}));
 }
 
@@ -114,7 +97,6 @@ void TestApprovalWords::buttons_data()
 void TestApprovalWords::buttons()
 {
     QFETCH(QByteArray, approval);
-    QFETCH(QStringList, titles);
     QStringList got;
     for (const ApprovalButton& button : ApprovalWords::buttons(::approval(approval))) {
         got.append(button.title);
@@ -123,7 +105,7 @@ void TestApprovalWords::buttons()
         if (button.decision == u"session"_s)
             QCOMPARE(button.help, u"This one, the others waiting in this session, and the rest of the session"_s);
     }
-    QCOMPARE(got, titles);
+    QTEST(got, "titles");
 }
 
 void TestApprovalWords::askSummary_data()
@@ -155,9 +137,8 @@ void TestApprovalWords::askSummary()
 {
     QFETCH(QByteArray, approval);
     QFETCH(QByteArray, session);
-    QFETCH(QString, summary);
     const std::optional<Session> s = ::session(session);
-    QCOMPARE(ApprovalWords::askSummary(::approval(approval), s ? &*s : nullptr), summary);
+    QTEST(ApprovalWords::askSummary(::approval(approval), s ? &*s : nullptr), "summary");
 }
 
 void TestApprovalWords::expiry_data()
@@ -167,22 +148,14 @@ void TestApprovalWords::expiry_data()
     QTest::addColumn<QString>("badge");
     QTest::addColumn<bool>("emphasised");
 
-    QTest::newRow("expired exactly now shows nothing") << 0.0 << ""
-                                                       << "" << false;
-    QTest::newRow("past shows nothing") << -30.0 << ""
-                                        << "" << false;
-    QTest::newRow("a moment left") << 0.5 << "under 1m left"
-                                   << "auto-deny in under 1m" << true;
-    QTest::newRow("59 s") << 59.0 << "under 1m left"
-                          << "auto-deny in under 1m" << true;
-    QTest::newRow("61 s") << 61.0 << "1m left"
-                          << "auto-deny in 1m" << true;
-    QTest::newRow("119 s is still emphasised") << 119.0 << "1m left"
-                                               << "auto-deny in 1m" << true;
-    QTest::newRow("120 s is not") << 120.0 << "2m left"
-                                  << "auto-deny in 2m" << false;
-    QTest::newRow("minutes are cut, not rounded") << 599.9 << "9m left"
-                                                  << "auto-deny in 9m" << false;
+    QTest::newRow("expired exactly now shows nothing") << 0.0 << u""_s << u""_s << false;
+    QTest::newRow("past shows nothing") << -30.0 << u""_s << u""_s << false;
+    QTest::newRow("a moment left") << 0.5 << u"under 1m left"_s << u"auto-deny in under 1m"_s << true;
+    QTest::newRow("59 s") << 59.0 << u"under 1m left"_s << u"auto-deny in under 1m"_s << true;
+    QTest::newRow("61 s") << 61.0 << u"1m left"_s << u"auto-deny in 1m"_s << true;
+    QTest::newRow("119 s is still emphasised") << 119.0 << u"1m left"_s << u"auto-deny in 1m"_s << true;
+    QTest::newRow("120 s is not") << 120.0 << u"2m left"_s << u"auto-deny in 2m"_s << false;
+    QTest::newRow("minutes are cut, not rounded") << 599.9 << u"9m left"_s << u"auto-deny in 9m"_s << false;
 }
 
 void TestApprovalWords::expiry()
@@ -192,7 +165,7 @@ void TestApprovalWords::expiry()
     QFETCH(QString, badge);
     QFETCH(bool, emphasised);
     Approval a;
-    a.expiresAt = FlexDate{kNow + qint64(left * 1000)};
+    a.expiresAt = Fixture::at(left);
     const std::optional<ExpiryWords> words = ApprovalWords::expiry(a, now());
     QCOMPARE(words.has_value(), !text.isEmpty());
     if (words) {
@@ -210,44 +183,25 @@ void TestApprovalWords::folded_data()
     QTest::addColumn<QString>("decision");
     QTest::addColumn<QString>("words");
 
-    QTest::newRow("plan approved") << "plan"
-                                   << "allow"
-                                   << "Plan approved";
-    QTest::newRow("plan denied") << "plan"
-                                 << "deny"
-                                 << "Kept planning";
-    QTest::newRow("a question answered") << "question"
-                                         << "allow"
-                                         << "Answered";
-    QTest::newRow("a question skipped") << "question"
-                                        << "deny"
-                                        << "Skipped";
-    QTest::newRow("a new kind, always, is just answered") << "elicit"
-                                                          << "always"
-                                                          << "Answered";
-    QTest::newRow("always") << "tool"
-                            << "always"
-                            << "Always allowed";
-    QTest::newRow("session, kind missing") << ""
-                                           << "session"
-                                           << "Allowed for this session";
-    QTest::newRow("deny") << "tool"
-                          << "deny"
-                          << "Denied";
-    QTest::newRow("a new decision word is allowed") << "tool"
-                                                    << "maybe"
-                                                    << "Allowed";
+    QTest::newRow("plan approved") << u"plan"_s << u"allow"_s << u"Plan approved"_s;
+    QTest::newRow("plan denied") << u"plan"_s << u"deny"_s << u"Kept planning"_s;
+    QTest::newRow("a question answered") << u"question"_s << u"allow"_s << u"Answered"_s;
+    QTest::newRow("a question skipped") << u"question"_s << u"deny"_s << u"Skipped"_s;
+    QTest::newRow("a new kind, always, is just answered") << u"elicit"_s << u"always"_s << u"Answered"_s;
+    QTest::newRow("always") << u"tool"_s << u"always"_s << u"Always allowed"_s;
+    QTest::newRow("session, kind missing") << u""_s << u"session"_s << u"Allowed for this session"_s;
+    QTest::newRow("deny") << u"tool"_s << u"deny"_s << u"Denied"_s;
+    QTest::newRow("a new decision word is allowed") << u"tool"_s << u"maybe"_s << u"Allowed"_s;
 }
 
 void TestApprovalWords::folded()
 {
     QFETCH(QString, kind);
     QFETCH(QString, decision);
-    QFETCH(QString, words);
     Approval a;
     if (!kind.isEmpty())
         a.kind = kind;
-    QCOMPARE(ApprovalWords::foldedWords(a, decision), words);
+    QTEST(ApprovalWords::foldedWords(a, decision), "words");
 }
 
 void TestApprovalWords::waitingLines()
@@ -268,19 +222,14 @@ void TestApprovalWords::terminalAnswer_data()
     QTest::addColumn<QString>("action");
 
     QTest::newRow("a shared terminal") << QByteArray(R"({"id":"s","term":{"id":"t","mac":1,"phone":1}})") << true
-                                       << "It's waiting there."
-                                       << "Open terminal";
+                                       << u"It's waiting there."_s << u"Open terminal"_s;
     QTest::newRow("a terminal open only on a phone")
-        << QByteArray(R"({"id":"s","term":{"id":"t","phone":1}})") << true << "Answer it on your phone."
-        << "";
-    QTest::newRow("its own terminal, a phone paired")
-        << QByteArray(R"({"id":"s","origin":"terminal"})") << true << "Answer it on your phone, or in its terminal."
-        << "";
+        << QByteArray(R"({"id":"s","term":{"id":"t","phone":1}})") << true << u"Answer it on your phone."_s << u""_s;
+    QTest::newRow("its own terminal, a phone paired") << QByteArray(R"({"id":"s","origin":"terminal"})") << true
+                                                      << u"Answer it on your phone, or in its terminal."_s << u""_s;
     QTest::newRow("its own terminal, no phone")
-        << QByteArray(R"({"id":"s","origin":"terminal"})") << false << "It's waiting in its terminal."
-        << "";
-    QTest::newRow("no session") << QByteArray() << true << "Answer it on your phone."
-                                << "";
+        << QByteArray(R"({"id":"s","origin":"terminal"})") << false << u"It's waiting in its terminal."_s << u""_s;
+    QTest::newRow("no session") << QByteArray() << true << u"Answer it on your phone."_s << u""_s;
 }
 
 void TestApprovalWords::terminalAnswer()

@@ -1,8 +1,8 @@
 #include "link/AutomationsSnapshot.h"
 #include "link/AutomationsStatus.h"
-#include "link/LocalStatus.h"
 #include "workflows/AutomationWords.h"
 #include "workflows/AutomationsState.h"
+
 #include "Fixture.h"
 
 #include <QJsonDocument>
@@ -13,10 +13,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-using Fixture::json;
 using Fixture::now;
-
-constexpr qint64 kNow = Fixture::kNowMs;
 
 AutomationsState fromSnapshot(const QByteArray& text)
 {
@@ -44,8 +41,6 @@ class TestAutomationWords : public QObject
 
 private Q_SLOTS:
     void fromStatus();
-    void statusWithoutAutomations_data();
-    void statusWithoutAutomations();
     void fromSnapshot();
     void asks_data();
     void asks();
@@ -79,34 +74,10 @@ void TestAutomationWords::fromStatus()
 
     // A next run without a time isn't upcoming.
     QVERIFY(::fromStatus(R"({"count":1,"next":{"name":"x"}})").upcoming.isEmpty());
-}
-
-void TestAutomationWords::statusWithoutAutomations_data()
-{
-    QTest::addColumn<QByteArray>("status");
-    QTest::addColumn<bool>("present");
-
-    QTest::newRow("an older service has no record") << QByteArray(R"({"daemonVersion":"0.3.0"})") << false;
-    QTest::newRow("a record of another type is none")
-        << QByteArray(R"({"daemonVersion":"0.3.0","automations":[1,2]})") << false;
-    QTest::newRow("every key of the wrong type reads as absent")
-        << QByteArray(R"({"daemonVersion":"0.3.0","automations":{"paused":"yes","count":"x","next":5,"running":"no"}})")
-        << true;
-}
-
-void TestAutomationWords::statusWithoutAutomations()
-{
-    QFETCH(QByteArray, status);
-    QFETCH(bool, present);
-    const std::optional<LocalStatus> local = LocalStatus::fromJson(json(status));
-    QVERIFY(local);
-    QCOMPARE(local->daemonVersion, u"0.3.0"_s);
-    QCOMPARE(local->automations.has_value(), present);
-    if (present) {
-        const AutomationsState state = AutomationsState::fromStatus(*local->automations);
-        QCOMPARE(state, AutomationsState{});
-        QCOMPARE(AutomationWords::line(state, now(), QLocale(u"en_US"_s)), std::nullopt);
-    }
+    // Keys of the wrong type read as absent: no automations, and no line.
+    state = ::fromStatus(R"({"paused":"yes","count":"x","next":5,"running":"no"})");
+    QCOMPARE(state, AutomationsState{});
+    QCOMPARE(AutomationWords::line(state, now(), QLocale(u"en_US"_s)), std::nullopt);
 }
 
 void TestAutomationWords::fromSnapshot()
@@ -169,7 +140,7 @@ void TestAutomationWords::asks()
         QCOMPARE(ask.stepId, u"st_q"_s);
         QCOMPARE(ask.answers, (QStringList{u"Ship"_s, u"Skip"_s}));
         QCOMPARE(ask.defaultAnswer, u"Skip"_s);
-        QCOMPARE(ask.until, FlexDate{kNow + 540000});
+        QCOMPARE(ask.until, Fixture::at(540));
     }
 }
 
@@ -192,49 +163,32 @@ void TestAutomationWords::line_data()
 
     const int running = int(AutomationWords::Kind::Running), next = int(AutomationWords::Kind::Next),
               ready = int(AutomationWords::Kind::Ready);
-    QTest::newRow("none at all") << QByteArray(R"({"list":[]})") << -1 << ""
-                                 << ""
-                                 << "" << false;
-    QTest::newRow("all off") << QByteArray(R"({"list":[{"name":"A","enabled":false,"nextAt":"@60"}]})") << -1 << ""
-                             << ""
-                             << "" << false;
+    QTest::newRow("none at all") << QByteArray(R"({"list":[]})") << -1 << u""_s << u""_s << u""_s << false;
+    QTest::newRow("all off") << QByteArray(R"({"list":[{"name":"A","enabled":false,"nextAt":"@60"}]})") << -1 << u""_s
+                             << u""_s << u""_s << false;
     QTest::newRow("a fresh run reads a minute")
         << QByteArray(R"({"list":[{"name":"Brief","lastRun":{"state":"running","startedAt":"@-5"}}]})") << running
-        << "Brief"
-        << "1m"
-        << "Click to open its terminal." << false;
+        << u"Brief"_s << u"1m"_s << u"Click to open its terminal."_s << false;
     QTest::newRow("a run waiting on you")
         << QByteArray(R"({"list":[{"name":"Brief","lastRun":{"state":"needs_you","startedAt":"@-7300"}}]})") << running
-        << "Brief"
-        << "2h"
-        << "It waits on you. Click to open its terminal." << true;
+        << u"Brief"_s << u"2h"_s << u"It waits on you. Click to open its terminal."_s << true;
     QTest::newRow("all off, but one still runs")
         << QByteArray(R"({"list":[{"name":"Brief","enabled":false,"lastRun":{"state":"running"}}]})") << running
-        << "Brief"
-        << ""
-        << "Click to open its terminal." << false;
+        << u"Brief"_s << u""_s << u"Click to open its terminal."_s << false;
     QTest::newRow("several runs") << QByteArray(
         R"({"list":[{"name":"A","lastRun":{"state":"running"}},{"name":"B","lastRun":{"state":"needs_you"}}]})")
-                                  << running << "2 automations running"
-                                  << ""
-                                  << "A, B" << true;
-    QTest::newRow("one next") << QByteArray(R"({"list":[{"name":"Brief","nextAt":"@3600"}]})") << next << "Brief"
-                              << "11:53 AM"
-                              << "Edit automations on your phone." << false;
+                                  << running << u"2 automations running"_s << u""_s << u"A, B"_s << true;
+    QTest::newRow("one next") << QByteArray(R"({"list":[{"name":"Brief","nextAt":"@3600"}]})") << next << u"Brief"_s
+                              << u"11:53 AM"_s << u"Edit automations on your phone."_s << false;
     QTest::newRow("several next") << QByteArray(R"({"list":[{"name":"B","nextAt":"@86400"},{"name":"A","nextAt":"@600"},
                                   {"name":"C","nextAt":"@90000"},{"name":"D","nextAt":"@99999"}]})")
-                                  << next << "A"
-                                  << "11:03 AM"
-                                  << "Next up:\nA at 11:03 AM\nB at Fri 10:53 AM\nC at Fri 11:53 AM" << false;
+                                  << next << u"A"_s << u"11:03 AM"_s
+                                  << u"Next up:\nA at 11:03 AM\nB at Fri 10:53 AM\nC at Fri 11:53 AM"_s << false;
     QTest::newRow("one waits for its event")
         << QByteArray(R"({"list":[{"name":"Carry on after the limit"},{"name":"Off","enabled":false}]})") << ready
-        << "Carry on after the limit"
-        << ""
-        << "It runs when its moment comes." << false;
-    QTest::newRow("several wait for events")
-        << QByteArray(R"({"list":[{"name":"A"},{"name":"B"}]})") << ready << "2 automations ready"
-        << ""
-        << "A\nB" << false;
+        << u"Carry on after the limit"_s << u""_s << u"It runs when its moment comes."_s << false;
+    QTest::newRow("several wait for events") << QByteArray(R"({"list":[{"name":"A"},{"name":"B"}]})") << ready
+                                             << u"2 automations ready"_s << u""_s << u"A\nB"_s << false;
 }
 
 void TestAutomationWords::line()
@@ -278,7 +232,7 @@ void TestAutomationWords::timesOfTheLine()
     QFETCH(QString, locale);
     QFETCH(qint64, ahead);
     QFETCH(QString, time);
-    QCOMPARE(AutomationWords::time(FlexDate{kNow + ahead * 1000}, now(), QLocale(locale)), time);
+    QCOMPARE(AutomationWords::time(Fixture::at(ahead), now(), QLocale(locale)), time);
 }
 
 void TestAutomationWords::settingsLine_data()
@@ -296,8 +250,7 @@ void TestAutomationWords::settingsLine_data()
 void TestAutomationWords::settingsLine()
 {
     QFETCH(QByteArray, snapshot);
-    QFETCH(QString, words);
-    QCOMPARE(AutomationWords::settingsLine(::fromSnapshot(snapshot), now(), QLocale(u"en_US"_s)), words);
+    QTEST(AutomationWords::settingsLine(::fromSnapshot(snapshot), now(), QLocale(u"en_US"_s)), "words");
     // The status doesn't say how many are on, so the count stands in.
     QCOMPARE(AutomationWords::settingsLine(::fromStatus(R"({"count":4})"), now(), QLocale(u"en_US"_s)), u"4 on"_s);
 }

@@ -1,5 +1,6 @@
 #include "awake/AwakeWords.h"
 #include "link/Awake.h"
+
 #include "Fixture.h"
 
 #include <QJsonDocument>
@@ -14,10 +15,7 @@ namespace {
 
 using Fixture::now;
 
-Awake awake(const QByteArray& text)
-{
-    return Fixture::record<Awake>(text);
-}
+constexpr auto awake = &Fixture::record<Awake>;
 
 std::optional<Battery> battery(double percent)
 {
@@ -62,15 +60,13 @@ void TestAwakeWords::duration_data()
     QTest::newRow("59.5 rounds to a minute") << 59.5 << "1 minute";
     QTest::newRow("89 s is a minute") << 89.0 << "1 minute";
     QTest::newRow("90 s is two") << 90.0 << "2 minutes";
-    QTest::newRow("ten minutes") << 600.0 << "10 minutes";
     QTest::newRow("hours stay minutes") << 7200.0 << "120 minutes";
 }
 
 void TestAwakeWords::duration()
 {
     QFETCH(double, seconds);
-    QFETCH(QString, words);
-    QCOMPARE(AwakeWords::duration(seconds), words);
+    QTEST(AwakeWords::duration(seconds), "words");
 }
 
 void TestAwakeWords::extendLabel_data()
@@ -90,8 +86,7 @@ void TestAwakeWords::extendLabel_data()
 void TestAwakeWords::extendLabel()
 {
     QFETCH(QByteArray, awake);
-    QFETCH(QString, label);
-    QCOMPARE(AwakeWords::extendLabel(::awake(awake), now()).value_or(QString()), label);
+    QTEST(AwakeWords::extendLabel(::awake(awake), now()).value_or(QString()), "label");
 }
 
 void TestAwakeWords::phrase_data()
@@ -127,10 +122,9 @@ void TestAwakeWords::phrase()
 {
     QFETCH(QByteArray, awake);
     QFETCH(QString, phrase);
-    QFETCH(bool, highlighted);
     const Awake a = ::awake(awake);
     QCOMPARE(AwakeWords::phrase(a, now()), phrase);
-    QCOMPARE(AwakeWords::isHighlighted(a), highlighted);
+    QTEST(AwakeWords::isHighlighted(a), "highlighted");
 }
 
 void TestAwakeWords::sentence_data()
@@ -142,61 +136,56 @@ void TestAwakeWords::sentence_data()
     QTest::addColumn<bool>("warn");
 
     QTest::newRow("about to sleep on a low battery")
-        << QByteArray(R"({"mode":"backpack","sleepAt":"@120","reason":"battery"})") << 15.0 << "en_US"
-        << "Your Mac will sleep in 2 minutes: battery 15%" << true;
+        << QByteArray(R"({"mode":"backpack","sleepAt":"@120","reason":"battery"})") << 15.0 << u"en_US"_s
+        << u"Your Mac will sleep in 2 minutes: battery 15%"_s << true;
     QTest::newRow("about to sleep, no battery reading")
-        << QByteArray(R"({"mode":"backpack","sleepAt":"@120","reason":"battery"})") << -1.0 << "en_US"
-        << "Your Mac will sleep in 2 minutes: battery low" << true;
-    QTest::newRow("about to sleep for no reason")
-        << QByteArray(R"({"mode":"working","sleepAt":"@30"})") << -1.0 << "en_US"
-        << "Your Mac will sleep in 30 seconds" << true;
+        << QByteArray(R"({"mode":"backpack","sleepAt":"@120","reason":"battery"})") << -1.0 << u"en_US"_s
+        << u"Your Mac will sleep in 2 minutes: battery low"_s << true;
+    QTest::newRow("about to sleep for no reason") << QByteArray(R"({"mode":"working","sleepAt":"@30"})") << -1.0
+                                                  << u"en_US"_s << u"Your Mac will sleep in 30 seconds"_s << true;
     QTest::newRow("Backpack's time is up but another app holds on")
         << QByteArray(
                R"({"mode":"backpack","sleepAt":"@60","reason":"time","sleepDisabledBy":"other","otherApp":"Caffeine"})")
-        << -1.0 << "en_US"
-        << "Backpack ends in 1 minute, but Caffeine is still keeping your Mac awake" << true;
+        << -1.0 << u"en_US"_s << u"Backpack ends in 1 minute, but Caffeine is still keeping your Mac awake"_s << true;
     QTest::newRow("letting go while another app holds on")
         << QByteArray(R"({"mode":"backpack","sleepAt":"@60","reason":"hot","sleepDisabledBy":"other"})") << -1.0
-        << "en_US"
-        << "Tidewatch lets go in 1 minute (it's running hot), but another app is still keeping your Mac awake" << true;
+        << u"en_US"_s
+        << u"Tidewatch lets go in 1 minute (it's running hot), but another app is still keeping your Mac awake"_s
+        << true;
     QTest::newRow("letting go, no reason, another app")
-        << QByteArray(R"({"mode":"backpack","sleepAt":"@60","sleepDisabledBy":"other"})") << -1.0 << "en_US"
-        << "Tidewatch lets go in 1 minute, but another app is still keeping your Mac awake" << true;
+        << QByteArray(R"({"mode":"backpack","sleepAt":"@60","sleepDisabledBy":"other"})") << -1.0 << u"en_US"_s
+        << u"Tidewatch lets go in 1 minute, but another app is still keeping your Mac awake"_s << true;
     QTest::newRow("let go hot, another app holds on")
         << QByteArray(R"({"mode":"working","reason":"hot","sleepDisabledBy":"other","otherApp":"Zoom"})") << -1.0
-        << "en_US"
-        << "Tidewatch let go: it's running hot, but Zoom is still keeping your Mac awake" << true;
+        << u"en_US"_s << u"Tidewatch let go: it's running hot, but Zoom is still keeping your Mac awake"_s << true;
     QTest::newRow("let go at the battery reading")
         << QByteArray(R"({"mode":"backpack","reason":"battery","sleepDisabledBy":"other","minBattery":20})") << 19.6
-        << "en_US"
-        << "Tidewatch let go at 20%, but another app is still keeping your Mac awake" << true;
+        << u"en_US"_s << u"Tidewatch let go at 20%, but another app is still keeping your Mac awake"_s << true;
     QTest::newRow("let go at the set level without a reading")
         << QByteArray(R"({"mode":"backpack","reason":"battery","sleepDisabledBy":"other","minBattery":25})") << -1.0
-        << "en_US"
-        << "Tidewatch let go at 25%, but another app is still keeping your Mac awake" << true;
+        << u"en_US"_s << u"Tidewatch let go at 25%, but another app is still keeping your Mac awake"_s << true;
     QTest::newRow("let go for the battery")
-        << QByteArray(R"({"mode":"backpack","reason":"battery"})") << 14.4 << "en_US"
-        << "Letting it sleep: battery 14%. Plug it in to keep it awake." << true;
-    QTest::newRow("let go for heat") << QByteArray(R"({"mode":"working","reason":"hot"})") << -1.0 << "en_US"
-                                     << "Letting it sleep: it's running hot. It carries on once it cools down." << true;
+        << QByteArray(R"({"mode":"backpack","reason":"battery"})") << 14.4 << u"en_US"_s
+        << u"Letting it sleep: battery 14%. Plug it in to keep it awake."_s << true;
+    QTest::newRow("let go for heat") << QByteArray(R"({"mode":"working","reason":"hot"})") << -1.0 << u"en_US"_s
+                                     << u"Letting it sleep: it's running hot. It carries on once it cools down."_s
+                                     << true;
     QTest::newRow("the permission is gone")
-        << QByteArray(R"({"mode":"backpack","reason":"setup","holding":true})") << -1.0 << "en_US"
-        << "Backpack mode's permission is gone. Set it up again in Settings." << true;
-    QTest::newRow("the lid setting failed") << QByteArray(R"({"mode":"backpack","reason":"failed"})") << -1.0 << "en_US"
-                                            << "macOS didn't take the lid-closed setting. Tidewatch tries again in a "
-                                               "moment."
-                                            << true;
+        << QByteArray(R"({"mode":"backpack","reason":"setup","holding":true})") << -1.0 << u"en_US"_s
+        << u"Backpack mode's permission is gone. Set it up again in Settings."_s << true;
+    QTest::newRow("the lid setting failed")
+        << QByteArray(R"({"mode":"backpack","reason":"failed"})") << -1.0 << u"en_US"_s
+        << u"macOS didn't take the lid-closed setting. Tidewatch tries again in a moment."_s << true;
     QTest::newRow("in the bag until, in a 24-hour locale")
-        << QByteArray(R"({"mode":"backpack","holding":true,"until":"@28800","minBattery":15})") << 80.0 << "de_DE"
-        << "Awake with the lid closed until 18:53. It sleeps at 15% battery." << false;
+        << QByteArray(R"({"mode":"backpack","holding":true,"until":"@28800","minBattery":15})") << 80.0 << u"de_DE"_s
+        << u"Awake with the lid closed until 18:53. It sleeps at 15% battery."_s << false;
     QTest::newRow("in the bag until, more than 20 hours off, still the clock alone")
-        << QByteArray(R"({"mode":"backpack","holding":true,"until":"@86400","minBattery":10})") << 80.0 << "en_US"
-        << "Awake with the lid closed until 10:53 AM. It sleeps at 10% battery." << false;
+        << QByteArray(R"({"mode":"backpack","holding":true,"until":"@86400","minBattery":10})") << 80.0 << u"en_US"_s
+        << u"Awake with the lid closed until 10:53 AM. It sleeps at 10% battery."_s << false;
     QTest::newRow("time's reason alone says nothing")
-        << QByteArray(R"({"mode":"backpack","reason":"time"})") << -1.0 << "en_US"
-        << "" << false;
-    QTest::newRow("all as chosen") << QByteArray(R"({"mode":"working","holding":true})") << 50.0 << "en_US"
-                                   << "" << false;
+        << QByteArray(R"({"mode":"backpack","reason":"time"})") << -1.0 << u"en_US"_s << u""_s << false;
+    QTest::newRow("all as chosen") << QByteArray(R"({"mode":"working","holding":true})") << 50.0 << u"en_US"_s << u""_s
+                                   << false;
 }
 
 void TestAwakeWords::sentence()
@@ -237,13 +226,10 @@ void TestAwakeWords::minBattery_data()
 void TestAwakeWords::minBattery()
 {
     QFETCH(QByteArray, awake);
-    QFETCH(bool, plus);
-    QFETCH(bool, minus);
-    QFETCH(QString, text);
     const MinBatteryControl control = AwakeWords::minBatteryControl(::awake(awake).minBattery);
-    QCOMPARE(control.canRaise, plus);
-    QCOMPARE(control.canLower, minus);
-    QCOMPARE(control.text, text);
+    QTEST(control.canRaise, "plus");
+    QTEST(control.canLower, "minus");
+    QTEST(control.text, "text");
 }
 
 void TestAwakeWords::backpackCountsAsSetUp_data()
@@ -254,8 +240,8 @@ void TestAwakeWords::backpackCountsAsSetUp_data()
 
     QTest::newRow("the service has it") << QByteArray(R"({"mode":"working","backpackReady":true})") << false << true;
     QTest::newRow("only the rule file is there") << QByteArray(R"({"mode":"working"})") << true << true;
-    QTest::newRow("neither: the offer opens") << QByteArray(R"({"mode":"working","backpackReady":false})") << false
-                                              << false;
+    QTest::newRow("neither: the offer opens")
+        << QByteArray(R"({"mode":"working","backpackReady":false})") << false << false;
 }
 
 void TestAwakeWords::backpackCountsAsSetUp()
@@ -268,7 +254,8 @@ void TestAwakeWords::backpackCountsAsSetUp()
 void TestAwakeWords::theOfferNamesTheBatteryLevel()
 {
     const BackpackOffer offer = AwakeWords::backpackOffer(20);
-    QVERIFY2(offer.body.contains(QStringLiteral("lets it sleep at 20% battery or if it runs hot.")), qPrintable(offer.body));
+    QVERIFY2(
+        offer.body.contains(QStringLiteral("lets it sleep at 20% battery or if it runs hot.")), qPrintable(offer.body));
     QCOMPARE(offer.enableBusy, QStringLiteral("Setting up…"));
 }
 

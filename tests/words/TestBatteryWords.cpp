@@ -2,6 +2,8 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 class TestBatteryWords : public QObject
 {
     Q_OBJECT
@@ -23,19 +25,20 @@ void TestBatteryWords::line_data()
     QTest::addColumn<bool>("critical");
 
     // -1 stands for a field the system didn't give.
-    QTest::newRow("well charged on battery: nothing to say") << 64.0 << 0 << 0 << 212.0 << "" << "" << false;
-    QTest::newRow("charging, however low: nothing to say") << 5.0 << 1 << 1 << -1.0 << "" << "" << false;
+    QTest::newRow("well charged on battery: nothing to say") << 64.0 << 0 << 0 << 212.0 << u""_s << u""_s << false;
+    QTest::newRow("charging, however low: nothing to say") << 5.0 << 1 << 1 << -1.0 << u""_s << u""_s << false;
     QTest::newRow("20% on battery is low, with the time left")
-        << 20.0 << 0 << 0 << 72.0 << "Plug it in or its sessions stop." << "1h 12m left at this rate." << false;
-    QTest::newRow("21% is not") << 21.0 << 0 << 0 << 72.0 << "" << "" << false;
-    QTest::newRow("10% is the empty glyph") << 10.0 << 0 << 0 << -1.0 << "Plug it in or its sessions stop." << ""
-                                            << true;
+        << 20.0 << 0 << 0 << 72.0 << u"Plug it in or its sessions stop."_s << u"1h 12m left at this rate."_s << false;
+    QTest::newRow("21% is not") << 21.0 << 0 << 0 << 72.0 << u""_s << u""_s << false;
+    QTest::newRow("10% is the empty glyph")
+        << 10.0 << 0 << 0 << -1.0 << u"Plug it in or its sessions stop."_s << u""_s << true;
     QTest::newRow("low on a charger that can't keep up")
-        << 15.0 << 0 << 1 << 40.0 << "Use a stronger charger or its sessions stop." << "40m left at this rate." << false;
+        << 15.0 << 0 << 1 << 40.0 << u"Use a stronger charger or its sessions stop."_s << u"40m left at this rate."_s
+        << false;
     QTest::newRow("plugged in, full enough, not charging")
-        << 80.0 << 0 << 1 << 500.0 << "It's plugged in but not charging." << "" << false;
-    QTest::newRow("unknown charging counts as not charging") << 12.0 << -1 << -1 << -1.0
-                                                            << "Plug it in or its sessions stop." << "" << false;
+        << 80.0 << 0 << 1 << 500.0 << u"It's plugged in but not charging."_s << u""_s << false;
+    QTest::newRow("unknown charging counts as not charging")
+        << 12.0 << -1 << -1 << -1.0 << u"Plug it in or its sessions stop."_s << u""_s << false;
 }
 
 void TestBatteryWords::line()

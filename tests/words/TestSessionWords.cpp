@@ -2,6 +2,7 @@
 #include "link/Provider.h"
 #include "link/Session.h"
 #include "surface/words/SessionWords.h"
+
 #include "Fixture.h"
 
 #include <QJsonDocument>
@@ -16,22 +17,9 @@ namespace {
 using Fixture::json;
 using Fixture::now;
 
-constexpr qint64 kNow = Fixture::kNowMs;
-
-Session session(const QByteArray& text)
-{
-    return Fixture::record<Session>(text);
-}
-
-std::optional<Provider> provider(const QByteArray& text)
-{
-    return Fixture::maybe<Provider>(text);
-}
-
-std::optional<Account> account(const QByteArray& text)
-{
-    return Fixture::maybe<Account>(text);
-}
+constexpr auto session = &Fixture::record<Session>;
+constexpr auto provider = &Fixture::maybe<Provider>;
+constexpr auto account = &Fixture::maybe<Account>;
 
 const QByteArray kOpenRouter = R"({"id":"or","name":"OpenRouter","kind":"openrouter"})";
 
@@ -109,11 +97,7 @@ void TestSessionWords::order()
 {
     QFETCH(QByteArray, sessions);
     QFETCH(QStringList, ids);
-    const FlexList<Session> list = FlexList<Session>::fromJson(json((sessions)));
-    QStringList got;
-    for (const Session& s : SessionWords::ordered(list.items))
-        got.append(s.id);
-    QCOMPARE(got, ids);
+    QCOMPARE(Fixture::ids(SessionWords::ordered(FlexList<Session>::fromJson(json(sessions)).items)), ids);
 }
 
 void TestSessionWords::titleAndPlace_data()
@@ -123,19 +107,16 @@ void TestSessionWords::titleAndPlace_data()
     QTest::addColumn<QString>("place");
 
     QTest::newRow("own title, trimmed") << QByteArray(R"({"id":"s","title":"  Fix the build \n","projectName":"p"})")
-                                        << "Fix the build"
-                                        << "p";
+                                        << u"Fix the build"_s << u"p"_s;
     QTest::newRow("a title of blanks gives way to the project")
-        << QByteArray(R"({"id":"s","title":" \t ","projectName":"tidewatch","cwd":"/work"})") << "tidewatch"
-        << "tidewatch";
-    QTest::newRow("nothing to go by") << QByteArray(R"({"id":"s","title":"","projectName":""})") << "Untitled session"
-                                      << "";
+        << QByteArray(R"({"id":"s","title":" \t ","projectName":"tidewatch","cwd":"/work"})") << u"tidewatch"_s
+        << u"tidewatch"_s;
+    QTest::newRow("nothing to go by") << QByteArray(R"({"id":"s","title":"","projectName":""})")
+                                      << u"Untitled session"_s << u""_s;
     QTest::newRow("the home folder is Home whatever the project says")
-        << QByteArray(R"({"id":"s","cwd":"/Users/ann/","projectName":"ann"})") << "ann"
-        << "Home";
+        << QByteArray(R"({"id":"s","cwd":"/Users/ann/","projectName":"ann"})") << u"ann"_s << u"Home"_s;
     QTest::newRow("a folder below home is not Home")
-        << QByteArray(R"({"id":"s","cwd":"/Users/ann/src","projectName":"src"})") << "src"
-        << "src";
+        << QByteArray(R"({"id":"s","cwd":"/Users/ann/src","projectName":"src"})") << u"src"_s << u"src"_s;
 }
 
 void TestSessionWords::titleAndPlace()
@@ -154,51 +135,26 @@ void TestSessionWords::modelChip_data()
     QTest::addColumn<QString>("chip");
     QTest::addColumn<QString>("family");
 
-    QTest::newRow("vendor prefix dropped") << "openai/gpt-5"
-                                           << "gpt-5"
-                                           << "gpt";
-    QTest::newRow("claude- dropped after the vendor") << "anthropic/claude-sonnet-4.5"
-                                                      << "sonnet-4.5"
-                                                      << "sonnet";
-    QTest::newRow("claude- dropped alone") << "claude-opus-5-5"
-                                           << "opus-5-5"
-                                           << "opus";
-    QTest::newRow("claude- in capitals") << "Claude-Haiku-4"
-                                         << "Haiku-4"
-                                         << "Haiku";
-    QTest::newRow("a bare family has no family") << "opus"
-                                                 << "opus"
-                                                 << "";
-    QTest::newRow("a blank makes the family") << "Opus 5.5"
-                                              << "Opus 5.5"
-                                              << "Opus";
-    QTest::newRow("a leading blank is trimmed first") << "  Opus 5.5 "
-                                                      << "Opus 5.5"
-                                                      << "Opus";
-    QTest::newRow("claude- with nothing after stays whole") << "claude-"
-                                                            << "claude-"
-                                                            << "";
-    QTest::newRow("nothing after the slash keeps the input") << "openrouter/"
-                                                             << "openrouter/"
-                                                             << "";
-    QTest::newRow("what follows claude- is trimmed") << "x/claude-  fable-2"
-                                                     << "fable-2"
-                                                     << "fable";
-    QTest::newRow("a dash and digit at the start is no family") << "-5x"
-                                                                << "-5x"
-                                                                << "";
-    QTest::newRow("only blanks") << "   "
-                                 << ""
-                                 << "";
+    QTest::newRow("vendor prefix dropped") << u"openai/gpt-5"_s << u"gpt-5"_s << u"gpt"_s;
+    QTest::newRow("claude- dropped after the vendor")
+        << u"anthropic/claude-sonnet-4.5"_s << u"sonnet-4.5"_s << u"sonnet"_s;
+    QTest::newRow("claude- dropped alone") << u"claude-opus-5-5"_s << u"opus-5-5"_s << u"opus"_s;
+    QTest::newRow("claude- in capitals") << u"Claude-Haiku-4"_s << u"Haiku-4"_s << u"Haiku"_s;
+    QTest::newRow("a bare family has no family") << u"opus"_s << u"opus"_s << u""_s;
+    QTest::newRow("a blank makes the family") << u"Opus 5.5"_s << u"Opus 5.5"_s << u"Opus"_s;
+    QTest::newRow("a leading blank is trimmed first") << u"  Opus 5.5 "_s << u"Opus 5.5"_s << u"Opus"_s;
+    QTest::newRow("claude- with nothing after stays whole") << u"claude-"_s << u"claude-"_s << u""_s;
+    QTest::newRow("nothing after the slash keeps the input") << u"openrouter/"_s << u"openrouter/"_s << u""_s;
+    QTest::newRow("what follows claude- is trimmed") << u"x/claude-  fable-2"_s << u"fable-2"_s << u"fable"_s;
+    QTest::newRow("a dash and digit at the start is no family") << u"-5x"_s << u"-5x"_s << u""_s;
+    QTest::newRow("only blanks") << u"   "_s << u""_s << u""_s;
 }
 
 void TestSessionWords::modelChip()
 {
     QFETCH(QString, model);
-    QFETCH(QString, chip);
-    QFETCH(QString, family);
-    QCOMPARE(SessionWords::modelChip(model), chip);
-    QCOMPARE(SessionWords::modelFamily(model).value_or(QString()), family);
+    QTEST(SessionWords::modelChip(model), "chip");
+    QTEST(SessionWords::modelFamily(model).value_or(QString()), "family");
 }
 
 void TestSessionWords::sessionChipAndMode_data()
@@ -209,27 +165,21 @@ void TestSessionWords::sessionChipAndMode_data()
     QTest::addColumn<QString>("mode");
 
     QTest::newRow("its own model") << QByteArray(R"({"id":"s","model":"claude-opus-5","permissionMode":"plan"})")
-                                   << QByteArray() << "opus-5"
-                                   << "plan";
+                                   << QByteArray() << u"opus-5"_s << u"plan"_s;
     QTest::newRow("a model of blanks falls to the provider's default")
         << QByteArray(R"({"id":"s","model":"  ","providerId":"or","permissionMode":"dontAsk"})")
         << QByteArray(R"({"id":"or","name":"OpenRouter","kind":"openrouter","models":{"default":"openai/gpt-5"}})")
-        << "gpt-5"
-        << "allowed only";
+        << u"gpt-5"_s << u"allowed only"_s;
     QTest::newRow("Anthropic's own default is not named")
         << QByteArray(R"({"id":"s","providerId":"an","permissionMode":"read-only"})")
         << QByteArray(R"({"id":"an","name":"Anthropic","kind":"anthropic","models":{"default":"claude-opus-5"}})")
-        << "default model"
-        << "read only";
+        << u"default model"_s << u"read only"_s;
     QTest::newRow("a provider without a default")
         << QByteArray(R"({"id":"s","providerId":"or","permissionMode":"workspace-write"})") << kOpenRouter
-        << "default model"
-        << "can edit";
+        << u"default model"_s << u"can edit"_s;
     QTest::newRow("an unknown mode stands as it is")
-        << QByteArray(R"({"id":"s","permissionMode":"yolo"})") << QByteArray() << "default model"
-        << "yolo";
-    QTest::newRow("no mode, no tag") << QByteArray(R"({"id":"s"})") << QByteArray() << "default model"
-                                     << "";
+        << QByteArray(R"({"id":"s","permissionMode":"yolo"})") << QByteArray() << u"default model"_s << u"yolo"_s;
+    QTest::newRow("no mode, no tag") << QByteArray(R"({"id":"s"})") << QByteArray() << u"default model"_s << u""_s;
 }
 
 void TestSessionWords::sessionChipAndMode()
@@ -237,11 +187,10 @@ void TestSessionWords::sessionChipAndMode()
     QFETCH(QByteArray, session);
     QFETCH(QByteArray, provider);
     QFETCH(QString, chip);
-    QFETCH(QString, mode);
     const Session s = ::session(session);
     const QList<Provider> providers = provider.isEmpty() ? QList<Provider>() : QList<Provider>{*::provider(provider)};
     QCOMPARE(SessionWords::chip(s, SessionWords::providerOf(s, providers)), chip);
-    QCOMPARE(SessionWords::modeTag(s.permissionMode).value_or(QString()), mode);
+    QTEST(SessionWords::modeTag(s.permissionMode).value_or(QString()), "mode");
 }
 
 void TestSessionWords::stamp_data()
@@ -252,43 +201,29 @@ void TestSessionWords::stamp_data()
     QTest::addColumn<QString>("age");
     QTest::addColumn<QString>("help");
 
-    QTest::newRow("hex of an id") << "c7f2a9" << 59ll << "c7"
-                                  << "now"
-                                  << "Session c7, active just now";
-    QTest::newRow("no letter or digit") << "·-·" << 60ll << "··"
-                                        << "1m"
-                                        << "Session ··, active 1m ago";
-    QTest::newRow("capitals and marks skipped") << "-A_9z" << 3599ll << "a9"
-                                                << "59m"
-                                                << "Session a9, active 59m ago";
-    QTest::newRow("an hour") << "s1" << 3600ll << "s1"
-                             << "1h"
-                             << "Session s1, active 1h 0m ago";
-    QTest::newRow("just under a day") << "s1" << 86399ll << "s1"
-                                      << "23h"
-                                      << "Session s1, active 23h 59m ago";
-    QTest::newRow("days") << "s1" << 2 * 86400ll + 3700 << "s1"
-                          << "2d"
-                          << "Session s1, active 2d 1h ago";
-    QTest::newRow("activity ahead of the clock is now") << "s1" << -300ll << "s1"
-                                                        << "now"
-                                                        << "Session s1, active just now";
+    QTest::newRow("hex of an id") << u"c7f2a9"_s << 59ll << u"c7"_s << u"now"_s << u"Session c7, active just now"_s;
+    QTest::newRow("no letter or digit") << u"·-·"_s << 60ll << u"··"_s << u"1m"_s << u"Session ··, active 1m ago"_s;
+    QTest::newRow("capitals and marks skipped")
+        << u"-A_9z"_s << 3599ll << u"a9"_s << u"59m"_s << u"Session a9, active 59m ago"_s;
+    QTest::newRow("an hour") << u"s1"_s << 3600ll << u"s1"_s << u"1h"_s << u"Session s1, active 1h 0m ago"_s;
+    QTest::newRow("just under a day") << u"s1"_s << 86399ll << u"s1"_s << u"23h"_s
+                                      << u"Session s1, active 23h 59m ago"_s;
+    QTest::newRow("days") << u"s1"_s << 2 * 86400ll + 3700 << u"s1"_s << u"2d"_s << u"Session s1, active 2d 1h ago"_s;
+    QTest::newRow("activity ahead of the clock is now")
+        << u"s1"_s << -300ll << u"s1"_s << u"now"_s << u"Session s1, active just now"_s;
 }
 
 void TestSessionWords::stamp()
 {
     QFETCH(QString, id);
     QFETCH(qint64, ago);
-    QFETCH(QString, hex);
-    QFETCH(QString, age);
-    QFETCH(QString, help);
     Session s;
     s.id = id;
-    s.lastActivityAt = FlexDate{kNow - ago * 1000};
+    s.lastActivityAt = Fixture::at(-ago);
     const SessionStamp stamp = SessionWords::stamp(s, now());
-    QCOMPARE(stamp.hex, hex);
-    QCOMPARE(stamp.age, age);
-    QCOMPARE(stamp.help, help);
+    QTEST(stamp.hex, "hex");
+    QTEST(stamp.age, "age");
+    QTEST(stamp.help, "help");
 }
 
 void TestSessionWords::plainLine_data()
@@ -296,25 +231,18 @@ void TestSessionWords::plainLine_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("line");
 
-    QTest::newRow("a heading, then prose") << "## Done\nThe build is green."
-                                           << "Done";
-    QTest::newRow("bold and code marks go") << "\n\n  **All** `42` tests pass"
-                                            << "All 42 tests pass";
-    QTest::newRow("lines of marks only are skipped") << "---\r\n# \r\n* - ok"
-                                                     << "ok";
-    QTest::newRow("a dash inside stays") << "- re-run it"
-                                         << "re-run it";
-    QTest::newRow("marks only") << "###\n**\n``"
-                                << "";
-    QTest::newRow("empty") << ""
-                           << "";
+    QTest::newRow("a heading, then prose") << u"## Done\nThe build is green."_s << u"Done"_s;
+    QTest::newRow("bold and code marks go") << u"\n\n  **All** `42` tests pass"_s << u"All 42 tests pass"_s;
+    QTest::newRow("lines of marks only are skipped") << u"---\r\n# \r\n* - ok"_s << u"ok"_s;
+    QTest::newRow("a dash inside stays") << u"- re-run it"_s << u"re-run it"_s;
+    QTest::newRow("marks only") << u"###\n**\n``"_s << u""_s;
+    QTest::newRow("empty") << u""_s << u""_s;
 }
 
 void TestSessionWords::plainLine()
 {
     QFETCH(QString, text);
-    QFETCH(QString, line);
-    QCOMPARE(SessionWords::plainLine(text).value_or(QString()), line);
+    QTEST(SessionWords::plainLine(text).value_or(QString()), "line");
 }
 
 void TestSessionWords::stateLine_data()
@@ -379,17 +307,15 @@ void TestSessionWords::stateLine()
 {
     QFETCH(QByteArray, session);
     QFETCH(QByteArray, approval);
-    QFETCH(QString, text);
     QFETCH(int, tone);
     QFETCH(bool, blocked);
-    QFETCH(bool, thinking);
     const Session s = ::session(session);
     const std::optional<Approval> a = approval.isEmpty() ? std::nullopt : Approval::fromJson(json(approval));
     const StateLine line = SessionWords::stateLine(s, a ? &*a : nullptr, nullptr, nullptr, now(), QLocale(u"en_US"_s));
-    QCOMPARE(line.text, text);
+    QTEST(line.text, "text");
     QCOMPARE(int(line.tone), tone);
     QCOMPARE(line.blocked, blocked);
-    QCOMPARE(line.thinking, thinking);
+    QTEST(line.thinking, "thinking");
     if (blocked)
         QCOMPARE(line.opacity(), tone == int(LineTone::Attention) ? 0.9 : 0.75);
 }
@@ -470,17 +396,11 @@ void TestSessionWords::timesFollowTheLocale_data()
     QTest::addColumn<qint64>("ahead");
     QTest::addColumn<QString>("text");
 
-    QTest::newRow("en_US within 20 hours") << "en_US"
-                                           << "UTC" << 3600ll << "session limit until 11:53 AM";
-    QTest::newRow("de_DE within 20 hours") << "de_DE"
-                                           << "UTC" << 3600ll << "session limit until 11:53";
-    QTest::newRow("de_DE beyond") << "de_DE"
-                                  << "UTC" << 86400ll << "session limit until Fr. 10:53";
-    QTest::newRow("the clock of now's own zone") << "de_DE"
-                                                 << "Europe/Berlin" << 3600ll << "session limit until 13:53";
+    QTest::newRow("de_DE beyond") << u"de_DE"_s << u"UTC"_s << 86400ll << u"session limit until Fr. 10:53"_s;
+    QTest::newRow("the clock of now's own zone")
+        << u"de_DE"_s << u"Europe/Berlin"_s << 3600ll << u"session limit until 13:53"_s;
     QTest::newRow("the weekday of now's own zone")
-        << "en_US"
-        << "Pacific/Kiritimati" << 86400ll << "session limit until Sat 12:53 AM";
+        << u"en_US"_s << u"Pacific/Kiritimati"_s << 86400ll << u"session limit until Sat 12:53 AM"_s;
 }
 
 void TestSessionWords::timesFollowTheLocale()
@@ -489,12 +409,8 @@ void TestSessionWords::timesFollowTheLocale()
     QFETCH(QString, zone);
     QFETCH(qint64, ahead);
     QFETCH(QString, text);
-    Session s;
-    s.id = u"s"_s;
-    s.state = u"idle"_s;
-    s.blocked = Session::Blocked{};
-    s.blocked->kind = u"limit"_s;
-    s.blocked->resetsAt = FlexDate{kNow + ahead * 1000};
+    Session s = session(R"({"id":"s","state":"idle","blocked":{"kind":"limit"}})");
+    s.blocked->resetsAt = Fixture::at(ahead);
     const QDateTime inZone = now().toTimeZone(QTimeZone(zone.toUtf8()));
     QCOMPARE(SessionWords::blockedWords(s, nullptr, nullptr, inZone, QLocale(locale))->text, text);
 }
@@ -542,10 +458,9 @@ void TestSessionWords::limitName()
 {
     QFETCH(QByteArray, blocked);
     QFETCH(QByteArray, account);
-    QFETCH(QString, name);
     const std::optional<Session::Blocked> b = Session::Blocked::fromJson(json(blocked));
     const std::optional<Account> a = ::account(account);
-    QCOMPARE(SessionWords::limitName(*b, a ? &*a : nullptr), name);
+    QTEST(SessionWords::limitName(*b, a ? &*a : nullptr), "name");
 }
 
 void TestSessionWords::providerWords_data()
@@ -588,13 +503,11 @@ void TestSessionWords::providerWords()
 {
     QFETCH(QByteArray, blocked);
     QFETCH(QByteArray, provider);
-    QFETCH(QString, text);
-    QFETCH(bool, attention);
     const std::optional<Session::Blocked> b = Session::Blocked::fromJson(json((blocked)));
     const std::optional<Provider> p = ::provider(provider);
     const BlockedWords words = SessionWords::providerWords(*b, p ? &*p : nullptr, now(), QLocale(u"en_US"_s));
-    QCOMPARE(words.text, text);
-    QCOMPARE(words.attention, attention);
+    QTEST(words.text, "text");
+    QTEST(words.attention, "attention");
 }
 
 void TestSessionWords::actions_data()
@@ -650,8 +563,6 @@ void TestSessionWords::actions()
     QFETCH(QByteArray, session);
     QFETCH(QByteArray, provider);
     QFETCH(bool, continuing);
-    QFETCH(QStringList, titles);
-    QFETCH(QString, firstHelp);
     const Session s = ::session(session);
     const std::optional<Provider> p = ::provider(provider);
     const QList<RowAction> actions
@@ -659,9 +570,9 @@ void TestSessionWords::actions()
     QStringList got;
     for (const RowAction& action : actions)
         got.append(action.title);
-    QCOMPARE(got, titles);
+    QTEST(got, "titles");
     if (!actions.isEmpty())
-        QCOMPARE(actions.first().help, firstHelp);
+        QTEST(actions.first().help, "firstHelp");
 }
 
 void TestSessionWords::rowHelpAndLabel_data()
@@ -674,32 +585,27 @@ void TestSessionWords::rowHelpAndLabel_data()
 
     QTest::newRow("Codex, continued, no terminal")
         << QByteArray(R"({"id":"c","agent":"codex","switchedFrom":"s1","projectName":"app","model":"gpt-5"})") << true
-        << "Open"
-        << "On Codex, continued from Claude Code. Open it in a terminal window. "
-        << "app. Codex. Model: gpt-5.";
+        << u"Open"_s << u"On Codex, continued from Claude Code. Open it in a terminal window. "_s
+        << u"app. Codex. Model: gpt-5."_s;
     QTest::newRow("a terminal open on the Mac")
         << QByteArray(R"({"id":"s","cwd":"/Users/ann","term":{"id":"t","mac":1},"permissionMode":"default"})") << true
-        << "Show"
-        << "Bring its terminal window forward. "
-        << "Home. Model: default model. Permission mode: ask first.";
+        << u"Show"_s << u"Bring its terminal window forward. "_s
+        << u"Home. Model: default model. Permission mode: ask first."_s;
     QTest::newRow("went on in Codex, not shared")
-        << QByteArray(R"({"id":"s","switchedTo":"c"})") << false << "Open"
-        << "Continued from Codex. Not a shared terminal, so it opens only where it runs. "
-        << "Model: default model.";
+        << QByteArray(R"({"id":"s","switchedTo":"c"})") << false << u"Open"_s
+        << u"Continued from Codex. Not a shared terminal, so it opens only where it runs. "_s
+        << u"Model: default model."_s;
 }
 
 void TestSessionWords::rowHelpAndLabel()
 {
     QFETCH(QByteArray, session);
-    QFETCH(bool, opens);
-    QFETCH(QString, button);
     QFETCH(QString, help);
-    QFETCH(QString, label);
     const Session s = ::session(session);
-    QCOMPARE(SessionWords::opensTerminal(s), opens);
-    QCOMPARE(SessionWords::openTitle(s), button);
+    QTEST(SessionWords::opensTerminal(s), "opens");
+    QTEST(SessionWords::openTitle(s), "button");
     QCOMPARE(SessionWords::help(s), help);
-    QCOMPARE(SessionWords::spokenLabel(s, nullptr, u"/Users/ann/"_s), label);
+    QTEST(SessionWords::spokenLabel(s, nullptr, u"/Users/ann/"_s), "label");
 }
 
 void TestSessionWords::counts_data()
@@ -718,13 +624,12 @@ void TestSessionWords::counts()
 {
     QFETCH(qint64, needs);
     QFETCH(qint64, working);
-    QFETCH(QStringList, marks);
     QStringList got;
     for (const CountMark& mark : SessionWords::countMarks(needs, working)) {
         got.append(mark.text);
         QCOMPARE(mark.ink, mark.needs ? Ink::Amber : Ink::Green);
     }
-    QCOMPARE(got, marks);
+    QTEST(got, "marks");
 }
 
 void TestSessionWords::sectionSentences()

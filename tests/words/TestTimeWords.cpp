@@ -1,4 +1,5 @@
 #include "surface/words/TimeWords.h"
+
 #include "Fixture.h"
 
 #include <QTest>
@@ -8,13 +9,7 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
 using Fixture::now;
-
-constexpr qint64 kNow = Fixture::kNowMs;
-
-} // namespace
 
 class TestTimeWords : public QObject
 {
@@ -41,7 +36,6 @@ void TestTimeWords::durationWords_data()
     QTest::newRow("negative") << -600.0 << "less than a minute";
     QTest::newRow("not a number") << std::numeric_limits<double>::quiet_NaN() << "less than a minute";
     QTest::newRow("90 s is two minutes") << 90.0 << "2 minutes";
-    QTest::newRow("45 minutes") << 2700.0 << "45 minutes";
     QTest::newRow("59.5 minutes is an hour") << 3570.0 << "1 hour";
     QTest::newRow("an hour and a minute") << 3660.0 << "1 hour 1 minute";
     QTest::newRow("hours and minutes") << 2 * 3600.0 + 11 * 60 << "2 hours 11 minutes";
@@ -54,8 +48,7 @@ void TestTimeWords::durationWords_data()
 void TestTimeWords::durationWords()
 {
     QFETCH(double, seconds);
-    QFETCH(QString, words);
-    QCOMPARE(TimeWords::durationWords(seconds), words);
+    QTEST(TimeWords::durationWords(seconds), "words");
 }
 
 void TestTimeWords::compactDuration_data()
@@ -76,8 +69,7 @@ void TestTimeWords::compactDuration_data()
 void TestTimeWords::compactDuration()
 {
     QFETCH(double, seconds);
-    QFETCH(QString, text);
-    QCOMPARE(TimeWords::compactDuration(seconds), text);
+    QTEST(TimeWords::compactDuration(seconds), "text");
 }
 
 void TestTimeWords::coarseAge_data()
@@ -96,8 +88,7 @@ void TestTimeWords::coarseAge_data()
 void TestTimeWords::coarseAge()
 {
     QFETCH(double, seconds);
-    QFETCH(QString, text);
-    QCOMPARE(TimeWords::coarseAge(seconds), text);
+    QTEST(TimeWords::coarseAge(seconds), "text");
 }
 
 void TestTimeWords::timeOfDay_data()
@@ -119,8 +110,7 @@ void TestTimeWords::timeOfDay()
 {
     QFETCH(QString, locale);
     QFETCH(qint64, offset);
-    QFETCH(QString, text);
-    QCOMPARE(TimeWords::timeOfDay(FlexDate{kNow + offset * 1000}, now(), QLocale(locale)), text);
+    QTEST(TimeWords::timeOfDay(Fixture::at(offset), now(), QLocale(locale)), "text");
 }
 
 QTEST_GUILESS_MAIN(TestTimeWords)

@@ -2,6 +2,7 @@
 #include "link/Codex.h"
 #include "link/Usage.h"
 #include "surface/words/UsageWords.h"
+
 #include "Fixture.h"
 
 #include <QJsonDocument>
@@ -14,12 +15,7 @@ namespace {
 
 using Fixture::now;
 
-constexpr qint64 kNow = Fixture::kNowMs;
-
-FlexDate in(double seconds)
-{
-    return FlexDate{kNow + qint64(seconds * 1000)};
-}
+constexpr auto in = &Fixture::at;
 
 // The usage of the shared fixture: a busy 5-hour window, a spent week and
 // two model weeks, one of them more than 20 hours from its reset.
@@ -85,16 +81,14 @@ void TestUsageWords::claudeMeters_data()
 void TestUsageWords::claudeMeters()
 {
     QFETCH(bool, brand);
-    QFETCH(QStringList, keys);
-    QFETCH(QStringList, names);
     const QList<Meter> meters = UsageWords::claudeMeters(busy(), now(), brand);
     QStringList gotKeys, gotNames;
     for (const Meter& meter : meters) {
         gotKeys.append(meter.key());
         gotNames.append(meter.reading.name);
     }
-    QCOMPARE(gotKeys, keys);
-    QCOMPARE(gotNames, names);
+    QTEST(gotKeys, "keys");
+    QTEST(gotNames, "names");
 
     // A model week far off is a weekday; one within 20 hours counts down.
     QCOMPARE(meters.at(2).reading.tag()->kind, MeterReading::Tag::Kind::ResetOn);
@@ -201,14 +195,11 @@ void TestUsageWords::staleWindow_data()
 void TestUsageWords::staleWindow()
 {
     QFETCH(double, resetIn);
-    QFETCH(double, used);
-    QFETCH(bool, hasReset);
-    QFETCH(QString, tag);
     const MeterReading reading = MeterReading::read(u"w"_s, UsageWindow{87, in(resetIn)}, now(), false);
-    QCOMPARE(*reading.used, used);
-    QCOMPARE(reading.resetAt.has_value(), hasReset);
+    QTEST(*reading.used, "used");
+    QTEST(reading.resetAt.has_value(), "hasReset");
     QCOMPARE(*reading.resetIn, std::max(0.0, resetIn));
-    QCOMPARE(MeterWords::look(reading, now(), QLocale(u"en_US"_s)).tagText, tag);
+    QTEST(MeterWords::look(reading, now(), QLocale(u"en_US"_s)).tagText, "tag");
 }
 
 void TestUsageWords::look_data()
@@ -234,9 +225,6 @@ void TestUsageWords::look()
 {
     QFETCH(double, used);
     QFETCH(double, projected);
-    QFETCH(QString, percent);
-    QFETCH(Ink, percentInk);
-    QFETCH(Ink, barInk);
     QFETCH(double, ghost);
     MeterReading reading;
     if (used >= 0)
@@ -244,9 +232,9 @@ void TestUsageWords::look()
     if (projected >= 0)
         reading.projected = projected;
     const MeterLook look = MeterWords::look(reading, now(), QLocale(u"en_US"_s));
-    QCOMPARE(look.percent, percent);
-    QCOMPARE(look.percentInk, percentInk);
-    QCOMPARE(look.barInk, barInk);
+    QTEST(look.percent, "percent");
+    QTEST(look.percentInk, "percentInk");
+    QTEST(look.barInk, "barInk");
     QCOMPARE(look.fill, used < 0 ? 0.0 : std::min(1.0, used / 100));
     QCOMPARE(look.ghost.has_value(), ghost >= 0);
     if (ghost >= 0)
@@ -263,24 +251,19 @@ void TestUsageWords::sentence_data()
     QTest::addColumn<QString>("sentence");
     QTest::addColumn<QString>("tag");
 
-    QTest::newRow("spent, with a reset") << "en_US" << 100.0 << 5400.0 << false << 0.0
-                                         << "W: limit reached, resets in 1 hour 30 minutes."
-                                         << "1h 30m";
+    QTest::newRow("spent, with a reset") << u"en_US"_s << 100.0 << 5400.0 << false << 0.0
+                                         << u"W: limit reached, resets in 1 hour 30 minutes."_s << u"1h 30m"_s;
     QTest::newRow("a small pace has two decimals, in any locale")
-        << "de_DE" << 12.4 << 3600.0 << false << 0.05
-        << "W 12% used, spending 0.05% a minute: at this pace it lasts until the reset in 1 hour."
-        << "1h 0m";
+        << u"de_DE"_s << 12.4 << 3600.0 << false << 0.05
+        << u"W 12% used, spending 0.05% a minute: at this pace it lasts until the reset in 1 hour."_s << u"1h 0m"_s;
     QTest::newRow("a model week more than 20 hours off is told by day")
-        << "en_US" << 41.0 << 2 * 86400.0 << true << 0.0 << "W 41% used, resets on Saturday at 10:53 AM."
-        << "Sat 10:53 AM";
+        << u"en_US"_s << 41.0 << 2 * 86400.0 << true << 0.0 << u"W 41% used, resets on Saturday at 10:53 AM."_s
+        << u"Sat 10:53 AM"_s;
     QTest::newRow("a model week 20 hours off counts down")
-        << "de_DE" << 41.0 << 72000.0 << true << 0.0 << "W 41% used, resets in 20 hours."
-        << "20h 0m";
+        << u"de_DE"_s << 41.0 << 72000.0 << true << 0.0 << u"W 41% used, resets in 20 hours."_s << u"20h 0m"_s;
     QTest::newRow("the tag rounds up to the minute")
-        << "en_US" << 41.6 << 61.0 << false << 0.0 << "W 42% used, resets in 1 minute."
-        << "2m";
-    QTest::newRow("no reset known") << "en_US" << 7.0 << -1.0 << false << 0.0 << "W 7% used."
-                                    << "";
+        << u"en_US"_s << 41.6 << 61.0 << false << 0.0 << u"W 42% used, resets in 1 minute."_s << u"2m"_s;
+    QTest::newRow("no reset known") << u"en_US"_s << 7.0 << -1.0 << false << 0.0 << u"W 7% used."_s << u""_s;
 }
 
 void TestUsageWords::sentence()
@@ -290,14 +273,12 @@ void TestUsageWords::sentence()
     QFETCH(double, resetIn);
     QFETCH(bool, weekday);
     QFETCH(double, rate);
-    QFETCH(QString, sentence);
-    QFETCH(QString, tag);
     const std::optional<FlexDate> reset = resetIn >= 0 ? std::optional<FlexDate>(in(resetIn)) : std::nullopt;
     MeterReading reading = MeterReading::read(u"W"_s, UsageWindow{used, reset}, now(), weekday);
     if (rate > 0)
         reading.applyPace({rate, std::nullopt, std::nullopt, std::nullopt}, now());
-    QCOMPARE(reading.sentence(now(), QLocale(locale)), sentence);
-    QCOMPARE(MeterWords::look(reading, now(), QLocale(locale)).tagText, tag);
+    QTEST(reading.sentence(now(), QLocale(locale)), "sentence");
+    QTEST(MeterWords::look(reading, now(), QLocale(locale)).tagText, "tag");
     QCOMPARE(MeterReading::read(u"W"_s, std::nullopt, now(), false).sentence(now(), QLocale(locale)),
         u"W not measured yet."_s);
 }
