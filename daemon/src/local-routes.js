@@ -3,6 +3,7 @@
 
 import { addActionRoutes } from './action-routes.js';
 import { addAwakeRoutes } from './awake-routes.js';
+import { addClaudeRoutes } from './claude/claude-routes.js';
 import { addQaRoutes } from './qa-routes.js';
 import { Router } from './router.js';
 import { addSettingsRoutes } from './settings-routes.js';
@@ -15,9 +16,10 @@ import { addSettingsRoutes } from './settings-routes.js';
  * @param {{answering: boolean}} parts.health The switch of the health route
  * @param {AwakeKeeper} parts.keeper Stay awake
  * @param {CodexAgent} [parts.codex] Codex, looked at again on a refresh
+ * @param {ClaudeAgent} [parts.claude] Claude Code's hooks report here
  * @return {Router}
  */
-export function localRoutes({ state, faults, feed, health, keeper, codex }) {
+export function localRoutes({ state, faults, feed, health, keeper, codex, claude }) {
   const router = new Router()
     .add('GET', '/v1/snapshot', () => state.snapshot())
     // `fresh=1` asks for a new look rather than the cache; everything here
@@ -27,6 +29,7 @@ export function localRoutes({ state, faults, feed, health, keeper, codex }) {
   addActionRoutes(router, { state, codex });
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });
+  if (claude) addClaudeRoutes(router, { claude });
   addQaRoutes(router, { state, faults, feed, health });
   return router;
 }

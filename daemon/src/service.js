@@ -6,6 +6,7 @@ import os from 'node:os';
 import { loadAdminToken } from './admin-token.js';
 import { apiRoutes } from './api-routes.js';
 import { AwakeKeeper, ServiceClock } from './awake-keeper.js';
+import { ClaudeAgent } from './claude/claude-agent.js';
 import { CodexAgent } from './codex/codex-agent.js';
 import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';
 import { FaultBook, PendingTimers } from './faults.js';
@@ -30,6 +31,7 @@ import { VERSION } from './version.js';
  * @property {AwakeKeeper} awake
  * @property {CodexAgent} codex
  * @property {Promise<void>} codexReady When Codex's first look (program and files) is done
+ * @property {ClaudeAgent} claude Claude Code through its hooks and status line
  * @property {StatePersister} persister
  * @property {Log} log
  * @property {string} startLine The sentence that announces the start
@@ -59,6 +61,8 @@ import { VERSION } from './version.js';
  * @param {Object} [options.codex] More for Codex, for tests: `searchPath`,
  *     `folders`, `now`, `detectEveryMs`, `versionTimeoutMs`, `watch`
  *     (see CodexAgent)
+ * @param {Object} [options.claude] For tests: `approvalWaitMs`,
+ *     `transcriptPollMs`, `now` (see ClaudeAgent)
  * @param {Object} [options.persist] For tests: `now`, `saveDelayMs`,
  *     `saveMaxDelayMs`, `sweepEveryMs` (see StatePersister)
  * @return {Promise<RunningService>}
@@ -76,6 +80,7 @@ export async function startService({
   codexPath = null,
   codex: codexOptions = {},
   persist: persistOptions = {},
+  claude: claudeOptions = {},
 }) {
   ensurePrivateFolder(support);
   ensurePrivateFolder(logs);
@@ -105,6 +110,18 @@ export async function startService({
     ...codexOptions,
   });
   persister.addSection('codex', { save: () => codex.saved(), restore: (saved) => codex.restore(saved) });
+  const claude = new ClaudeAgent({
+    state,
+    support,
+    log,
+    saveSoon: () => persister.markDirty(),
+    saveNow: () => {
+      persister.markDirty();
+      persister.flush();
+    },
+    ...claudeOptions,
+  });
+  persister.addSection('claude', { save: () => claude.saved(), restore: (saved) => claude.restore(saved) });
   const faults = new FaultBook();
   const pending = new PendingTimers();
   // Switched by /qa to make the service look hung while its feed lives on.
@@ -121,7 +138,7 @@ export async function startService({
     hotAt: awakeOptions.hotAt,
   });
   const localServer = createListener({
-    router: localRoutes({ state, faults, feed, health, keeper, codex }),
+    router: localRoutes({ state, faults, feed, health, keeper, codex, claude }),
     faults,
     pending,
     log,
@@ -146,6 +163,7 @@ export async function startService({
   }
   state.setApiPort(ports.api);
   persister.start();
+  claude.start({ localPort: ports.local });
   const codexReady = codex.start().catch((error) => log.error(`Codex couldn’t be followed: ${error?.stack ?? error}`));
 
   const startLine =
@@ -157,6 +175,7 @@ export async function startService({
   const close = () => {
     closing ??= (async () => {
       codex.close();
+      claude.close();
       persister.close();
       pending.clear();
       await feed.close();
@@ -176,6 +195,7 @@ export async function startService({
     awake: keeper,
     codex,
     codexReady,
+    claude,
     persister,
     log,
     startLine,

@@ -79,6 +79,7 @@ export function request(port, method, target, { body, headers = {}, chunked = fa
  * @param {Object} [options.codex] More for Codex (see startService); by
  *     default no folder is searched for the program
  * @param {Object} [options.persist] Timing of the kept state (see startService)
+ * @param {Object} [options.claude] Claude Code's waits (see startService)
  * @return {Promise<Object>} {service, folder, support, logs, token, api(),
  *     local(), feed()} where api() and local() are {@link request} on that
  *     port, local() with the token unless headers say otherwise, and feed()
@@ -86,7 +87,7 @@ export function request(port, method, target, { body, headers = {}, chunked = fa
  */
 export async function startScratchService(
   t,
-  { folder, feed, awake, codexHome, codexPath = null, codex = {}, persist } = {},
+  { folder, feed, awake, codexHome, codexPath = null, codex = {}, persist, claude } = {},
 ) {
   folder ??= await scratchFolder(t);
   const support = path.join(folder, 'support');
@@ -102,6 +103,7 @@ export async function startScratchService(
     codexPath,
     codex: { searchPath: [], folders: [], ...codex },
     persist,
+    claude,
   });
   t.after(() => service.close());
   const token = (await fs.readFile(path.join(support, 'admin-token'), 'utf8')).trim();

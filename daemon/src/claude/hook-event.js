@@ -51,7 +51,10 @@ function checkId(event, field, { required = false } = {}) {
   const value = event[field];
   if (value === undefined && !required) return;
   if (typeof value !== 'string' || value.length === 0 || value.length > MAX_ID_CHARS || !ID.test(value)) {
-    throw new HookEventError(field, `“${field}” must be an id of letters, digits, “.”, “_”, “:” or “-”, at most ${MAX_ID_CHARS} long.`);
+    throw new HookEventError(
+      field,
+      `“${field}” must be an id of letters, digits, “.”, “_”, “:” or “-”, at most ${MAX_ID_CHARS} long.`,
+    );
   }
 }
 
@@ -121,13 +124,17 @@ export function titleFrom(prompt) {
  *     is an error rather than a wait
  */
 export function blockedFrom(event, usage) {
-  const text = typeof event.last_assistant_message === 'string' ? cut(event.last_assistant_message.trim(), 500) : undefined;
+  const text =
+    typeof event.last_assistant_message === 'string' ? cut(event.last_assistant_message.trim(), 500) : undefined;
   const withText = (record) => (text ? { ...record, text } : record);
   switch (event.error) {
     case 'rate_limit': {
       // The window that is full is the one whose reset ends the wait.
       const full = [usage?.fiveHour, usage?.sevenDay].filter((window) => isObject(window) && window.pct >= 100);
-      const resetsAt = full.map((window) => window.resetsAt).filter(Number.isFinite).sort((a, b) => b - a)[0];
+      const resetsAt = full
+        .map((window) => window.resetsAt)
+        .filter(Number.isFinite)
+        .sort((a, b) => b - a)[0];
       return withText(resetsAt === undefined ? { kind: 'limit' } : { kind: 'limit', resetsAt });
     }
     case 'authentication_failed':

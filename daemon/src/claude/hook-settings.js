@@ -197,7 +197,8 @@ export function integrationState(settings) {
   const hooked = (event) =>
     Array.isArray(hooks[event]) &&
     hooks[event].some(
-      (group) => isObject(group) && Array.isArray(group.hooks) && group.hooks.some((hook) => isOurCommand(hook?.command)),
+      (group) =>
+        isObject(group) && Array.isArray(group.hooks) && group.hooks.some((hook) => isOurCommand(hook?.command)),
     );
   return {
     hooks: [...REPORT_EVENTS, WAITING_EVENT].every(hooked),

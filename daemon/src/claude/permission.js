@@ -44,7 +44,8 @@ const cut = (text, max) => (text.length > max ? `${text.slice(0, max)}…` : tex
 export function displayInput(input) {
   const shrink = (value, depth) => {
     if (typeof value === 'string') return cut(value, MAX_INPUT_STRING_CHARS);
-    if (value === null || typeof value !== 'object') return typeof value === 'number' && !Number.isFinite(value) ? null : value;
+    if (value === null || typeof value !== 'object')
+      return typeof value === 'number' && !Number.isFinite(value) ? null : value;
     if (depth >= MAX_INPUT_DEPTH) return '…';
     if (Array.isArray(value)) {
       const kept = value.slice(0, MAX_INPUT_ENTRIES).map((element) => shrink(element, depth + 1));
@@ -52,7 +53,9 @@ export function displayInput(input) {
       return kept;
     }
     const entries = Object.entries(value);
-    const kept = Object.fromEntries(entries.slice(0, MAX_INPUT_ENTRIES).map(([key, each]) => [key, shrink(each, depth + 1)]));
+    const kept = Object.fromEntries(
+      entries.slice(0, MAX_INPUT_ENTRIES).map(([key, each]) => [key, shrink(each, depth + 1)]),
+    );
     if (entries.length > MAX_INPUT_ENTRIES) kept['…'] = `${entries.length - MAX_INPUT_ENTRIES} more`;
     return kept;
   };
@@ -113,22 +116,26 @@ export function activityOf(toolName, input) {
 
 function questionsOf(input) {
   if (!isObject(input) || !Array.isArray(input.questions)) return [];
-  return input.questions.filter(isObject).slice(0, MAX_INPUT_ENTRIES).map((question) => {
-    const kept = {};
-    if (typeof question.question === 'string') kept.question = cut(question.question, MAX_INPUT_STRING_CHARS);
-    if (typeof question.header === 'string') kept.header = cut(question.header, MAX_SUMMARY_CHARS);
-    if (typeof question.multiSelect === 'boolean') kept.multiSelect = question.multiSelect;
-    kept.options = (Array.isArray(question.options) ? question.options : [])
-      .filter(isObject)
-      .slice(0, MAX_INPUT_ENTRIES)
-      .map((option) => {
-        const each = {};
-        if (typeof option.label === 'string') each.label = cut(option.label, MAX_SUMMARY_CHARS);
-        if (typeof option.description === 'string') each.description = cut(option.description, MAX_INPUT_STRING_CHARS);
-        return each;
-      });
-    return kept;
-  });
+  return input.questions
+    .filter(isObject)
+    .slice(0, MAX_INPUT_ENTRIES)
+    .map((question) => {
+      const kept = {};
+      if (typeof question.question === 'string') kept.question = cut(question.question, MAX_INPUT_STRING_CHARS);
+      if (typeof question.header === 'string') kept.header = cut(question.header, MAX_SUMMARY_CHARS);
+      if (typeof question.multiSelect === 'boolean') kept.multiSelect = question.multiSelect;
+      kept.options = (Array.isArray(question.options) ? question.options : [])
+        .filter(isObject)
+        .slice(0, MAX_INPUT_ENTRIES)
+        .map((option) => {
+          const each = {};
+          if (typeof option.label === 'string') each.label = cut(option.label, MAX_SUMMARY_CHARS);
+          if (typeof option.description === 'string')
+            each.description = cut(option.description, MAX_INPUT_STRING_CHARS);
+          return each;
+        });
+      return kept;
+    });
 }
 
 /**
@@ -162,7 +169,8 @@ export function approvalFrom(event, { id, now, expiresAt }) {
   approval.canSession = kind === 'tool';
   approval.canAlways = kind === 'tool';
   if (kind === 'question') approval.questions = questionsOf(input);
-  if (kind === 'plan' && isObject(input) && typeof input.plan === 'string') approval.plan = cut(input.plan, MAX_PLAN_CHARS);
+  if (kind === 'plan' && isObject(input) && typeof input.plan === 'string')
+    approval.plan = cut(input.plan, MAX_PLAN_CHARS);
   return approval;
 }
 
@@ -202,7 +210,9 @@ function suggestedRules(event, lasting) {
     .map((each) => ({
       type: 'addRules',
       rules: each.rules.map((rule) =>
-        typeof rule.ruleContent === 'string' ? { toolName: rule.toolName, ruleContent: rule.ruleContent } : { toolName: rule.toolName },
+        typeof rule.ruleContent === 'string'
+          ? { toolName: rule.toolName, ruleContent: rule.ruleContent }
+          : { toolName: rule.toolName },
       ),
       behavior: 'allow',
       destination: lasting

@@ -33,6 +33,8 @@ const isObject = (value) => value !== null && typeof value === 'object' && !Arra
  *     "done", "failed", or "refused" (refused by the person in the terminal)
  * @property {boolean} interrupted The turn stopped on the person's refusal
  * @property {string|undefined} model The model of the last answer
+ * @property {Array<string>} pendingErrors Calls that failed with nothing after
+ *     them yet to tell a refusal from a failure
  */
 
 /**
@@ -60,18 +62,24 @@ export function transcriptFacts(lines) {
     if (!isObject(record) || !isObject(record.message) || record.isSidechain === true) continue;
     const content = record.message.content;
     if (record.type === 'assistant' && Array.isArray(content)) {
-      if (record.isApiErrorMessage !== true && typeof record.message.model === 'string' && !record.message.model.startsWith('<')) {
+      if (
+        record.isApiErrorMessage !== true &&
+        typeof record.message.model === 'string' &&
+        !record.message.model.startsWith('<')
+      ) {
         facts.model = record.message.model;
       }
       for (const block of content) {
         if (!isObject(block)) continue;
-        if (block.type === 'text' && typeof block.text === 'string' && block.text.trim() !== '') facts.lastText = block.text;
+        if (block.type === 'text' && typeof block.text === 'string' && block.text.trim() !== '')
+          facts.lastText = block.text;
         if (block.type === 'tool_use' && typeof block.id === 'string' && typeof block.name === 'string') {
           facts.toolUses.push({ id: block.id, name: block.name, input: block.input });
         }
       }
     } else if (record.type === 'user') {
-      const blocks = typeof content === 'string' ? [{ type: 'text', text: content }] : Array.isArray(content) ? content : [];
+      const blocks =
+        typeof content === 'string' ? [{ type: 'text', text: content }] : Array.isArray(content) ? content : [];
       for (const block of blocks) {
         if (!isObject(block)) continue;
         if (block.type === 'tool_result' && typeof block.tool_use_id === 'string') {
@@ -116,7 +124,9 @@ export class TranscriptTail {
   constructor(file, saved = null) {
     this.#file = file;
     this.#cursor = isObject(saved?.cursor) ? { ...freshCursor(), ...saved.cursor } : null;
-    this.#pendingErrors = Array.isArray(saved?.pendingErrors) ? saved.pendingErrors.filter((id) => typeof id === 'string') : [];
+    this.#pendingErrors = Array.isArray(saved?.pendingErrors)
+      ? saved.pendingErrors.filter((id) => typeof id === 'string')
+      : [];
   }
 
   get file() {
@@ -147,7 +157,10 @@ export class TranscriptTail {
       this.#cursor = cursor;
       // A refusal's error and its interruption line may land in two reads.
       const carried = this.#pendingErrors.map((id) =>
-        JSON.stringify({ type: 'user', message: { content: [{ type: 'tool_result', tool_use_id: id, is_error: true }] } }),
+        JSON.stringify({
+          type: 'user',
+          message: { content: [{ type: 'tool_result', tool_use_id: id, is_error: true }] },
+        }),
       );
       const facts = transcriptFacts([...carried, ...lines]);
       this.#pendingErrors = facts.pendingErrors;

@@ -1,0 +1,180 @@
+// A permission request as an approval, and the answers Claude Code reads
+// back: nothing is allowed that wasn't, a wider answer adds exactly the rule
+// it names, and what is kept for display stays within its limits.
+
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import path from 'node:path';
+import { test } from 'node:test';
+import { fileURLToPath } from 'node:url';
+
+import {
+  answerFor,
+  approvalFrom,
+  callKey,
+  DENY_MESSAGE,
+  displayInput,
+  MAX_INPUT_JSON_BYTES,
+  PLAN_DENY_MESSAGE,
+} from '../src/claude/permission.js';
+
+const fixtures = path.join(path.dirname(fileURLToPath(import.meta.url)), 'fixtures', 'claude');
+const bash = JSON.parse(fs.readFileSync(path.join(fixtures, 'permission-request-bash.json'), 'utf8'));
+const plan = {
+  ...bash,
+  tool_name: 'ExitPlanMode',
+  tool_input: { plan: '1. Do it\n2. Check it' },
+  permission_suggestions: [],
+};
+const question = {
+  ...bash,
+  tool_name: 'AskUserQuestion',
+  tool_input: {
+    questions: [
+      { question: 'Which?', header: 'Pick', multiSelect: false, options: [{ label: 'A', description: 'first' }] },
+    ],
+  },
+};
+const suggested = {
+  ...bash,
+  permission_suggestions: [
+    ...bash.permission_suggestions,
+    {
+      type: 'addRules',
+      rules: [{ toolName: 'Bash', ruleContent: 'touch:*' }],
+      behavior: 'allow',
+      destination: 'localSettings',
+    },
+  ],
+};
+
+const decision = (output) => output?.hookSpecificOutput?.decision;
+
+const answerRows = [
+  ['allow lets this one call run, and adds nothing', 'allow', bash, { behavior: 'allow' }],
+  ['deny refuses with a short message for Claude', 'deny', bash, { behavior: 'deny', message: DENY_MESSAGE }],
+  ['a plan sent back keeps Claude planning', 'deny', plan, { behavior: 'deny', message: PLAN_DENY_MESSAGE }],
+  ['a plan approved is allowed without rules', 'always', plan, { behavior: 'allow' }],
+  ['a question is answered where its options are shown', 'allow', question, undefined],
+  ['an unknown word allows nothing', 'yes please', bash, undefined],
+];
+
+test('answers as Claude Code reads them', () => {
+  for (const [name, given, event, expected] of answerRows) {
+    const output = answerFor(given, event);
+    if (expected === undefined) assert.equal(output, null, name);
+    else {
+      assert.equal(output.hookSpecificOutput.hookEventName, 'PermissionRequest', name);
+      assert.deepEqual(decision(output), expected, name);
+    }
+  }
+});
+
+const ruleRows = [
+  [
+    'session: the exact command, for this session only',
+    'session',
+    bash,
+    [
+      {
+        type: 'addRules',
+        rules: [{ toolName: 'Bash', ruleContent: bash.tool_input.command }],
+        behavior: 'allow',
+        destination: 'session',
+      },
+    ],
+  ],
+  [
+    'always: the exact command, kept in the project’s local settings',
+    'always',
+    bash,
+    [
+      {
+        type: 'addRules',
+        rules: [{ toolName: 'Bash', ruleContent: bash.tool_input.command }],
+        behavior: 'allow',
+        destination: 'localSettings',
+      },
+    ],
+  ],
+  [
+    'session: Claude Code’s own suggested rule comes along, re-aimed at the session',
+    'session',
+    suggested,
+    [
+      {
+        type: 'addRules',
+        rules: [{ toolName: 'Bash', ruleContent: bash.tool_input.command }],
+        behavior: 'allow',
+        destination: 'session',
+      },
+      {
+        type: 'addRules',
+        rules: [{ toolName: 'Bash', ruleContent: 'touch:*' }],
+        behavior: 'allow',
+        destination: 'session',
+      },
+    ],
+  ],
+  [
+    'a fetch is allowed for its host',
+    'always',
+    { ...bash, tool_name: 'WebFetch', tool_input: { url: 'https://example.com/a?b' }, permission_suggestions: [] },
+    [
+      {
+        type: 'addRules',
+        rules: [{ toolName: 'WebFetch', ruleContent: 'domain:example.com' }],
+        behavior: 'allow',
+        destination: 'localSettings',
+      },
+    ],
+  ],
+];
+
+test('wider answers add exactly the rule they name (never a mode or a folder)', () => {
+  for (const [name, given, event, rules] of ruleRows) {
+    const answer = decision(answerFor(given, event));
+    assert.equal(answer.behavior, 'allow', name);
+    assert.deepEqual(answer.updatedPermissions, rules, name);
+  }
+});
+
+test('approvals by kind', () => {
+  const rows = [
+    [
+      'a Bash call',
+      bash,
+      { kind: 'tool', summary: bash.tool_input.command, reason: 'Make a file', canSession: true, canAlways: true },
+    ],
+    ['a plan', plan, { kind: 'plan', plan: '1. Do it\n2. Check it', summary: 'ExitPlanMode', canSession: false }],
+    ['a question', question, { kind: 'question', questions: question.tool_input.questions, canAlways: false }],
+    [
+      'a multi-line command shows its first line',
+      { ...bash, tool_input: { command: '\n  set -e\n  make all' } },
+      { summary: 'set -e' },
+    ],
+  ];
+  for (const [name, event, expected] of rows) {
+    const approval = approvalFrom(event, { id: 'ap1', now: 1000, expiresAt: 2000 });
+    assert.equal(approval.sessionId, bash.session_id, name);
+    assert.deepEqual([approval.createdAt, approval.expiresAt], [1000, 2000], name);
+    for (const [key, value] of Object.entries(expected)) assert.deepEqual(approval[key], value, `${name}: ${key}`);
+  }
+});
+
+test('a tool input kept for display stays within its limits, and both sides of a tie cut alike', () => {
+  const huge = {
+    content: 'x'.repeat(1_000_000),
+    list: Array.from({ length: 500 }, (_, i) => i),
+    deep: { a: { b: { c: { d: { e: { f: { g: 1 } } } } } } },
+  };
+  const kept = displayInput(huge);
+  assert.ok(Buffer.byteLength(JSON.stringify(kept)) <= MAX_INPUT_JSON_BYTES);
+  assert.equal(kept.content.length, 2001);
+  assert.equal(kept.list.length, 51);
+  assert.equal(kept.deep.a.b.c.d.e, '…');
+  const wide = Object.fromEntries(Array.from({ length: 40 }, (_, i) => [`k${i}`, 'y'.repeat(1900)]));
+  assert.deepEqual(displayInput(wide), { truncated: true });
+  assert.equal(callKey('Write', huge), callKey('Write', JSON.parse(JSON.stringify(huge))));
+  assert.notEqual(callKey('Write', huge), callKey('Edit', huge));
+});

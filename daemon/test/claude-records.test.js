@@ -1,0 +1,279 @@
+// What the service reads out of Claude Code: a session's state after each
+// event, a transcript followed as it grows, and the status line's windows and
+// their pace. Payloads and transcript are the ones Claude Code really wrote
+// (test/fixtures/claude).
+
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import path from 'node:path';
+import { test } from 'node:test';
+import { fileURLToPath } from 'node:url';
+
+import { blockedFrom, sessionAfter, titleFrom } from '../src/claude/hook-event.js';
+import { usageRate, windowsFrom } from '../src/claude/status-line.js';
+import { transcriptFacts, TranscriptTail } from '../src/claude/transcript.js';
+import { scratchFolder } from './helpers.js';
+
+const fixtures = path.join(path.dirname(fileURLToPath(import.meta.url)), 'fixtures', 'claude');
+const fixture = (name) => JSON.parse(fs.readFileSync(path.join(fixtures, name), 'utf8'));
+const transcriptLines = fs
+  .readFileSync(path.join(fixtures, 'transcript-interactive.jsonl'), 'utf8')
+  .split('\n')
+  .filter(Boolean);
+
+const NOW = 1_795_000_000_000;
+const waiting = { id: 's', state: 'needs_you', pendingApprovalIds: ['ap1'], activity: 'Bash: x' };
+const usageFull = {
+  fiveHour: { pct: 100, resetsAt: NOW + 3600_000 },
+  sevenDay: { pct: 30, resetsAt: NOW + 86400_000 },
+};
+
+const sessionRows = [
+  [
+    'a first event makes the session, idle, in its folder',
+    undefined,
+    fixture('session-start.json'),
+    { state: 'idle', projectName: 'proj', cwd: '/tmp/cc-try/proj', createdAt: NOW },
+  ],
+  ['a terminal session says so', undefined, fixture('session-start.json'), { origin: 'terminal' }, { tty: true }],
+  [
+    'a prompt makes it work and titles it',
+    { id: 's', state: 'idle' },
+    fixture('user-prompt-submit.json'),
+    { state: 'working', title: 'make a file please' },
+  ],
+  [
+    'a later prompt keeps the first title',
+    { id: 's', state: 'idle', title: 'First' },
+    fixture('user-prompt-submit.json'),
+    { title: 'First' },
+  ],
+  [
+    'a new prompt clears a block',
+    { id: 's', state: 'idle', blocked: { kind: 'limit' } },
+    fixture('user-prompt-submit.json'),
+    { blocked: undefined },
+  ],
+  [
+    'a tool call is the activity',
+    { id: 's', state: 'working' },
+    fixture('pre-tool-use-bash.json'),
+    { activity: 'Bash: touch /tmp/cc-try/proj/made-by-claude', state: 'working' },
+  ],
+  [
+    'an open approval holds the session on the user through tool events',
+    waiting,
+    fixture('pre-tool-use-bash.json'),
+    { state: 'needs_you' },
+  ],
+  [
+    'a finished call clears the activity',
+    { id: 's', state: 'working', activity: 'Bash: x' },
+    fixture('post-tool-use-bash.json'),
+    { activity: undefined, state: 'working' },
+  ],
+  [
+    'sub-agents are counted up',
+    { id: 's', state: 'working', agentsRunning: 1 },
+    { ...fixture('stop.json'), hook_event_name: 'SubagentStart' },
+    { agentsRunning: 2 },
+  ],
+  [
+    'and down, never below none',
+    { id: 's', state: 'working' },
+    { ...fixture('stop.json'), hook_event_name: 'SubagentStop' },
+    { agentsRunning: 0 },
+  ],
+  [
+    'a permission note waits on the user',
+    { id: 's', state: 'working' },
+    fixture('notification-permission.json'),
+    { state: 'needs_you' },
+  ],
+  [
+    'an idle note makes it idle',
+    { id: 's', state: 'working' },
+    { ...fixture('notification-permission.json'), notification_type: 'idle_prompt' },
+    { state: 'idle' },
+  ],
+  [
+    'the end of a turn: idle, with its last words',
+    { id: 's', state: 'working', activity: 'x' },
+    fixture('stop.json'),
+    { state: 'idle', lastText: 'Done.', activity: undefined },
+  ],
+  [
+    'a limit reached blocks with the reset of the full window',
+    { id: 's', state: 'working' },
+    fixture('stop-failure-rate-limit.json'),
+    {
+      state: 'idle',
+      blocked: {
+        kind: 'limit',
+        resetsAt: NOW + 3600_000,
+        text: fixture('stop-failure-rate-limit.json').last_assistant_message,
+      },
+    },
+    { usage: usageFull },
+  ],
+  [
+    'a lost sign-in blocks as logged out',
+    { id: 's', state: 'working' },
+    { ...fixture('stop-failure-rate-limit.json'), error: 'authentication_failed', last_assistant_message: undefined },
+    { blocked: { kind: 'logged_out' } },
+  ],
+  [
+    'a server failure is an error, not a block',
+    { id: 's', state: 'working' },
+    { ...fixture('stop-failure-rate-limit.json'), error: 'server_error', last_assistant_message: 'API Error: 500' },
+    { state: 'error', blocked: undefined, lastText: 'API Error: 500' },
+  ],
+  [
+    'the end of the session',
+    { id: 's', state: 'idle', agentsRunning: 2 },
+    { ...fixture('stop.json'), hook_event_name: 'SessionEnd' },
+    { state: 'ended', agentsRunning: 0 },
+  ],
+  [
+    'a resumed session comes back',
+    { id: 's', state: 'ended' },
+    { ...fixture('session-start.json'), source: 'resume' },
+    { state: 'idle' },
+  ],
+];
+
+test('a session after each event', () => {
+  for (const [name, before, event, expected, context = {}] of sessionRows) {
+    const after = sessionAfter(before, event, { now: NOW, ...context });
+    assert.equal(after.lastActivityAt, NOW, name);
+    for (const [key, value] of Object.entries(expected)) assert.deepEqual(after[key], value, `${name}: ${key}`);
+  }
+});
+
+test('titles and blocks from words', () => {
+  assert.equal(titleFrom('\n\n  fix   the\ttests  \nand more'), 'fix the tests');
+  assert.equal(titleFrom('x'.repeat(200)).length, 81);
+  assert.equal(titleFrom(' \n '), undefined);
+  assert.deepEqual(blockedFrom({ error: 'rate_limit' }, { fiveHour: { pct: 64 } }), { kind: 'limit' });
+  assert.deepEqual(blockedFrom({ error: 'billing_error' }), { kind: 'no_credit' });
+  assert.equal(blockedFrom({ error: 'max_output_tokens' }), null);
+});
+
+test('the real transcript: a call refused in the terminal, one allowed, the last words, unknown lines passed over', () => {
+  const facts = transcriptFacts(transcriptLines);
+  const denied = fixture('permission-request-bash.json');
+  assert.ok(facts.toolUses.length >= 2);
+  assert.ok(facts.toolUses.every((use) => use.name === 'Bash' && use.input.command === denied.tool_input.command));
+  const outcomes = Object.fromEntries(facts.outcomes.map(({ id, outcome }) => [id, outcome]));
+  assert.equal(outcomes[facts.toolUses[0].id], 'refused');
+  assert.equal(outcomes[fixture('post-tool-use-bash.json').tool_use_id], 'done');
+  assert.equal(facts.lastText, fixture('stop-failure-rate-limit.json').last_assistant_message);
+  assert.equal(facts.model, 'claude-sonnet-5-5');
+});
+
+const outcomeRows = [
+  [
+    'an error then the interruption is a refusal',
+    [
+      ['err', 't1'],
+      ['text', '[Request interrupted by user for tool use]'],
+    ],
+    { t1: 'refused' },
+  ],
+  [
+    'an error then a new prompt is a failure',
+    [
+      ['err', 't1'],
+      ['text', 'try again'],
+    ],
+    { t1: 'failed' },
+  ],
+  [
+    'a reminder between changes nothing',
+    [
+      ['err', 't1'],
+      ['text', '<system-reminder>x</system-reminder>'],
+      ['text', '[Request interrupted by user for tool use]'],
+    ],
+    { t1: 'refused' },
+  ],
+  ['a result without error ran', [['ok', 't1']], { t1: 'done' }],
+  ['an error alone is not decided yet', [['err', 't1']], {}],
+];
+
+test('how calls ended', () => {
+  const line = ([kind, value]) =>
+    JSON.stringify({
+      type: 'user',
+      message: {
+        role: 'user',
+        content: [
+          kind === 'text'
+            ? { type: 'text', text: value }
+            : { type: 'tool_result', tool_use_id: value, is_error: kind === 'err' },
+        ],
+      },
+    });
+  for (const [name, lines, expected] of outcomeRows) {
+    const facts = transcriptFacts(['not json', '{"type":"queue-operation"}', ...lines.map(line)]);
+    assert.deepEqual(Object.fromEntries(facts.outcomes.map(({ id, outcome }) => [id, outcome])), expected, name);
+  }
+});
+
+test('a transcript is read on from where it stopped, also after a restart, and a runaway line is passed over', async (t) => {
+  const folder = await scratchFolder(t);
+  const file = path.join(folder, 's.jsonl');
+  const say = (text) =>
+    JSON.stringify({
+      type: 'assistant',
+      message: { role: 'assistant', model: 'm', content: [{ type: 'text', text }] },
+    });
+  fs.writeFileSync(file, `${say('one')}\n`);
+  const tail = new TranscriptTail(file);
+  assert.equal((await tail.read()).lastText, 'one');
+  assert.equal((await tail.read()).lastText, undefined, 'nothing new');
+  fs.appendFileSync(file, `${say('two')}\n${'x'.repeat(2 * 1024 * 1024)}\n${say('three')}\n${say('half')}`);
+  const again = new TranscriptTail(file, tail.saved());
+  assert.equal((await again.read()).lastText, 'three', 'the unfinished line waits');
+  fs.appendFileSync(file, '\n');
+  assert.equal((await again.read()).lastText, 'half');
+  assert.equal(await new TranscriptTail(path.join(folder, 'gone.jsonl')).read(), null);
+});
+
+test('the status line’s windows, from what Claude Code sent', () => {
+  assert.equal(windowsFrom(fixture('status-line-first.json')), null);
+  const { rate_limits: limits } = fixture('status-line-rate-limits.json');
+  assert.deepEqual(windowsFrom(fixture('status-line-rate-limits.json')), {
+    fiveHour: { pct: 64, resetsAt: limits.five_hour.resets_at * 1000 },
+    sevenDay: { pct: 20, resetsAt: limits.seven_day.resets_at * 1000 },
+  });
+  assert.equal(windowsFrom({ rate_limits: { five_hour: { used_percentage: 'lots' } } }), null);
+});
+
+const reading = (minutes, pct, resetsAt = NOW + 3 * 3600_000) => ({
+  at: NOW + minutes * 60_000,
+  fiveHour: { pct, resetsAt },
+});
+
+const rateRows = [
+  ['one reading tells nothing', [reading(0, 10)], undefined],
+  ['readings under a minute apart tell nothing', [reading(0, 10), reading(0.5, 12)], undefined],
+  [
+    '2% in 10 minutes reaches the limit in 7 hours: after the reset, so no time',
+    [reading(0, 10), reading(10, 12)],
+    { fiveHour: 0.2 },
+  ],
+  [
+    '10% in 10 minutes reaches it in 80 minutes',
+    [reading(0, 10), reading(10, 20)],
+    { fiveHour: 1, fiveHourEtaMs: 80 * 60_000, fiveHourLimitAt: NOW + 90 * 60_000 },
+  ],
+  ['a reset starts the count again', [reading(0, 90, NOW), reading(10, 5)], undefined],
+  ['a window going down is no pace', [reading(0, 30), reading(10, 20)], { fiveHour: 0 }],
+];
+
+test('the pace of a window from successive readings', () => {
+  for (const [name, readings, expected] of rateRows) {
+    assert.deepEqual(usageRate(readings, readings.at(-1).at), expected, name);
+  }
+});

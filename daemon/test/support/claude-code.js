@@ -1,0 +1,159 @@
+// Real Claude Code for the end-to-end suites, offline: the program pinned in
+// test/tools (npm ci there), a scratch home with the integration installed
+// in its settings, and the Messages API stand-in as its server. Nothing here
+// reads or writes the person's own ~/.claude or ~/.config.
+
+import { spawn, spawnSync } from 'node:child_process';
+import fs from 'node:fs';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+
+import { installIntoSettings } from '../../src/claude/hook-settings.js';
+import { eventually, sleep } from '../helpers.js';
+import { startMessagesStandIn } from './messages-standin.js';
+
+const here = path.dirname(fileURLToPath(import.meta.url));
+
+/** The pinned `claude`; absent until `npm ci` ran in test/tools. */
+export const CLAUDE = path.join(here, '..', 'tools', 'node_modules', '.bin', 'claude');
+
+const API_KEY = 'sk-ant-tidewatch-test-key';
+
+/** The hook program the integration installs. */
+export const HOOK_PROGRAM = path.resolve(here, '..', '..', 'bin', 'tidewatch-hook.mjs');
+
+/** @return {string|null} Why the suites can't run here, or null when they can. */
+export function missingClaude() {
+  if (!fs.existsSync(CLAUDE)) return 'Claude Code isn’t installed for the tests (npm ci in daemon/test/tools).';
+  return null;
+}
+
+/** @return {string|null} Why the interactive suites can't run here. */
+export function missingTmux() {
+  return spawnSync('tmux', ['-V']).status === 0 ? null : 'tmux isn’t installed.';
+}
+
+/**
+ * A scratch home for Claude Code: the integration's settings, onboarding
+ * done, the project folder trusted.
+ *
+ * @param {string} folder A scratch folder
+ * @param {string} support The service's support folder
+ * @param {Object} [options]
+ * @param {Object} [options.settings] The person's own settings before the install
+ * @return {{home: string, project: string, settingsFile: string}}
+ */
+export function claudeHome(folder, support, { settings = {} } = {}) {
+  const home = path.join(folder, 'home');
+  const project = path.join(folder, 'project');
+  fs.mkdirSync(path.join(home, '.claude'), { recursive: true });
+  fs.mkdirSync(project, { recursive: true });
+  const settingsFile = path.join(home, '.claude', 'settings.json');
+  const installed = installIntoSettings(settings, { node: process.execPath, program: HOOK_PROGRAM, support });
+  fs.writeFileSync(settingsFile, JSON.stringify(installed, null, 2));
+  fs.writeFileSync(
+    path.join(home, '.claude.json'),
+    JSON.stringify({
+      hasCompletedOnboarding: true,
+      theme: 'dark',
+      // The test key, taken without the question Claude Code asks about a key it finds.
+      customApiKeyResponses: { approved: [API_KEY.slice(-20)], rejected: [] },
+      projects: { [project]: { hasTrustDialogAccepted: true, hasCompletedProjectOnboarding: true } },
+    }),
+  );
+  return { home, project, settingsFile };
+}
+
+/**
+ * The environment Claude Code runs in: only what it needs, everything of the
+ * home in the scratch folder.
+ */
+export function claudeEnv(home, standIn, { subscription = false } = {}) {
+  const env = {
+    PATH: '/usr/local/bin:/usr/bin:/bin',
+    HOME: home,
+    XDG_CONFIG_HOME: path.join(home, '.config'),
+    XDG_DATA_HOME: path.join(home, '.local', 'share'),
+    XDG_STATE_HOME: path.join(home, '.local', 'state'),
+    XDG_CACHE_HOME: path.join(home, '.cache'),
+    TERM: 'xterm-256color',
+    LANG: 'C.UTF-8',
+    ANTHROPIC_BASE_URL: standIn.url,
+    CLAUDE_CODE_DISABLE_NONESSENTIAL_TRAFFIC: '1',
+    DISABLE_AUTOUPDATER: '1',
+  };
+  // A subscription sign-in is what makes Claude Code read the usage headers.
+  if (subscription) env.CLAUDE_CODE_OAUTH_TOKEN = 'tidewatch-test-token';
+  else env.ANTHROPIC_API_KEY = API_KEY;
+  return env;
+}
+
+/** Starts the stand-in, closed after the test. */
+export async function standInFor(t, script) {
+  const standIn = await startMessagesStandIn({ script });
+  t.after(() => standIn.close());
+  return standIn;
+}
+
+/**
+ * Runs `claude -p` in the project folder.
+ *
+ * @return {{child: ChildProcess, done: Promise<{code: number, stdout: string, stderr: string, ms: number}>}}
+ */
+export function claudePrint(t, { home, project, standIn, prompt, extra = [] }) {
+  const started = Date.now();
+  const child = spawn(CLAUDE, ['-p', '--permission-mode', 'default', ...extra, prompt], {
+    cwd: project,
+    env: claudeEnv(home, standIn),
+    stdio: ['ignore', 'pipe', 'pipe'],
+  });
+  let stdout = '';
+  let stderr = '';
+  child.stdout.on('data', (chunk) => (stdout += chunk));
+  child.stderr.on('data', (chunk) => (stderr += chunk));
+  const done = new Promise((resolve) =>
+    child.on('close', (code) => resolve({ code, stdout, stderr, ms: Date.now() - started })),
+  );
+  t.after(() => child.kill('SIGKILL'));
+  return { child, done };
+}
+
+/**
+ * The interactive program in a tmux server of its own.
+ *
+ * @return {Promise<{screen: function(): string, type: function(string): void,
+ *     keys: function(...string): void, waitFor: function(RegExp, string, number): Promise<string>}>}
+ */
+export async function claudeInteractive(t, { home, project, standIn, subscription = false }) {
+  const socket = `tidewatch-test-${process.pid}-${Math.random().toString(16).slice(2, 8)}`;
+  const tmux = (...args) => spawnSync('tmux', ['-L', socket, ...args], { encoding: 'utf8' });
+  const env = claudeEnv(home, standIn, { subscription });
+  const command = [
+    'env',
+    '-i',
+    ...Object.entries(env).map(([k, v]) => `${k}=${v}`),
+    CLAUDE,
+    '--permission-mode',
+    'default',
+  ]
+    .map((word) => `'${word.replace(/'/g, `'\\''`)}'`)
+    .join(' ');
+  const started = tmux('new-session', '-d', '-s', 'claude', '-x', '160', '-y', '50', '-c', project, command);
+  if (started.status !== 0) throw new Error(`tmux didn’t start: ${started.stderr}`);
+  t.after(() => tmux('kill-server'));
+  const screen = () => tmux('capture-pane', '-p', '-t', 'claude').stdout ?? '';
+  const session = {
+    screen,
+    keys: (...keys) => tmux('send-keys', '-t', 'claude', ...keys),
+    async type(text) {
+      tmux('send-keys', '-t', 'claude', '-l', text);
+      await sleep(300);
+      tmux('send-keys', '-t', 'claude', 'Enter');
+    },
+    waitFor: (pattern, what, timeoutMs = 20000) =>
+      eventually(() => pattern.test(screen()) && screen(), what, timeoutMs),
+  };
+  // The status line is drawn once the program is ready for a prompt.
+  await session.waitFor(/Tidewatch/, 'Claude Code ready, with its status line', 30000);
+  return session;
+}
