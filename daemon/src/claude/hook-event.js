@@ -4,23 +4,11 @@
 
 import path from 'node:path';
 
+import { REPORT_EVENTS, WAITING_EVENT } from './hook-settings.js';
 import { activityOf } from './permission.js';
 
-/** The events the service understands; any other is refused. */
-export const HOOK_EVENTS = [
-  'SessionStart',
-  'UserPromptSubmit',
-  'PreToolUse',
-  'PermissionRequest',
-  'PostToolUse',
-  'PostToolUseFailure',
-  'SubagentStart',
-  'SubagentStop',
-  'Notification',
-  'Stop',
-  'StopFailure',
-  'SessionEnd',
-];
+/** The events the service understands, the ones it hooks; any other is refused. */
+export const HOOK_EVENTS = [...REPORT_EVENTS, WAITING_EVENT];
 
 /** Longest session id, tool name or tool call id taken. */
 export const MAX_ID_CHARS = 200;
