@@ -43,7 +43,7 @@ function xdgFolder(env, name, fallback) {
  * @param {string} [system.platform=process.platform]
  * @param {string} [system.home=os.homedir()]
  * @return {{support: string, logs: string, apiPort: number, localPort: number, testCopy: boolean,
- *     codexHome: string, codexPath: (string|null)}} `codexHome` is Codex's
+ *     codexHome: string, codexPath: (string|null), claudeSettings: string}} `codexHome` is Codex's
  *     own folder, `CODEX_HOME` as Codex reads it, else ~/.codex (a test copy
  *     without `CODEX_HOME` gets an empty one in its support folder, so that it
  *     never reads the person's sessions); `codexPath` is the program named
@@ -71,6 +71,13 @@ export function readConfig(env = process.env, { platform = process.platform, hom
   let codexHome = testCopy ? path.join(support, 'codex-home') : path.join(home, '.codex');
   if (given('CODEX_HOME') !== null) codexHome = path.resolve(given('CODEX_HOME'));
 
+  // Claude Code's user settings, where the integration goes: the same rule,
+  // so a test copy never connects the person's own Claude Code.
+  let claudeSettings = testCopy
+    ? path.join(support, 'claude-home', '.claude', 'settings.json')
+    : path.join(home, '.claude', 'settings.json');
+  if (given('CLAUDE_CONFIG_DIR') !== null) claudeSettings = path.join(path.resolve(given('CLAUDE_CONFIG_DIR')), 'settings.json');
+
   return {
     support,
     logs,
@@ -78,6 +85,7 @@ export function readConfig(env = process.env, { platform = process.platform, hom
     localPort: parsePort(given('TIDEWATCH_LOCAL_PORT')) ?? DEFAULT_LOCAL_PORT,
     testCopy,
     codexHome,
+    claudeSettings,
     codexPath: given('TIDEWATCH_CODEX') !== null ? path.resolve(given('TIDEWATCH_CODEX')) : null,
   };
 }

@@ -13,7 +13,7 @@ import { fileURLToPath } from 'node:url';
 
 import { HttpError } from './http-reply.js';
 import { installIntoSettings, integrationState, removeFromSettings } from './claude/hook-settings.js';
-import { ensurePrivateFolder, writeFileAtomically } from './private-files.js';
+import { writeFileAtomically } from './private-files.js';
 
 /** The largest settings file read, in bytes; Claude Code's own are a few kilobytes. */
 export const MAX_SETTINGS_BYTES = 4 * 1024 * 1024;
@@ -241,5 +241,3 @@ export function addIntegrationRoutes(router, { integration, state }) {
       return { released: true, name: name.host };
     });
 }
-
-export { ensurePrivateFolder };

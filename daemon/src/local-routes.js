@@ -4,6 +4,7 @@
 import { addActionRoutes } from './action-routes.js';
 import { addAwakeRoutes } from './awake-routes.js';
 import { addClaudeRoutes } from './claude/claude-routes.js';
+import { addIntegrationRoutes } from './integration.js';
 import { addQaRoutes } from './qa-routes.js';
 import { Router } from './router.js';
 import { addSettingsRoutes } from './settings-routes.js';
@@ -17,9 +18,10 @@ import { addSettingsRoutes } from './settings-routes.js';
  * @param {AwakeKeeper} parts.keeper Stay awake
  * @param {CodexAgent} [parts.codex] Codex, looked at again on a refresh
  * @param {ClaudeAgent} [parts.claude] Claude Code's hooks report here
+ * @param {Integration} [parts.integration] Claude Code's settings
  * @return {Router}
  */
-export function localRoutes({ state, faults, feed, health, keeper, codex, claude }) {
+export function localRoutes({ state, faults, feed, health, keeper, codex, claude, integration }) {
   const router = new Router()
     .add('GET', '/v1/snapshot', () => state.snapshot())
     // `fresh=1` asks for a new look rather than the cache; everything here
@@ -30,6 +32,7 @@ export function localRoutes({ state, faults, feed, health, keeper, codex, claude
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });
   if (claude) addClaudeRoutes(router, { claude });
+  if (integration) addIntegrationRoutes(router, { integration, state });
   addQaRoutes(router, { state, faults, feed, health });
   return router;
 }

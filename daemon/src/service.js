@@ -2,6 +2,7 @@
 // and the feed, started together and closed together.
 
 import os from 'node:os';
+import path from 'node:path';
 
 import { loadAdminToken } from './admin-token.js';
 import { apiRoutes } from './api-routes.js';
@@ -11,6 +12,7 @@ import { CodexAgent } from './codex/codex-agent.js';
 import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';
 import { FaultBook, PendingTimers } from './faults.js';
 import { FeedServer } from './feed-server.js';
+import { hookPlace, Integration } from './integration.js';
 import { closeListener, createListener, HOST, listen } from './listener.js';
 import { localRoutes } from './local-routes.js';
 import { Log } from './log.js';
@@ -32,6 +34,7 @@ import { VERSION } from './version.js';
  * @property {CodexAgent} codex
  * @property {Promise<void>} codexReady When Codex's first look (program and files) is done
  * @property {ClaudeAgent} claude Claude Code through its hooks and status line
+ * @property {Integration} integration Claude Code's settings, connected on request
  * @property {StatePersister} persister
  * @property {Log} log
  * @property {string} startLine The sentence that announces the start
@@ -63,6 +66,8 @@ import { VERSION } from './version.js';
  *     (see CodexAgent)
  * @param {Object} [options.claude] For tests: `approvalWaitMs`,
  *     `transcriptPollMs`, `now` (see ClaudeAgent)
+ * @param {string} [options.claudeSettings] Claude Code's user settings file;
+ *     ~/.claude/settings.json of the home the service runs under
  * @param {Object} [options.persist] For tests: `now`, `saveDelayMs`,
  *     `saveMaxDelayMs`, `sweepEveryMs` (see StatePersister)
  * @return {Promise<RunningService>}
@@ -81,6 +86,7 @@ export async function startService({
   codex: codexOptions = {},
   persist: persistOptions = {},
   claude: claudeOptions = {},
+  claudeSettings = path.join(os.homedir(), '.claude', 'settings.json'),
 }) {
   ensurePrivateFolder(support);
   ensurePrivateFolder(logs);
@@ -122,6 +128,7 @@ export async function startService({
     ...claudeOptions,
   });
   persister.addSection('claude', { save: () => claude.saved(), restore: (saved) => claude.restore(saved) });
+  const integration = new Integration({ state, settingsFile: claudeSettings, place: hookPlace(support), log });
   const faults = new FaultBook();
   const pending = new PendingTimers();
   // Switched by /qa to make the service look hung while its feed lives on.
@@ -138,7 +145,7 @@ export async function startService({
     hotAt: awakeOptions.hotAt,
   });
   const localServer = createListener({
-    router: localRoutes({ state, faults, feed, health, keeper, codex, claude }),
+    router: localRoutes({ state, faults, feed, health, keeper, codex, claude, integration }),
     faults,
     pending,
     log,
@@ -163,6 +170,7 @@ export async function startService({
   }
   state.setApiPort(ports.api);
   persister.start();
+  integration.start();
   claude.start({ localPort: ports.local });
   const codexReady = codex.start().catch((error) => log.error(`Codex couldn’t be followed: ${error?.stack ?? error}`));
 
@@ -176,6 +184,7 @@ export async function startService({
     closing ??= (async () => {
       codex.close();
       claude.close();
+      integration.close();
       persister.close();
       pending.clear();
       await feed.close();
@@ -196,6 +205,7 @@ export async function startService({
     codex,
     codexReady,
     claude,
+    integration,
     persister,
     log,
     startLine,

@@ -80,6 +80,8 @@ export function request(port, method, target, { body, headers = {}, chunked = fa
  *     default no folder is searched for the program
  * @param {Object} [options.persist] Timing of the kept state (see startService)
  * @param {Object} [options.claude] Claude Code's waits (see startService)
+ * @param {string} [options.claudeSettings] Claude Code's settings file; by
+ *     default one in the scratch folder
  * @return {Promise<Object>} {service, folder, support, logs, token, api(),
  *     local(), feed()} where api() and local() are {@link request} on that
  *     port, local() with the token unless headers say otherwise, and feed()
@@ -87,7 +89,7 @@ export function request(port, method, target, { body, headers = {}, chunked = fa
  */
 export async function startScratchService(
   t,
-  { folder, feed, awake, codexHome, codexPath = null, codex = {}, persist, claude } = {},
+  { folder, feed, awake, codexHome, codexPath = null, codex = {}, persist, claude, claudeSettings } = {},
 ) {
   folder ??= await scratchFolder(t);
   const support = path.join(folder, 'support');
@@ -104,6 +106,8 @@ export async function startScratchService(
     codex: { searchPath: [], folders: [], ...codex },
     persist,
     claude,
+    // Never the person's own Claude Code settings.
+    claudeSettings: claudeSettings ?? path.join(folder, 'claude-home', '.claude', 'settings.json'),
   });
   t.after(() => service.close());
   const token = (await fs.readFile(path.join(support, 'admin-token'), 'utf8')).trim();
