@@ -6,6 +6,8 @@
 #include "entry/StreamSelfTest.h"
 #include "platform/Platform.h"
 #include "setup/NodeInstaller.h"
+#include "setup/ServiceInstaller.h"
+#include "setup/ServiceSteps.h"
 
 #include <QSemaphore>
 #include <QThreadPool>
@@ -60,8 +62,14 @@ int runStep(const QString& name)
         return BackpackSteps::setUp(environment, platform::systemUserName(), printLine);
     if (name == QLatin1StringView("uninstall-backpack"))
         return BackpackSteps::remove(environment, printLine);
-    if (CommandLine::runStepNames().contains(name))
-        return notInThisBuild("--run-step");
+    if (name == QLatin1StringView("service"))
+        return ServiceSteps::service(ServiceInstaller(), printLine);
+    if (name == QLatin1StringView("integration"))
+        return ServiceSteps::integration(environment, printLine);
+    if (name == QLatin1StringView("tailscale"))
+        return ServiceSteps::tailscale(environment, printLine);
+    if (name == QLatin1StringView("uninstall-service"))
+        return ServiceSteps::uninstallService(ServiceInstaller(), printLine);
     printLine(QStringLiteral("Unknown step '%1'. Use one of: %2")
                   .arg(name, CommandLine::runStepNames().join(QStringLiteral(", "))));
     return 64;
@@ -103,7 +111,9 @@ int runOneShot(const CommandLine& line)
     case Work::NodeDownload:
         return runOffMainThread([&line] { return downloadNode(*line.value); });
     case Work::SdkFetch:
-        return notInThisBuild("--selftest-sdk-fetch");
+        return runOffMainThread([&line] {
+            return ServiceSteps::sdkFetchCheck(Environment::current(), line.value, line.nodePath, printLine);
+        });
     case Work::BackpackScripts: {
         // Prints, runs nothing.
         const auto [text, nameable] = BackpackSetup::printScripts(platform::systemUserName());

@@ -4,6 +4,7 @@
 #include "entry/Shell.h"
 #include "platform/Platform.h"
 #include "setup/Fetch.h"
+#include "setup/OutsideTools.h"
 #include "setup/NodeVersion.h"
 
 #include <QCryptographicHash>
@@ -145,7 +146,7 @@ Outcome<QString> expectedSHA256(const QUrl& site, const Release& release)
     return checksumFor(reply.body, release.file);
 }
 
-Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Observer& observer)
+Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Observer& observer, const QString& tar)
 {
     const auto say = [&observer](const QString& line) {
         if (observer.line)
@@ -194,7 +195,7 @@ Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Obse
     say(QStringLiteral("unpacking…"));
     if (!QDir().mkpath(staging))
         return fail(QStringLiteral("Tidewatch couldn’t create its folder %1.").arg(staging));
-    const ShellResult unpacked = Shell::run(QStringLiteral("/usr/bin/tar"),
+    const ShellResult unpacked = Shell::run(tar.isEmpty() ? OutsideTools::current().system.tar : tar,
                                             {QStringLiteral("-xzf"), archive, QStringLiteral("-C"), staging},
                                             std::nullopt, QString(), kUnpackLimit);
     if (unpacked.timedOut || unpacked.status != 0)

@@ -60,6 +60,8 @@ struct Observer {
 };
 
 /// Installs into nodeFolder and gives the new binary's path. Blocks: run it off the main thread.
-Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Observer& observer);
+/// tar: the unpacking program; empty takes the one of OutsideTools.
+Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Observer& observer,
+                         const QString& tar = QString());
 
 } // namespace NodeInstaller

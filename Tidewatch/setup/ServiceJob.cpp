@@ -19,15 +19,25 @@ QString xmlEscaped(QString text)
         .replace(QLatin1Char('>'), QStringLiteral("&gt;"));
 }
 
-// One word for systemd: in double quotes with \ and " escaped, % doubled so no
-// specifier expands, and $ doubled so no variable does.
-QString systemdWord(QString text)
+// One word for systemd: in double quotes with \ and " escaped and % doubled
+// so no specifier expands. On a command line $ is doubled too, so no variable
+// expands; in an Environment= assignment $ means nothing and stays as it is.
+enum class WordUse { Command, Assignment };
+QString systemdWord(QString text, WordUse use = WordUse::Command)
 {
     text.replace(QLatin1Char('\\'), QStringLiteral("\\\\"))
         .replace(QLatin1Char('"'), QStringLiteral("\\\""))
-        .replace(QLatin1Char('%'), QStringLiteral("%%"))
-        .replace(QLatin1Char('$'), QStringLiteral("$$"));
+        .replace(QLatin1Char('%'), QStringLiteral("%%"));
+    if (use == WordUse::Command)
+        text.replace(QLatin1Char('$'), QStringLiteral("$$"));
     return QLatin1Char('"') + text + QLatin1Char('"');
+}
+
+// A path setting takes the rest of the line as it stands: no quotes, only
+// specifiers to escape.
+QString systemdPath(QString path)
+{
+    return path.replace(QLatin1Char('%'), QStringLiteral("%%"));
 }
 
 QString systemdUnwrapped(QString word)
@@ -141,13 +151,13 @@ QString systemdUnit(const Spec& spec)
         QStringLiteral("Type=simple"),
         QStringLiteral("ExecStart=") + systemdWord(spec.nodePath) + QLatin1Char(' ')
             + systemdWord(spec.daemonFolder + QStringLiteral("/src/main")),
-        QStringLiteral("WorkingDirectory=") + systemdWord(spec.daemonFolder),
+        QStringLiteral("WorkingDirectory=") + systemdPath(spec.daemonFolder),
     };
-    for (const QString& key : sortedKeys(spec.variables))
-        lines << QStringLiteral("Environment=") + systemdWord(key + QLatin1Char('=') + spec.variables.value(key));
-    // append: takes the rest of the line as the path, blanks included; only specifiers need escaping.
-    QString log = spec.logFile;
-    log.replace(QLatin1Char('%'), QStringLiteral("%%"));
+    for (const QString& key : sortedKeys(spec.variables)) {
+        lines << QStringLiteral("Environment=")
+                + systemdWord(key + QLatin1Char('=') + spec.variables.value(key), WordUse::Assignment);
+    }
+    const QString log = systemdPath(spec.logFile);
     lines << QStringLiteral("StandardOutput=append:") + log << QStringLiteral("StandardError=append:") + log
           << QStringLiteral("Restart=always") << QStringLiteral("RestartSec=10") << QString()
           << QStringLiteral("[Install]") << QStringLiteral("WantedBy=default.target");

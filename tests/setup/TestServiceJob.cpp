@@ -160,6 +160,8 @@ void TestServiceJob::unitPassesSystemdsOwnCheck()
     // What it says about the missing src/main is about this scratch folder, not the unit's syntax.
     QVERIFY2(!said.contains(QStringLiteral("Invalid")) && !said.contains(QStringLiteral("Unknown")), qPrintable(said));
     QVERIFY2(!said.contains(QStringLiteral("ignoring")), qPrintable(said));
+    // A fatal setting ("path is not absolute") says neither of those words; the status tells.
+    QVERIFY2(check.exitCode() == 0, qPrintable(said));
 }
 
 void TestServiceJob::updates_data()

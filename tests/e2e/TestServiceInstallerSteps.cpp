@@ -1,0 +1,304 @@
+#include "FakeManager.h"
+#include "FreePorts.h"
+#include "Launch.h"
+#include "NodeSite.h"
+#include "ScratchFolder.h"
+#include "ServiceBundle.h"
+#include "ServiceProcess.h"
+
+#include "entry/Preferences.h"
+#include "platform/Platform.h"
+#include "setup/ClaudeSDK.h"
+#include "setup/ServiceInstaller.h"
+#include "setup/ServiceKeeper.h"
+#include "setup/ServiceSteps.h"
+
+#include <QDir>
+#include <QEventLoop>
+#include <QFile>
+#include <QRegularExpression>
+#include <QSysInfo>
+#include <QTest>
+#include <QTimer>
+
+#include <csignal>
+
+using Kind = platform::ServiceManagerKind;
+using Step = ServiceInstaller::Progress::Step;
+
+namespace {
+
+bool alive(int pid)
+{
+    return pid > 0 && ::kill(pid_t(pid), 0) == 0;
+}
+
+QStringList lines(const QString& output)
+{
+    return output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+} // namespace
+
+/// The headless steps as a script runs them: the built program, copied with
+/// a service bundle of its own, installs its test copy's service from
+/// nothing (Node.js from a local site, the SDK from npm, a systemd that
+/// behaves like the real one), updates it, has it repaired by the model's
+/// keeper after its Node.js went away, and takes it off again.
+class TestServiceInstallerSteps : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+
+    void refusalsComeFirst_data();
+    void refusalsComeFirst();
+    void serviceFromNothing();
+    void updateKeepsTheSdk();
+    void repairBringsBackAServiceWhoseNodeIsGone();
+    void uninstallLeavesTheDataAndNothingElse();
+    void sdkFetchCheckFetchesForReal();
+
+private:
+    LaunchResult run(const QStringList& arguments, const QHash<QString, QString>& extra = {});
+    Environment environment() const;
+    ServiceInstaller installer() const;
+
+    std::unique_ptr<ScratchFolder> m_scratch;
+    std::unique_ptr<FakeManager> m_manager;
+    std::unique_ptr<NodeSite> m_site;
+    QString m_program;
+    QString m_bundle;
+    QHash<QString, QString> m_variables;
+    /// What of the user's own folders exists before: none of it may change.
+    QStringList m_realPlaces;
+    QList<bool> m_realPlacesBefore;
+};
+
+void TestServiceInstallerSteps::initTestCase()
+{
+    m_scratch = std::make_unique<ScratchFolder>();
+    m_manager = std::make_unique<FakeManager>(*m_scratch);
+    m_site = std::make_unique<NodeSite>(*m_scratch);
+    QVERIFY2(m_site->isValid(), qPrintable(m_site->problem()));
+    m_program = installProgramCopy(*m_scratch, QStringLiteral("install"));
+    m_bundle = QFileInfo(m_program).dir().absoluteFilePath(QStringLiteral("../share/tidewatch/daemon"));
+    const QList<int> ports = freePorts(2);
+    m_variables = {{QStringLiteral("TIDEWATCH_SUPPORT"), m_scratch->file(QStringLiteral("support"))},
+        {QStringLiteral("TIDEWATCH_API_PORT"), QString::number(ports.value(0))},
+        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(ports.value(1))}};
+
+    // The test copy's own preferences name the site and the outside tools;
+    // no folder here holds a Node.js that stays put.
+    Preferences preferences(environment());
+    preferences.setText(QStringLiteral("nodeDistributionSite"), m_site->base().toString());
+    preferences.setText(QStringLiteral("outsideTools/systemctl"), m_manager->systemctl());
+    preferences.setText(QStringLiteral("outsideTools/serviceManager"), QStringLiteral("systemd"));
+    preferences.setText(QStringLiteral("outsideTools/nodeFolders"), m_scratch->file(QStringLiteral("no-node")));
+
+    const QString home = platform::systemHomeDirectory();
+    m_realPlaces
+        = {home + QStringLiteral("/.config/systemd/user/") + environment().serviceLabel() + QStringLiteral(".service"),
+            home + QStringLiteral("/.config/autostart/tidewatch.desktop"),
+            home + QStringLiteral("/.local/share/Tidewatch/app"), home + QStringLiteral("/.claude/settings.json")};
+    for (const QString& place : m_realPlaces)
+        m_realPlacesBefore << QFileInfo::exists(place);
+}
+
+void TestServiceInstallerSteps::cleanupTestCase()
+{
+    QList<bool> after;
+    for (const QString& place : m_realPlaces)
+        after << QFileInfo::exists(place);
+    m_manager.reset();
+    m_site.reset();
+    m_scratch.reset();
+    QCOMPARE(after, m_realPlacesBefore);
+}
+
+Environment TestServiceInstallerSteps::environment() const
+{
+    // As the launched program sees itself: the launch's variables, the real home.
+    const QProcessEnvironment launched = launchEnvironment(*m_scratch, m_variables);
+    QHash<QString, QString> variables;
+    for (const QString& key : launched.keys())
+        variables.insert(key, launched.value(key));
+    return Environment(variables, platform::systemHomeDirectory());
+}
+
+ServiceInstaller TestServiceInstallerSteps::installer() const
+{
+    ServiceInstaller::Parts parts;
+    parts.environment = environment();
+    parts.tools = OutsideTools::current(parts.environment);
+    parts.bundledDaemon = m_bundle;
+    return ServiceInstaller(parts);
+}
+
+LaunchResult TestServiceInstallerSteps::run(const QStringList& arguments, const QHash<QString, QString>& extra)
+{
+    QHash<QString, QString> variables = m_variables;
+    variables.insert(extra);
+    return launchWhileServing(m_program, arguments, launchEnvironment(*m_scratch, variables), 150000);
+}
+
+void TestServiceInstallerSteps::refusalsComeFirst_data()
+{
+    QTest::addColumn<QString>("step");
+    QTest::addColumn<QString>("apiPort");
+    QTest::addColumn<QString>("said");
+
+    const QString ports = QStringLiteral(
+        "FAILED: This test copy needs ports of its own. Set TIDEWATCH_API_PORT and TIDEWATCH_LOCAL_PORT to two other "
+        "free ports (47371 and 47372, say) before it manages a background service.");
+    QTest::newRow("installing on the real port") << "service"
+                                                 << "47321" << ports;
+    QTest::newRow("uninstalling on the real port") << "uninstall-service"
+                                                   << "47321" << ports;
+    QTest::newRow("an isolated test copy still leaves Claude Code's settings alone")
+        << "integration" << QString() << QStringLiteral("FAILED: ") + ServiceSteps::integrationRefusal();
+    QTest::newRow("and phone access") << "tailscale" << QString()
+                                      << QStringLiteral("FAILED: ") + ServiceSteps::tailscaleRefusal();
+}
+
+void TestServiceInstallerSteps::refusalsComeFirst()
+{
+    QFETCH(QString, step);
+    QFETCH(QString, apiPort);
+    QFETCH(QString, said);
+    QHash<QString, QString> extra;
+    if (!apiPort.isEmpty())
+        extra.insert(QStringLiteral("TIDEWATCH_API_PORT"), apiPort);
+    const LaunchResult result = run({QStringLiteral("--run-step"), step}, extra);
+    QCOMPARE(result.output.trimmed(), said);
+    QCOMPARE(result.code, 1);
+    QVERIFY(m_manager->calls().isEmpty());
+}
+
+void TestServiceInstallerSteps::serviceFromNothing()
+{
+    const Environment environment = this->environment();
+    const LaunchResult result = run({QStringLiteral("--run-step"), QStringLiteral("service")});
+    const QString support = environment.supportFolder();
+    const QString shown = support.startsWith(environment.home() + QLatin1Char('/'))
+        ? QLatin1Char('~') + support.mid(environment.home().size())
+        : support;
+    QCOMPARE(lines(result.output),
+        (QStringList{QStringLiteral("Test copy: its own service, folder and log (") + shown + QLatin1Char(')'),
+            QStringLiteral("Installing the background service…"),
+            QStringLiteral("  label  ") + environment.serviceLabel(),
+            QStringLiteral("  unit  ") + installer().jobFile(),
+            QStringLiteral("  daemon  ") + environment.daemonFolder(),
+            QStringLiteral("  getting Node.js (no stable one on this Mac)"), QStringLiteral("  copying the daemon"),
+            QStringLiteral("  fetching Claude Code’s SDK from npm (about 2 MB)"),
+            QStringLiteral("  writing the systemd unit"), QStringLiteral("  systemctl --user stop + start"),
+            QStringLiteral("OK: running as %1 (protocol 1)").arg(QSysInfo::machineHostName()),
+            QStringLiteral("  Claude Code’s SDK %1 is there").arg(*ClaudeSDK::wanted(m_bundle))}));
+    QCOMPARE(result.code, 0);
+    QVERIFY(installer().servicePID());
+}
+
+void TestServiceInstallerSteps::updateKeepsTheSdk()
+{
+    const std::optional<int> before = installer().servicePID();
+    QVERIFY(before);
+    QFile stamp(m_bundle + QStringLiteral("/.tidewatch-build"));
+    QVERIFY(stamp.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    stamp.write("newer\n");
+    stamp.close();
+    QVERIFY(installer().updateAvailable());
+
+    const LaunchResult result = run({QStringLiteral("--run-step"), QStringLiteral("service")});
+    QCOMPARE(result.code, 0);
+    QVERIFY2(!result.output.contains(QStringLiteral("getting Node.js")), qPrintable(result.output));
+    QVERIFY2(!result.output.contains(QStringLiteral("fetching")), qPrintable(result.output));
+    QVERIFY(result.output.contains(QStringLiteral("  copying the daemon\n")));
+    QVERIFY(!installer().updateAvailable());
+    const std::optional<int> after = installer().servicePID();
+    QVERIFY(after && after != before);
+}
+
+void TestServiceInstallerSteps::repairBringsBackAServiceWhoseNodeIsGone()
+{
+    ServiceInstaller installer = this->installer();
+    const std::optional<QString> node = installer.installedNodePath();
+    QVERIFY(node);
+    QCOMPARE(installer.serviceNodeGone(), std::nullopt);
+    const std::optional<int> pid = installer.servicePID();
+    QVERIFY(pid);
+    // Its Node.js deleted and the process killed: the manager can't start it again.
+    QVERIFY(QDir(QFileInfo(*node).dir().absoluteFilePath(QStringLiteral(".."))).removeRecursively());
+    ::kill(pid_t(*pid), SIGKILL);
+    QCOMPARE(installer.serviceNodeGone(), node);
+    QVERIFY(!installer.pollHealth(2));
+
+    ServiceKeeper keeper([this] { return this->installer(); });
+    QList<ServiceInstaller::Progress> progress;
+    std::optional<ServiceKeeper::Note> note;
+    QEventLoop loop;
+    QVERIFY(keeper.repair([&](const ServiceInstaller::Progress& step) { progress << step; },
+        [&](ServiceKeeper::Note said) {
+            note = said;
+            loop.quit();
+        }));
+    QTimer::singleShot(150000, &loop, &QEventLoop::quit);
+    loop.exec();
+    QVERIFY(note);
+    QVERIFY2(!*note, qPrintable(note->value_or(QString())));
+    QCOMPARE(progress.first().step, Step::GettingNode);
+    QCOMPARE(progress.last().step, Step::Waiting);
+    QCOMPARE(installer.installedNodePath(), node);
+    QCOMPARE(installer.serviceNodeGone(), std::nullopt);
+    QVERIFY(installer.pollHealth(5));
+    QVERIFY(!alive(*pid));
+}
+
+void TestServiceInstallerSteps::uninstallLeavesTheDataAndNothingElse()
+{
+    ServiceInstaller installer = this->installer();
+    const std::optional<int> pid = installer.servicePID();
+    QVERIFY(pid);
+    const Environment environment = this->environment();
+
+    const LaunchResult result = run({QStringLiteral("--run-step"), QStringLiteral("uninstall-service")});
+    QCOMPARE(lines(result.output),
+        (QStringList{QStringLiteral("Uninstalling this test copy's service (launch agent and daemon copy; data kept)…"),
+            QStringLiteral("OK: uninstalled")}));
+    QCOMPARE(result.code, 0);
+    QVERIFY(!alive(*pid));
+    QVERIFY(!QFileInfo::exists(installer.jobFile()));
+    QVERIFY(!QFileInfo::exists(environment.appFolder()));
+    QVERIFY(QFileInfo::exists(environment.nodeFolder()));
+    QVERIFY(QFileInfo::exists(environment.adminTokenFile()));
+    QVERIFY(QFileInfo::exists(environment.daemonLog()));
+    QVERIFY(!installer.state(std::nullopt).loadedInLaunchd);
+
+    // Twice is harmless.
+    QCOMPARE(run({QStringLiteral("--run-step"), QStringLiteral("uninstall-service")}).code, 0);
+}
+
+void TestServiceInstallerSteps::sdkFetchCheckFetchesForReal()
+{
+    const QString folder = m_scratch->file(QStringLiteral("sdk-check/daemon"));
+    // The Node.js the site gave, kept with the data: npm comes with it.
+    const QString node
+        = environment().nodeFolder() + QLatin1Char('/') + m_site->version() + QStringLiteral("/bin/node");
+    const LaunchResult result = run({QStringLiteral("--selftest-sdk-fetch"), folder, QStringLiteral("--node"), node});
+    const QString wanted = *ClaudeSDK::wanted(m_bundle);
+    const QStringList said = lines(result.output);
+    QCOMPARE(said.size(), 3);
+    QCOMPARE(said.at(0), QStringLiteral("copying the service into %1…").arg(folder));
+    QCOMPARE(said.at(1), QStringLiteral("fetching Claude Code’s SDK %1 with %2…").arg(wanted, node));
+    QVERIFY2(QRegularExpression(
+                 QStringLiteral("^OK: Claude Code’s SDK %1 in \\d+\\.\\d s$").arg(QRegularExpression::escape(wanted)))
+                 .match(said.at(2))
+                 .hasMatch(),
+        qPrintable(result.output));
+    QCOMPARE(result.code, 0);
+    QCOMPARE(ClaudeSDK::installedVersion(folder), std::optional<QString>(wanted));
+}
+
+QTEST_GUILESS_MAIN(TestServiceInstallerSteps)
+#include "TestServiceInstallerSteps.moc"

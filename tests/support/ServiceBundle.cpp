@@ -1,0 +1,78 @@
+#include "ServiceBundle.h"
+
+#include "setup/ServiceInstaller.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QProcess>
+#include <QThread>
+#include <QTimer>
+
+namespace {
+
+const QString kSource = QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon");
+
+bool copyFolder(const QString& from, const QString& to)
+{
+    return !ServiceInstaller::copyServiceFolder(from, to).has_value();
+}
+
+} // namespace
+
+QString makeServiceBundle(const ScratchFolder& scratch, const QString& relative)
+{
+    const QString bundle = scratch.file(relative + QStringLiteral("/"));
+    QDir().mkpath(bundle);
+    for (const QString& folder : {QStringLiteral("src"), QStringLiteral("bin"), QStringLiteral("node_modules/ws")})
+        copyFolder(kSource + QLatin1Char('/') + folder, bundle + QLatin1Char('/') + folder);
+    for (const QString& file : {QStringLiteral("package.json"), QStringLiteral("package-lock.json"),
+             QStringLiteral("sdk-version"), QStringLiteral(".tidewatch-build")})
+        QFile::copy(kSource + QLatin1Char('/') + file, bundle + QLatin1Char('/') + file);
+    return QDir::cleanPath(bundle);
+}
+
+QString installProgramCopy(const ScratchFolder& scratch, const QString& relative)
+{
+    const QString program = scratch.file(relative + QStringLiteral("/bin/Tidewatch"));
+    QFile::copy(QStringLiteral(TIDEWATCH_BINARY), program);
+    QFile(program).setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    makeServiceBundle(scratch, relative + QStringLiteral("/share/tidewatch/daemon"));
+    return program;
+}
+
+bool runWhileServing(const std::function<void()>& work, int limitMs)
+{
+    QThread* thread = QThread::create(work);
+    QEventLoop loop;
+    QObject::connect(thread, &QThread::finished, &loop, &QEventLoop::quit);
+    QElapsedTimer clock;
+    clock.start();
+    thread->start();
+    // Stopping early would leave the work waiting on a site nobody serves.
+    loop.exec();
+    thread->wait();
+    delete thread;
+    return clock.elapsed() <= limitMs;
+}
+
+LaunchResult launchWhileServing(
+    const QString& program, const QStringList& arguments, const QProcessEnvironment& environment, int limitMs)
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    QEventLoop loop;
+    QObject::connect(&process, &QProcess::finished, &loop, &QEventLoop::quit);
+    QObject::connect(&process, &QProcess::errorOccurred, &loop, &QEventLoop::quit);
+    QTimer::singleShot(limitMs, &loop, &QEventLoop::quit);
+    process.start(program, arguments);
+    loop.exec();
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished();
+        return {-1, QString::fromUtf8(process.readAll())};
+    }
+    return {process.exitCode(), QString::fromUtf8(process.readAll())};
+}
