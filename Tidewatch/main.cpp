@@ -2,6 +2,7 @@
 #include "entry/Environment.h"
 #include "entry/OneShot.h"
 #include "model/AppModel.h"
+#include "setup/MoveToApplications.h"
 #include "platform/Platform.h"
 #include "surface/IconsetRender.h"
 #include "surface/MenuPanel.h"
@@ -85,8 +86,11 @@ int startApplication(const CommandLine& line, int& argc, char** argv)
            }))
         return 0;
     platform::becomeAccessory();
+    if (MoveToApplications::offerAtStart(environment))
+        return 0;
 
     AppModel model(environment, Clock::system());
+    QObject::connect(&model, &AppModel::quitWanted, &application, &QCoreApplication::quit);
     StatusItemController statusItem(model, environment);
     MenuPanel panel(model, Clock::system());
     shownPanel = &panel;

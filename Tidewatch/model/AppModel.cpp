@@ -6,9 +6,9 @@
 #include "platform/Platform.h"
 #include "model/SnapshotPatch.h"
 #include "setup/Detection.h"
-#include "setup/ServiceJob.h"
+#include "platform/Services.h"
+#include "setup/ServiceKeeper.h"
 
-#include <QFile>
 #include <QPointer>
 #include <QFileInfo>
 #include <QThread>
@@ -61,6 +61,11 @@ AppModel::AppModel(
     m_nap->setTimerType(Qt::PreciseTimer);
     connect(m_nap, &QTimer::timeout, this, &AppModel::turn);
     m_lookForClaude = [detection = Detection(m_environment)] { return detection.detectClaude().path.has_value(); };
+    m_buildInstaller = [environment = m_environment] { return ServiceInstaller::forCopy(environment); };
+    m_keeper = new ServiceKeeper(m_buildInstaller, this);
+    // A test copy never has the person's login item.
+    if (!m_sample && !m_environment.isTestCopy())
+        m_loginItemEnabled = platform::loginItemEnabled();
 }
 
 AppModel::~AppModel()
@@ -85,6 +90,7 @@ void AppModel::start()
     m_loopRunning = true;
     m_readNow = true;
     m_statusNow = true;
+    checkServiceUpdate();
     turn();
 }
 
@@ -262,38 +268,6 @@ void AppModel::lookForClaudeIfDue()
     });
 }
 
-void AppModel::checkServiceNode(bool serviceAnswered)
-{
-    if (serviceAnswered || !m_serviceInstalled) {
-        assign(m_serviceNodeGone, std::nullopt, &AppModel::serviceNodeGoneChanged);
-        return;
-    }
-    const QString unitFile = m_environment.serviceUnitFile();
-    offMainThread<std::optional<QString>>(
-        [unitFile]() -> std::optional<QString> {
-            QFile file(unitFile);
-            if (!file.open(QIODevice::ReadOnly))
-                return std::nullopt;
-            const std::optional<QString> node = ServiceJob::nodePathOf(QString::fromUtf8(file.readAll()));
-            if (!node || QFileInfo::exists(*node))
-                return std::nullopt;
-            return node;
-        },
-        [this](std::optional<QString> gone) {
-            assign(m_serviceNodeGone, std::move(gone), &AppModel::serviceNodeGoneChanged);
-        });
-}
-
-template <class Result> void AppModel::offMainThread(std::function<Result()> work, std::function<void(Result)> then)
-{
-    auto result = std::make_shared<Result>();
-    // The thread owns no part of the model; its end is delivered only while the model lives.
-    QThread* thread = QThread::create([work = std::move(work), result] { *result = work(); });
-    connect(thread, &QThread::finished, this, [result, then = std::move(then)] { then(std::move(*result)); });
-    connect(thread, &QThread::finished, thread, &QObject::deleteLater);
-    thread->start();
-}
-
 void AppModel::nudge()
 {
     const QDateTime now = m_clock.now();
@@ -394,6 +368,10 @@ void AppModel::showPicture(const Picture& picture)
     assign(m_feedLive, picture.feedLive, &AppModel::feedLiveChanged);
     assign(m_signingIn, picture.signingIn, &AppModel::signingInChanged);
     assign(m_firstPollDone, picture.firstPollDone, &AppModel::firstPollDoneChanged);
+    assign(m_serviceUpdate, picture.serviceUpdate, &AppModel::serviceUpdateChanged);
+    assign(m_restarting, picture.restarting, &AppModel::restartingChanged);
+    assign(m_updatingService, picture.updatingService, &AppModel::updatingServiceChanged);
+    assign(m_repairing, picture.repairing, &AppModel::repairingChanged);
 }
 
 QList<NeedsYouItem> AppModel::needsYou() const

@@ -14,17 +14,20 @@
 #include "model/GlassDialog.h"
 #include "model/Note.h"
 #include "model/ReadPace.h"
+#include "setup/ServiceInstaller.h"
 
 #include <QDateTime>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
+#include <QThread>
 
 #include <functional>
 #include <memory>
 #include <optional>
 
 class QTimer;
+class ServiceKeeper;
 
 /// The one object that knows what the app believes; every surface is a
 /// function of it. Two sources feed it: a read loop that asks the service and
@@ -45,6 +48,9 @@ class AppModel : public QObject
     Q_PROPERTY(QString serviceNodeGone READ serviceNodeGoneText NOTIFY serviceNodeGoneChanged)
     Q_PROPERTY(bool dialogWorking READ dialogWorking NOTIFY dialogWorkingChanged)
     Q_PROPERTY(bool backpackBusy READ backpackBusy NOTIFY backpackBusyChanged)
+    Q_PROPERTY(bool serviceUpdate READ serviceUpdate NOTIFY serviceUpdateChanged)
+    Q_PROPERTY(bool restarting READ restarting NOTIFY restartingChanged)
+    Q_PROPERTY(bool updatingService READ updatingService NOTIFY updatingServiceChanged)
 
 public:
     /// The last local look for Claude Code's binary.
@@ -71,6 +77,10 @@ public:
         Attention::AnsweredMap answered;
         std::optional<QString> serviceNodeGone;
         bool signingIn = false;
+        bool serviceUpdate = false;
+        bool restarting = false;
+        bool updatingService = false;
+        std::optional<ServiceInstaller::Progress> repairing;
     };
     /// Puts a picture into a sample instance; a live one ignores it.
     void showPicture(const Picture& picture);
@@ -125,6 +135,14 @@ public:
     const std::optional<Awake::Mode>& awakeChoice() const { return m_awakeChoice; }
     /// Backpack's permission is being set up or removed.
     bool backpackBusy() const { return m_backpackBusy; }
+    /// A newer service than the installed one came with the app.
+    bool serviceUpdate() const { return m_serviceUpdate; }
+    bool restarting() const { return m_restarting; }
+    bool updatingService() const { return m_updatingService; }
+    /// Where a repair stands, while one runs.
+    const std::optional<ServiceInstaller::Progress>& repairing() const { return m_repairing; }
+    /// Open at Login is on, as last read.
+    bool loginItemEnabled() const { return m_loginItemEnabled; }
     /// The open dialog; a new one replaces it.
     const std::optional<GlassDialog>& dialog() const { return m_dialog; }
     /// The open dialog's work is under way.
@@ -193,6 +211,23 @@ public:
     /// Signs the built-in Tailscale node out.
     void signOutTailscale();
 
+    // The service itself. Each is refused with the copy's sentence where it
+    // may not manage a service, runs off the main thread, and reads after.
+
+    /// Restarts the service through its manager and waits for it to answer.
+    void restartService();
+    /// Installs the service again with Node.js chosen afresh.
+    void repairService();
+    /// Installs the newer service that came with the app.
+    void updateService();
+    /// Asks first, in a dialog, whether to take Tidewatch off this machine;
+    /// the closing dialog tells how it went and quits the app.
+    void askUninstall();
+
+    /// Replaces what builds the service installer (it runs off the main
+    /// thread); tests point it at their own tools and service bundle.
+    void setServiceInstaller(std::function<ServiceInstaller()> build);
+
     /// Replaces the local look for Claude Code's binary (it runs off the main
     /// thread); tests and tools that must not look at this machine set their own.
     void setClaudeLook(std::function<bool()> look) { m_lookForClaude = std::move(look); }
@@ -214,6 +249,13 @@ Q_SIGNALS:
     void dialogChanged();
     void awakeChoiceChanged();
     void backpackBusyChanged();
+    void serviceUpdateChanged();
+    void restartingChanged();
+    void updatingServiceChanged();
+    void repairingChanged();
+    void loginItemEnabledChanged();
+    /// The uninstall has ended and been told: the app is to quit.
+    void quitWanted();
     /// The panel should open again, after the system's dialog took it away.
     void panelWanted();
     void dialogWorkingChanged();
@@ -259,6 +301,10 @@ private:
     void endRead(std::function<void()> done);
     void lookForClaudeIfDue();
     void checkServiceNode(bool serviceAnswered);
+    /// Looks again at the installed service beside the app's: an update waits when they differ.
+    void checkServiceUpdate();
+    /// A keeper's job has ended: its note, if any, and a read at once.
+    void afterServiceJob(const std::optional<QString>& note);
     void startFeed();
     void setFeedLive(bool live);
     void setSnapshotPart(const std::function<bool(Snapshot&)>& change);
@@ -278,6 +324,8 @@ private:
     std::unique_ptr<LiveFeed> m_feed;
     QTimer* m_nap;
     std::function<bool()> m_lookForClaude;
+    std::function<ServiceInstaller()> m_buildInstaller;
+    ServiceKeeper* m_keeper;
 
     // Observable.
     std::optional<Health> m_health;
@@ -297,6 +345,11 @@ private:
     std::optional<Awake::Mode> m_awakeChoice;
     bool m_backpackBusy = false;
     bool m_dialogWorking = false;
+    bool m_serviceUpdate = false;
+    bool m_restarting = false;
+    bool m_updatingService = false;
+    std::optional<ServiceInstaller::Progress> m_repairing;
+    bool m_loginItemEnabled = false;
 
     // The loop's own.
     bool m_loopRunning = false;
@@ -354,4 +407,14 @@ void AppModel::run(const Call& call, std::optional<QString> opening, std::functi
         if (opening)
             showNote(*opening + error.errorDescription());
     });
+}
+
+template <class Result> void AppModel::offMainThread(std::function<Result()> work, std::function<void(Result)> then)
+{
+    auto result = std::make_shared<Result>();
+    // The thread owns no part of the model; its end is delivered only while the model lives.
+    QThread* thread = QThread::create([work = std::move(work), result] { *result = work(); });
+    connect(thread, &QThread::finished, this, [result, then = std::move(then)] { then(std::move(*result)); });
+    connect(thread, &QThread::finished, thread, &QObject::deleteLater);
+    thread->start();
 }

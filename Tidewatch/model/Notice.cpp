@@ -3,6 +3,8 @@
 #include "surface/words/TimeWords.h"
 #include "workflows/WorkflowWords.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr double kKeyWarningSeconds = 1209600; // 14 days
@@ -163,21 +165,54 @@ std::optional<QString> noticeFigure(const Notice& notice, const QDateTime& now)
     return WorkflowWords::countdown(*notice.ask, now);
 }
 
-ServiceDownCard serviceDownCard(const std::optional<QString>& serviceNodeGone, bool serviceInstalled)
+ServiceDownCard serviceDownCard(const ServiceDownInputs& inputs)
 {
-    if (serviceNodeGone) {
-        return {QStringLiteral("The Node.js the service used is gone."),
-                QStringLiteral("It ran on ") + *serviceNodeGone
-                    + QStringLiteral(". Repair gets Node.js and starts the service again; shared terminals keep "
-                                     "running.")};
+    ServiceDownCard card;
+    if (inputs.serviceNodeGone) {
+        card.title = QStringLiteral("The Node.js the service used is gone.");
+        card.line = QStringLiteral("It ran on ") + *inputs.serviceNodeGone
+            + QStringLiteral(". Repair gets Node.js and starts the service again; shared terminals keep running.");
+        card.act = ServiceDownCard::Act::Repair;
+        card.action = inputs.repairing ? QStringLiteral("Repairing…") : QStringLiteral("Repair");
+    } else if (!inputs.serviceInstalled) {
+        card.title = QStringLiteral("Tidewatch isn't set up on this Mac yet.");
+        card.line = QStringLiteral("Setup takes a few minutes and walks you through every step.");
+        card.act = ServiceDownCard::Act::Repair;
+        card.action = inputs.repairing ? QStringLiteral("Setting up…") : QStringLiteral("Set up");
+    } else {
+        card.title = QStringLiteral("The background service isn't answering.");
+        card.line = QStringLiteral("Your phone can't reach your sessions until it's back. Restarting usually fixes "
+                                   "it; shared terminals keep running.");
+        card.action = inputs.restarting ? QStringLiteral("Restarting…") : QStringLiteral("Restart");
+        card.busy = inputs.restarting;
     }
-    if (!serviceInstalled) {
-        return {QStringLiteral("Tidewatch isn't set up on this Mac yet."),
-                QStringLiteral("Setup takes a few minutes and walks you through every step.")};
+    if (card.act == ServiceDownCard::Act::Repair && inputs.repairing) {
+        card.busy = true;
+        card.progress = repairProgressWords(*inputs.repairing);
     }
-    return {QStringLiteral("The background service isn't answering."),
-            QStringLiteral("Your phone can't reach your sessions until it's back. Restarting usually fixes it; shared "
-                           "terminals keep running.")};
+    return card;
+}
+
+std::optional<QString> repairProgressWords(const ServiceInstaller::Progress& progress)
+{
+    using Step = ServiceInstaller::Progress::Step;
+    switch (progress.step) {
+    case Step::GettingNode:
+        // Before the download says how far it is, the step may still be choosing a Node.js already here.
+        if (!progress.fraction)
+            return std::nullopt;
+        return QStringLiteral("Getting Node.js… %1%").arg(qRound(std::clamp(*progress.fraction, 0.0, 1.0) * 100));
+    case Step::Copying:
+        return QStringLiteral("Copying the service…");
+    case Step::FetchingSDK:
+        return QStringLiteral("Fetching Claude Code’s SDK…");
+    case Step::Writing:
+    case Step::Starting:
+        return QStringLiteral("Starting the service…");
+    case Step::Waiting:
+        return QStringLiteral("Waiting for it to answer…");
+    }
+    return std::nullopt;
 }
 
 QString checkingLine()

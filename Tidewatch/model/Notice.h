@@ -2,6 +2,7 @@
 
 #include "link/Lenient.h"
 #include "model/SetupStep.h"
+#include "setup/ServiceInstaller.h"
 #include "workflows/WFAskItem.h"
 
 #include <QDateTime>
@@ -72,11 +73,31 @@ bool keyExpiryCounts(const FlexDate& expiry, const QDateTime& now);
 
 /// The whole-page card that stands in for the notices while the service isn't running.
 struct ServiceDownCard {
+    /// What its button does.
+    enum class Act { Repair, Restart };
+
     QString title;
     QString line;
+    Act act = Act::Restart;
+    /// The button's word as it reads now (its busy word while busy).
+    QString action;
+    bool busy = false;
+    /// How far the work behind the button has come, while it says.
+    std::optional<QString> progress;
     bool operator==(const ServiceDownCard&) const = default;
 };
-ServiceDownCard serviceDownCard(const std::optional<QString>& serviceNodeGone, bool serviceInstalled);
+
+/// What the service-down card is made of, as the model holds it now.
+struct ServiceDownInputs {
+    std::optional<QString> serviceNodeGone;
+    bool serviceInstalled = true;
+    std::optional<ServiceInstaller::Progress> repairing;
+    bool restarting = false;
+};
+
+/// A repair's step in words, once there is more to say than that it runs.
+std::optional<QString> repairProgressWords(const ServiceInstaller::Progress& progress);
+ServiceDownCard serviceDownCard(const ServiceDownInputs& inputs);
 
 /// What the page says before the first read has ended.
 QString checkingLine();

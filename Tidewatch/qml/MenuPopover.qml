@@ -68,6 +68,23 @@ Rectangle {
             edge: Qt.rgba(1, 0.47, 0.47, 0.35)
             Label { text: root.page.down ? root.page.down.title : ""; strong: true; size: 13; width: parent.width }
             Label { text: root.page.down ? root.page.down.line : ""; color: "#B5B0A6"; size: 11; width: parent.width }
+            Row {
+                spacing: 10
+                GlassButton {
+                    title: root.page.down ? root.page.down.action : ""
+                    primary: true
+                    accent: "#F5F2EB"
+                    busy: !!(root.page.down && root.page.down.busy)
+                    onPressed: root.popover.serviceAction(root.page.down.act)
+                }
+                Label {
+                    visible: text.length > 0
+                    text: root.page.down ? root.page.down.progress : ""
+                    color: "#B5B0A6"
+                    size: 11
+                    anchors.verticalCenter: parent.verticalCenter
+                }
+            }
         }
 
         Repeater {
@@ -76,6 +93,7 @@ Rectangle {
                 required property var modelData
                 notice: modelData
                 onDismissed: function (id) { root.popover.dismissNotice(id) }
+                onActed: function (id) { root.popover.noticeAction(id) }
             }
         }
         Row {

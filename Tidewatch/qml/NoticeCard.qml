@@ -5,6 +5,7 @@ Card {
     id: card
     property var notice: ({})
     signal dismissed(string id)
+    signal acted(string id)
     edge: Qt.rgba(0.96, 0.95, 0.92, 0.11)
 
     Row {
@@ -14,7 +15,13 @@ Card {
         Label { id: heading; text: card.notice.title; strong: true; size: 12; width: parent.width - 11 }
     }
     Label { text: card.notice.line; color: "#B5B0A6"; width: parent.width; size: 11 }
-    GlassButton { title: card.notice.action || ""; help: card.notice.help || ""; visible: title.length > 0 }
+    GlassButton {
+        title: card.notice.action || ""
+        help: card.notice.help || ""
+        busy: !!card.notice.busy
+        visible: title.length > 0
+        onPressed: card.acted(card.notice.id)
+    }
 
     DragHandler {
         target: card

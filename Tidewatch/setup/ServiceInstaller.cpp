@@ -110,6 +110,15 @@ ServiceInstaller::ServiceInstaller(Parts parts)
         m_parts.pause = [](double seconds) { QThread::msleep(qRound64(seconds * 1000)); };
 }
 
+ServiceInstaller ServiceInstaller::forCopy(const Environment& environment)
+{
+    Parts parts;
+    parts.environment = environment;
+    parts.tools = OutsideTools::current(environment);
+    parts.bundledDaemon = environment.bundledDaemonFolder();
+    return ServiceInstaller(std::move(parts));
+}
+
 QString ServiceInstaller::jobFile() const
 {
     return m_parts.environment.serviceUnitFolder() + QLatin1Char('/') + m_parts.environment.serviceLabel()

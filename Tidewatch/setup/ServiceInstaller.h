@@ -68,6 +68,8 @@ public:
     /// For the real install: this process's environment and tools.
     ServiceInstaller();
     explicit ServiceInstaller(Parts parts);
+    /// For the install of that copy: its own tools and the service shipped beside it.
+    static ServiceInstaller forCopy(const Environment& environment);
 
     const Environment& environment() const { return m_parts.environment; }
     const ServiceManager& manager() const { return m_manager; }

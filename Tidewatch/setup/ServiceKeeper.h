@@ -29,6 +29,8 @@ public:
     ~ServiceKeeper() override;
 
     bool busy() const { return m_thread != nullptr; }
+    /// What builds the installer of the jobs to come.
+    void setBuild(Build build) { m_build = std::move(build); }
 
     /// The whole install again, with Node.js chosen afresh. False when
     /// another job runs; otherwise progress comes as each step begins, and

@@ -130,6 +130,13 @@ QString Uninstaller::dialogTitle()
     return QStringLiteral("Uninstall Tidewatch?");
 }
 
+QString Uninstaller::dialogText(bool claudeHere)
+{
+    return QStringLiteral("The background service stops and is removed")
+        + (claudeHere ? QStringLiteral(", and its hooks leave Claude Code") : QString())
+        + QStringLiteral(". Sessions in your terminals keep running.");
+}
+
 QString Uninstaller::deleteDataChoice()
 {
     return QStringLiteral("Also delete Tidewatch's data: paired phones, providers, the downloaded Node.js, logs");
@@ -149,6 +156,10 @@ QString Uninstaller::endTitle(const QStringList& notes)
 
 QString Uninstaller::endText(const QStringList& notes)
 {
+#ifdef Q_OS_MACOS
     const QString closing = QStringLiteral("You can move Tidewatch.app to the Trash now.");
+#else
+    const QString closing = QStringLiteral("You can remove the Tidewatch program now.");
+#endif
     return notes.isEmpty() ? closing : notes.join(QLatin1Char('\n')) + QStringLiteral("\n\n") + closing;
 }

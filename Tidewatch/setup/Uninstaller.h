@@ -34,6 +34,8 @@ public:
 
     /// The words around it, for the dialogs.
     static QString dialogTitle();
+    /// What goes, naming Claude Code only where it is here.
+    static QString dialogText(bool claudeHere);
     static QString deleteDataChoice();
     /// Added to the dialog's text when the built-in Tailscale node is in use.
     static QString builtInNodeRemark();

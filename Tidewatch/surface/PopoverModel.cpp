@@ -23,7 +23,8 @@ PopoverModel::PopoverModel(AppModel& model, DismissedNotices& dismissed, const C
              &AppModel::firstPollDoneChanged, &AppModel::serviceInstalledChanged, &AppModel::serviceNodeGoneChanged,
              &AppModel::lastErrorChanged, &AppModel::signingInChanged, &AppModel::dialogChanged,
              &AppModel::dialogWorkingChanged, &AppModel::awakeChoiceChanged, &AppModel::backpackBusyChanged,
-             &AppModel::deviceListChanged, &AppModel::claudeLookChanged})
+             &AppModel::deviceListChanged, &AppModel::claudeLookChanged, &AppModel::serviceUpdateChanged,
+             &AppModel::restartingChanged, &AppModel::updatingServiceChanged, &AppModel::repairingChanged})
         connect(&m_model, changed, this, &PopoverModel::queueRefresh);
     connect(&m_dismissed, &DismissedNotices::changed, this, &PopoverModel::queueRefresh);
     refresh();
@@ -71,6 +72,22 @@ void PopoverModel::decide(const QString& approvalId, const QString& decision)
             return;
         }
     }
+}
+
+void PopoverModel::noticeAction(const QString& id)
+{
+    if (id == u"error")
+        m_model.restartService();
+    else if (id == u"update")
+        m_model.updateService();
+}
+
+void PopoverModel::serviceAction(const QString& act)
+{
+    if (act == u"repair")
+        m_model.repairService();
+    else if (act == u"restart")
+        m_model.restartService();
 }
 
 void PopoverModel::openTerminal(const QString& sessionId)

@@ -31,6 +31,10 @@ public:
     /// A row's button, by the act the page gave it.
     Q_INVOKABLE void rowAction(const QString& sessionId, int act);
     Q_INVOKABLE void dismissNotice(const QString& id);
+    /// A notice's button, by the notice's id.
+    Q_INVOKABLE void noticeAction(const QString& id);
+    /// The service-down card's button, by the act the page gave it.
+    Q_INVOKABLE void serviceAction(const QString& act);
     Q_INVOKABLE void undoDismiss();
     Q_INVOKABLE void signIn();
     Q_INVOKABLE void setAwake(const QString& mode);

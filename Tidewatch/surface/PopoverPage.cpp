@@ -68,7 +68,8 @@ QVariantList notices(const Inputs& in)
     QVariantList list;
     for (const Notice& notice : in.dismissed.visibleOf(currentNotices(in.model, in.now))) {
         list << QVariantMap{{u"id"_s, notice.id}, {u"ink"_s, inkHex(toneInk(notice.tone))}, {u"title"_s, notice.title},
-            {u"line"_s, text(notice.line)}, {u"action"_s, text(notice.action)}, {u"help"_s, text(noticeHelp(notice))}};
+            {u"line"_s, text(notice.line)}, {u"action"_s, text(notice.action)}, {u"busy"_s, notice.busy},
+            {u"help"_s, text(noticeHelp(notice))}};
     }
     return list;
 }
@@ -280,6 +281,9 @@ QList<Notice> currentNotices(const AppModel& model, const QDateTime& now)
     NoticeInputs inputs;
     inputs.serviceUp = model.serviceUp();
     inputs.lastError = model.lastError();
+    inputs.restarting = model.restarting();
+    inputs.serviceUpdate = model.serviceUpdate();
+    inputs.updatingService = model.updatingService();
     inputs.setupGap = Agents::setupGap(model.agentsInUse(), model.status(), model.environment().isTestCopy());
     return buildNotices(inputs, now);
 }
@@ -296,8 +300,12 @@ QVariantMap build(const Inputs& in)
         page.insert(u"checking"_s, checkingLine());
     } else if (!model.serviceUp()) {
         state = u"down"_s;
-        const ServiceDownCard card = serviceDownCard(model.serviceNodeGone(), model.serviceInstalled());
-        page.insert(u"down"_s, QVariantMap{{u"title"_s, card.title}, {u"line"_s, card.line}});
+        const ServiceDownCard card = serviceDownCard(
+            {model.serviceNodeGone(), model.serviceInstalled(), model.repairing(), model.restarting()});
+        page.insert(u"down"_s,
+            QVariantMap{{u"title"_s, card.title}, {u"line"_s, card.line}, {u"action"_s, card.action},
+                {u"act"_s, card.act == ServiceDownCard::Act::Repair ? u"repair"_s : u"restart"_s},
+                {u"busy"_s, card.busy}, {u"progress"_s, text(card.progress)}});
     } else {
         addMainPage(page, in, agents);
     }

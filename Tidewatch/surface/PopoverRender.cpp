@@ -93,6 +93,19 @@ bool writeFile(const QString& path, const QByteArray& contents, QString* error)
     return true;
 }
 
+// A repair's progress as a sample writes it: {"step": "copying", "fraction": 0.5}.
+ServiceInstaller::Progress repairProgress(const QJsonObject& written)
+{
+    using Step = ServiceInstaller::Progress::Step;
+    static const QHash<QString, Step> steps{{u"gettingNode"_s, Step::GettingNode}, {u"copying"_s, Step::Copying},
+        {u"fetchingSDK"_s, Step::FetchingSDK}, {u"writing"_s, Step::Writing}, {u"starting"_s, Step::Starting},
+        {u"waiting"_s, Step::Waiting}};
+    ServiceInstaller::Progress progress{steps.value(written.value(u"step"_s).toString(), Step::Copying), std::nullopt};
+    if (written.value(u"fraction"_s).isDouble())
+        progress.fraction = written.value(u"fraction"_s).toDouble();
+    return progress;
+}
+
 } // namespace
 
 QStringList sampleNames()
@@ -113,6 +126,11 @@ bool showSample(AppModel& model, const QString& name, const QDateTime& now)
         picture.firstPollDone = sample.value(u"firstPollDone"_s).toBool(true);
         picture.feedLive = sample.value(u"feedLive"_s).toBool(true);
         picture.serviceInstalled = sample.value(u"serviceInstalled"_s).toBool(true);
+        if (sample.contains(u"serviceNodeGone"_s))
+            picture.serviceNodeGone = sample.value(u"serviceNodeGone"_s).toString();
+        picture.serviceUpdate = sample.value(u"serviceUpdate"_s).toBool();
+        if (const QJsonObject repairing = sample.value(u"repairing"_s).toObject(); !repairing.isEmpty())
+            picture.repairing = repairProgress(repairing);
         if (sample.contains(u"snapshot"_s))
             picture.snapshot = Snapshot::fromJson(sample.value(u"snapshot"_s));
         // A service that answers has a status, if only an empty one.

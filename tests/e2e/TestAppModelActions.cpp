@@ -13,7 +13,7 @@ namespace {
 
 using Action = std::function<void(AppModel&)>;
 /// What the model must show once the action has done its work.
-using Outcome = std::function<bool(const AppModel&)>;
+using Effect = std::function<bool(const AppModel&)>;
 
 QJsonObject object(std::initializer_list<std::pair<QString, QJsonValue>> fields)
 {
@@ -37,7 +37,7 @@ const Session* sessionOf(const AppModel& model, const QString& id)
 } // namespace
 
 Q_DECLARE_METATYPE(Action)
-Q_DECLARE_METATYPE(Outcome)
+Q_DECLARE_METATYPE(Effect)
 
 class TestAppModelActions : public QObject
 {
@@ -161,57 +161,57 @@ void TestAppModelActions::aFailureSaysWhatDidntHappen()
 void TestAppModelActions::aSuccessShowsItsEffect_data()
 {
     QTest::addColumn<Action>("action");
-    QTest::addColumn<Outcome>("outcome");
+    QTest::addColumn<Effect>("effect");
     QTest::addColumn<QString>("note");
 
     QTest::newRow("continue: the session works again") << Action(
-        [](AppModel& m) { m.continueSession("s1"); }) << Outcome([](const AppModel& m) {
+        [](AppModel& m) { m.continueSession("s1"); }) << Effect([](const AppModel& m) {
         const Session* session = sessionOf(m, "s1");
         return session && session->state == QStringLiteral("working");
     }) << QString();
     QTest::newRow("auto-continue: the session is armed")
-        << Action([](AppModel& m) { m.setAutoContinue("s2", true); }) << Outcome([](const AppModel& m) {
+        << Action([](AppModel& m) { m.setAutoContinue("s2", true); }) << Effect([](const AppModel& m) {
                const Session* session = sessionOf(m, "s2");
                return session && session->blocked && session->blocked->resume
                    && session->blocked->resume->state == QStringLiteral("armed");
            })
         << QString();
     QTest::newRow("sign in: signing in, and the account from the reply") << Action(
-        [](AppModel& m) { m.signIn(); }) << Outcome([](const AppModel& m) {
+        [](AppModel& m) { m.signIn(); }) << Effect([](const AppModel& m) {
         return m.signingIn() && m.snapshot()->account && m.snapshot()->account->login
             && m.snapshot()->account->login->state == QStringLiteral("waiting_code");
     }) << QString();
     QTest::newRow("forget a device: the list is read again") << Action(
-        [](AppModel& m) { m.forgetDevice("d1", "Pixel 8"); }) << Outcome([](const AppModel& m) {
+        [](AppModel& m) { m.forgetDevice("d1", "Pixel 8"); }) << Effect([](const AppModel& m) {
         return m.deviceList() && m.deviceList()->size() == 1 && m.deviceList()->first().id == QStringLiteral("d2");
     }) << QString();
     QTest::newRow("refresh usage: the reading from the reply")
         << Action([](AppModel& m) { m.refreshUsage(); })
-        << Outcome([](const AppModel& m) { return m.snapshot()->usage && m.snapshot()->usage->observedAt.has_value(); })
+        << Effect([](const AppModel& m) { return m.snapshot()->usage && m.snapshot()->usage->observedAt.has_value(); })
         << QString();
     QTest::newRow("turn Codex on: the snapshot says so")
         << Action([](AppModel& m) { m.setCodexEnabled(true); })
-        << Outcome([](const AppModel& m) { return m.snapshot()->codex && m.snapshot()->codex->enabled; }) << QString();
+        << Effect([](const AppModel& m) { return m.snapshot()->codex && m.snapshot()->codex->enabled; }) << QString();
     QTest::newRow("built-in Tailscale: the status says so")
         << Action([](AppModel& m) { m.setBuiltInTailscale(true); })
-        << Outcome([](const AppModel& m) { return m.status()->tsnet && m.status()->tsnet->enabled == true; })
+        << Effect([](const AppModel& m) { return m.status()->tsnet && m.status()->tsnet->enabled == true; })
         << QString();
     QTest::newRow("browse outside projects: the status says so, and a note tells what it means") << Action(
-        [](AppModel& m) { m.setBrowseOutsideProjects(true); }) << Outcome([](const AppModel& m) {
+        [](AppModel& m) { m.setBrowseOutsideProjects(true); }) << Effect([](const AppModel& m) {
         return m.status()->files && m.status()->files->browseOutsideProjects == true;
     }) << "Phones can open sessions’ folders in your home folder too, read only";
     QTest::newRow("open a session's terminal: nothing more")
-        << Action([](AppModel& m) { m.openTerminal("s1"); }) << Outcome([](const AppModel&) { return true; })
+        << Action([](AppModel& m) { m.openTerminal("s1"); }) << Effect([](const AppModel&) { return true; })
         << QString();
 }
 
 void TestAppModelActions::aSuccessShowsItsEffect()
 {
     QFETCH(Action, action);
-    QFETCH(Outcome, outcome);
+    QFETCH(Effect, effect);
     QFETCH(QString, note);
     action(*m_model);
-    QTRY_VERIFY_WITH_TIMEOUT(outcome(*m_model), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(effect(*m_model), 10000);
     QTRY_COMPARE_WITH_TIMEOUT(m_model->noteText(), note, 5000);
     QTest::qWait(300);
     QCOMPARE(m_model->noteText(), note);

@@ -6,15 +6,15 @@
 #include "ServiceBundle.h"
 #include "ServiceProcess.h"
 
+#include "entry/Clock.h"
 #include "entry/Preferences.h"
+#include "model/AppModel.h"
 #include "platform/Platform.h"
 #include "setup/ClaudeSDK.h"
 #include "setup/ServiceInstaller.h"
-#include "setup/ServiceKeeper.h"
 #include "setup/ServiceSteps.h"
 
 #include <QDir>
-#include <QEventLoop>
 #include <QFile>
 #include <QRegularExpression>
 #include <QSysInfo>
@@ -43,8 +43,8 @@ QStringList lines(const QString& output)
 /// The headless steps as a script runs them: the built program, copied with
 /// a service bundle of its own, installs its test copy's service from
 /// nothing (Node.js from a local site, the SDK from npm, a systemd that
-/// behaves like the real one), updates it, has it repaired by the model's
-/// keeper after its Node.js went away, and takes it off again.
+/// behaves like the real one), updates it, has the app's model find that
+/// its Node.js went away, repair and restart it, and takes it off again.
 class TestServiceInstallerSteps : public QObject
 {
     Q_OBJECT
@@ -209,6 +209,14 @@ void TestServiceInstallerSteps::updateKeepsTheSdk()
     stamp.write("newer\n");
     stamp.close();
     QVERIFY(installer().updateAvailable());
+    {
+        // The app offers it as the notice's "Update".
+        AppModel model(environment(), Clock::system());
+        model.setServiceInstaller([this] { return this->installer(); });
+        model.setClaudeLook([] { return false; });
+        model.start();
+        QTRY_VERIFY_WITH_TIMEOUT(model.serviceUpdate(), 10000);
+    }
 
     const LaunchResult result = run({QStringLiteral("--run-step"), QStringLiteral("service")});
     QCOMPARE(result.code, 0);
@@ -225,34 +233,47 @@ void TestServiceInstallerSteps::repairBringsBackAServiceWhoseNodeIsGone()
     ServiceInstaller installer = this->installer();
     const std::optional<QString> node = installer.installedNodePath();
     QVERIFY(node);
-    QCOMPARE(installer.serviceNodeGone(), std::nullopt);
     const std::optional<int> pid = installer.servicePID();
     QVERIFY(pid);
     // Its Node.js deleted and the process killed: the manager can't start it again.
     QVERIFY(QDir(QFileInfo(*node).dir().absoluteFilePath(QStringLiteral(".."))).removeRecursively());
     ::kill(pid_t(*pid), SIGKILL);
-    QCOMPARE(installer.serviceNodeGone(), node);
-    QVERIFY(!installer.pollHealth(2));
 
-    ServiceKeeper keeper([this] { return this->installer(); });
-    QList<ServiceInstaller::Progress> progress;
-    std::optional<ServiceKeeper::Note> note;
-    QEventLoop loop;
-    QVERIFY(keeper.repair([&](const ServiceInstaller::Progress& step) { progress << step; },
-        [&](ServiceKeeper::Note said) {
-            note = said;
-            loop.quit();
-        }));
-    QTimer::singleShot(150000, &loop, &QEventLoop::quit);
-    loop.exec();
-    QVERIFY(note);
-    QVERIFY2(!*note, qPrintable(note->value_or(QString())));
-    QCOMPARE(progress.first().step, Step::GettingNode);
-    QCOMPARE(progress.last().step, Step::Waiting);
+    // The app's model finds out on its own reads and repairs from there.
+    AppModel model(environment(), Clock::system());
+    model.setServiceInstaller([this] { return this->installer(); });
+    model.setClaudeLook([] { return false; });
+    QList<Step> steps;
+    connect(&model, &AppModel::repairingChanged, &model, [&] {
+        if (model.repairing() && (steps.isEmpty() || steps.last() != model.repairing()->step))
+            steps << model.repairing()->step;
+    });
+    model.start();
+    QTRY_COMPARE_WITH_TIMEOUT(model.serviceNodeGone(), node, 20000);
+    QVERIFY(!model.serviceUp());
+
+    model.repairService();
+    QVERIFY(model.repairing());
+    QTRY_VERIFY_WITH_TIMEOUT(!model.repairing(), 150000);
+    QCOMPARE(model.noteText(), QString());
+    QTRY_VERIFY_WITH_TIMEOUT(model.health(), 20000);
+    QCOMPARE(model.serviceNodeGone(), std::nullopt);
+    QCOMPARE(steps.first(), Step::GettingNode);
+    QCOMPARE(steps.last(), Step::Waiting);
+    QVERIFY(steps.contains(Step::Copying));
     QCOMPARE(installer.installedNodePath(), node);
-    QCOMPARE(installer.serviceNodeGone(), std::nullopt);
-    QVERIFY(installer.pollHealth(5));
     QVERIFY(!alive(*pid));
+
+    // Restart from the panel: a new process, answering before the flag drops.
+    const std::optional<int> repaired = installer.servicePID();
+    QVERIFY(repaired);
+    model.restartService();
+    QVERIFY(model.restarting());
+    QTRY_VERIFY_WITH_TIMEOUT(!model.restarting(), 40000);
+    QVERIFY(installer.probeHealth());
+    const std::optional<int> restarted = installer.servicePID();
+    QVERIFY(restarted && restarted != repaired);
+    QCOMPARE(model.noteText(), QString());
 }
 
 void TestServiceInstallerSteps::uninstallLeavesTheDataAndNothingElse()

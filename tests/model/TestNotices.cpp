@@ -39,8 +39,11 @@ private Q_SLOTS:
     void busyWords();
     void dismissalFollowsTheKey();
     void undoBringsTheCardBack();
+    void serviceDownCards_data();
     void serviceDownCards();
 };
+
+Q_DECLARE_METATYPE(ServiceDownInputs)
 
 void TestNotices::order()
 {
@@ -191,13 +194,60 @@ void TestNotices::undoBringsTheCardBack()
     QCOMPARE(ids(dismissed.visibleOf(notices)), QStringList{QStringLiteral("setup")});
 }
 
+void TestNotices::serviceDownCards_data()
+{
+    using Step = ServiceInstaller::Progress::Step;
+    using Progress = ServiceInstaller::Progress;
+    QTest::addColumn<ServiceDownInputs>("inputs");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<bool>("repairs");
+    QTest::addColumn<QString>("action");
+    QTest::addColumn<QString>("progress");
+
+    const QString gone = QStringLiteral("/opt/node/bin/node");
+    const QString goneTitle = QStringLiteral("The Node.js the service used is gone.");
+    QTest::newRow("a gone Node.js outranks everything, also a missing job")
+        << ServiceDownInputs{gone, false, std::nullopt, true} << goneTitle << true << "Repair" << QString();
+    QTest::newRow("a repair that hasn't said how far it is only says it runs")
+        << ServiceDownInputs{gone, true, Progress{Step::GettingNode, std::nullopt}, false} << goneTitle << true
+        << "Repairing…" << QString();
+    QTest::newRow("the download says how far, rounded and kept within 100")
+        << ServiceDownInputs{gone, true, Progress{Step::GettingNode, 1.004}, false} << goneTitle << true
+        << "Repairing…" << "Getting Node.js… 100%";
+    QTest::newRow("later steps speak for themselves")
+        << ServiceDownInputs{gone, true, Progress{Step::FetchingSDK, std::nullopt}, false} << goneTitle << true
+        << "Repairing…" << "Fetching Claude Code’s SDK…";
+    QTest::newRow("no job: setting up installs it")
+        << ServiceDownInputs{std::nullopt, false, std::nullopt, false}
+        << "Tidewatch isn't set up on this Mac yet." << true << "Set up" << QString();
+    QTest::newRow("no job, installing")
+        << ServiceDownInputs{std::nullopt, false, Progress{Step::Waiting, std::nullopt}, false}
+        << "Tidewatch isn't set up on this Mac yet." << true << "Setting up…" << "Waiting for it to answer…";
+    QTest::newRow("installed and silent: restart")
+        << ServiceDownInputs{std::nullopt, true, std::nullopt, false} << "The background service isn't answering."
+        << false << "Restart" << QString();
+    QTest::newRow("restarting")
+        << ServiceDownInputs{std::nullopt, true, std::nullopt, true} << "The background service isn't answering."
+        << false << "Restarting…" << QString();
+}
+
 void TestNotices::serviceDownCards()
 {
-    QCOMPARE(serviceDownCard(QStringLiteral("/opt/node/bin/node"), true).line,
-             QStringLiteral("It ran on /opt/node/bin/node. Repair gets Node.js and starts the service again; shared "
-                            "terminals keep running."));
-    QCOMPARE(serviceDownCard(std::nullopt, false).title, QStringLiteral("Tidewatch isn't set up on this Mac yet."));
-    QCOMPARE(serviceDownCard(std::nullopt, true).title, QStringLiteral("The background service isn't answering."));
+    QFETCH(ServiceDownInputs, inputs);
+    QFETCH(QString, title);
+    QFETCH(bool, repairs);
+    QFETCH(QString, action);
+    QFETCH(QString, progress);
+    const ServiceDownCard card = serviceDownCard(inputs);
+    QCOMPARE(card.title, title);
+    QCOMPARE(card.act == ServiceDownCard::Act::Repair, repairs);
+    QCOMPARE(card.action, action);
+    QCOMPARE(card.busy, action.endsWith(QStringLiteral("…")));
+    QCOMPARE(card.progress.value_or(QString()), progress);
+    if (inputs.serviceNodeGone) {
+        QCOMPARE(card.line, QStringLiteral("It ran on /opt/node/bin/node. Repair gets Node.js and starts the service "
+                                           "again; shared terminals keep running."));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestNotices)

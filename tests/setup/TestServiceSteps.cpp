@@ -137,11 +137,15 @@ void TestServiceSteps::uninstallEnding_data()
     QTest::addColumn<QString>("title");
     QTest::addColumn<QString>("text");
 
-    QTest::newRow("all went well") << QStringList{} << "Tidewatch is uninstalled."
-                                   << "You can move Tidewatch.app to the Trash now.";
+#ifdef Q_OS_MACOS
+    const QString closing = QStringLiteral("You can move Tidewatch.app to the Trash now.");
+#else
+    const QString closing = QStringLiteral("You can remove the Tidewatch program now.");
+#endif
+    QTest::newRow("all went well") << QStringList{} << "Tidewatch is uninstalled." << closing;
     QTest::newRow("with notes, each on its line")
         << QStringList{"First note.", "Second note."} << "Tidewatch is mostly uninstalled."
-        << "First note.\nSecond note.\n\nYou can move Tidewatch.app to the Trash now.";
+        << QStringLiteral("First note.\nSecond note.\n\n") + closing;
 }
 
 void TestServiceSteps::uninstallEnding()
