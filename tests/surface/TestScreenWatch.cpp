@@ -210,6 +210,16 @@ void TestScreenWatch::signalsMoveTheFlags_data()
                                              << QVariantList{u"org.gnome.desktop.interface"_s, u"enable-animations"_s,
                                                     QVariant::fromValue(QDBusVariant(false))}
                                              << QString() << "asleep=0 locked=0 inactive=0 reduce=1";
+    QTest::newRow("KDE's animations scaled to nothing")
+        << SessionSignals::portalPath << settings << u"SettingChanged"_s
+        << QVariantList{u"org.kde.kdeglobals.KDE"_s, u"AnimationDurationFactor"_s,
+               QVariant::fromValue(QDBusVariant(0.0))}
+        << QString() << "asleep=0 locked=0 inactive=0 reduce=1";
+    QTest::newRow("KDE's animations merely slowed")
+        << SessionSignals::portalPath << settings << u"SettingChanged"_s
+        << QVariantList{u"org.kde.kdeglobals.KDE"_s, u"AnimationDurationFactor"_s,
+               QVariant::fromValue(QDBusVariant(0.5))}
+        << u"screensaver"_s << "asleep=1 locked=0 inactive=0 reduce=0";
     QTest::newRow("another setting changing is no news")
         << SessionSignals::portalPath << settings << u"SettingChanged"_s
         << QVariantList{u"org.gnome.desktop.interface"_s, u"clock-format"_s, QVariant::fromValue(QDBusVariant(false))}

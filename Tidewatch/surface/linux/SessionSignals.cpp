@@ -15,8 +15,10 @@ using namespace Qt::StringLiterals;
 namespace {
 
 const QString kPropertiesInterface = u"org.freedesktop.DBus.Properties"_s;
-const QString kAnimationsGroup = u"org.gnome.desktop.interface"_s;
-const QString kAnimationsKey = u"enable-animations"_s;
+const QString kGnomeGroup = u"org.gnome.desktop.interface"_s;
+const QString kGnomeKey = u"enable-animations"_s;
+const QString kKdeGroup = u"org.kde.kdeglobals.KDE"_s;
+const QString kKdeKey = u"AnimationDurationFactor"_s;
 
 // Replies may wrap a value in a variant more than once (the portal's Read does).
 QVariant unwrapped(QVariant value)
@@ -117,13 +119,25 @@ void SessionSignals::takeSessionProperties(const QVariantMap& properties)
 
 void SessionSignals::readAnimations()
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(portalService, portalPath, settingsInterface, u"Read"_s);
-    call << kAnimationsGroup << kAnimationsKey;
-    whenAnswered(QDBusConnection::sessionBus(), call, this, [this](const QDBusMessage& reply) {
-        const QVariant value = unwrapped(reply.arguments().value(0));
-        if (value.metaType().id() == QMetaType::Bool && m_watch)
-            m_watch->setReduceMotion(!value.toBool());
-    });
+    for (const auto& [group, key] : {std::pair{kGnomeGroup, kGnomeKey}, std::pair{kKdeGroup, kKdeKey}}) {
+        QDBusMessage call = QDBusMessage::createMethodCall(portalService, portalPath, settingsInterface, u"Read"_s);
+        call << group << key;
+        whenAnswered(QDBusConnection::sessionBus(), call, this, [this, group, key](const QDBusMessage& reply) {
+            takeAnimationSetting(group, key, unwrapped(reply.arguments().value(0)));
+        });
+    }
+}
+
+void SessionSignals::takeAnimationSetting(const QString& group, const QString& key, const QVariant& value)
+{
+    if (group == kGnomeGroup && key == kGnomeKey && value.metaType().id() == QMetaType::Bool)
+        m_gnomeStill = !value.toBool();
+    else if (group == kKdeGroup && key == kKdeKey && value.metaType().id() == QMetaType::Double)
+        m_kdeStill = value.toDouble() == 0;
+    else
+        return;
+    if (m_watch)
+        m_watch->setReduceMotion(m_gnomeStill || m_kdeStill);
 }
 
 void SessionSignals::prepareForSleep(bool sleeping)
@@ -159,11 +173,7 @@ void SessionSignals::screensaverActiveChanged(bool active)
 
 void SessionSignals::settingChanged(const QString& group, const QString& key, const QDBusVariant& value)
 {
-    if (group != kAnimationsGroup || key != kAnimationsKey || !m_watch)
-        return;
-    const QVariant setting = unwrapped(value.variant());
-    if (setting.metaType().id() == QMetaType::Bool)
-        m_watch->setReduceMotion(!setting.toBool());
+    takeAnimationSetting(group, key, unwrapped(value.variant()));
 }
 
 void SessionSignals::push()

@@ -42,6 +42,8 @@ private:
     void watchSession(const QDBusObjectPath& path);
     void takeSessionProperties(const QVariantMap& properties);
     void readAnimations();
+    /// One desktop's animation setting as it reads now; the other's stays.
+    void takeAnimationSetting(const QString& group, const QString& key, const QVariant& value);
     void push();
 
     QPointer<ScreenWatch> m_watch;
@@ -49,4 +51,7 @@ private:
     bool m_locked = false;
     bool m_screensaver = false;
     bool m_inactive = false;
+    // GNOME switches animations off; KDE scales them to nothing. Either one is enough.
+    bool m_gnomeStill = false;
+    bool m_kdeStill = false;
 };
