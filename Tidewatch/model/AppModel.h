@@ -303,6 +303,8 @@ private:
     void checkServiceNode(bool serviceAnswered);
     /// Looks again at the installed service beside the app's: an update waits when they differ.
     void checkServiceUpdate();
+    /// A copy that may not manage a service says so in the note line: true then.
+    bool refusedHere();
     /// A keeper's job has ended: its note, if any, and a read at once.
     void afterServiceJob(const std::optional<QString>& note);
     void startFeed();

@@ -32,6 +32,14 @@ void AppModel::checkServiceUpdate()
         [this](bool available) { assign(m_serviceUpdate, available, &AppModel::serviceUpdateChanged); });
 }
 
+bool AppModel::refusedHere()
+{
+    const std::optional<QString> refused = m_environment.refusalSentence();
+    if (refused)
+        showNote(*refused);
+    return refused.has_value();
+}
+
 void AppModel::afterServiceJob(const std::optional<QString>& note)
 {
     if (note)
@@ -42,12 +50,8 @@ void AppModel::afterServiceJob(const std::optional<QString>& note)
 
 void AppModel::restartService()
 {
-    if (m_sample || m_restarting)
+    if (m_sample || m_restarting || refusedHere())
         return;
-    if (const std::optional<QString> refused = m_environment.refusalSentence()) {
-        showNote(*refused);
-        return;
-    }
     if (!m_keeper->restart([this](ServiceKeeper::Note note) {
             assign(m_restarting, false, &AppModel::restartingChanged);
             afterServiceJob(note);
@@ -58,12 +62,8 @@ void AppModel::restartService()
 
 void AppModel::repairService()
 {
-    if (m_sample || m_repairing)
+    if (m_sample || m_repairing || refusedHere())
         return;
-    if (const std::optional<QString> refused = m_environment.refusalSentence()) {
-        showNote(*refused);
-        return;
-    }
     const bool started = m_keeper->repair(
         [this](const ServiceInstaller::Progress& progress) {
             if (m_repairing)
@@ -81,12 +81,8 @@ void AppModel::repairService()
 
 void AppModel::updateService()
 {
-    if (m_sample || m_updatingService)
+    if (m_sample || m_updatingService || refusedHere())
         return;
-    if (const std::optional<QString> refused = m_environment.refusalSentence()) {
-        showNote(*refused);
-        return;
-    }
     if (!m_keeper->update([this](ServiceKeeper::Note note, bool loginItem) {
             if (!note)
                 assign(m_loginItemEnabled, loginItem, &AppModel::loginItemEnabledChanged);

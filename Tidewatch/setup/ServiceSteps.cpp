@@ -25,25 +25,27 @@ QString installedWord(bool installed)
     return installed ? QStringLiteral("installed") : QStringLiteral("NOT installed");
 }
 
-std::optional<LocalStatus> readStatus(const Environment& environment, QString* failure)
+// A step ends on what the status says once its call is done: the report of
+// it, or the reason it couldn't be read.
+int reportStatus(const Environment& environment, const Print& print,
+    const std::function<Report(const LocalStatus&)>& report)
 {
     const auto read = DaemonClient::requestBlocking(
         environment, DaemonClient::Method::Get, QStringLiteral("/local/status"), std::nullopt, kStatusLimit);
     if (!read.ok()) {
-        *failure = read.error().errorDescription();
-        return std::nullopt;
+        print(QStringLiteral("FAILED: ") + read.error().errorDescription());
+        return 1;
     }
-    std::optional<LocalStatus> status = decodeDocument<LocalStatus>(read.value());
-    if (!status)
-        *failure = DaemonError::decoding(QStringLiteral("GET /local/status")).errorDescription();
-    return status;
-}
-
-int printed(const Report& report, const Print& print)
-{
-    for (const QString& line : report.lines)
+    const std::optional<LocalStatus> status = decodeDocument<LocalStatus>(read.value());
+    if (!status) {
+        print(QStringLiteral("FAILED: ")
+            + DaemonError::decoding(QStringLiteral("GET /local/status")).errorDescription());
+        return 1;
+    }
+    const Report made = report(*status);
+    for (const QString& line : made.lines)
         print(line);
-    return report.status;
+    return made.status;
 }
 
 } // namespace
@@ -133,13 +135,7 @@ int integration(const Environment& environment, const Print& print)
         print(QStringLiteral("FAILED: ") + installed.error().errorDescription());
         return 1;
     }
-    QString failure;
-    const std::optional<LocalStatus> status = readStatus(environment, &failure);
-    if (!status) {
-        print(QStringLiteral("FAILED: ") + failure);
-        return 1;
-    }
-    return printed(integrationReport(*status), print);
+    return reportStatus(environment, print, integrationReport);
 }
 
 Report tailscaleReport(const LocalStatus& status, const QDateTime& now)
@@ -179,13 +175,8 @@ int tailscale(const Environment& environment, const Print& print)
         print(QStringLiteral("FAILED: ") + served.error().errorDescription());
         return 1;
     }
-    QString failure;
-    const std::optional<LocalStatus> status = readStatus(environment, &failure);
-    if (!status) {
-        print(QStringLiteral("FAILED: ") + failure);
-        return 1;
-    }
-    return printed(tailscaleReport(*status, QDateTime::currentDateTimeUtc()), print);
+    return reportStatus(environment, print,
+        [](const LocalStatus& status) { return tailscaleReport(status, QDateTime::currentDateTimeUtc()); });
 }
 
 int uninstallService(ServiceInstaller installer, const Print& print)
