@@ -34,7 +34,6 @@ private Q_SLOTS:
     void initTestCase();
     void cleanupTestCase();
     void mutations();
-    void samplesDecodeAsBefore();
 };
 
 namespace {
@@ -299,8 +298,6 @@ struct Sample {
 };
 
 QList<Sample> g_samples;
-std::optional<Snapshot> g_snapshotBefore;
-std::optional<LocalStatus> g_statusBefore;
 struct sigaction g_previous[5];
 constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
 
@@ -334,9 +331,7 @@ void TestDecodeFuzz::initTestCase()
     g_samples.append({u"awake frame"_s, frame("awake", busy.value(u"mac"_s).toObject().value(u"awake"_s))});
     g_samples.append({u"snapshot frame"_s, frame("snapshot", busy)});
 
-    g_snapshotBefore = decodeDocument<Snapshot>(snapshot);
-    g_statusBefore = decodeDocument<LocalStatus>(status);
-    QVERIFY(g_snapshotBefore && g_statusBefore);
+    QVERIFY(decodeDocument<Snapshot>(snapshot) && decodeDocument<LocalStatus>(status));
 
     struct sigaction action {
     };
@@ -393,13 +388,6 @@ void TestDecodeFuzz::mutations()
         qInfo("seed 0x%llx: %d cases, %d of them still JSON", (unsigned long long)seed, cases, parsedAfterwards);
         QVERIFY(parsedAfterwards > cases / 3);
     }
-}
-
-void TestDecodeFuzz::samplesDecodeAsBefore()
-{
-    QCOMPARE(decodeDocument<Snapshot>(g_samples[0].bytes), g_snapshotBefore);
-    QCOMPARE(decodeDocument<LocalStatus>(g_samples[1].bytes), g_statusBefore);
-    QCOMPARE(g_samples[0].bytes, Fixture::sample(u"snapshot-busy.json"_s));
 }
 
 QTEST_GUILESS_MAIN(TestDecodeFuzz)

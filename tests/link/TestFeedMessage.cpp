@@ -53,12 +53,10 @@ void TestFeedMessage::frames_data()
     QTest::newRow("transcript events pass unread")
         << QByteArray(R"({"t":"event","sessionId":"s1","event":{"id":"e1","kind":"assistant","text":"hi"}})") << change
         << "none";
-    QTest::newRow("agent records pass unread") << QByteArray(R"({"t":"agent","agent":{"id":"a1"}})") << change << "none";
     QTest::newRow("not JSON") << QByteArray("{\"t\":\"session\",") << change << "none";
     QTest::newRow("not an object") << QByteArray("[1,2]") << change << "none";
     QTest::newRow("no type") << QByteArray(R"({"session":{"id":"s"}})") << change << "none";
     QTest::newRow("a type that isn't a string") << QByteArray(R"({"t":7})") << change << "none";
-    QTest::newRow("an empty frame") << QByteArray() << change << "none";
     QTest::newRow("a snapshot that isn't an object gives nothing")
         << QByteArray(R"({"t":"snapshot","snapshot":[]})") << change << "none";
     QTest::newRow("a session whose block doesn't read still arrives")

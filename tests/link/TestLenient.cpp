@@ -61,14 +61,11 @@ void TestLenient::dates_data()
 
     reads("milliseconds", "1760007200000", kMoment);
     reads("seconds are the same moment", "1760007200", kMoment);
-    reads("milliseconds as a string", "\"1760007200000\"", kMoment);
     reads("seconds as a string", "\"1760007200\"", kMoment);
-    reads("ISO with milliseconds", "\"2025-10-09T10:53:20.000Z\"", kMoment);
     reads("ISO without a fraction", "\"2025-10-09T10:53:20Z\"", kMoment);
     reads("ISO with a colon offset", "\"2025-10-09T12:53:20+02:00\"", kMoment);
     reads("ISO with a bare negative offset", "\"2025-10-09T05:23:20-0530\"", kMoment);
     reads("ISO with an hours-only offset", "\"2025-10-09T12:53:20+02\"", kMoment);
-    reads("ISO offset crossing midnight", "\"2025-10-10T00:53:20+14:00\"", kMoment);
     reads("ISO with one fraction digit", "\"2025-10-09T10:53:20.5Z\"", kMoment + 500);
     reads("ISO beyond milliseconds is cut, not rounded", "\"2025-10-09T10:53:20.123999Z\"", kMoment + 123);
     reads("ISO on a leap day", "\"2024-02-29T00:00:00Z\"", 1709164800000);
@@ -91,14 +88,10 @@ void TestLenient::dates_data()
     fails("a decimal comma", "\"1760007200,5\"");
     fails("two signs", "\"+-1760007200\"");
     fails("nan as a string", "\"nan\"");
-    fails("infinity as a string", "\"inf\"");
     fails("non-ASCII digits", "\"\xef\xbc\x91\xef\xbc\x97\"");
     fails("beyond the range of a date", "1e300");
-    fails("a string beyond the range of a date", "\"-1e300\"");
-    fails("a boolean", "true");
     fails("null", "null");
     fails("an object", "{\"at\":1760007200}");
-    fails("an array", "[1760007200]");
     fails("ISO without a zone", "\"2025-10-09T10:53:20\"");
     fails("ISO date alone", "\"2025-10-09\"");
     fails("ISO with a dot and no digits", "\"2025-10-09T10:53:20.Z\"");
@@ -141,19 +134,14 @@ void TestLenient::integers_data()
     QTest::newRow("a whole number") << QByteArray("2") << true << 2ll;
     QTest::newRow("a whole number written as a double") << QByteArray("2.0") << true << 2ll;
     QTest::newRow("zero") << QByteArray("0") << true << 0ll;
-    QTest::newRow("negative zero") << QByteArray("-0.0") << true << 0ll;
     QTest::newRow("negative") << QByteArray("-3") << true << -3ll;
     QTest::newRow("the largest 64-bit value")
         << QByteArray("9223372036854775807") << true << std::numeric_limits<qint64>::max();
     QTest::newRow("the smallest 64-bit value")
         << QByteArray("-9223372036854775808") << true << std::numeric_limits<qint64>::min();
-    QTest::newRow("a fraction") << QByteArray("2.5") << false << 0ll;
     QTest::newRow("a tiny fraction near zero") << QByteArray("1e-300") << false << 0ll;
     QTest::newRow("one past 64 bits") << QByteArray("9223372036854775808") << false << 0ll;
-    QTest::newRow("a huge double") << QByteArray("1e20") << false << 0ll;
     QTest::newRow("a numeric string") << QByteArray("\"2\"") << false << 0ll;
-    QTest::newRow("a boolean") << QByteArray("true") << false << 0ll;
-    QTest::newRow("null") << QByteArray("null") << false << 0ll;
 }
 
 void TestLenient::integers()
@@ -177,11 +165,8 @@ void TestLenient::scalarsReadOnlyTheirOwnType_data()
     QTest::newRow("a string") << QByteArray("\"yes\"") << u"string"_s;
     QTest::newRow("an empty string is a string") << QByteArray("\"\"") << u"string"_s;
     QTest::newRow("true") << QByteArray("true") << u"boolean"_s;
-    QTest::newRow("false") << QByteArray("false") << u"boolean"_s;
     QTest::newRow("a number") << QByteArray("18.6") << u"number"_s;
-    QTest::newRow("the largest double") << QByteArray("1.7976931348623157e308") << u"number"_s;
     QTest::newRow("null is nothing") << QByteArray("null") << QString();
-    QTest::newRow("an object is nothing") << QByteArray("{}") << QString();
     QTest::newRow("an array is nothing") << QByteArray("[\"yes\"]") << QString();
 }
 
@@ -211,9 +196,7 @@ void TestLenient::flexList_data()
     QTest::newRow("a bare count from an older service") << QByteArray("3") << QStringList() << 3ll;
     QTest::newRow("a bare count written as a double") << QByteArray("3.0") << QStringList() << 3ll;
     QTest::newRow("a fractional count is nothing") << QByteArray("2.5") << QStringList() << 0ll;
-    QTest::newRow("a word is nothing") << QByteArray("\"many\"") << QStringList() << 0ll;
     QTest::newRow("an object is nothing") << QByteArray(R"({"id":"a"})") << QStringList() << 0ll;
-    QTest::newRow("null is nothing") << QByteArray("null") << QStringList() << 0ll;
     QTest::newRow("an empty list") << QByteArray("[]") << QStringList() << 0ll;
 }
 
@@ -240,8 +223,6 @@ void TestLenient::jsonValueKeptAsItCame_data()
     QTest::newRow("an object") << QByteArray(R"({"command":"ls -la","timeout":120000})");
     QTest::newRow("an array of mixed values") << QByteArray(R"(["a",1,true,null,{"b":[]}])");
     QTest::newRow("a string") << QByteArray("\"rm -rf build\"");
-    QTest::newRow("a number") << QByteArray("-0.5");
-    QTest::newRow("false") << QByteArray("false");
     QTest::newRow("deep nesting") << QByteArray(
         R"({"a":{"b":{"c":{"d":{"e":{"f":{"g":[[[[[[{"h":"deep"}]]]]]]}}}}}}})");
 }
@@ -262,9 +243,6 @@ void TestLenient::documents_data()
     QTest::addColumn<bool>("reads");
 
     QTest::newRow("an object") << QByteArray(R"({"id":"s1"})") << true;
-    QTest::newRow("a session needs nothing but its id") << QByteArray(
-        R"({"id":"s1","title":"T","cwd":"/tmp","projectName":"tmp","origin":"terminal",)"
-        R"("state":"working","agentsRunning":2})") << true;
     QTest::newRow("an id of another type") << QByteArray(R"({"id":1,"title":"T"})") << false;
     QTest::newRow("an object among blanks") << QByteArray(" \n{\"id\":\"s1\"}\n") << true;
     QTest::newRow("unknown keys are ignored") << QByteArray(R"({"id":"s1","future":{"a":[1,{"b":null}]}})") << true;

@@ -1,5 +1,4 @@
 #include "link/LocalStatus.h"
-#include "link/Snapshot.h"
 
 #include "Fixture.h"
 
@@ -17,11 +16,8 @@ private Q_SLOTS:
     void olderServiceParts_data();
     void olderServiceParts();
     void builtInNodeUp();
-    void claudeNotFoundWithADevice();
     void automationsStatus_data();
     void automationsStatus();
-    void automationsSnapshot();
-    void automationsSnapshotWrongTypes();
     void unreadablePartsSinkOnlyThemselves();
 };
 
@@ -112,17 +108,6 @@ void TestLocalStatus::builtInNodeUp()
     QCOMPARE(decoded.tsnet->helper->state, u"Running"_s);
 }
 
-void TestLocalStatus::claudeNotFoundWithADevice()
-{
-    const LocalStatus decoded
-        = status(R"({"claude":{"path":null,"version":null},"hooks":{"installed":false},"devices":[{"id":"d1"}]})");
-    QVERIFY(decoded.claude);
-    QVERIFY(!decoded.claude->path);
-    QCOMPARE(decoded.hooks->installed, false);
-    QCOMPARE(decoded.devices.count, 1);
-    QCOMPARE(decoded.devices.items[0].id, u"d1"_s);
-}
-
 void TestLocalStatus::automationsStatus_data()
 {
     QTest::addColumn<QByteArray>("automations");
@@ -156,41 +141,6 @@ void TestLocalStatus::automationsStatus()
     for (const AutomationsStatus::Run& run : decoded.automations->running)
         sessions << run.sessionId.value_or(u"none"_s);
     QTEST(sessions, "runningSessions");
-}
-
-void TestLocalStatus::automationsSnapshot()
-{
-    const std::optional<Snapshot> snapshot = decodeDocument<Snapshot>(R"({"automations":{"paused":true,"list":[
-        {"id":"a","name":"A","enabled":true,"nextAt":1760007200000},
-        {"id":"b","name":"B","enabled":false,"nextAt":"2025-10-09T10:53:20Z"},
-        {"id":"c","name":"C","nextAt":null,"lastRun":{"id":"ru_1","state":"running","sessionIds":["s1"]}},
-        "junk",
-        {"id":"d","enabled":true,"lastRun":{"id":"ru_2","state":"needs_you","ask":{"stepId":"st_q","question":"?",
-            "answers":["Yes","No"],"default":"No","until":"1760007800000"}}}
-    ]}})");
-    QVERIFY(snapshot && snapshot->automations);
-    const AutomationsSnapshot& automations = *snapshot->automations;
-    QVERIFY(automations.paused);
-    QVERIFY(!automations.features);
-    QCOMPARE(automations.list.size(), 4);
-    QCOMPARE(automations.list[1].nextAt, automations.list[0].nextAt);
-    QVERIFY(!automations.list[2].enabled);
-    QVERIFY(!automations.list[2].nextAt);
-    QCOMPARE(automations.list[2].lastRun->sessionIds, QStringList{u"s1"_s});
-    const AutomationsSnapshot::Ask& ask = *automations.list[3].lastRun->ask;
-    QCOMPARE(ask.stepId, u"st_q"_s);
-    QCOMPARE(ask.defaultAnswer, u"No"_s);
-    QCOMPARE(ask.until->msecsSinceEpoch, 1760007800000);
-}
-
-void TestLocalStatus::automationsSnapshotWrongTypes()
-{
-    const std::optional<AutomationsSnapshot> automations = AutomationsSnapshot::fromJson(
-        QJsonDocument::fromJson(R"({"paused":"yes","list":{"a":1},"features":"steps"})").object());
-    QVERIFY(automations);
-    QCOMPARE(*automations, AutomationsSnapshot());
-    QVERIFY(!AutomationsSnapshot::fromJson(QJsonValue(u"soon"_s)));
-    QVERIFY(!AutomationsStatus::fromJson(QJsonValue(QJsonArray())));
 }
 
 void TestLocalStatus::unreadablePartsSinkOnlyThemselves()

@@ -26,7 +26,6 @@ private Q_SLOTS:
     void battery();
     void awake_data();
     void awake();
-    void codex();
     void codexResetOfZeroIsNoReset_data();
     void codexResetOfZeroIsNoReset();
     void usageWindowNeedsAFinitePercent();
@@ -298,7 +297,6 @@ void TestWireRecords::account_data()
         << QByteArray(R"({"state":"ok","plan":"Pro","since":"never"})") << true << u"ok"_s << false << false;
     QTest::newRow("a new shape is the unknown account")
         << QByteArray("\"something new\"") << true << u"unknown"_s << false << false;
-    QTest::newRow("a number is the unknown account") << QByteArray("7") << true << u"unknown"_s << false << false;
     QTest::newRow("a state of another type is unknown")
         << QByteArray(R"({"state":7,"since":1760007200})") << true << u"unknown"_s << true << false;
     QTest::newRow("a new state word is kept")
@@ -336,8 +334,6 @@ void TestWireRecords::battery_data()
                                           << 100.0 << u"charging none, onAC true, minutes -1"_s;
     QTest::newRow("below 0 is clamped") << QByteArray(R"({"percent":-3})") << true << 0.0
                                         << u"charging none, onAC none, minutes none"_s;
-    QTest::newRow("the largest double is clamped") << QByteArray(R"({"percent":1.7976931348623157e308})") << true
-                                                   << 100.0 << u"charging none, onAC none, minutes none"_s;
     QTest::newRow("a word for the percent is no battery")
         << QByteArray(R"({"percent":"low"})") << false << 0.0 << QString();
     QTest::newRow("no percent is no battery") << QByteArray(R"({"charging":true})") << false << 0.0 << QString();
@@ -374,9 +370,7 @@ void TestWireRecords::awake_data()
         << QByteArray(R"({"mode":"backpack","holding":true,"minBattery":30.0})") << true << 30ll << true;
     QTest::newRow("an unknown mode fails the record")
         << QByteArray(R"({"mode":"sleepy","holding":true})") << false << 0ll << false;
-    QTest::newRow("a mode in capitals is unknown") << QByteArray(R"({"mode":"Working"})") << false << 0ll << false;
     QTest::newRow("no mode fails the record") << QByteArray(R"({"holding":true})") << false << 0ll << false;
-    QTest::newRow("a mode of another type fails the record") << QByteArray(R"({"mode":1})") << false << 0ll << false;
 }
 
 void TestWireRecords::awake()
@@ -395,26 +389,12 @@ void TestWireRecords::awake()
     QCOMPARE(awakeModeFromName(awakeModeName(awake->mode)), awake->mode);
 }
 
-void TestWireRecords::codex()
-{
-    const std::optional<Codex> codex
-        = Codex::fromJson(json(R"({"available":"yes","enabled":true,"path":"/x/codex","account":"soon","usage":7})"));
-    QVERIFY(codex);
-    QVERIFY(!codex->available);
-    QVERIFY(codex->enabled);
-    QVERIFY(!codex->connected);
-    QCOMPARE(codex->path, u"/x/codex"_s);
-    QVERIFY(!codex->account);
-    QVERIFY(!codex->usage);
-}
-
 void TestWireRecords::codexResetOfZeroIsNoReset_data()
 {
     QTest::addColumn<QByteArray>("resetsAt");
     QTest::addColumn<bool>("hasReset");
 
     QTest::newRow("0") << QByteArray("0") << false;
-    QTest::newRow("0.0") << QByteArray("0.0") << false;
     QTest::newRow("\"0\"") << QByteArray("\"0\"") << false;
     QTest::newRow("the epoch in ISO") << QByteArray("\"1970-01-01T00:00:00Z\"") << false;
     QTest::newRow("half a millisecond rounds to the epoch") << QByteArray("0.0004") << false;
@@ -459,10 +439,8 @@ void TestWireRecords::displayTitle_data()
     QTest::newRow("trimmed of blanks and new lines")
         << QByteArray(R"({"id":"s","title":"\n\t Fix it  \r\n"})") << u"Fix it"_s;
     QTest::newRow("inner new lines are kept") << QByteArray(R"({"id":"s","title":"a\nb"})") << u"a\nb"_s;
-    QTest::newRow("empty") << QByteArray(R"({"id":"s","title":""})") << u"Untitled session"_s;
     QTest::newRow("only blanks") << QByteArray(R"({"id":"s","title":" \n\u00a0"})") << u"Untitled session"_s;
     QTest::newRow("missing") << QByteArray(R"({"id":"s"})") << u"Untitled session"_s;
-    QTest::newRow("of another type") << QByteArray(R"({"id":"s","title":7})") << u"Untitled session"_s;
 }
 
 void TestWireRecords::displayTitle()

@@ -170,7 +170,6 @@ void TestReadPace::feedBelieved_data()
     QTest::addColumn<double>("heardAgo");
     QTest::addColumn<bool>("believed");
 
-    QTest::newRow("heard 5 s ago") << 5.0 << true;
     QTest::newRow("heard 29.9 s ago") << 29.9 << true;
     QTest::newRow("heard 30 s ago: no longer") << 30.0 << false;
     QTest::newRow("never heard") << -1.0 << false;

@@ -131,9 +131,6 @@ void TestSnapshotPatch::patch_data()
     QTest::newRow("speech-to-text is not the snapshot's")
         << kBase << QByteArray(R"({"t":"stt","stt":{"provider":"x","ready":true}})") << kBase << false;
     QTest::newRow("devices are not the snapshot's") << kBase << QByteArray(R"({"t":"devices"})") << kBase << false;
-    QTest::newRow("transcript events pass unread")
-        << kBase << QByteArray(R"({"t":"event","sessionId":"s1","event":{"id":"e1","kind":"assistant","text":"hi"}})")
-        << kBase << false;
 }
 
 void TestSnapshotPatch::patch()

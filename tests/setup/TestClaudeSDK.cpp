@@ -1,5 +1,6 @@
 #include "setup/ClaudeSDK.h"
 
+#include "Fixture.h"
 #include "ScratchFolder.h"
 
 #include <QDir>
@@ -9,13 +10,6 @@
 using namespace ClaudeSDK;
 
 namespace {
-
-QByteArray sample(const QString& name)
-{
-    QFile file(QStringLiteral(TIDEWATCH_TEST_DATA "/") + name);
-    file.open(QIODevice::ReadOnly);
-    return file.readAll();
-}
 
 /// A daemon folder, a Node.js and an npm that installs a package the way
 /// npm would, from small scripts; what npm was asked is written down.
@@ -95,10 +89,10 @@ void TestClaudeSDK::sentences_data()
     QTest::addColumn<QString>("sentence");
 
     QTest::newRow("a refused registry is offline")
-        << sample("npm-econnrefused.txt") << 1 << false
+        << Fixture::sample("npm-econnrefused.txt") << 1 << false
         << "Tidewatch couldn’t reach npm: this Mac looks offline (or a proxy is in the way). Fetch it again once it’s online.";
     QTest::newRow("a missing package is npm's own words, cut at 160")
-        << sample("npm-e404.txt") << 1 << false
+        << Fixture::sample("npm-e404.txt") << 1 << false
         << QStringLiteral("npm stopped with an error (")
                + QStringLiteral("E404: 404 Not Found - GET https://registry.npmjs.org/@anthropic-ai%2fclaude-agent-sdk-does-not-exist-xyz").left(160)
                + QStringLiteral("). Fetch it again in a moment.");

@@ -35,6 +35,7 @@ public:
         return node(QStringLiteral("home/.nvm/versions/node/") + version + QStringLiteral("/bin/node"), version);
     }
     void note(const QByteArray& recorded) const { m_scratch.write(QStringLiteral("support/node-path"), recorded); }
+    void write(const QString& path, const QByteArray& contents) const { m_scratch.write(path, contents); }
     /// A login shell that greets, prints what `command -v` would, and says goodbye.
     void loginShellPrints(const QString& lines) const
     {
@@ -75,11 +76,9 @@ class TestDetection : public QObject
 private Q_SLOTS:
     void versions_data();
     void versions();
-    void newestNvmFirst();
-    void nvmAloneIsVersionedNotStable();
+    void nvmAloneIsVersionedNotStableNewestFirst();
     void stableWinsButVersionedIsFirstInOrder();
-    void serviceKeepsItsWorkingNode();
-    void serviceWhoseNodeIsGone();
+    void serviceKeepsItsWorkingNodeAndMovesOffAGoneOne();
     void recordedPath_data();
     void recordedPath();
     void recordingIsAtomicAndRefusedWhenNotIsolated();
@@ -116,7 +115,7 @@ void TestDetection::versions()
     QVERIFY((!NodeVersion{22, 17, 9}.meetsFloor()));
 }
 
-void TestDetection::newestNvmFirst()
+void TestDetection::nvmAloneIsVersionedNotStableNewestFirst()
 {
     Machine machine;
     machine.nvmNode(QStringLiteral("v24.11.1"));
@@ -126,17 +125,10 @@ void TestDetection::newestNvmFirst()
     QVERIFY(folders.indexOf(machine.home() + "/.nvm/versions/node/v25.9.0/bin")
             < folders.indexOf(machine.home() + "/.nvm/versions/node/v24.11.1/bin"));
     QCOMPARE(sources(detection.nodeCandidates()), QStringList{"nvm v25.9.0"});
-}
-
-void TestDetection::nvmAloneIsVersionedNotStable()
-{
-    Machine machine;
-    machine.nvmNode(QStringLiteral("v24.11.1"));
-    const Detection detection = machine.detection();
     QCOMPARE(detection.bestNode().first->source, QStringLiteral("nvm"));
     const ServiceNodeChoice choice = detection.chooseServiceNode(std::nullopt);
     QVERIFY(!choice.stable);
-    QCOMPARE(choice.versioned->version, std::optional<QString>("v24.11.1"));
+    QCOMPARE(choice.versioned->version, std::optional<QString>("v25.9.0"));
 }
 
 void TestDetection::stableWinsButVersionedIsFirstInOrder()
@@ -159,24 +151,19 @@ void TestDetection::stableWinsButVersionedIsFirstInOrder()
     QVERIFY(!detection.isStableNode(machine.support() + "/nodes/evil"));
 }
 
-void TestDetection::serviceKeepsItsWorkingNode()
-{
-    Machine machine;
-    machine.node(QStringLiteral("usr/bin/node"), QStringLiteral("v22.19.0"));
-    const QString nvm = machine.nvmNode(QStringLiteral("v23.1.0"));
-    const ServiceNodeChoice choice = machine.detection().chooseServiceNode(nvm);
-    QCOMPARE(choice.stable->path, nvm);
-    QCOMPARE(choice.stable->source, QStringLiteral("the service’s (nvm)"));
-    QVERIFY(!choice.versioned);
-}
-
-void TestDetection::serviceWhoseNodeIsGone()
+void TestDetection::serviceKeepsItsWorkingNodeAndMovesOffAGoneOne()
 {
     Machine machine;
     const QString system = machine.node(QStringLiteral("usr/bin/node"), QStringLiteral("v22.19.0"));
-    const ServiceNodeChoice choice = machine.detection().chooseServiceNode(machine.home() + "/gone/bin/node");
-    QCOMPARE(choice.stable->path, system);
-    QCOMPARE(choice.versioned->path, system);
+    const QString nvm = machine.nvmNode(QStringLiteral("v23.1.0"));
+    const ServiceNodeChoice kept = machine.detection().chooseServiceNode(nvm);
+    QCOMPARE(kept.stable->path, nvm);
+    QCOMPARE(kept.stable->source, QStringLiteral("the service’s (nvm)"));
+    QVERIFY(!kept.versioned);
+
+    const ServiceNodeChoice moved = machine.detection().chooseServiceNode(machine.home() + "/gone/bin/node");
+    QCOMPARE(moved.stable->path, system);
+    QCOMPARE(moved.versioned->path, system);
 }
 
 void TestDetection::recordedPath_data()
@@ -291,17 +278,10 @@ void TestDetection::signIn()
     QFETCH(int, signedIn);
     QFETCH(QString, email);
     Machine machine;
-    if (!settings.isEmpty()) {
-        QDir().mkpath(machine.home() + "/.claude");
-        QFile file(machine.home() + "/.claude/settings.json");
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(settings);
-    }
-    if (!account.isEmpty()) {
-        QFile file(machine.home() + "/.claude.json");
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(account);
-    }
+    if (!settings.isEmpty())
+        machine.write(QStringLiteral("home/.claude/settings.json"), settings);
+    if (!account.isEmpty())
+        machine.write(QStringLiteral("home/.claude.json"), account);
     const auto [state, address] = machine.detection().readClaudeSignIn();
     QCOMPARE(state ? int(*state) : -1, signedIn);
     QCOMPARE(address.value_or(QString()), email);

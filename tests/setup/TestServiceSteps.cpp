@@ -1,3 +1,4 @@
+#include "Fixture.h"
 #include "ScratchFolder.h"
 
 #include "entry/Preferences.h"
@@ -5,20 +6,13 @@
 #include "setup/ServiceSteps.h"
 #include "setup/Uninstaller.h"
 
-#include <QJsonDocument>
 #include <QTest>
 
 using namespace ServiceSteps;
 
 namespace {
 
-// "now" of these tests: 2025-10-09 10:53:20 UTC.
-const QDateTime kNow = QDateTime::fromSecsSinceEpoch(1760007200, Qt::UTC);
-
-LocalStatus status(const QByteArray& json)
-{
-    return *LocalStatus::fromJson(QJsonDocument::fromJson(json).object());
-}
+constexpr auto status = &Fixture::record<LocalStatus>;
 
 } // namespace
 
@@ -108,7 +102,7 @@ void TestServiceSteps::phoneAccess()
     QFETCH(QByteArray, json);
     QFETCH(QStringList, lines);
     QFETCH(int, code);
-    QCOMPARE(tailscaleReport(status(json), kNow), (Report{lines, code}));
+    QCOMPARE(tailscaleReport(status(json), Fixture::now()), (Report{lines, code}));
 }
 
 void TestServiceSteps::shortenedPaths_data()

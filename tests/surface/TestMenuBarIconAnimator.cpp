@@ -183,17 +183,12 @@ void TestMenuBarIconAnimator::accountTrouble_data()
                              << "Claude Code’s account is on hold";
     QTest::newRow("a limit reached raises no dot")
         << true << true << QByteArray(R"({"state":"limited","limit":{"window":"five_hour"}})") << QByteArray() << "";
-    QTest::newRow("out of credits raises no dot")
-        << true << true << QByteArray(R"({"state":"no_credit"})") << QByteArray() << "";
     QTest::newRow("Claude Code leads, so Codex's sign-out is its own card's business")
         << true << true << QByteArray(R"({"state":"ok"})") << codexSignedOut << "";
     QTest::newRow("Codex alone and signed out")
         << true << false << QByteArray() << codexSignedOut << "Codex is signed out";
     QTest::newRow("a Codex too old to run leads nothing, so raises no dot")
         << true << false << QByteArray() << QByteArray(R"({"available":false,"version":"0.1.0","min":"0.40.0"})") << "";
-    QTest::newRow("Codex alone and unreachable raises no dot")
-        << true << false << QByteArray()
-        << QByteArray(R"({"available":true,"enabled":true,"problem":"It didn't answer."})") << "";
     QTest::newRow("Codex alone and fine, Claude Code's sign-out means nothing")
         << true << false << signedOut << codexFine << "";
     QTest::newRow("the service gone: no account words at all") << false << true << signedOut << QByteArray() << "";

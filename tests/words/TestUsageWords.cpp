@@ -210,15 +210,19 @@ void TestUsageWords::look_data()
     QTest::addColumn<Ink>("percentInk");
     QTest::addColumn<Ink>("barInk");
     QTest::addColumn<double>("ghost"); // negative: none
+    QTest::addColumn<double>("fill");
 
-    QTest::newRow("not measured") << -1.0 << -1.0 << "—" << Ink::Text << Ink::Muted << -1.0;
-    QTest::newRow("truncated, not rounded") << 64.7 << -1.0 << "64%" << Ink::Text << Ink::Green << -1.0;
-    QTest::newRow("79.99 is still green") << 79.99 << -1.0 << "79%" << Ink::Text << Ink::Green << -1.0;
-    QTest::newRow("amber from 80") << 80.0 << 90.0 << "80%" << Ink::Text << Ink::Amber << 0.9;
-    QTest::newRow("spent is red") << 100.0 << -1.0 << "100%" << Ink::Red << Ink::Red << -1.0;
-    QTest::newRow("over 100 fills the bar, no further") << 130.0 << -1.0 << "130%" << Ink::Red << Ink::Red << -1.0;
-    QTest::newRow("a ghost half a point ahead shows") << 20.0 << 20.5 << "20%" << Ink::Text << Ink::Green << 0.205;
-    QTest::newRow("a ghost under half a point doesn't") << 20.0 << 20.4 << "20%" << Ink::Text << Ink::Green << -1.0;
+    QTest::newRow("not measured") << -1.0 << -1.0 << "—" << Ink::Text << Ink::Muted << -1.0 << 0.0;
+    QTest::newRow("truncated, not rounded") << 64.7 << -1.0 << "64%" << Ink::Text << Ink::Green << -1.0 << 0.647;
+    QTest::newRow("79.99 is still green") << 79.99 << -1.0 << "79%" << Ink::Text << Ink::Green << -1.0 << 0.7999;
+    QTest::newRow("amber from 80") << 80.0 << 90.0 << "80%" << Ink::Text << Ink::Amber << 0.9 << 0.8;
+    QTest::newRow("spent is red") << 100.0 << -1.0 << "100%" << Ink::Red << Ink::Red << -1.0 << 1.0;
+    QTest::newRow("over 100 fills the bar, no further")
+        << 130.0 << -1.0 << "130%" << Ink::Red << Ink::Red << -1.0 << 1.0;
+    QTest::newRow("a ghost half a point ahead shows")
+        << 20.0 << 20.5 << "20%" << Ink::Text << Ink::Green << 0.205 << 0.2;
+    QTest::newRow("a ghost under half a point doesn't")
+        << 20.0 << 20.4 << "20%" << Ink::Text << Ink::Green << -1.0 << 0.2;
 }
 
 void TestUsageWords::look()
@@ -235,7 +239,7 @@ void TestUsageWords::look()
     QTEST(look.percent, "percent");
     QTEST(look.percentInk, "percentInk");
     QTEST(look.barInk, "barInk");
-    QCOMPARE(look.fill, used < 0 ? 0.0 : std::min(1.0, used / 100));
+    QTEST(look.fill, "fill");
     QCOMPARE(look.ghost.has_value(), ghost >= 0);
     if (ghost >= 0)
         QVERIFY(qAbs(*look.ghost - ghost) < 1e-9);
