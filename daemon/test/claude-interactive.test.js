@@ -94,7 +94,13 @@ for (const { name, keys, decision, made } of terminalCases) {
     assert.deepEqual((await snapshot()).approvals, []);
     assert.deepEqual(await decisionsOf(service), [{ decision, by: 'terminal' }]);
     assert.equal(fs.existsSync(target), made);
-    await until(async () => (await snapshot()).sessions[0].state === 'idle', 'the session idle again', 15000);
+    // Claude Code runs on after the terminal's answer: the command, another turn, then Stop.
+    let state;
+    await until(
+      async () => (state = (await snapshot()).sessions[0]?.state) === 'idle',
+      () => `the session idle again (it stayed ${state})\n${claude.screen()}`,
+      30000,
+    );
     // The hook was let go without an answer of its own: an answer now is late.
     const late = await service.local('POST', `/v1/approvals/${approval.id}/decision`, { body: { decision: 'allow' } });
     assert.equal(late.status, 409);

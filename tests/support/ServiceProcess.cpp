@@ -71,11 +71,6 @@ QString ServiceProcess::nodeProgram()
     return configured.isEmpty() ? QStringLiteral("node") : configured;
 }
 
-QString ServiceProcess::daemonEntry()
-{
-    return QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/src/main.js");
-}
-
 QHash<QString, QString> ServiceProcess::variables() const
 {
     return {

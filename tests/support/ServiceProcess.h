@@ -45,7 +45,6 @@ public:
 
     /// The Node.js the tests run the service on.
     static QString nodeProgram();
-    static QString daemonEntry();
 
 private:
     QString m_root;

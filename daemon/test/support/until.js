@@ -6,7 +6,7 @@ import { setTimeout as sleep } from 'node:timers/promises';
  * Polls an async test until it gives something truthy.
  *
  * @param {function(): Promise<*>} test
- * @param {string} what Said when it never comes
+ * @param {string|function(): string} what Said when it never comes; a function says it as things stand then
  * @param {number} [timeoutMs=5000]
  * @return {Promise<*>} What the test gave
  */
@@ -15,7 +15,7 @@ export async function until(test, what, timeoutMs = 5000) {
   for (;;) {
     const value = await test();
     if (value) return value;
-    if (Date.now() > deadline) throw new Error(`Never happened: ${what}.`);
+    if (Date.now() > deadline) throw new Error(`Never happened: ${typeof what === 'function' ? what() : what}.`);
     await sleep(20);
   }
 }
