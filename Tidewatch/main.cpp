@@ -3,6 +3,7 @@
 #include "entry/OneShot.h"
 #include "model/AppModel.h"
 #include "setup/MoveToApplications.h"
+#include "surface/BundledFonts.h"
 #include "platform/Platform.h"
 #include "surface/IconsetRender.h"
 #include "surface/MenuPanel.h"
@@ -74,6 +75,7 @@ int startApplication(const CommandLine& line, int& argc, char** argv)
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Tidewatch"));
     QApplication::setQuitOnLastWindowClosed(false);
+    BundledFonts::load(BundledFonts::folder());
 
     // A test copy, and the copy relaunched from Applications, run beside the real one.
     // A second launch of the real one shows this one's panel instead.
@@ -117,6 +119,7 @@ int main(int argc, char** argv)
     if (line.work == CommandLine::Work::RenderPopover || line.work == CommandLine::Work::Snapshots) {
         chooseHeadlessWhenNoDisplay();
         QApplication application(argc, argv);
+        BundledFonts::load(BundledFonts::folder());
         return line.work == CommandLine::Work::Snapshots ? PopoverRender::renderSnapshots(*line.value)
                                                          : PopoverRender::renderPopover(*line.value, line.live);
     }

@@ -3,6 +3,8 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${TIDEWATCH_BUILD:-$root/build-mac}
+# The typefaces the bundle carries, pinned with their integrity.
+(cd "$root/mac/fonts" && npm ci --ignore-scripts --no-audit --no-fund)
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_PREFIX_PATH="$(brew --prefix qt)" -DTIDEWATCH_TESTS=OFF -DTIDEWATCH_BENCH=OFF
 cmake --build "$build"
