@@ -120,6 +120,7 @@ export async function startService({
     state,
     support,
     log,
+    claudeDir: path.dirname(claudeSettings),
     saveSoon: () => persister.markDirty(),
     saveNow: () => {
       persister.markDirty();

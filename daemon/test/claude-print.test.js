@@ -141,3 +141,73 @@ test(
     assert.ok(result.ms < 20000, `it took ${result.ms} ms`);
   },
 );
+
+// Refusals as the API gives them to a subscription: a usage limit with the
+// unified limit headers at their reset, and a sign-in that has run out.
+// Claude Code fires StopFailure for both, but `claude -p` exits at once and
+// may take its background hooks with it; the service has it from the
+// transcript either way.
+const refusalCases = [
+  {
+    name: 'a usage limit blocks the session until its reset, and the account is limited',
+    error: (reset) => ({
+      status: 429,
+      type: 'rate_limit_error',
+      message: 'Rate limited',
+      headers: {
+        'anthropic-ratelimit-unified-status': 'rejected',
+        'anthropic-ratelimit-unified-representative-claim': 'five_hour',
+        'anthropic-ratelimit-unified-reset': String(reset),
+        'anthropic-ratelimit-unified-5h-status': 'rejected',
+        'anthropic-ratelimit-unified-5h-utilization': '1.0',
+        'anthropic-ratelimit-unified-5h-reset': String(reset),
+      },
+    }),
+    blocked: (reset) => ({ kind: 'limit', resetsAt: reset * 1000 }),
+    account: (reset) => ({
+      state: 'limited',
+      limit: { window: 'five_hour', resetsAt: reset * 1000, usingCredits: false },
+    }),
+    said: /hit your 5-hour limit/,
+  },
+  {
+    name: 'a sign-in that ran out blocks the session, and the account is signed out',
+    error: () => ({
+      status: 401,
+      type: 'authentication_error',
+      message: 'OAuth token has expired. Please obtain a new token or refresh your existing token.',
+    }),
+    blocked: () => ({ kind: 'logged_out' }),
+    account: () => ({ state: 'logged_out', reason: 'not_logged_in' }),
+    said: /Failed to authenticate/,
+  },
+];
+
+for (const { name, error, blocked, account, said } of refusalCases) {
+  test(`slow: claude -p: ${name}`, { skip, timeout: 60000 }, async (t) => {
+    const service = await startScratchService(t);
+    const { home, project } = claudeHome(service.folder, service.support);
+    const reset = Math.floor(Date.now() / 1000) + 3600;
+    const standIn = await standInFor(t, { tool: null, error: error(reset) });
+    const feed = await service.feed();
+    const run = claudePrint(t, { home, project, standIn, prompt: 'say hello', subscription: true });
+    const result = await run.done;
+    assert.equal(result.code, 1);
+    assert.match(result.stdout, said);
+
+    const session = await until(
+      async () => (await service.local('GET', '/v1/snapshot')).json.sessions.find((s) => s.state === 'ended'),
+      'the session ended',
+      15000,
+    );
+    assert.match(session.blocked.text, said);
+    for (const [key, value] of Object.entries(blocked(reset))) assert.deepEqual(session.blocked[key], value, key);
+    const state = (await service.local('GET', '/v1/snapshot')).json.account;
+    for (const [key, value] of Object.entries(account(reset))) assert.deepEqual(state[key], value, key);
+    // The app hears it on the feed, not only on its next read.
+    const { state: accountState } = account(reset);
+    const { kind } = blocked(reset);
+    await eventually(() => feed.ofType('account').some((m) => m.account.state === accountState), 'the account on the feed');
+    await eventually(() => feed.ofType('session').some((m) => m.session.blocked?.kind === kind), 'the block on the feed');
+  });
+}

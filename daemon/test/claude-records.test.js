@@ -119,8 +119,24 @@ const sessionRows = [
   [
     'a lost sign-in blocks as logged out',
     { id: 's', state: 'working' },
-    { ...fixture('stop-failure-rate-limit.json'), error: 'authentication_failed', last_assistant_message: undefined },
-    { blocked: { kind: 'logged_out' } },
+    fixture('stop-failure-logged-out.json'),
+    {
+      state: 'idle',
+      blocked: { kind: 'logged_out', text: fixture('stop-failure-logged-out.json').last_assistant_message },
+    },
+  ],
+  [
+    'a limit whose reset the transcript told blocks until then',
+    { id: 's', state: 'working' },
+    fixture('stop-failure-rate-limit.json'),
+    {
+      blocked: {
+        kind: 'limit',
+        resetsAt: NOW + 7200_000,
+        text: fixture('stop-failure-rate-limit.json').last_assistant_message,
+      },
+    },
+    { usage: usageFull, failure: { error: 'rate_limit', resetsAt: NOW + 7200_000 } },
   ],
   [
     'a server failure is an error, not a block',
@@ -238,6 +254,59 @@ test('a transcript is read on from where it stopped, also after a restart, and a
   fs.appendFileSync(file, '\n');
   assert.equal((await again.read()).lastText, 'half');
   assert.equal(await new TranscriptTail(path.join(folder, 'gone.jsonl')).read(), null);
+});
+
+const linesOf = (name) => fs.readFileSync(path.join(fixtures, name), 'utf8').split('\n').filter(Boolean);
+const answer = JSON.stringify({
+  type: 'assistant',
+  message: { role: 'assistant', model: 'claude-sonnet-4-5', content: [{ type: 'text', text: 'Back.' }] },
+});
+
+const failureRows = [
+  [
+    'claude -p at a usage limit: the window, its reset, no credits',
+    linesOf('transcript-print-limit.jsonl'),
+    {
+      error: 'rate_limit',
+      text: "You've hit your 5-hour limit · resets 11:30am (UTC)",
+      resetsAt: 1795433435000,
+      window: 'five_hour',
+      usingCredits: false,
+    },
+  ],
+  [
+    'claude -p with its sign-in refused, after the retries',
+    linesOf('transcript-print-logged-out.jsonl'),
+    {
+      error: 'authentication_failed',
+      text:
+        'Failed to authenticate. API Error: 401 OAuth token has expired. ' +
+        'Please obtain a new token or refresh your existing token.',
+    },
+  ],
+  [
+    'the interactive session’s limit, last of its answers',
+    transcriptLines,
+    { error: 'rate_limit', resetsAt: 1795429332000 },
+  ],
+  ['a good answer after the failure ends it', [...linesOf('transcript-print-limit.jsonl'), answer], null],
+  ['no answer read says nothing', linesOf('transcript-print-limit.jsonl').slice(0, 3), undefined],
+];
+
+test('a refused turn, as the transcript tells it', () => {
+  for (const [name, lines, expected] of failureRows) {
+    const { failure } = transcriptFacts(lines);
+    if (!expected) {
+      assert.equal(failure, expected, name);
+      continue;
+    }
+    for (const [key, value] of Object.entries(expected)) assert.deepEqual(failure[key], value, `${name}: ${key}`);
+    assert.ok(Number.isFinite(failure.at), name);
+  }
+  // A limit's reset given in milliseconds stays so.
+  const record = JSON.parse(linesOf('transcript-print-limit.jsonl').find((line) => line.includes('quotaLimits')));
+  record.quotaLimits.resetsAt = 1795433435000;
+  assert.equal(transcriptFacts([JSON.stringify(record)]).failure.resetsAt, 1795433435000);
 });
 
 test('the status line’s windows, from what Claude Code sent', () => {

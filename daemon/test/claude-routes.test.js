@@ -222,3 +222,79 @@ test('the status line: windows as usage, a pace from successive readings, model 
   assert.equal(sessions[0].model, 'Sonnet 5.5');
   assert.equal(sessions[0].costUsd, 0.000224);
 });
+
+// `claude -p` can exit before its background hooks report the failed turn:
+// only its session's end arrives, and the transcript tells the rest.
+const failedTurnRows = [
+  {
+    name: 'a usage limit',
+    file: 'transcript-print-limit.jsonl',
+    blocked: { kind: 'limit', resetsAt: 1795433435000 },
+    account: { state: 'limited', limit: { window: 'five_hour', resetsAt: 1795433435000, usingCredits: false } },
+  },
+  {
+    name: 'a refused sign-in',
+    file: 'transcript-print-logged-out.jsonl',
+    blocked: { kind: 'logged_out' },
+    account: { state: 'logged_out', reason: 'not_logged_in' },
+  },
+  {
+    name: 'a failure of yesterday, read as a session resumes',
+    file: 'transcript-print-limit.jsonl',
+    later: 24 * 3600_000,
+    blocked: undefined,
+    account: { state: 'unknown' },
+  },
+];
+
+for (const { name, file, later = 0, blocked, account } of failedTurnRows) {
+  test(`a failed turn that only the transcript tells of: ${name}`, async (t) => {
+    const lines = fs.readFileSync(path.join(fixtures, file), 'utf8').split('\n').filter(Boolean);
+    const failed = JSON.parse(lines.find((line) => line.includes('"isApiErrorMessage":true')));
+    const now = Date.parse(failed.timestamp) + 1000 + later;
+    const { service, snapshot } = await setUp(t, { claude: { now: () => now } });
+    const transcript = path.join(service.folder, `${failed.sessionId}.jsonl`);
+    fs.writeFileSync(transcript, `${lines.join('\n')}\n`);
+    const end = {
+      session_id: failed.sessionId,
+      transcript_path: transcript,
+      cwd: service.folder,
+      hook_event_name: 'SessionEnd',
+      reason: 'other',
+    };
+    assert.equal((await service.local('POST', '/claude/hook', { body: end })).status, 200);
+    const state = await snapshot();
+    const session = state.sessions.find((each) => each.id === failed.sessionId);
+    assert.equal(session.state, 'ended');
+    if (blocked) for (const [key, value] of Object.entries(blocked)) assert.deepEqual(session.blocked[key], value, key);
+    else assert.equal(session.blocked, undefined);
+    for (const [key, value] of Object.entries(account)) assert.deepEqual(state.account[key], value, key);
+  });
+}
+
+test('an event and what its transcript added leave as one frame', async (t) => {
+  const { service, send, transcript } = await setUp(t, { feed: { coalesceMs: 20 } });
+  await send('session-start.json');
+  // The start's own window closes; the next change of the session goes out at once.
+  await new Promise((resolve) => setTimeout(resolve, 200));
+  const feed = await service.feed();
+  const call = fixture('pre-tool-use-bash.json');
+  fs.appendFileSync(
+    transcript,
+    `${JSON.stringify({
+      type: 'assistant',
+      message: {
+        role: 'assistant',
+        model: 'claude-sonnet-4-5',
+        content: [
+          { type: 'text', text: 'Let me make it.' },
+          { type: 'tool_use', id: call.tool_use_id, name: call.tool_name, input: call.tool_input },
+        ],
+      },
+    })}\n`,
+  );
+  await send('pre-tool-use-bash.json');
+  const { session } = await feed.next('session', 5000);
+  assert.equal(session.lastText, 'Let me make it.');
+  assert.equal(session.activity, `Bash: ${call.tool_input.command}`);
+});

@@ -15,6 +15,7 @@ import path from 'node:path';
 
 import { writeFileAtomically } from '../private-files.js';
 import { DECISIONS } from '../state.js';
+import { ClaudeAccount } from './claude-account.js';
 import { sessionAfter } from './hook-event.js';
 import { approvalFrom, callKey } from './permission.js';
 import { sessionFieldsFrom, usageRate, windowsFrom, MAX_READINGS } from './status-line.js';
@@ -26,6 +27,9 @@ export const APPROVAL_WAIT_MS = 10 * 60 * 1000;
 /** One wait of the hook's long poll is at most this long, in milliseconds. */
 export const MAX_POLL_MS = 25 * 1000;
 
+/** How long a wait that reaches a request's time goes on past it, in milliseconds. */
+const EXPIRY_GRACE_MS = 50;
+
 /** While a request is open its transcript is looked at this often, in milliseconds. */
 export const TRANSCRIPT_POLL_MS = 300;
 
@@ -35,8 +39,12 @@ export const MAX_ANSWERED = 500;
 /** Recent tool calls remembered per session, to tie a request to its call. */
 export const MAX_RECENT_CALLS = 20;
 
-/** Transcripts followed at once; the least recently used is let go. */
-export const MAX_TAILS = 200;
+/**
+ * Transcripts followed at once; the least recently used is let go. Above the
+ * sessions that may run together: one let go is read again from near its
+ * end (up to a megabyte) at its next event.
+ */
+export const MAX_TAILS = 1000;
 
 /** The file in the support folder that tells the hook where the service listens. */
 export const ADDRESS_FILE = 'claude-hook.json';
@@ -46,6 +54,12 @@ export const TERMINAL = 'terminal';
 
 /** A usage reading that says nothing new is sent again at most this often, in milliseconds. */
 const USAGE_REFRESH_MS = 30 * 1000;
+
+/**
+ * A failed turn found in a transcript counts only this soon after it was
+ * written: a resumed session's old failure says nothing of now.
+ */
+export const FAILURE_NEWS_MS = 10 * 60 * 1000;
 
 const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 const same = (a, b) => JSON.stringify(a) === JSON.stringify(b);
@@ -79,10 +93,13 @@ export class ClaudeAgent {
   #tails = new Map();
   #calls = new Map();
   #readings = [];
+  #failures = new Map();
   #pollTimer = null;
   #polling = false;
   #started = false;
   #onChange;
+  #account;
+  #accountRead = Promise.resolve();
 
   /**
    * @param {Object} options
@@ -94,6 +111,10 @@ export class ClaudeAgent {
    * @param {number} [options.transcriptPollMs=TRANSCRIPT_POLL_MS]
    * @param {function(): void} [options.saveSoon] Something worth keeping moved on
    * @param {function(): void} [options.saveNow] Keep it now, before going on
+   * @param {string|null} [options.claudeDir=null] Claude Code's folder
+   *     (~/.claude), whose sign-in files tell the account; null reads none
+   * @param {Object} [options.account] For tests: `lookOverMs`, `settleMs`,
+   *     `keychain` (see ClaudeAccount)
    */
   constructor({
     state,
@@ -104,6 +125,8 @@ export class ClaudeAgent {
     transcriptPollMs = TRANSCRIPT_POLL_MS,
     saveSoon = () => {},
     saveNow = () => {},
+    claudeDir = null,
+    account = {},
   }) {
     this.#state = state;
     this.#support = support;
@@ -114,6 +137,12 @@ export class ClaudeAgent {
     this.#saveSoon = saveSoon;
     this.#saveNow = saveNow;
     this.#onChange = (change) => this.#stateChanged(change);
+    this.#account = claudeDir ? new ClaudeAccount({ state, claudeDir, log, now, ...account }) : null;
+  }
+
+  /** @return {Promise<void>} Settles when the first look at the sign-in files is done. */
+  get accountRead() {
+    return this.#accountRead;
   }
 
   /** @return {Object} What to keep across a restart (JSON data). */
@@ -122,6 +151,8 @@ export class ClaudeAgent {
       pending: [...this.#pending.values()].map(({ timer, ...entry }) => entry),
       answered: [...this.#answered.entries()].map(([id, answer]) => ({ id, ...answer })),
       tails: [...this.#tails.entries()].map(([sessionId, tail]) => ({ sessionId, file: tail.file, ...tail.saved() })),
+      // A limit in force is known from a failed turn alone; nothing tells it again.
+      limited: this.#limitInForce() ? this.#state.part('account') : undefined,
     };
   }
 
@@ -146,6 +177,11 @@ export class ClaudeAgent {
         this.#tails.set(tail.sessionId, new TranscriptTail(tail.file, tail));
       }
     }
+    const limited = saved.limited;
+    if (isObject(limited) && limited.state === 'limited' && isObject(limited.limit)) {
+      const { resetsAt } = limited.limit;
+      if (!(Number.isFinite(resetsAt) && resetsAt <= this.#now())) this.#state.setSnapshotParts({ account: limited });
+    }
   }
 
   /**
@@ -167,6 +203,7 @@ export class ClaudeAgent {
       this.#log?.warn(`Claude Code’s hooks can’t be told where the service listens (${error.code ?? error.message}).`);
     }
     this.#state.on('change', this.#onChange);
+    if (this.#account) this.#accountRead = this.#account.start();
     const open = new Set(this.#openApprovalIds());
     for (const [id, entry] of this.#pending) {
       if (open.has(id)) this.#schedule(entry);
@@ -179,6 +216,7 @@ export class ClaudeAgent {
   close() {
     this.#started = false;
     this.#state.off('change', this.#onChange);
+    this.#account?.close();
     clearInterval(this.#pollTimer);
     this.#pollTimer = null;
     for (const entry of this.#pending.values()) clearTimeout(entry.timer);
@@ -196,13 +234,21 @@ export class ClaudeAgent {
   async hookEvent(event, { tty = false } = {}) {
     const sessionId = event.session_id;
     const tail = this.#tailFor(sessionId, event.transcript_path);
-    if (tail) await this.#readTranscript(sessionId, tail);
-
-    this.#putSession(sessionId, (session) =>
-      sessionAfter(session, event, { now: this.#now(), tty, usage: this.#state.part('usage') }),
-    );
+    const told = tail ? await this.#readTranscript(sessionId, tail) : null;
 
     const name = event.hook_event_name;
+    const failure = name === 'StopFailure' ? this.#failures.get(sessionId) : undefined;
+    // One change for the event and what the transcript told: a second one
+    // right after would wait out the feed's window before anyone saw it.
+    this.#putSession(sessionId, (session) =>
+      sessionAfter(session && told ? told(session) : session, event, {
+        now: this.#now(),
+        tty,
+        usage: this.#state.part('usage'),
+        failure,
+      }),
+    );
+
     if (name === 'PreToolUse') {
       this.#rememberCall(sessionId, event.tool_use_id, callKey(event.tool_name, event.tool_input));
     } else if (name === 'PostToolUse' || name === 'PostToolUseFailure') {
@@ -210,14 +256,17 @@ export class ClaudeAgent {
       // a request for it is still open here.
       this.#callEnded(sessionId, event.tool_use_id, callKey(event.tool_name, event.tool_input), 'allow');
     } else if (name === 'StopFailure') {
-      this.#accountAfterFailure(event);
+      this.#accountAfterFailure(event, failure);
     } else if (name === 'Stop') {
       this.#accountAfterSuccess();
+    } else if (name === 'UserPromptSubmit') {
+      this.#failures.delete(sessionId);
     } else if (name === 'SessionEnd') {
       for (const entry of this.#pending.values())
         if (entry.sessionId === sessionId) this.#state.removeApproval(entry.id);
       this.#tails.delete(sessionId);
       this.#calls.delete(sessionId);
+      this.#failures.delete(sessionId);
       this.#saveSoon();
     }
   }
@@ -242,12 +291,14 @@ export class ClaudeAgent {
     if (!entry) {
       entry = this.#open(id, event);
       const tail = this.#tailFor(event.session_id, event.transcript_path);
-      if (tail) await this.#readTranscript(event.session_id, tail);
+      if (tail) this.#state.patchSession(event.session_id, await this.#readTranscript(event.session_id, tail));
     }
     const pendingReply = () => ({ state: 'pending', id, expiresAt: entry.expiresAt });
     if (!this.#pending.has(id)) return this.#answerOf(id) ?? pendingReply();
 
-    const wait = Math.max(0, Math.min(waitMs, MAX_POLL_MS, entry.expiresAt - this.#now()));
+    // A wait that reaches the request's time outlasts it a little, so that
+    // the hook hears it given up, not "pending" from a timer that won the race.
+    const wait = Math.max(0, Math.min(waitMs, MAX_POLL_MS, entry.expiresAt - this.#now() + EXPIRY_GRACE_MS));
     return new Promise((resolve) => {
       let timer = null;
       const done = (reply) => {
@@ -398,16 +449,20 @@ export class ClaudeAgent {
     return this.#tails.get(sessionId) ?? null;
   }
 
+  // Reads what the transcript added and acts on its calls and failures;
+  // gives what it tells of the session, for the caller to put in.
   async #readTranscript(sessionId, tail) {
     const facts = await tail.read();
-    if (!facts) return;
+    if (!facts) return (session) => session;
     this.#saveSoon();
     for (const use of facts.toolUses) this.#rememberCall(sessionId, use.id, callKey(use.name, use.input));
     for (const { id, outcome } of facts.outcomes) {
       if (outcome === 'refused') this.#callEnded(sessionId, id, null, 'deny');
       else this.#callEnded(sessionId, id, null, 'allow');
     }
-    this.#state.patchSession(sessionId, (session) => {
+    if (facts.failure === null) this.#failures.delete(sessionId);
+    else if (facts.failure) this.#turnFailed(sessionId, facts.failure);
+    return (session) => {
       const next = { ...session };
       if (facts.lastText !== undefined) next.lastText = facts.lastText.slice(0, 4000);
       if (facts.model !== undefined && next.model === undefined) next.model = facts.model;
@@ -418,7 +473,7 @@ export class ClaudeAgent {
         delete next.activity;
       }
       return next;
-    });
+    };
   }
 
   #rememberCall(sessionId, toolUseId, key) {
@@ -479,7 +534,7 @@ export class ClaudeAgent {
       const sessions = new Set([...this.#pending.values()].map((entry) => entry.sessionId));
       for (const sessionId of sessions) {
         const tail = this.#tails.get(sessionId);
-        if (tail) await this.#readTranscript(sessionId, tail);
+        if (tail) this.#state.patchSession(sessionId, await this.#readTranscript(sessionId, tail));
       }
     } finally {
       this.#polling = false;
@@ -503,7 +558,29 @@ export class ClaudeAgent {
     this.#state.setSnapshotParts({ usage: next });
   }
 
-  #accountAfterFailure(event) {
+  // A failed turn the transcript told of, which its StopFailure report may
+  // never bring: `claude -p` can exit before its background hooks have run.
+  #turnFailed(sessionId, failure) {
+    const now = this.#now();
+    if (Number.isFinite(failure.at) && now - failure.at > FAILURE_NEWS_MS) return;
+    if (Number.isFinite(failure.resetsAt) && failure.resetsAt <= now) return;
+    this.#failures.set(sessionId, failure);
+    const event = { hook_event_name: 'StopFailure', session_id: sessionId, error: failure.error };
+    if (failure.text !== undefined) event.last_assistant_message = failure.text;
+    this.#putSession(sessionId, (session) => {
+      const next = sessionAfter(session, event, { now, usage: this.#state.part('usage'), failure });
+      return session?.state === 'ended' ? { ...next, state: 'ended' } : next;
+    });
+    this.#accountAfterFailure(event, failure);
+  }
+
+  #limitInForce() {
+    const account = this.#state.part('account');
+    if (!isObject(account) || account.state !== 'limited' || !isObject(account.limit)) return false;
+    return !(Number.isFinite(account.limit.resetsAt) && account.limit.resetsAt <= this.#now());
+  }
+
+  #accountAfterFailure(event, failure) {
     const account = isObject(this.#state.part('account')) ? this.#state.part('account') : { state: 'unknown' };
     const now = this.#now();
     if (event.error === 'rate_limit') {
@@ -512,9 +589,14 @@ export class ClaudeAgent {
       const window = sevenDayFull ? usage.sevenDay : usage?.fiveHour;
       const limit = { window: sevenDayFull ? 'seven_day' : 'five_hour' };
       if (typeof window?.resetsAt === 'number') limit.resetsAt = window.resetsAt;
+      // The transcript's record of the refusal names its window and reset exactly.
+      if (failure?.window) limit.window = failure.window;
+      if (Number.isFinite(failure?.resetsAt)) limit.resetsAt = failure.resetsAt;
+      if (typeof failure?.usingCredits === 'boolean') limit.usingCredits = failure.usingCredits;
       const next = { ...account, state: 'limited', limit, since: account.state === 'limited' ? account.since : now };
       if (typeof event.last_assistant_message === 'string') next.text = event.last_assistant_message.slice(0, 500);
       this.#state.setSnapshotParts({ account: next });
+      this.#saveSoon();
     } else if (event.error === 'authentication_failed') {
       const { limit, ...rest } = account;
       this.#state.setSnapshotParts({

@@ -108,15 +108,18 @@ export function titleFrom(prompt) {
  *
  * @param {Object} event The StopFailure event
  * @param {Object} [usage] The last usage reading, for when a limit lifts
+ * @param {TurnFailure} [failure] The same failure as the transcript tells
+ *     it, which knows when its limit lifts
  * @return {Object|null} A Session.Blocked record, or null when the failure
  *     is an error rather than a wait
  */
-export function blockedFrom(event, usage) {
+export function blockedFrom(event, usage, failure) {
   const text =
     typeof event.last_assistant_message === 'string' ? cut(event.last_assistant_message.trim(), 500) : undefined;
   const withText = (record) => (text ? { ...record, text } : record);
   switch (event.error) {
     case 'rate_limit': {
+      if (Number.isFinite(failure?.resetsAt)) return withText({ kind: 'limit', resetsAt: failure.resetsAt });
       // The window that is full is the one whose reset ends the wait.
       const full = [usage?.fiveHour, usage?.sevenDay].filter((window) => isObject(window) && window.pct >= 100);
       const resetsAt = full
@@ -143,9 +146,11 @@ export function blockedFrom(event, usage) {
  * @param {number} context.now Epoch ms
  * @param {boolean} [context.tty] The hook ran with a terminal (SessionStart)
  * @param {Object} [context.usage] The last usage reading
+ * @param {TurnFailure} [context.failure] A StopFailure's failure as the
+ *     transcript tells it
  * @return {Object} The new session
  */
-export function sessionAfter(session, event, { now, tty = false, usage } = {}) {
+export function sessionAfter(session, event, { now, tty = false, usage, failure } = {}) {
   const next = { ...(session ?? { id: event.session_id, state: 'idle', createdAt: now }) };
   next.lastActivityAt = now;
   if (typeof event.cwd === 'string' && next.cwd === undefined) {
@@ -209,7 +214,7 @@ export function sessionAfter(session, event, { now, tty = false, usage } = {}) {
       break;
     case 'StopFailure': {
       delete next.activity;
-      const blocked = blockedFrom(event, usage);
+      const blocked = blockedFrom(event, usage, failure);
       if (blocked) {
         next.state = 'idle';
         next.blocked = blocked;

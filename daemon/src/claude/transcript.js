@@ -1,8 +1,10 @@
 // What the service reads in a Claude Code transcript (JSON lines, one record
 // a line, appended as the session goes): the last words, the tool calls, and
 // how each call ended, which is the only trace of a request refused in the
-// terminal. Reading goes on from where it stopped, never from the start
-// again; line kinds it doesn't know are passed over.
+// terminal; and a turn the API refused, which `claude -p` may leave no
+// other trace of (it can exit before its background hooks report). Reading
+// goes on from where it stopped, never from the start again; line kinds it
+// doesn't know are passed over.
 
 import fs from 'node:fs/promises';
 
@@ -35,7 +37,57 @@ const isObject = (value) => value !== null && typeof value === 'object' && !Arra
  * @property {string|undefined} model The model of the last answer
  * @property {Array<string>} pendingErrors Calls that failed with nothing after
  *     them yet to tell a refusal from a failure
+ * @property {TurnFailure|null|undefined} failure How the last answer read
+ *     ended: a failure; null for a good answer; undefined when none was read
  */
+
+/**
+ * @typedef {Object} TurnFailure A turn the API refused, as Claude Code wrote it down
+ * @property {string} error Claude Code's word: "rate_limit", "authentication_failed", …
+ * @property {string} [text] What it told the person
+ * @property {number} [resetsAt] When a usage limit lifts, epoch ms
+ * @property {string} [window] The limit's window: "five_hour", "seven_day"
+ * @property {boolean} [usingCredits] It went on on usage credits
+ * @property {number} [at] When it was written, epoch ms
+ */
+
+/** The longest failure text kept. */
+export const MAX_FAILURE_TEXT_CHARS = 500;
+
+// Claude Code's names of the usage windows, by the records' own.
+function windowOf(rateLimitType) {
+  if (typeof rateLimitType !== 'string') return undefined;
+  if (rateLimitType === 'five_hour') return 'five_hour';
+  if (rateLimitType.startsWith('seven_day')) return 'seven_day';
+  return undefined;
+}
+
+/**
+ * The failure an API error answer records; Claude Code writes it in place of
+ * the answer, with the usage limit that refused it when it was one.
+ *
+ * @param {Object} record A transcript record with `isApiErrorMessage`
+ * @return {TurnFailure|null} null when it names no failure
+ */
+export function failureOf(record) {
+  if (typeof record.error !== 'string' || record.error === '' || record.error.length > 200) return null;
+  const failure = { error: record.error };
+  const at = typeof record.timestamp === 'string' ? Date.parse(record.timestamp) : NaN;
+  if (Number.isFinite(at)) failure.at = at;
+  const content = Array.isArray(record.message?.content) ? record.message.content : [];
+  const text = content.find((block) => isObject(block) && block.type === 'text' && typeof block.text === 'string');
+  if (text && text.text.trim() !== '') failure.text = text.text.trim().slice(0, MAX_FAILURE_TEXT_CHARS);
+  const quota = isObject(record.quotaLimits) ? record.quotaLimits : record.apiErrorParams?.rate_limit_info;
+  if (isObject(quota) && quota.status === 'rejected') {
+    // Epoch seconds as written; a number this large is milliseconds already.
+    if (Number.isFinite(quota.resetsAt) && quota.resetsAt > 0)
+      failure.resetsAt = quota.resetsAt > 1e11 ? quota.resetsAt : quota.resetsAt * 1000;
+    const window = windowOf(quota.rateLimitType);
+    if (window) failure.window = window;
+    if (typeof quota.isUsingOverage === 'boolean') failure.usingCredits = quota.isUsingOverage;
+  }
+  return failure;
+}
 
 /**
  * Reads facts out of transcript lines. A call whose result is an error
@@ -46,7 +98,14 @@ const isObject = (value) => value !== null && typeof value === 'object' && !Arra
  * @return {TranscriptFacts}
  */
 export function transcriptFacts(lines) {
-  const facts = { lastText: undefined, toolUses: [], outcomes: [], interrupted: false, model: undefined };
+  const facts = {
+    lastText: undefined,
+    toolUses: [],
+    outcomes: [],
+    interrupted: false,
+    model: undefined,
+    failure: undefined,
+  };
   let erred = [];
   const settle = (outcome) => {
     for (const id of erred) facts.outcomes.push({ id, outcome });
@@ -62,12 +121,11 @@ export function transcriptFacts(lines) {
     if (!isObject(record) || !isObject(record.message) || record.isSidechain === true) continue;
     const content = record.message.content;
     if (record.type === 'assistant' && Array.isArray(content)) {
-      if (
-        record.isApiErrorMessage !== true &&
-        typeof record.message.model === 'string' &&
-        !record.message.model.startsWith('<')
-      ) {
+      if (record.isApiErrorMessage === true) {
+        facts.failure = failureOf(record) ?? facts.failure;
+      } else if (typeof record.message.model === 'string' && !record.message.model.startsWith('<')) {
         facts.model = record.message.model;
+        facts.failure = null;
       }
       for (const block of content) {
         if (!isObject(block)) continue;

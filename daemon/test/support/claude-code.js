@@ -100,11 +100,11 @@ export async function standInFor(t, script) {
  *
  * @return {{child: ChildProcess, done: Promise<{code: number, stdout: string, stderr: string, ms: number}>}}
  */
-export function claudePrint(t, { home, project, standIn, prompt, extra = [] }) {
+export function claudePrint(t, { home, project, standIn, prompt, extra = [], subscription = false }) {
   const started = Date.now();
   const child = spawn(CLAUDE, ['-p', '--permission-mode', 'default', ...extra, prompt], {
     cwd: project,
-    env: claudeEnv(home, standIn),
+    env: claudeEnv(home, standIn, { subscription }),
     stdio: ['ignore', 'pipe', 'pipe'],
   });
   let stdout = '';
