@@ -5,6 +5,13 @@
 // (server sending flat out, model patching each), and the time from a frame
 // leaving the server to the model holding it, one frame at a time: a session's
 // frame in the snapshot, and an approval's frame at the head of `needsYou`.
+//
+// With --played the real service plays the other side instead, under a load
+// of Claude Code sessions driven through its hook route (PlayedLoad.cpp):
+//
+//   bench_feed --played [--sessions 500] [--calls 10] [--rate 0 (events/s, 0 as fast as it takes them)]
+
+#include "PlayedLoad.h"
 
 #include "../BenchSupport.h"
 #include "entry/Clock.h"
@@ -162,6 +169,21 @@ double percentile(std::vector<double> values, double fraction)
 int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
+    const QStringList args = application.arguments();
+    if (args.contains(QLatin1StringView("--played"))) {
+        int sessions = kSessions;
+        int calls = 10;
+        double rate = 0;
+        for (int i = 1; i + 1 < args.size(); ++i) {
+            if (args[i] == QLatin1StringView("--sessions"))
+                sessions = std::max(1, args[i + 1].toInt());
+            else if (args[i] == QLatin1StringView("--calls"))
+                calls = std::max(1, args[i + 1].toInt());
+            else if (args[i] == QLatin1StringView("--rate"))
+                rate = std::max(0.0, args[i + 1].toDouble());
+        }
+        return runPlayedLoad(sessions, calls, rate);
+    }
 
     QThread serviceThread;
     serviceThread.start();
