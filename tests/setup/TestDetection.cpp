@@ -3,6 +3,9 @@
 #include "ScratchFolder.h"
 
 #include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTest>
 
 namespace {
@@ -85,6 +88,7 @@ private Q_SLOTS:
     void loginShellOutput_data();
     void loginShellOutput();
     void claudeAndCodex();
+    void theRealClaudeCode();
     void signIn_data();
     void signIn();
 };
@@ -249,6 +253,30 @@ void TestDetection::claudeAndCodex()
     const std::optional<CodexFound> codex = machine.detection().findCodex();
     QVERIFY(codex);
     QCOMPARE(codex->version, std::optional<QString>("0.150.2"));
+}
+
+void TestDetection::theRealClaudeCode()
+{
+    // The release the service's tests pin, as a person's install would hold it.
+    const QString tools = QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/tools");
+    QFile manifest(tools + QStringLiteral("/package.json"));
+    QVERIFY(manifest.open(QIODevice::ReadOnly));
+    const QString pinned = QJsonDocument::fromJson(manifest.readAll())
+                               .object()
+                               .value(QStringLiteral("dependencies"))
+                               .toObject()
+                               .value(QStringLiteral("@anthropic-ai/claude-code"))
+                               .toString();
+    QVERIFY2(!pinned.isEmpty(), "daemon/test/tools pins no Claude Code");
+    const QString program = tools + QStringLiteral("/node_modules/.bin/claude");
+    QVERIFY2(QFileInfo(program).isExecutable(), "daemon/test/tools isn't installed");
+
+    Machine machine;
+    QVERIFY(QDir().mkpath(machine.home() + QStringLiteral("/.local/bin")));
+    QVERIFY(QFile::link(program, machine.home() + QStringLiteral("/.local/bin/claude")));
+    const ClaudeDetection claude = machine.detection().detectClaude();
+    QCOMPARE(claude.foundBy, std::optional<QString>("~/.local/bin"));
+    QCOMPARE(claude.version, std::optional<QString>(pinned));
 }
 
 void TestDetection::signIn_data()
