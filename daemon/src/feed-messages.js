@@ -31,19 +31,22 @@ const MAC_MESSAGES = ['battery', 'awake'];
 
 // A list as id → {value, text}, in order; null when it can't be told item by
 // item: not a list, an element that isn't a record with a string id, or an id
-// twice.
-function describeList(list) {
+// twice. The state replaces a record rather than changing it, so a record
+// described before under the same id is the same text: only new ones are
+// written out.
+function describeList(list, previous) {
   if (!Array.isArray(list)) return null;
   const items = new Map();
   for (const element of list) {
     if (!isObject(element) || typeof element.id !== 'string' || items.has(element.id)) return null;
-    items.set(element.id, { value: element, text: JSON.stringify(element) });
+    const known = previous?.get(element.id);
+    items.set(element.id, { value: element, text: known?.value === element ? known.text : JSON.stringify(element) });
   }
   return items;
 }
 
-function describe(part, value) {
-  if (part in LIST_PARTS) return describeList(value);
+function describe(part, value, previous = null) {
+  if (part in LIST_PARTS) return describeList(value, previous);
   return { value, text: text(value) };
 }
 
@@ -79,7 +82,9 @@ export class FeedMessages {
   read(change, snapshot) {
     const entries = [];
     if (change.snapshot.length > 0) {
-      const after = new Map(change.snapshot.map((part) => [part, describe(part, snapshot[part])]));
+      const after = new Map(
+        change.snapshot.map((part) => [part, describe(part, snapshot[part], this.#seen.get(part) ?? null)]),
+      );
       const several = change.whole === true || (change.snapshot.length > 1 && !change.item);
       const told = several ? null : this.#tell(after, change.item);
       entries.push(...(told ?? [{ key: 'snapshot', message: null }]));

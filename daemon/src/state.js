@@ -523,9 +523,12 @@ export class ServiceState extends EventEmitter {
   #putItem(map, key, item) {
     const current = map.get(key);
     const list = Array.isArray(current) ? current : [];
-    const next = upsert(list, copy(item));
-    if (Array.isArray(current) && same(list, next)) return false;
-    map.set(key, next);
+    const stored = copy(item);
+    // Only the record with this id can differ; comparing the whole list made
+    // every event cost as much as all the sessions together.
+    const before = list.find((element) => isObject(element) && element.id === stored.id);
+    if (Array.isArray(current) && before !== undefined && same(before, stored)) return false;
+    map.set(key, upsert(list, stored));
     return true;
   }
 
