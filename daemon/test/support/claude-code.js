@@ -118,6 +118,15 @@ export function claudePrint(t, { home, project, standIn, prompt, extra = [], sub
   return { child, done };
 }
 
+function alive(pid) {
+  try {
+    process.kill(pid, 0);
+    return true;
+  } catch {
+    return false;
+  }
+}
+
 /**
  * The interactive program in a tmux server of its own.
  *
@@ -140,7 +149,18 @@ export async function claudeInteractive(t, { home, project, standIn, subscriptio
     .join(' ');
   const started = tmux('new-session', '-d', '-s', 'claude', '-x', '160', '-y', '50', '-c', project, command);
   if (started.status !== 0) throw new Error(`tmux didn’t start: ${started.stderr}`);
-  t.after(() => tmux('kill-server'));
+  const pane = Number(tmux('display-message', '-p', '-t', 'claude', '#{pane_pid}').stdout);
+  t.after(async () => {
+    tmux('kill-server');
+    // Claude Code writes its home on the way out; the scratch folder may
+    // already be gone by then, so wait for the end and clear the home after it.
+    for (let waited = 0; pane > 0 && waited < 5000 && alive(pane); waited += 50) await sleep(50);
+    fs.rmSync(home, { recursive: true, force: true });
+    // And the scratch folder it recreated, when nothing else is in it.
+    try {
+      fs.rmdirSync(path.dirname(home));
+    } catch {}
+  });
   const screen = () => tmux('capture-pane', '-p', '-t', 'claude').stdout ?? '';
   const session = {
     screen,
