@@ -6,9 +6,15 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEvent>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTimer>
 
+#include <algorithm>
+#include <chrono>
 #include <functional>
+#include <vector>
 
 #include <sys/resource.h>
 
@@ -54,6 +60,31 @@ inline bool waitUntil(const std::function<bool()>& done, int limitMs)
         QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 50);
     }
     return true;
+}
+
+/// A monotonic clock in nanoseconds, comparable across threads.
+inline qint64 steadyNanos()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+/// The value below which `fraction` of the values lie; 0 for none.
+inline double percentile(std::vector<double> values, double fraction)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    return values.at(std::min(values.size() - 1, size_t(fraction * double(values.size()))));
+}
+
+/// One of the real hook payloads the service's tests keep; empty when it can't be read.
+inline QJsonObject claudeFixture(const QString& name)
+{
+    QFile file(QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/fixtures/claude/") + name);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QJsonDocument::fromJson(file.readAll()).object();
 }
 
 } // namespace bench

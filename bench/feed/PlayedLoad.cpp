@@ -44,32 +44,13 @@
 
 namespace {
 
+using bench::claudeFixture;
+using bench::percentile;
+using bench::steadyNanos;
 using bench::waitUntil;
 
 /// Requests in flight at once; Qt opens at most six connections to one host.
 constexpr int kLanes = 6;
-
-qint64 steadyNanos()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-double percentile(std::vector<double> values, double fraction)
-{
-    if (values.empty())
-        return 0;
-    std::sort(values.begin(), values.end());
-    return values.at(std::min(values.size() - 1, size_t(fraction * double(values.size()))));
-}
-
-QJsonObject fixture(const QString& name)
-{
-    QFile file(QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/fixtures/claude/") + name);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QJsonDocument::fromJson(file.readAll()).object();
-}
 
 QString sessionId(int index)
 {
@@ -116,11 +97,11 @@ public:
         , m_port(port)
         , m_token(std::move(token))
         , m_folder(std::move(folder))
-        , m_start(fixture(QStringLiteral("session-start.json")))
-        , m_prompt(fixture(QStringLiteral("user-prompt-submit.json")))
-        , m_pre(fixture(QStringLiteral("pre-tool-use-bash.json")))
-        , m_post(fixture(QStringLiteral("post-tool-use-bash.json")))
-        , m_stop(fixture(QStringLiteral("stop.json")))
+        , m_start(claudeFixture(QStringLiteral("session-start.json")))
+        , m_prompt(claudeFixture(QStringLiteral("user-prompt-submit.json")))
+        , m_pre(claudeFixture(QStringLiteral("pre-tool-use-bash.json")))
+        , m_post(claudeFixture(QStringLiteral("post-tool-use-bash.json")))
+        , m_stop(claudeFixture(QStringLiteral("stop.json")))
     {
     }
 

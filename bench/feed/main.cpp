@@ -41,18 +41,15 @@
 
 namespace {
 
+using bench::claudeFixture;
+using bench::percentile;
+using bench::steadyNanos;
 using bench::waitUntil;
 
 constexpr int kSessions = 500;
 constexpr int kBurst = 20000;
 constexpr int kRounds = 3;
 constexpr int kLatencySamples = 2000;
-
-qint64 steadyNanos()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 QJsonObject session(int index, int version, const QString& lastText)
 {
@@ -156,12 +153,6 @@ int unusedPort()
     QTcpServer probe;
     probe.listen(QHostAddress::LocalHost, 0);
     return probe.serverPort();
-}
-
-double percentile(std::vector<double> values, double fraction)
-{
-    std::sort(values.begin(), values.end());
-    return values.at(std::min(values.size() - 1, size_t(fraction * double(values.size()))));
 }
 
 } // namespace

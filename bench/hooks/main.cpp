@@ -48,6 +48,9 @@
 
 namespace {
 
+using bench::claudeFixture;
+using bench::percentile;
+using bench::steadyNanos;
 using bench::waitUntil;
 
 struct Outcome {
@@ -192,22 +195,6 @@ private:
     bool m_live = false;
 };
 
-double percentile(std::vector<double> values, double fraction)
-{
-    if (values.empty())
-        return 0;
-    std::sort(values.begin(), values.end());
-    return values.at(std::min(values.size() - 1, size_t(fraction * double(values.size()))));
-}
-
-QJsonObject fixture(const QString& name)
-{
-    QFile file(QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/fixtures/claude/") + name);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QJsonDocument::fromJson(file.readAll()).object();
-}
-
 struct Case {
     const char* name;
     QByteArray payload;
@@ -290,9 +277,9 @@ int main(int argc, char** argv)
         event.insert(QStringLiteral("transcript_path"), transcript);
         return QJsonDocument(event).toJson(QJsonDocument::Compact);
     };
-    const Case report{"PreToolUse", placed(fixture(QStringLiteral("pre-tool-use-bash.json"))), {}};
+    const Case report{"PreToolUse", placed(claudeFixture(QStringLiteral("pre-tool-use-bash.json"))), {}};
     const Case permission{"PermissionRequest, answered at once",
-        placed(fixture(QStringLiteral("permission-request-bash.json"))), R"("behavior":"allow")"};
+        placed(claudeFixture(QStringLiteral("permission-request-bash.json"))), R"("behavior":"allow")"};
     // With nobody there, Claude Code's own prompt decides: the hook says nothing.
     const Case unanswered{"PermissionRequest", permission.payload, {}};
     if (report.payload.size() < 100 || permission.payload.size() < 100) {
