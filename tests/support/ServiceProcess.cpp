@@ -104,6 +104,12 @@ bool ServiceProcess::start()
     const auto ours = variables();
     for (auto it = ours.begin(); it != ours.end(); ++it)
         environment.insert(it.key(), it.value());
+    // The caller's own agent folders would have a test copy read their
+    // sessions and take the integration's install there.
+    environment.remove(QStringLiteral("CLAUDE_CONFIG_DIR"));
+    environment.remove(QStringLiteral("CODEX_HOME"));
+    for (auto it = m_more.begin(); it != m_more.end(); ++it)
+        environment.insert(it.key(), it.value());
     m_process.setProcessEnvironment(environment);
     m_process.setWorkingDirectory(QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon"));
     m_process.setProcessChannelMode(QProcess::MergedChannels);

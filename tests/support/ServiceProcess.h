@@ -16,6 +16,10 @@ public:
     explicit ServiceProcess(const QString& root);
     ~ServiceProcess();
 
+    /// A variable more for the service's own environment, from the next start() on
+    /// (such as CLAUDE_CONFIG_DIR, to connect a scratch home's Claude Code).
+    void setVariable(const QString& name, const QString& value) { m_more.insert(name, value); }
+
     /// Starts the service and waits until its health answers. False, with
     /// the reason and the service's output in lastError(), when it doesn't.
     bool start();
@@ -51,5 +55,6 @@ private:
     int m_apiPort = 0;
     int m_localPort = 0;
     QProcess m_process;
+    QHash<QString, QString> m_more;
     QString m_lastError;
 };
