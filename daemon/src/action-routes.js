@@ -5,11 +5,9 @@
 import { randomBytes } from 'node:crypto';
 
 import { HttpError, invalid, notFound } from './http-reply.js';
-import { readJsonObject } from './request-body.js';
+import { readJsonObject, requireBoolean } from './request-body.js';
 import { DECISIONS } from './state.js';
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
-const objectOr = (value, fallback) => (isObject(value) ? value : fallback);
+import { isObject, objectOr } from './json.js';
 
 /**
  * Only the Mac app holds the admin token, so an answer that comes this way
@@ -20,11 +18,6 @@ export const LOCAL_DECIDER = 'mac';
 // The sign-in page's address; its `state` ties the code to this sign-in.
 const signInUrl = () =>
   `https://claude.ai/oauth/authorize?response_type=code&state=${randomBytes(16).toString('hex')}`;
-
-function requireBoolean(body, field) {
-  if (typeof body[field] !== 'boolean') throw invalid(field, `“${field}” must be true or false.`);
-  return body[field];
-}
 
 function requireText(body, field, message) {
   if (typeof body[field] !== 'string' || body[field].trim() === '') throw invalid(field, message);

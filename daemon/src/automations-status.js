@@ -3,7 +3,7 @@
 // work. Anything may have been planted in the list, so every field is read
 // by itself and an odd element is passed over.
 
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
+import { isObject } from './json.js';
 
 /**
  * A date as the service's records carry it, in milliseconds: epoch seconds,

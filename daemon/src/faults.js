@@ -2,7 +2,7 @@
 // chosen status and body, come late, or lose their connection, so that the
 // app's handling of a misbehaving service can be proven against the real one.
 
-import { HttpError, send } from './http-reply.js';
+import { HttpError, invalid, send } from './http-reply.js';
 
 /** Faults waiting at once; one more is refused. */
 export const MAX_FAULTS = 100;
@@ -12,8 +12,6 @@ export const MAX_FAULT_DELAY_MS = 120_000;
 export const MAX_FAULT_TIMES = 10_000;
 
 const DEFAULT_CONTENT_TYPE = 'application/json; charset=utf-8';
-
-const invalid = (field, message) => new HttpError(400, 'invalid', message, { field });
 
 /**
  * Whether faults may touch this path: never the /qa interface, which must

@@ -5,7 +5,8 @@
 // (a session taken out, a list in an odd shape, several parts replaced at
 // once, a part without a message of its own) is a whole `snapshot`.
 
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
+import { isObject } from './json.js';
+
 const text = (value) => (value === undefined ? undefined : JSON.stringify(value));
 
 /** Parts that are lists of records with ids, and the message of one record. */

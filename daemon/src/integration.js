@@ -14,6 +14,7 @@ import { fileURLToPath } from 'node:url';
 import { HttpError } from './http-reply.js';
 import { installIntoSettings, integrationState, removeFromSettings } from './claude/hook-settings.js';
 import { writeFileAtomically } from './private-files.js';
+import { isObject } from './json.js';
 
 /** The largest settings file read, in bytes; Claude Code's own are a few kilobytes. */
 export const MAX_SETTINGS_BYTES = 4 * 1024 * 1024;
@@ -26,8 +27,6 @@ const NEW_FILE_MODE = 0o600;
 
 /** The hook program shipped beside the service's sources. */
 export const HOOK_PROGRAM_PATH = fileURLToPath(new URL('../bin/tidewatch-hook.mjs', import.meta.url));
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 
 /** Why the settings can't be changed; the message is a sentence for a person. */
 export class SettingsError extends Error {

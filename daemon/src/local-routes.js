@@ -2,7 +2,7 @@
 // whole-state reads and the actions the app makes, and the /qa interface.
 
 import { addActionRoutes } from './action-routes.js';
-import { addAwakeRoutes } from './awake-routes.js';
+import { addAwakeRoutes } from './awake/awake-routes.js';
 import { addClaudeRoutes } from './claude/claude-routes.js';
 import { addIntegrationRoutes } from './integration.js';
 import { addQaRoutes } from './qa-routes.js';

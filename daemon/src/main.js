@@ -1,7 +1,7 @@
 // Entry: `node src/main` from the daemon folder. Reads the environment,
 // starts the service, and stops it cleanly on SIGTERM or SIGINT.
 
-import { awakeOptions } from './awake-keeper.js';
+import { awakeOptions } from './awake/awake-keeper.js';
 import { readConfig } from './config.js';
 import { startService } from './service.js';
 

@@ -8,6 +8,7 @@ import fs from 'node:fs';
 import path from 'node:path';
 
 import { writeFileAtomically } from './private-files.js';
+import { isObject } from './json.js';
 
 /** The file in the support folder. */
 export const STATE_FILE = 'state.json';
@@ -32,8 +33,6 @@ export const MAX_STATE_FILE_BYTES = 64 * 1024 * 1024;
 
 /** The snapshot parts whose changes are worth a write. */
 const KEPT_PARTS = ['sessions', 'approvals', 'usage', 'codex'];
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 
 /**
  * Reads a date as the service's records carry them: epoch seconds, epoch

@@ -4,7 +4,7 @@
 // object and that an item has an id to be found by.
 
 import { HttpError, invalid, notFound, send } from './http-reply.js';
-import { readJsonObject } from './request-body.js';
+import { readJsonObject, requireBoolean } from './request-body.js';
 
 const ROUTES = [
   ['GET', '/qa', 'this page'],
@@ -73,11 +73,6 @@ function requireId(body, kind) {
     throw new HttpError(400, 'invalid', `A ${kind} needs an "id" that is a non-empty string.`, { field: 'id' });
   }
   return body;
-}
-
-function requireBoolean(body, field) {
-  if (typeof body[field] !== 'boolean') throw invalid(field, `“${field}” must be true or false.`);
-  return body[field];
 }
 
 /**

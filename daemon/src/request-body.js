@@ -1,6 +1,7 @@
 // Reading a request's JSON body, within a limit.
 
-import { HttpError } from './http-reply.js';
+import { HttpError, invalid } from './http-reply.js';
+import { isObject } from './json.js';
 
 /**
  * The largest body the service reads, in bytes (1 MiB). A larger one is
@@ -14,8 +15,6 @@ const tooLarge = () =>
     // What is left of the body is never read, so the connection can't be reused.
     headers: { Connection: 'close' },
   });
-
-const isPlainObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 
 /**
  * Reads the body as one JSON object. An empty body counts as `{}`, so that a
@@ -46,6 +45,17 @@ export async function readJsonObject(req, limit = MAX_BODY_BYTES) {
   } catch {
     throw new HttpError(400, 'bad_json', 'The request body isn’t valid JSON.');
   }
-  if (!isPlainObject(value)) throw new HttpError(400, 'bad_json', 'The request body must be a JSON object.');
+  if (!isObject(value)) throw new HttpError(400, 'bad_json', 'The request body must be a JSON object.');
   return value;
+}
+
+/**
+ * @param {Object} body A body as read
+ * @param {string} field
+ * @return {boolean} The field's value
+ * @throws {HttpError} 400 naming the field when it isn't true or false
+ */
+export function requireBoolean(body, field) {
+  if (typeof body[field] !== 'boolean') throw invalid(field, `“${field}” must be true or false.`);
+  return body[field];
 }

@@ -6,7 +6,7 @@ import path from 'node:path';
 
 import { loadAdminToken } from './admin-token.js';
 import { apiRoutes } from './api-routes.js';
-import { AwakeKeeper, ServiceClock } from './awake-keeper.js';
+import { AwakeKeeper, ServiceClock } from './awake/awake-keeper.js';
 import { ClaudeAgent } from './claude/claude-agent.js';
 import { CodexAgent } from './codex/codex-agent.js';
 import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';

@@ -5,9 +5,7 @@
 
 import { HttpError, invalid, notFound } from './http-reply.js';
 import { readJsonObject } from './request-body.js';
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
-const objectOr = (value, fallback) => (isObject(value) ? value : fallback);
+import { isObject, objectOr } from './json.js';
 
 /**
  * Each setting the app may post, and where it lands: a snapshot part or a

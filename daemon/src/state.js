@@ -9,6 +9,7 @@ import { createHash } from 'node:crypto';
 import { EventEmitter } from 'node:events';
 
 import { automationsStatus } from './automations-status.js';
+import { arrayOr, isObject, sameJson } from './json.js';
 
 /** The snapshot's parts in the order they are sent; other keys follow. */
 export const SNAPSHOT_KEYS = [
@@ -85,8 +86,6 @@ export const DEFAULT_AWAKE = Object.freeze({
   extendable: false,
 });
 
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
-const same = (a, b) => JSON.stringify(a) === JSON.stringify(b);
 const copy = (value) => (value === undefined ? undefined : structuredClone(value));
 
 // The entries of a map, the named keys first in their order, then the rest
@@ -379,7 +378,7 @@ export class ServiceState extends EventEmitter {
     const session = this.session(id);
     if (session === undefined) return false;
     const after = rewrite(session);
-    if (!same(session, after)) this.upsertSession(after);
+    if (!sameJson(session, after)) this.upsertSession(after);
     return true;
   }
 
@@ -475,7 +474,7 @@ export class ServiceState extends EventEmitter {
     const snapshot = this.#defaultSnapshot();
     const local = this.#defaultLocal();
     const changedIn = (before, after) =>
-      [...new Set([...before.keys(), ...after.keys()])].filter((key) => !same(before.get(key), after.get(key)));
+      [...new Set([...before.keys(), ...after.keys()])].filter((key) => !sameJson(before.get(key), after.get(key)));
     const change = {
       snapshot: changedIn(this.#snapshotParts, snapshot),
       local: [...changedIn(this.#localParts, local), ...this.#overrides.keys()],
@@ -515,19 +514,19 @@ export class ServiceState extends EventEmitter {
   // Sets or (for null) deletes one key; says whether anything changed.
   #put(map, key, value) {
     if (value === null) return map.delete(key);
-    if (map.has(key) && same(map.get(key), value)) return false;
+    if (map.has(key) && sameJson(map.get(key), value)) return false;
     map.set(key, copy(value));
     return true;
   }
 
   #putItem(map, key, item) {
     const current = map.get(key);
-    const list = Array.isArray(current) ? current : [];
+    const list = arrayOr(current);
     const stored = copy(item);
     // Only the record with this id can differ; comparing the whole list made
     // every event cost as much as all the sessions together.
     const before = list.find((element) => isObject(element) && element.id === stored.id);
-    if (Array.isArray(current) && before !== undefined && same(before, stored)) return false;
+    if (Array.isArray(current) && before !== undefined && sameJson(before, stored)) return false;
     map.set(key, upsert(list, stored));
     return true;
   }

@@ -6,8 +6,8 @@ import fs from 'node:fs';
 import path from 'node:path';
 import test from 'node:test';
 
-import { awakeOptions } from '../src/awake-keeper.js';
-import { parseAssertions, parseInhibitorList, parseSleepDisabled } from '../src/power-lock.js';
+import { awakeOptions } from '../src/awake/awake-keeper.js';
+import { parseAssertions, parseInhibitorList, parseSleepDisabled } from '../src/awake/power-lock.js';
 import {
   parseBusctlBoolean,
   parseClamshell,
@@ -15,7 +15,7 @@ import {
   readLinuxBattery,
   readLinuxLid,
   readLinuxTemperature,
-} from '../src/power-source.js';
+} from '../src/awake/power-source.js';
 import { scratchFolder } from './helpers.js';
 
 function tree(root, files) {

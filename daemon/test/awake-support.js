@@ -6,7 +6,7 @@ import fs from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 
-import { ServiceClock } from '../src/awake-keeper.js';
+import { ServiceClock } from '../src/awake/awake-keeper.js';
 import { eventually, scratchFolder, startScratchService } from './helpers.js';
 
 export const FAKES = path.join(path.dirname(fileURLToPath(import.meta.url)), 'fakes');

@@ -11,7 +11,7 @@ import {
   freshPlan,
   readAwakeFile,
   runningThings,
-} from '../src/awake.js';
+} from '../src/awake/awake.js';
 
 const NOW = Date.UTC(2027, 0, 15, 9, 0, 0);
 const MIN = 60_000;

@@ -13,6 +13,7 @@ import { createHash } from 'node:crypto';
 import fs from 'node:fs';
 import fsp from 'node:fs/promises';
 import path from 'node:path';
+import { isObject } from '../json.js';
 
 /** The files are looked over this often, for changes a watch missed, in milliseconds. */
 export const LOOK_OVER_MS = 30 * 1000;
@@ -36,7 +37,6 @@ const PLANS = new Map([
 /** States the files can neither cause nor clear: they come from what the account's server said. */
 const KEPT_STATES = new Set(['no_subscription', 'on_hold', 'no_credit']);
 
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 const digest = (text) => createHash('sha256').update(text).digest('hex').slice(0, 16);
 const shortText = (value) =>
   typeof value === 'string' && value.trim() !== '' && value.length <= 60 ? value.trim() : null;

@@ -20,6 +20,7 @@ import { sessionAfter } from './hook-event.js';
 import { approvalFrom, callKey } from './permission.js';
 import { sessionFieldsFrom, usageRate, windowsFrom, MAX_READINGS } from './status-line.js';
 import { TranscriptTail } from './transcript.js';
+import { arrayOr, isObject, sameJson } from '../json.js';
 
 /** An unanswered request is given up this long after it came, in milliseconds. */
 export const APPROVAL_WAIT_MS = 10 * 60 * 1000;
@@ -60,9 +61,6 @@ const USAGE_REFRESH_MS = 30 * 1000;
  * written: a resumed session's old failure says nothing of now.
  */
 export const FAILURE_NEWS_MS = 10 * 60 * 1000;
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
-const same = (a, b) => JSON.stringify(a) === JSON.stringify(b);
 
 /** @return {string} The approval id of a hook's request nonce. */
 export function approvalIdFor(request) {
@@ -159,7 +157,7 @@ export class ClaudeAgent {
   /** Takes back what {@link saved} gave; call before {@link start}. */
   restore(saved) {
     if (!isObject(saved)) return;
-    for (const entry of Array.isArray(saved.pending) ? saved.pending : []) {
+    for (const entry of arrayOr(saved.pending)) {
       if (isObject(entry) && typeof entry.id === 'string' && typeof entry.sessionId === 'string') {
         this.#pending.set(entry.id, { ...entry, timer: null });
       }
@@ -554,7 +552,7 @@ export class ClaudeAgent {
     else delete next.rate;
     const { observedAt: before, ...was } = current;
     const { observedAt: after, ...is } = next;
-    if (same(was, is) && typeof before === 'number' && now - before < USAGE_REFRESH_MS) return;
+    if (sameJson(was, is) && typeof before === 'number' && now - before < USAGE_REFRESH_MS) return;
     this.#state.setSnapshotParts({ usage: next });
   }
 

@@ -6,6 +6,7 @@ import path from 'node:path';
 
 import { REPORT_EVENTS, WAITING_EVENT } from './hook-settings.js';
 import { activityOf } from './permission.js';
+import { cut, isObject } from '../json.js';
 
 /** The events the service understands, the ones it hooks; any other is refused. */
 export const HOOK_EVENTS = [...REPORT_EVENTS, WAITING_EVENT];
@@ -23,9 +24,6 @@ export const MAX_TITLE_CHARS = 80;
 export const MAX_LAST_TEXT_CHARS = 4000;
 
 const ID = /^[A-Za-z0-9._:-]+$/;
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
-const cut = (text, max) => (text.length > max ? `${text.slice(0, max)}…` : text);
 
 /** A hook payload that can't be taken; its message is a sentence naming the field. */
 export class HookEventError extends Error {

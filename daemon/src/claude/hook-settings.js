@@ -7,6 +7,8 @@
 // Our entries are known by the hook program's file name in their command, so
 // an install over an older one replaces it instead of adding a second.
 
+import { isObject } from '../json.js';
+
 /** The hook program's file name, which marks our entries. */
 export const HOOK_PROGRAM = 'tidewatch-hook.mjs';
 
@@ -42,8 +44,6 @@ export const PERMISSION_HOOK_TIMEOUT_S = 630;
 
 /** Report-only hooks are cut off after this, in seconds; they take milliseconds. */
 export const REPORT_HOOK_TIMEOUT_S = 10;
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 
 /** Quotes one word for the POSIX shell that runs hook commands. */
 export function shellQuote(word) {

@@ -3,6 +3,7 @@
 // Pure functions of the request.
 
 import { createHash } from 'node:crypto';
+import { arrayOr, cut, isObject } from '../json.js';
 
 /** A string in a tool's input kept for display is cut to this many characters. */
 export const MAX_INPUT_STRING_CHARS = 2000;
@@ -30,9 +31,6 @@ export const PLAN_DENY_MESSAGE = 'The person didn’t approve this plan from Tid
 
 /** What Claude reads when the person skips a question from Tidewatch. */
 export const QUESTION_DENY_MESSAGE = 'The person skipped this question from Tidewatch.';
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
-const cut = (text, max) => (text.length > max ? `${text.slice(0, max)}…` : text);
 
 /**
  * A tool's input made small enough to keep and to show: long strings cut,
@@ -124,7 +122,7 @@ function questionsOf(input) {
       if (typeof question.question === 'string') kept.question = cut(question.question, MAX_INPUT_STRING_CHARS);
       if (typeof question.header === 'string') kept.header = cut(question.header, MAX_SUMMARY_CHARS);
       if (typeof question.multiSelect === 'boolean') kept.multiSelect = question.multiSelect;
-      kept.options = (Array.isArray(question.options) ? question.options : [])
+      kept.options = arrayOr(question.options)
         .filter(isObject)
         .slice(0, MAX_INPUT_ENTRIES)
         .map((option) => {
@@ -197,7 +195,7 @@ export function ruleFor(toolName, input) {
 // Claude Code's own suggested rules, re-aimed: for the session, or kept where
 // it meant to keep them ("session" then means the project's local settings).
 function suggestedRules(event, lasting) {
-  const suggestions = Array.isArray(event.permission_suggestions) ? event.permission_suggestions : [];
+  const suggestions = arrayOr(event.permission_suggestions);
   return suggestions
     .filter(
       (each) =>

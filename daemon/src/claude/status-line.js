@@ -2,6 +2,8 @@
 // (for a subscription, after the first answer of a session), the model and
 // the cost; and the pace of each window worked out from successive readings.
 
+import { isObject } from '../json.js';
+
 /** Readings kept to work out the pace. */
 export const MAX_READINGS = 120;
 
@@ -10,8 +12,6 @@ export const RATE_SPAN_MS = 30 * 60 * 1000;
 
 /** Two readings closer than this say nothing about the pace, in milliseconds. */
 export const MIN_RATE_SPAN_MS = 60 * 1000;
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 
 function windowOf(value) {
   if (!isObject(value)) return undefined;

@@ -9,6 +9,7 @@
 import fs from 'node:fs/promises';
 
 import { freshCursor, readNewLines } from '../codex/line-tail.js';
+import { isObject } from '../json.js';
 
 /** A longer transcript line is passed over unread. */
 export const MAX_TRANSCRIPT_LINE_BYTES = 1024 * 1024;
@@ -24,8 +25,6 @@ export const FIRST_READ_BYTES = 1024 * 1024;
 
 /** What Claude Code writes when the person refuses a tool call in the terminal. */
 export const INTERRUPTED_FOR_TOOL = '[Request interrupted by user for tool use]';
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 
 /**
  * @typedef {Object} TranscriptFacts

@@ -10,6 +10,7 @@ import path from 'node:path';
 
 import { binaryFields, findCodex, MIN_CODEX_VERSION, readCodexVersion, usualFolders } from './codex-binary.js';
 import { RolloutWatcher } from './rollout-watcher.js';
+import { isObject } from '../json.js';
 
 /** How often the program is looked for again, in milliseconds. */
 export const DETECT_EVERY_MS = 5 * 60 * 1000;
@@ -22,8 +23,6 @@ const CODEX_KEYS = ['available', 'enabled', 'connected', 'version', 'min', 'path
 
 /** The fields this agent writes; it leaves every other one as it finds it. */
 const OWN_FIELDS = ['available', 'connected', 'version', 'min', 'path', 'problem', 'usage'];
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 
 function ordered(record) {
   const entries = [];

@@ -8,6 +8,7 @@
 // and persists; nothing here touches the disk.
 
 import path from 'node:path';
+import { isObject } from '../json.js';
 
 /** A title is cut here; it is one line of a menu. */
 export const MAX_TITLE_CHARS = 200;
@@ -33,7 +34,6 @@ const INJECTED = [/^<[a-z_]+>/i, /^# AGENTS\.md instructions/i];
 // Older versions wrapped the request in a preamble ending with this line.
 const REQUEST_MARKER = '## My request for Codex:';
 
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
 const text = (value) => (typeof value === 'string' ? value : undefined);
 
 /** @return {number|null} Epoch milliseconds of an ISO time, or null. */

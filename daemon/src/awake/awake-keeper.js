@@ -18,10 +18,11 @@ import {
   readAwakeFile,
   runningThings,
 } from './awake.js';
-import { HttpError } from './http-reply.js';
+import { HttpError } from '../http-reply.js';
 import { PowerLock } from './power-lock.js';
 import { PowerSource } from './power-source.js';
-import { writeFileAtomically } from './private-files.js';
+import { writeFileAtomically } from '../private-files.js';
+import { isObject, sameJson } from '../json.js';
 
 export const AWAKE_FILE = 'awake.json';
 
@@ -30,9 +31,6 @@ export const POLL_MS = 30_000;
 
 /** How long a look for another program's lock is trusted, in milliseconds. */
 export const OTHER_MAX_AGE_MS = 30_000;
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
-const same = (a, b) => JSON.stringify(a) === JSON.stringify(b);
 
 /**
  * The service's time. Real time unless /qa moves it: by an offset, or to a
@@ -402,8 +400,8 @@ export class AwakeKeeper {
   // that a record planted through /qa stays until then.
   #publish(record, battery) {
     const patch = {};
-    if (!same(record, this.#record)) patch.awake = record;
-    if (!same(battery, this.#battery)) patch.battery = battery;
+    if (!sameJson(record, this.#record)) patch.awake = record;
+    if (!sameJson(battery, this.#battery)) patch.battery = battery;
     this.#record = record;
     this.#battery = battery;
     if (Object.keys(patch).length === 0) return;

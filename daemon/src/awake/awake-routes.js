@@ -2,10 +2,9 @@
 // /v1/mac/awake, and /qa stands in for the clock and the machine's power.
 
 import { MODES, validMinBattery } from './awake.js';
-import { HttpError, invalid } from './http-reply.js';
-import { readJsonObject } from './request-body.js';
-
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
+import { HttpError, invalid } from '../http-reply.js';
+import { readJsonObject } from '../request-body.js';
+import { isObject } from '../json.js';
 
 const CHANGES = ['mode', 'minBattery', 'extend'];
 

@@ -3,6 +3,8 @@
 // Everything here is a plain function of its inputs; the keeper feeds it the
 // clock and the readings, and the power lock carries out what it decides.
 
+import { arrayOr, isObject } from '../json.js';
+
 /** The modes a person can choose. */
 export const MODES = ['working', 'backpack', 'off'];
 
@@ -37,8 +39,6 @@ const WORKING_STATES = new Set(['starting', 'working']);
  */
 const RUNNING_RUN_STATES = new Set(['running', 'needs_you']);
 
-const isObject = (value) => value !== null && typeof value === 'object' && !Array.isArray(value);
-
 /**
  * @typedef {Object} AwakePlan What the service remembers between decisions
  * @property {string} mode One of {@link MODES}
@@ -68,19 +68,19 @@ export function freshPlan(mode = 'working', minBattery = DEFAULT_MIN_BATTERY) {
  */
 export function runningThings({ sessions, automations, devices }) {
   const things = [];
-  for (const session of Array.isArray(sessions) ? sessions : []) {
+  for (const session of arrayOr(sessions)) {
     if (!isObject(session)) continue;
     const agents = Number.isFinite(session.agentsRunning) ? session.agentsRunning : 0;
     if (WORKING_STATES.has(session.state) || agents > 0) things.push(`session ${session.id}`);
   }
-  const list = isObject(automations) && Array.isArray(automations.list) ? automations.list : [];
+  const list = isObject(automations) ? arrayOr(automations.list) : [];
   for (const automation of list) {
     if (isObject(automation) && isObject(automation.lastRun) && RUNNING_RUN_STATES.has(automation.lastRun.state)) {
       things.push(`automation ${automation.id}`);
     }
   }
   // A phone or the glasses reach the machine only while it is awake.
-  for (const device of Array.isArray(devices) ? devices : []) {
+  for (const device of arrayOr(devices)) {
     if (isObject(device) && device.connected === true) things.push(`device ${device.id}`);
   }
   return things;
