@@ -41,6 +41,7 @@ const PING = Buffer.from('{"t":"ping"}');
 
 const clientName = (raw) =>
   (raw ?? '')
+    // eslint-disable-next-line no-control-regex -- control characters are exactly what a name for the log must lose
     .replace(/[\u0000-\u001f\u007f]/g, '')
     .slice(0, MAX_CLIENT_NAME_CHARS) || 'unnamed';
 

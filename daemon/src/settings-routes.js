@@ -5,7 +5,7 @@
 
 import { HttpError, invalid, notFound } from './http-reply.js';
 import { readJsonObject } from './request-body.js';
-import { isObject, objectOr } from './json.js';
+import { objectOr } from './json.js';
 
 /**
  * Each setting the app may post, and where it lands: a snapshot part or a

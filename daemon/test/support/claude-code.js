@@ -159,7 +159,9 @@ export async function claudeInteractive(t, { home, project, standIn, subscriptio
     // And the scratch folder it recreated, when nothing else is in it.
     try {
       fs.rmdirSync(path.dirname(home));
-    } catch {}
+    } catch {
+      // something else is still in it
+    }
   });
   const screen = () => tmux('capture-pane', '-p', '-t', 'claude').stdout ?? '';
   const session = {
