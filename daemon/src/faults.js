@@ -79,6 +79,9 @@ export function parseFault(input) {
   };
 }
 
+/** What a real install consults instead of a book: no fault ever applies there. */
+export const NO_FAULTS = Object.freeze({ take: () => null });
+
 /** The waiting faults, in the order they were added. */
 export class FaultBook {
   constructor() {

@@ -1,8 +1,9 @@
 // The routes of the local port, every one behind the admin token: the
-// whole-state reads and the actions the app makes, and the /qa interface.
+// whole-state reads and the actions the app makes, and in a test copy the
+// /qa interface.
 
 import { addActionRoutes } from './action-routes.js';
-import { addAwakeRoutes } from './awake/awake-routes.js';
+import { addAwakeRoutes, addPowerQaRoutes } from './awake/awake-routes.js';
 import { addClaudeRoutes } from './claude/claude-routes.js';
 import { addIntegrationRoutes } from './integration.js';
 import { addQaRoutes } from './qa-routes.js';
@@ -19,9 +20,11 @@ import { addSettingsRoutes } from './settings-routes.js';
  * @param {CodexAgent} [parts.codex] Codex, looked at again on a refresh
  * @param {ClaudeAgent} [parts.claude] Claude Code's hooks report here
  * @param {Integration} [parts.integration] Claude Code's settings
+ * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
+ *     unknown routes like any other
  * @return {Router}
  */
-export function localRoutes({ state, faults, feed, health, keeper, codex, claude, integration }) {
+export function localRoutes({ state, faults, feed, health, keeper, codex, claude, integration, testCopy = false }) {
   const router = new Router()
     .add('GET', '/v1/snapshot', () => state.snapshot())
     // `fresh=1` asks for a new look rather than the cache; everything here
@@ -33,6 +36,9 @@ export function localRoutes({ state, faults, feed, health, keeper, codex, claude
   addAwakeRoutes(router, { keeper });
   if (claude) addClaudeRoutes(router, { claude });
   if (integration) addIntegrationRoutes(router, { integration, state });
-  addQaRoutes(router, { state, faults, feed, health });
+  if (testCopy) {
+    addQaRoutes(router, { state, faults, feed, health });
+    addPowerQaRoutes(router, { keeper });
+  }
   return router;
 }

@@ -10,7 +10,7 @@ import { AwakeKeeper, ServiceClock } from './awake/awake-keeper.js';
 import { ClaudeAgent } from './claude/claude-agent.js';
 import { CodexAgent } from './codex/codex-agent.js';
 import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';
-import { FaultBook, PendingTimers } from './faults.js';
+import { FaultBook, NO_FAULTS, PendingTimers } from './faults.js';
 import { FeedServer } from './feed-server.js';
 import { hookPlace, Integration } from './integration.js';
 import { closeListener, createListener, HOST, listen } from './listener.js';
@@ -26,7 +26,7 @@ import { VERSION } from './version.js';
  * @property {number} apiPort The port the API listener got
  * @property {number} localPort The port the local listener got
  * @property {ServiceState} state
- * @property {FaultBook} faults
+ * @property {FaultBook|NO_FAULTS} faults A book only in a test copy
  * @property {http.Server} apiServer Where the feed attaches (its upgrade event)
  * @property {http.Server} localServer
  * @property {FeedServer} feed
@@ -52,6 +52,8 @@ import { VERSION } from './version.js';
  * @param {string} options.logs The log folder
  * @param {number} [options.apiPort=47321] 0 for any free port
  * @param {number} [options.localPort=47322] 0 for any free port
+ * @param {boolean} [options.testCopy=false] Only a test copy has the /qa
+ *     routes and takes planted faults; a real install answers /qa with 404
  * @param {Object} [options.feed] The feed's timing and limits, for tests:
  *     `pingIntervalMs`, `coalesceMs`, `maxBufferedBytes` (see FeedServer)
  * @param {Object} [options.awake] Stay awake's reach: `source` and `lock`
@@ -79,6 +81,7 @@ export async function startService({
   logs,
   apiPort = DEFAULT_API_PORT,
   localPort = DEFAULT_LOCAL_PORT,
+  testCopy = false,
   feed: feedOptions = {},
   awake: awakeOptions = {},
   codexHome = null,
@@ -130,7 +133,7 @@ export async function startService({
   });
   persister.addSection('claude', { save: () => claude.saved(), restore: (saved) => claude.restore(saved) });
   const integration = new Integration({ state, settingsFile: claudeSettings, place: hookPlace(support), log });
-  const faults = new FaultBook();
+  const faults = testCopy ? new FaultBook() : NO_FAULTS;
   const pending = new PendingTimers();
   // Switched by /qa to make the service look hung while its feed lives on.
   const health = { answering: true };
@@ -146,7 +149,7 @@ export async function startService({
     hotAt: awakeOptions.hotAt,
   });
   const localServer = createListener({
-    router: localRoutes({ state, faults, feed, health, keeper, codex, claude, integration }),
+    router: localRoutes({ state, faults, feed, health, keeper, codex, claude, integration, testCopy }),
     faults,
     pending,
     log,

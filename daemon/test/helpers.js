@@ -71,6 +71,7 @@ export function request(port, method, target, { body, headers = {}, chunked = fa
  * @param {TestContext} t
  * @param {Object} [options]
  * @param {string} [options.folder] Reuse this scratch folder
+ * @param {boolean} [options.testCopy=true] False starts it as a real install
  * @param {Object} [options.feed] The feed's timing and limits
  * @param {Object} [options.awake] Stay awake's reach (see startService)
  * @param {string} [options.codexHome] Codex's folder; by default an empty
@@ -89,7 +90,7 @@ export function request(port, method, target, { body, headers = {}, chunked = fa
  */
 export async function startScratchService(
   t,
-  { folder, feed, awake, codexHome, codexPath = null, codex = {}, persist, claude, claudeSettings } = {},
+  { folder, testCopy = true, feed, awake, codexHome, codexPath = null, codex = {}, persist, claude, claudeSettings } = {},
 ) {
   folder ??= await scratchFolder(t);
   const support = path.join(folder, 'support');
@@ -99,6 +100,7 @@ export async function startScratchService(
     logs,
     apiPort: 0,
     localPort: 0,
+    testCopy,
     feed,
     awake,
     codexHome: codexHome ?? path.join(folder, 'codex-home'),

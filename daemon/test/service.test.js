@@ -45,6 +45,30 @@ test('the local port lets in only the admin token', async (t) => {
   assert.equal((await local('GET', '/nowhere', { headers: { Authorization: '' } })).status, 401);
 });
 
+test('a real install has no /qa: every /qa path is an unknown route, and no fault is taken', { timeout: 10_000 }, async (t) => {
+  const { local, api } = await startScratchService(t, { testCopy: false });
+  const unknown = async (method, target, body) => {
+    const reply = await local(method, target, { body });
+    return [reply.status, reply.json.error.code, reply.json.error.message];
+  };
+  for (const [method, target] of [
+    ['GET', '/qa'],
+    ['GET', '/qa/state'],
+    ['POST', '/qa/faults'],
+    ['POST', '/qa/power'],
+    ['POST', '/qa/health'],
+    ['DELETE', '/qa/sessions/s1'],
+  ]) {
+    await t.test(`${method} ${target}`, async () => {
+      const body = method === 'POST' ? { route: '/v1/health', status: 502, answering: false } : undefined;
+      assert.deepEqual(await unknown(method, target, body), await unknown(method, `/nowhere${target}`, body).then(
+        ([status, code, message]) => [status, code, message.replace('/nowhere', '')],
+      ));
+    });
+  }
+  assert.equal((await api('GET', '/v1/health')).status, 200);
+});
+
 test('the reads give the record shapes the app decodes', async (t) => {
   const { local, service } = await startScratchService(t);
   const snapshot = await local('GET', '/v1/snapshot');

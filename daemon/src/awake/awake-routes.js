@@ -88,7 +88,18 @@ export function addAwakeRoutes(router, { keeper }) {
     .add('POST', '/v1/mac/awake', async ({ req }) => {
       const change = parseAwakeChange(await readJsonObject(req));
       return { awake: await keeper.change(change) };
-    })
+    });
+}
+
+/**
+ * The stand-ins for the clock and the machine's power, in a test copy only.
+ *
+ * @param {Router} router The local port's table
+ * @param {Object} parts
+ * @param {AwakeKeeper} parts.keeper
+ */
+export function addPowerQaRoutes(router, { keeper }) {
+  router
     .add('GET', '/qa/power', async () => {
       await keeper.current();
       return keeper.qaState();
