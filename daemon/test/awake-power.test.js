@@ -7,7 +7,8 @@ import path from 'node:path';
 import test from 'node:test';
 
 import { awakeOptions } from '../src/awake/awake-keeper.js';
-import { parseAssertions, parseInhibitorList, parseSleepDisabled } from '../src/awake/power-lock.js';
+import { parseInhibitorList } from '../src/awake/power-lock-linux.js';
+import { parseAssertions, parseSleepDisabled } from '../src/awake/power-lock-mac.js';
 import {
   parseBusctlBoolean,
   parseClamshell,
