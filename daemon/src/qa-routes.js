@@ -5,6 +5,7 @@
 
 import { HttpError, invalid, notFound, send } from './http-reply.js';
 import { readJsonObject, requireBoolean } from './request-body.js';
+import { MAX_SESSIONS } from './state.js';
 
 const ROUTES = [
   ['GET', '/qa', 'this page'],
@@ -68,6 +69,14 @@ after <code>delayMs</code>, it drops the connection (<code>drop</code>), or send
 </html>
 `;
 
+function tooManySessions() {
+  throw new HttpError(
+    409,
+    'too_many_sessions',
+    `The service keeps at most ${MAX_SESSIONS} sessions and none of them has ended, so this one isn’t kept.`,
+  );
+}
+
 function requireId(body, kind) {
   if (typeof body.id !== 'string' || body.id === '') {
     throw new HttpError(400, 'invalid', `A ${kind} needs an "id" that is a non-empty string.`, { field: 'id' });
@@ -109,7 +118,7 @@ export function addQaRoutes(router, { state, faults, feed, health }) {
     });
 
   const items = [
-    ['sessions', 'session', (value) => state.upsertSession(value), (id) => state.removeSession(id)],
+    ['sessions', 'session', (value) => state.upsertSession(value) || tooManySessions(), (id) => state.removeSession(id)],
     ['approvals', 'approval', (value) => state.upsertApproval(value), (id) => state.removeApproval(id)],
     ['devices', 'device', (value) => state.upsertDevice(value), (id) => state.removeDevice(id)],
   ];

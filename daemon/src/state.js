@@ -74,6 +74,12 @@ export const MAX_DECISIONS = 100;
  */
 export const MAX_GONE_APPROVALS = 1000;
 
+/**
+ * Sessions kept at once. A new one past it takes the place of the ended
+ * session that came first; while none has ended, a new one is refused.
+ */
+export const MAX_SESSIONS = 1000;
+
 const DERIVED = new Set([...OWN_KEYS, ...MIRRORED_KEYS]);
 
 export const DEFAULT_AWAKE = Object.freeze({
@@ -359,11 +365,19 @@ export class ServiceState extends EventEmitter {
    * or is added last.
    *
    * @param {Object} session With a string `id`
+   * @return {boolean} False when it is new and {@link MAX_SESSIONS} are kept, none of them ended
    */
   upsertSession(session) {
+    const list = arrayOr(this.#snapshotParts.get('sessions'));
+    if (list.length >= MAX_SESSIONS && !list.some((each) => isObject(each) && each.id === session.id)) {
+      const ended = list.find((each) => isObject(each) && each.state === 'ended');
+      if (ended === undefined) return false;
+      this.removeSession(ended.id);
+    }
     if (this.#putItem(this.#snapshotParts, 'sessions', session)) {
       this.#announce({ snapshot: ['sessions'], item: { kind: 'session', id: session.id, value: session } });
     }
+    return true;
   }
 
   /**

@@ -10,6 +10,7 @@ import path from 'node:path';
 import { test } from 'node:test';
 import { fileURLToPath } from 'node:url';
 
+import { MAX_OPEN_APPROVALS } from '../src/claude/approval-broker.js';
 import { startScratchService } from './helpers.js';
 import { until } from './support/until.js';
 
@@ -122,6 +123,15 @@ test('a request asked again finds the same approval; a new request for the same 
     [first.id, other.id],
   );
   assert.deepEqual((await snapshot()).sessions[0].pendingApprovalIds, [first.id, other.id]);
+});
+
+test('past the most open requests, a new one is left to Claude Code and nothing is held for it', async (t) => {
+  const { ask, snapshot } = await setUp(t);
+  for (let i = 0; i < MAX_OPEN_APPROVALS; i++) assert.equal((await ask(`request-${i}`)).json.state, 'pending');
+  const refused = (await ask('request-past')).json;
+  assert.equal(refused.state, 'released');
+  assert.equal((await snapshot()).approvals.length, MAX_OPEN_APPROVALS);
+  assert.equal((await snapshot()).approvals.some((approval) => approval.id === refused.id), false);
 });
 
 const answers = [

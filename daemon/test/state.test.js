@@ -1,7 +1,7 @@
 import assert from 'node:assert/strict';
 import test from 'node:test';
 
-import { DEFAULT_AWAKE, MAX_DECISIONS, ServiceState } from '../src/state.js';
+import { DEFAULT_AWAKE, MAX_DECISIONS, MAX_SESSIONS, ServiceState } from '../src/state.js';
 
 function makeState() {
   const state = new ServiceState({ hostname: 'studio', daemonVersion: '9.9.9', home: '/home/ada' });
@@ -99,6 +99,27 @@ test('sessions are put in by id, in place, and taken out by id', () => {
   state.setSnapshotParts({ sessions: 'none' });
   state.upsertSession({ id: 's9' });
   assert.deepEqual(state.snapshot().sessions, [{ id: 's9' }]);
+});
+
+test('past the most sessions kept, the ended one that came first makes room; with none ended, a new one is refused', async (t) => {
+  const rows = [
+    ['two ended', [3, 7], true, 's3'],
+    ['none ended', [], false, null],
+  ];
+  for (const [name, endedAt, kept, evicted] of rows) {
+    await t.test(name, () => {
+      const { state } = makeState();
+      for (let i = 0; i < MAX_SESSIONS; i++) {
+        state.upsertSession({ id: `s${i}`, state: endedAt.includes(i) ? 'ended' : 'working' });
+      }
+      assert.equal(state.upsertSession({ id: 's0', state: 'idle' }), true, 'a kept one still changes');
+      assert.equal(state.upsertSession({ id: 'new', state: 'working' }), kept);
+      const ids = state.snapshot().sessions.map((session) => session.id);
+      assert.equal(ids.length, MAX_SESSIONS);
+      assert.equal(ids.includes('new'), kept);
+      if (evicted) assert.equal(ids.includes(evicted), false);
+    });
+  }
 });
 
 test('an approval is listed on its session alone, and leaves it when answered', () => {

@@ -7,7 +7,7 @@
 import { HttpError, invalid } from '../http-reply.js';
 import { readJsonObject } from '../request-body.js';
 import { checkHookEvent, HookEventError, MAX_ID_CHARS } from './hook-event.js';
-import { MAX_POLL_MS } from './claude-agent.js';
+import { MAX_POLL_MS } from './approval-broker.js';
 import { answerFor } from './permission.js';
 
 /** The largest payload a hook may post, in bytes; the hook cuts larger ones down first. */
