@@ -27,17 +27,24 @@ async function codexMachine(t, { version = '0.170.0', sessionsFolder = true } = 
   return { folder, codexHome, program, bin: path.dirname(program) };
 }
 
+// The service started on such a machine, its first look at Codex done.
+async function watchingService(t, machine, { codex = {}, ...options } = {}) {
+  const started = await startScratchService(t, {
+    folder: machine.folder,
+    codexHome: machine.codexHome,
+    codex: { searchPath: [machine.bin], ...codex },
+    ...options,
+  });
+  await started.service.codexReady;
+  return started;
+}
+
 const sessionFrames = (client, id) => client.ofType('session').map((m) => m.session).filter((s) => s.id === id);
 
 test('a Codex session shows as the stand-in writes it, step by step, through the watch alone', async (t) => {
   const machine = await codexMachine(t);
   // Look-overs far apart: within this test only the watch can bring news.
-  const { service, local, feed } = await startScratchService(t, {
-    folder: machine.folder,
-    codexHome: machine.codexHome,
-    codex: { searchPath: [machine.bin], watch: { lookOverMs: 600_000 } },
-  });
-  await service.codexReady;
+  const { local, feed } = await watchingService(t, machine, { codex: { watch: { lookOverMs: 600_000 } } });
   assert.deepEqual((await local('GET', '/v1/snapshot')).json.codex, {
     available: true,
     enabled: false,
@@ -89,12 +96,7 @@ test('a Codex session shows as the stand-in writes it, step by step, through the
 
 test('the stand-in program plays a turn in a process of its own while the service watches', async (t) => {
   const machine = await codexMachine(t);
-  const { service, local } = await startScratchService(t, {
-    folder: machine.folder,
-    codexHome: machine.codexHome,
-    codex: { searchPath: [machine.bin] },
-  });
-  await service.codexReady;
+  const { local } = await watchingService(t, machine);
   await local('POST', '/local/settings', { body: { codex: true } });
 
   const env = { ...process.env, CODEX_HOME: machine.codexHome };
@@ -118,11 +120,7 @@ test('the stand-in program plays a turn in a process of its own while the servic
 
 test('Codex switched off takes its sessions away; switched on, they come back, read on from where they stood', async (t) => {
   const machine = await codexMachine(t);
-  const { local, feed } = await startScratchService(t, {
-    folder: machine.folder,
-    codexHome: machine.codexHome,
-    codex: { searchPath: [machine.bin], watch: { lookOverMs: 100 } },
-  });
+  const { local, feed } = await watchingService(t, machine, { codex: { watch: { lookOverMs: 100 } } });
   await local('POST', '/qa/sessions', { body: { id: 'claude-1', title: 'A Claude Code session', state: 'working' } });
   await local('POST', '/local/settings', { body: { codex: true } });
   const codex = new CodexStandIn({ home: machine.codexHome });
@@ -151,11 +149,7 @@ test('Codex switched off takes its sessions away; switched on, they come back, r
 
 test('a sessions folder made after the start is found by the look-over', async (t) => {
   const machine = await codexMachine(t, { sessionsFolder: false });
-  const { local } = await startScratchService(t, {
-    folder: machine.folder,
-    codexHome: machine.codexHome,
-    codex: { searchPath: [machine.bin], watch: { lookOverMs: 100 } },
-  });
+  const { local } = await watchingService(t, machine, { codex: { watch: { lookOverMs: 100 } } });
   await local('POST', '/local/settings', { body: { codex: true } });
   assert.equal((await local('GET', '/v1/snapshot')).json.codex.connected, false, 'nothing to follow yet');
 
@@ -169,12 +163,7 @@ test('a sessions folder made after the start is found by the look-over', async (
 
 test('a Codex older than the lowest version says so; a refresh after its update clears it', async (t) => {
   const machine = await codexMachine(t, { version: '0.150.0' });
-  const { service, local } = await startScratchService(t, {
-    folder: machine.folder,
-    codexHome: machine.codexHome,
-    codex: { searchPath: [machine.bin] },
-  });
-  await service.codexReady;
+  const { local } = await watchingService(t, machine);
   const old = (await local('GET', '/v1/snapshot')).json.codex;
   assert.equal(old.available, false);
   assert.equal(old.version, '0.150.0');
@@ -193,12 +182,7 @@ test('a Codex older than the lowest version says so; a refresh after its update 
 
 test('a record planted through /qa stands until the service has news of its own', async (t) => {
   const machine = await codexMachine(t);
-  const { service, local } = await startScratchService(t, {
-    folder: machine.folder,
-    codexHome: machine.codexHome,
-    codex: { searchPath: [machine.bin] },
-  });
-  await service.codexReady;
+  const { local } = await watchingService(t, machine);
   const planted = { available: true, enabled: false, version: '0.150.2', min: '0.163.0', account: { signedIn: false } };
   await local('POST', '/qa/snapshot', { body: { codex: planted } });
   await local('POST', '/v1/codex/refresh');
@@ -213,12 +197,7 @@ test('sessions that went quiet end, and a day after their last activity they are
   const machine = await codexMachine(t);
   let now = Date.now();
   const clock = () => now;
-  const { service, local } = await startScratchService(t, {
-    folder: machine.folder,
-    codexHome: machine.codexHome,
-    codex: { searchPath: [machine.bin], now: clock, watch: { lookOverMs: 50 } },
-    persist: { now: clock },
-  });
+  const { service, local } = await watchingService(t, machine, { codex: { now: clock, watch: { lookOverMs: 50 } }, persist: { now: clock } });
   await local('POST', '/local/settings', { body: { codex: true } });
   const codex = new CodexStandIn({ home: machine.codexHome, clock: () => new Date(now) });
   codex.meta().prompt('Migrate the database');
@@ -244,11 +223,7 @@ test('sessions that went quiet end, and a day after their last activity they are
 
 test('a session file that goes away ends its session', async (t) => {
   const machine = await codexMachine(t);
-  const { local } = await startScratchService(t, {
-    folder: machine.folder,
-    codexHome: machine.codexHome,
-    codex: { searchPath: [machine.bin] },
-  });
+  const { local } = await watchingService(t, machine);
   await local('POST', '/local/settings', { body: { codex: true } });
   const codex = new CodexStandIn({ home: machine.codexHome });
   codex.meta().prompt('Archive me');

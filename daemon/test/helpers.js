@@ -15,6 +15,15 @@ import { startService } from '../src/service.js';
 
 export { sleep };
 
+/** The text's JSON value, or `otherwise` when it isn't JSON. */
+export function parseJson(text, otherwise) {
+  try {
+    return JSON.parse(text);
+  } catch {
+    return otherwise;
+  }
+}
+
 /** A folder of its own for one test, removed after it. */
 export async function scratchFolder(t) {
   const folder = await fs.mkdtemp(path.join(os.tmpdir(), 'tidewatch-daemon-'));
@@ -49,13 +58,7 @@ export function request(port, method, target, { body, headers = {}, chunked = fa
       res.on('error', reject);
       res.on('end', () => {
         const text = Buffer.concat(chunks).toString('utf8');
-        let json;
-        try {
-          json = JSON.parse(text);
-        } catch {
-          json = undefined;
-        }
-        resolve({ status: res.statusCode, headers: res.headers, text, json });
+        resolve({ status: res.statusCode, headers: res.headers, text, json: parseJson(text, undefined) });
       });
     });
     req.on('error', reject);
@@ -177,13 +180,7 @@ export async function openFeed(t, port, { token, client = 'test' }) {
   });
   socket.on('error', () => {});
 
-  const parse = (text) => {
-    try {
-      return JSON.parse(text);
-    } catch {
-      return null;
-    }
-  };
+  const parse = (text) => parseJson(text, null);
   const messages = () => texts.map(parse);
   const ofType = (type) => messages().filter((message) => message?.t === type);
   let taken = 0;
@@ -231,13 +228,7 @@ export function refusedFeed(port, { target = '/v1/ws?client=test', headers = {} 
       res.on('data', (chunk) => chunks.push(chunk));
       res.on('end', () => {
         const text = Buffer.concat(chunks).toString('utf8');
-        let json;
-        try {
-          json = JSON.parse(text);
-        } catch {
-          json = undefined;
-        }
-        resolve({ status: res.statusCode, headers: res.headers, json, text });
+        resolve({ status: res.statusCode, headers: res.headers, json: parseJson(text, undefined), text });
         req.destroy();
       });
     });

@@ -4,6 +4,7 @@ import os from 'node:os';
 import path from 'node:path';
 import test from 'node:test';
 
+import { MAX_FAULT_DELAY_MS, MAX_FAULTS } from '../src/faults.js';
 import { MAX_BODY_BYTES } from '../src/request-body.js';
 import { startService } from '../src/service.js';
 import { scratchFolder, startScratchService } from './helpers.js';
@@ -73,17 +74,8 @@ test('the reads give the record shapes the app decodes', async (t) => {
   const { local, service } = await startScratchService(t);
   const snapshot = await local('GET', '/v1/snapshot');
   assert.equal(snapshot.headers['content-type'], JSON_TYPE);
-  assert.deepEqual(Object.keys(snapshot.json), [
-    'mac',
-    'usage',
-    'sessions',
-    'approvals',
-    'account',
-    'providers',
-    'automations',
-    'codex',
-    'claude',
-  ]);
+  const parts = ['mac', 'usage', 'sessions', 'approvals', 'account', 'providers', 'automations', 'codex', 'claude'];
+  assert.deepEqual(Object.keys(snapshot.json), parts);
   assert.equal(snapshot.json.mac.name, os.hostname());
   assert.equal(snapshot.json.mac.awake.mode, 'working');
 
@@ -154,15 +146,34 @@ test('/qa refuses what it can’t store, naming the field', async (t) => {
     ['a session without an id', 'POST', '/qa/sessions', { state: 'working' }, 400, 'id'],
     ['an approval whose id is a number', 'POST', '/qa/approvals', { id: 7 }, 400, 'id'],
     ['a device with an empty id', 'POST', '/qa/devices', { id: '' }, 400, 'id'],
-    ['a fault without a route', 'POST', '/qa/faults', { status: 500 }, 400, 'route'],
-    ['a fault on /qa itself', 'POST', '/qa/faults', { route: 'GET /qa/state', status: 500 }, 400, 'route'],
+    ...[
+      ['a fault without a route', { status: 500 }, 'route'],
+      ['a fault on /qa itself', { route: 'GET /qa/state', status: 500 }, 'route'],
+      ['a fault on the /qa page', { route: '/qa' }, 'route'],
+      ['a fault route without a path', { route: 'GET' }, 'route'],
+      ['a fault route with two methods', { route: 'GET POST /x' }, 'route'],
+      ['a fault status below 100', { route: '/x', status: 99 }, 'status'],
+      ['a fault status as text', { route: '/x', status: '500' }, 'status'],
+      ['a negative fault delay', { route: '/x', delayMs: -1 }, 'delayMs'],
+      ['a fault delay past the limit', { route: '/x', delayMs: MAX_FAULT_DELAY_MS + 1 }, 'delayMs'],
+      ['a fault’s drop as text', { route: '/x', drop: 'yes' }, 'drop'],
+      ['a fault for no times', { route: '/x', times: 0 }, 'times'],
+      ['a fault for part of a time', { route: '/x', times: 1.5 }, 'times'],
+      ['a fault content type that isn’t text', { route: '/x', contentType: 5 }, 'contentType'],
+    ].map(([name, body, field]) => [name, 'POST', '/qa/faults', body, 400, field]),
   ];
   for (const [name, method, target, body, status, field] of rows) {
-    const reply = await local(method, target, { body });
-    assert.equal(reply.status, status, name);
-    assert.equal(reply.json.error.field, field, name);
-    assert.equal(typeof reply.json.error.message, 'string', name);
+    await t.test(name, async () => {
+      const reply = await local(method, target, { body });
+      assert.equal(reply.status, status);
+      assert.equal(reply.json.error.field, field);
+      assert.match(reply.json.error.message, /\.$/);
+    });
   }
+  assert.deepEqual((await local('GET', '/qa/faults')).json, { faults: [] }, 'nothing refused was stored');
+  for (let i = 0; i < MAX_FAULTS; i++) await local('POST', '/qa/faults', { body: { route: '/x', status: 500 } });
+  const full = await local('POST', '/qa/faults', { body: { route: '/x', status: 500 } });
+  assert.deepEqual([full.status, full.json.error.code], [400, 'too_many_faults']);
 });
 
 test('the /qa page lists the routes', async (t) => {
@@ -219,7 +230,7 @@ test('a fault answers with its status and body, verbatim, before any token check
   await local('POST', '/qa/faults', {
     body: { route: 'GET /v1/snapshot', status: 502, body: text, contentType: 'text/plain' },
   });
-  await local('POST', '/qa/faults', { body: { route: 'GET /v1/health', status: 200, body: '{"ok":false}' } });
+  await local('POST', '/qa/faults', { body: { route: 'get /v1/health?x=1', status: 200, body: { ok: false } } });
   await local('POST', '/qa/faults', { body: { route: 'GET /local/devices', status: 404 } });
 
   const faulted = await local('GET', '/v1/snapshot?any=query', { headers: { Authorization: '' } });

@@ -155,9 +155,10 @@ export async function claudeInteractive(t, { home, project, standIn, subscriptio
     // Claude Code writes its home on the way out; the scratch folder may
     // already be gone by then, so wait for the end and clear the home after it.
     for (let waited = 0; pane > 0 && waited < 5000 && alive(pane); waited += 50) await sleep(50);
-    fs.rmSync(home, { recursive: true, force: true });
-    // And the scratch folder it recreated, when nothing else is in it.
+    // A cleanup that throws would skip the ones after it and leave servers open.
     try {
+      fs.rmSync(home, { recursive: true, force: true, maxRetries: 5 });
+      // And the scratch folder it recreated, when nothing else is in it.
       fs.rmdirSync(path.dirname(home));
     } catch {
       // something else is still in it

@@ -1,0 +1,326 @@
+// Real Claude Code, offline against the Messages API stand-in, with the
+// integration installed in a scratch home: `claude -p` and the interactive
+// program under tmux, each answered from Tidewatch, in the terminal or by
+// nobody, and Claude Code acts on that answer alone. Then what only one way
+// shows (refusals from the API, the status line, the service gone), and the
+// waiting hook against a service killed again and again. Slow tests (a real
+// program each); select them with --test-name-pattern='^slow:'.
+
+import assert from 'node:assert/strict';
+import { spawn } from 'node:child_process';
+import fs from 'node:fs';
+import net from 'node:net';
+import path from 'node:path';
+import { test } from 'node:test';
+import { fileURLToPath } from 'node:url';
+
+import { DENY_MESSAGE } from '../src/claude/permission.js';
+import { eventually, request, scratchFolder, sleep, startScratchService } from './helpers.js';
+import {
+  claudeHome,
+  claudeInteractive,
+  claudePrint,
+  HOOK_PROGRAM,
+  missingClaude,
+  missingTmux,
+  standInFor,
+} from './support/claude-code.js';
+import { until } from './support/until.js';
+
+const GIVE_UP_MS = 3000;
+
+async function setUp(t, { claude, script } = {}) {
+  const service = await startScratchService(t, { claude });
+  const { home, project } = claudeHome(service.folder, service.support);
+  const target = path.join(project, 'made-by-claude');
+  const standIn = await standInFor(t, {
+    tool: { name: 'Bash', input: { command: `touch ${target}`, description: 'Make a file' } },
+    ...script,
+  });
+  const snapshot = async () => (await service.local('GET', '/v1/snapshot')).json;
+  return { service, home, project, target, standIn, snapshot };
+}
+
+// The tool results Claude Code sent back to the model.
+const toolResults = (standIn) =>
+  standIn.requests.flatMap((request) =>
+    (request.body?.messages ?? []).flatMap((message) =>
+      Array.isArray(message.content) ? message.content.filter((block) => block?.type === 'tool_result') : [],
+    ),
+  );
+
+// Each way runs the prompt, waits until Claude Code asks, and later says how the turn ended.
+const WAYS = {
+  'claude -p': {
+    skip: missingClaude() ?? false,
+    async run(t, setup) {
+      const run = claudePrint(t, { ...setup, prompt: 'make a file please' });
+      return {
+        finished: async () => {
+          const result = await run.done;
+          assert.equal(result.code, 0, result.stderr);
+          const ended = await until(async () => (await setup.snapshot()).sessions.find((s) => s.state === 'ended'), 'the session ended');
+          assert.equal(ended.lastText, 'Done.');
+        },
+      };
+    },
+  },
+  interactive: {
+    skip: missingClaude() ?? missingTmux() ?? false,
+    async run(t, setup) {
+      const claude = await claudeInteractive(t, setup);
+      await claude.type('make a file please');
+      await claude.waitFor(/Do you want to proceed\?/, 'Claude Code’s own prompt');
+      // The prompt takes keys a moment after it is drawn.
+      await sleep(1500);
+      return {
+        claude,
+        // Claude Code runs on after the answer (the command, another turn unless refused) to its Stop.
+        finished: () => until(async () => (await setup.snapshot()).sessions[0].state === 'idle', 'the session idle again', 30000),
+      };
+    },
+  },
+};
+
+// Who answers: Tidewatch (a decision posted), the terminal (keys), or nobody
+// (the request is given up at its time and Claude Code decides alone).
+const ANSWERS = [
+  { ways: ['claude -p', 'interactive'], name: 'allow from Tidewatch runs the command', post: 'allow', made: true },
+  { ways: ['claude -p', 'interactive'], name: 'deny from Tidewatch leaves nothing done', post: 'deny', made: false },
+  { ways: ['interactive'], name: 'allowed in the terminal, the card leaves by itself', keys: ['1'], made: true },
+  { ways: ['interactive'], name: 'refused in the terminal, the card leaves by itself', keys: ['Escape'], made: false },
+  { ways: ['claude -p'], name: 'with nobody answering, Claude Code decides alone', made: false },
+];
+
+for (const { ways, name, post, keys, made } of ANSWERS) {
+  for (const way of ways) {
+    test(`slow: ${way}: ${name}`, { skip: WAYS[way].skip, timeout: 60000 }, async (t) => {
+      const nobody = !post && !keys;
+      const setup = await setUp(t, { claude: nobody ? { approvalWaitMs: GIVE_UP_MS } : undefined });
+      const { service, target, standIn, snapshot } = setup;
+      const feed = await service.feed();
+      const started = Date.now();
+      const run = await WAYS[way].run(t, setup);
+
+      const approval = await until(async () => (await snapshot()).approvals[0], 'an approval', 30000);
+      assert.deepEqual(
+        [approval.kind, approval.toolName, approval.summary, approval.canSession],
+        ['tool', 'Bash', `touch ${target}`, true],
+      );
+      const session = (await snapshot()).sessions.find((each) => each.id === approval.sessionId);
+      assert.deepEqual([session.state, session.pendingApprovalIds, session.title], ['needs_you', [approval.id], 'make a file please']);
+      if (way === 'interactive') assert.equal(session.origin, 'terminal');
+      assert.equal((await feed.next('approval', 10000)).approval.id, approval.id);
+
+      if (post) {
+        const answer = await service.local('POST', `/v1/approvals/${approval.id}/decision`, { body: { decision: post } });
+        assert.equal(answer.status, 200);
+      }
+      if (keys) run.claude.keys(...keys);
+      const resolved = await feed.next('approval.resolved', nobody ? GIVE_UP_MS + 15000 : 15000);
+      const decision = post ?? (keys ? (made ? 'allow' : 'deny') : null);
+      const by = post ? 'mac' : keys ? 'terminal' : null;
+      assert.deepEqual(resolved, { t: 'approval.resolved', id: approval.id, sessionId: approval.sessionId, decision, by });
+
+      await run.finished();
+      assert.equal(fs.existsSync(target), made);
+      if (nobody) assert.ok(Date.now() - started >= GIVE_UP_MS - 500, 'it waited for an answer first');
+      // Our refusal's words reach the model only when Tidewatch refused.
+      assert.equal(JSON.stringify(toolResults(standIn)).includes(DENY_MESSAGE), post === 'deny');
+      assert.deepEqual((await snapshot()).approvals, []);
+      const decisions = (await service.local('GET', '/qa/state')).json.decisions;
+      assert.deepEqual(
+        decisions.map((each) => [each.decision, each.by]),
+        decision ? [[decision, by]] : [],
+      );
+      if (run.claude) assert.doesNotMatch(run.claude.screen(), /Do you want to proceed\?/);
+      // Answered once: another answer now is late.
+      const late = await service.local('POST', `/v1/approvals/${approval.id}/decision`, { body: { decision: 'allow' } });
+      assert.equal(late.status, 409);
+    });
+  }
+}
+
+test('slow: claude -p: with the service gone, Claude Code runs as if Tidewatch weren’t there', { skip: WAYS['claude -p'].skip, timeout: 60000 }, async (t) => {
+  const { service, home, project, target, standIn } = await setUp(t);
+  await service.service.close();
+  const result = await claudePrint(t, { home, project, standIn, prompt: 'make a file please' }).done;
+  assert.equal(result.code, 0, result.stderr);
+  assert.equal(fs.existsSync(target), false);
+  assert.ok(result.ms < 20000, `it took ${result.ms} ms`);
+});
+
+// Refusals as the API gives them to a subscription. `claude -p` exits at
+// once and may take its StopFailure hooks with it; the service has it from
+// the transcript either way.
+const REFUSALS = [
+  {
+    name: 'a usage limit blocks the session until its reset, and the account is limited',
+    error: (reset) => ({
+      status: 429,
+      type: 'rate_limit_error',
+      message: 'Rate limited',
+      headers: {
+        'anthropic-ratelimit-unified-status': 'rejected',
+        'anthropic-ratelimit-unified-representative-claim': 'five_hour',
+        'anthropic-ratelimit-unified-reset': String(reset),
+        'anthropic-ratelimit-unified-5h-status': 'rejected',
+        'anthropic-ratelimit-unified-5h-utilization': '1.0',
+        'anthropic-ratelimit-unified-5h-reset': String(reset),
+      },
+    }),
+    blocked: (reset) => ({ kind: 'limit', resetsAt: reset * 1000 }),
+    account: (reset) => ({ state: 'limited', limit: { window: 'five_hour', resetsAt: reset * 1000, usingCredits: false } }),
+    said: /hit your 5-hour limit/,
+  },
+  {
+    name: 'a sign-in that ran out blocks the session, and the account is signed out',
+    error: () => ({
+      status: 401,
+      type: 'authentication_error',
+      message: 'OAuth token has expired. Please obtain a new token or refresh your existing token.',
+    }),
+    blocked: () => ({ kind: 'logged_out' }),
+    account: () => ({ state: 'logged_out', reason: 'not_logged_in' }),
+    said: /Failed to authenticate/,
+  },
+];
+
+for (const { name, error, blocked, account, said } of REFUSALS) {
+  test(`slow: claude -p: ${name}`, { skip: WAYS['claude -p'].skip, timeout: 60000 }, async (t) => {
+    const reset = Math.floor(Date.now() / 1000) + 3600;
+    const { service, home, project, standIn, snapshot } = await setUp(t, { script: { tool: null, error: error(reset) } });
+    const feed = await service.feed();
+    const result = await claudePrint(t, { home, project, standIn, prompt: 'say hello', subscription: true }).done;
+    assert.equal(result.code, 1);
+    assert.match(result.stdout, said);
+
+    const session = await until(async () => (await snapshot()).sessions.find((s) => s.state === 'ended'), 'the session ended', 15000);
+    assert.match(session.blocked.text, said);
+    assert.deepEqual(session.blocked, { ...session.blocked, ...blocked(reset) });
+    const now = (await snapshot()).account;
+    assert.deepEqual(now, { ...now, ...account(reset) });
+    // The app hears it on the feed, not only on its next read.
+    await eventually(() => feed.ofType('account').some((m) => m.account.state === account(reset).state), 'the account on the feed');
+    await eventually(() => feed.ofType('session').some((m) => m.session.blocked?.kind === blocked(reset).kind), 'the block on the feed');
+  });
+}
+
+test('slow: interactive: the status line brings the usage windows, the model and the cost', { skip: WAYS.interactive.skip, timeout: 60000 }, async (t) => {
+  const now = Math.floor(Date.now() / 1000);
+  const limits = { fiveHour: 0.64, fiveHourReset: now + 3600, sevenDay: 0.2, sevenDayReset: now + 3 * 86400 };
+  const setup = await setUp(t, { script: { tool: null, limits } });
+  const feed = await setup.service.feed();
+  const claude = await claudeInteractive(t, { ...setup, subscription: true });
+  await claude.type('say hello');
+  const usage = await until(async () => (await setup.snapshot()).usage.fiveHour && (await setup.snapshot()).usage, 'a usage reading', 30000);
+  assert.equal(usage.source, 'official');
+  assert.deepEqual(usage.fiveHour, { pct: 64, resetsAt: limits.fiveHourReset * 1000 });
+  assert.deepEqual(usage.sevenDay, { pct: 20, resetsAt: limits.sevenDayReset * 1000 });
+  assert.ok(Math.abs(usage.observedAt - Date.now()) < 60000);
+  assert.ok(feed.ofType('usage').some((m) => m.usage.fiveHour?.pct === 64));
+  const session = (await setup.snapshot()).sessions[0];
+  assert.match(session.model, /\S/);
+  assert.equal(typeof session.costUsd, 'number');
+  // Claude Code's status bar still shows a line of its own.
+  await claude.waitFor(/Tidewatch · .*5h 64%/, 'the status line');
+});
+
+const daemonFolder = path.dirname(path.dirname(fileURLToPath(import.meta.url)));
+
+async function freePorts(count) {
+  const servers = await Promise.all(
+    Array.from({ length: count }, async () => {
+      const server = net.createServer();
+      await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+      return server;
+    }),
+  );
+  const ports = servers.map((server) => server.address().port);
+  await Promise.all(servers.map((server) => new Promise((resolve) => server.close(resolve))));
+  return ports;
+}
+
+function startMain(t, folder, [apiPort, localPort]) {
+  const env = Object.fromEntries(Object.entries(process.env).filter(([key]) => !key.startsWith('TIDEWATCH_')));
+  Object.assign(env, {
+    XDG_DATA_HOME: path.join(folder, 'home', 'share'),
+    XDG_STATE_HOME: path.join(folder, 'home', 'state'),
+    TIDEWATCH_SUPPORT: path.join(folder, 'support'),
+    TIDEWATCH_API_PORT: String(apiPort),
+    TIDEWATCH_LOCAL_PORT: String(localPort),
+  });
+  const child = spawn(process.execPath, ['src/main'], { cwd: daemonFolder, env, stdio: ['ignore', 'pipe', 'pipe'] });
+  t.after(() => child.kill('SIGKILL'));
+  const exited = new Promise((resolve) => child.on('exit', resolve));
+  const listening = new Promise((resolve) => child.stdout.on('data', resolve));
+  return { child, exited, listening };
+}
+
+function startHook(t, support, event) {
+  const child = spawn(process.execPath, [HOOK_PROGRAM, '--support', support], { stdio: ['pipe', 'pipe', 'ignore'] });
+  t.after(() => child.kill('SIGKILL'));
+  let stdout = '';
+  child.stdout.on('data', (chunk) => (stdout += chunk));
+  child.stdin.end(JSON.stringify(event));
+  return new Promise((resolve) => child.on('close', (code) => resolve({ code, stdout })));
+}
+
+test('slow: hard restarts while requests wait lose none and answer none twice', { timeout: 90000 }, async (t) => {
+  const folder = await scratchFolder(t);
+  const support = path.join(folder, 'support');
+  const ports = await freePorts(2);
+  let main = startMain(t, folder, ports);
+  await main.listening;
+  const token = fs.readFileSync(path.join(support, 'admin-token'), 'utf8').trim();
+  const local = (method, target, body) => request(ports[1], method, target, { body, headers: { Authorization: `Bearer ${token}` } });
+  const open = async () => {
+    for (;;) {
+      try {
+        return (await local('GET', '/v1/snapshot')).json.approvals;
+      } catch {
+        await sleep(20);
+      }
+    }
+  };
+  const fixture = JSON.parse(fs.readFileSync(path.join(daemonFolder, 'test', 'fixtures', 'claude', 'permission-request-bash.json'), 'utf8'));
+  const decisions = ['allow', 'deny', 'always'];
+  const hooks = decisions.map((_, i) =>
+    startHook(t, support, {
+      ...fixture,
+      session_id: `s${i}`,
+      transcript_path: `/nonexistent/s${i}.jsonl`,
+      tool_input: { command: `touch /nonexistent/file-${i}`, description: 'Make a file' },
+    }),
+  );
+  await until(async () => (await open()).length === decisions.length, 'every request waiting', 20000);
+  const ids = new Map((await open()).map((approval) => [approval.sessionId, approval.id]));
+
+  const answered = new Set();
+  for (let round = 0; round < 6; round++) {
+    main.child.kill('SIGKILL');
+    await main.exited;
+    main = startMain(t, folder, ports);
+    await main.listening;
+    // The same requests wait again, with the same ids: none new, none lost.
+    const waiting = (await open()).map((approval) => approval.id).sort();
+    assert.deepEqual(waiting, [...ids.values()].filter((id) => !answered.has(id)).sort(), `after restart ${round + 1}`);
+    // Every other round one is answered, right before the next kill.
+    if (round % 2 === 1 && answered.size < decisions.length) {
+      const index = answered.size;
+      assert.equal((await local('POST', `/v1/approvals/${ids.get(`s${index}`)}/decision`, { decision: decisions[index] })).status, 200);
+      answered.add(ids.get(`s${index}`));
+    }
+  }
+  const results = await Promise.all(hooks);
+  results.forEach(({ code, stdout }, index) => {
+    assert.equal(code, 0);
+    const lines = stdout.trim().split('\n');
+    assert.equal(lines.length, 1, `hook ${index} printed ${stdout}`);
+    assert.equal(JSON.parse(lines[0]).hookSpecificOutput.decision.behavior, decisions[index] === 'deny' ? 'deny' : 'allow');
+  });
+  const kept = (await local('GET', '/qa/state')).json.decisions.map((each) => each.id).sort();
+  assert.deepEqual(kept, [...ids.values()].sort(), 'each request answered exactly once');
+  // Answered already: a second answer is late, never a second question.
+  assert.equal((await local('POST', `/v1/approvals/${ids.get('s0')}/decision`, { decision: 'deny' })).status, 409);
+});
