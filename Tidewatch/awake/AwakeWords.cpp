@@ -1,6 +1,6 @@
 #include "awake/AwakeWords.h"
 
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 #include <algorithm>
 #include <cmath>

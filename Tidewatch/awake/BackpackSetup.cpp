@@ -1,7 +1,7 @@
 #include "awake/BackpackSetup.h"
 
-#include "entry/AtomicFile.h"
-#include "entry/Shell.h"
+#include "base/AtomicFile.h"
+#include "base/Shell.h"
 #include "link/Awake.h"
 #include "link/DaemonClient.h"
 #include "platform/Platform.h"
@@ -62,12 +62,7 @@ bool isRealPath(const Environment& environment)
 
 bool ruleNeeded(const Environment& environment)
 {
-#if defined(Q_OS_MACOS)
-    Q_UNUSED(environment);
-    return true;
-#else
-    return !isRealPath(environment);
-#endif
+    return platform::lidSleepNeedsRoot() || !isRealPath(environment);
 }
 
 std::optional<QString> refusal(const Environment& environment)

@@ -1,5 +1,6 @@
 #include "entry/Environment.h"
 
+#include "base/UserAccount.h"
 #include "platform/Platform.h"
 
 #include <QDir>
@@ -92,7 +93,7 @@ Environment::Variables processVariables()
 
 const Environment& Environment::current()
 {
-    static const Environment environment(processVariables(), platform::systemHomeDirectory());
+    static const Environment environment(processVariables(), account::homeDirectory());
     return environment;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/Clock.h"
+#include "base/Clock.h"
 #include "entry/Environment.h"
 #include "link/FeedMessage.h"
 

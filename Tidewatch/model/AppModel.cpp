@@ -1,12 +1,13 @@
 #include "model/AppModel.h"
 
-#include "link/ActionReplies.h"
 #include "awake/BackpackSetup.h"
+#include "base/UserAccount.h"
+#include "link/ActionReplies.h"
 #include "model/Agents.h"
-#include "platform/Platform.h"
 #include "model/SnapshotPatch.h"
-#include "setup/Detection.h"
+#include "platform/Platform.h"
 #include "platform/Services.h"
+#include "setup/Detection.h"
 #include "setup/ServiceKeeper.h"
 
 #include <QPointer>
@@ -515,7 +516,7 @@ void AppModel::askForgetDevice(const QString& deviceId, const QString& name)
     dialog.title = QStringLiteral("Forget ") + name;
     dialog.line = QStringLiteral("Its token stops working at once, on Tailscale and on the local network. Glasses that "
                                  "come through it stop too.");
-    dialog.accent = Ink::Red;
+    dialog.accent = Tone::Danger;
     dialog.secondary = QStringLiteral("Keep");
     dialog.primary = QStringLiteral("Forget");
     dialog.confirm = [this, deviceId, name](bool, GlassDialog::Finish finish) {
@@ -600,7 +601,7 @@ void AppModel::setupBackpack()
     QTimer::singleShot(250, this, [this, fail] {
         offMainThread<BackpackSetup::Outcome>(
             [environment = m_environment] {
-                return BackpackSetup::install(environment, platform::systemUserName(), true);
+                return BackpackSetup::install(environment, account::userName(), true);
             },
             [this, fail](BackpackSetup::Outcome outcome) {
                 if (outcome && outcome->kind == BackpackSetup::Failure::Kind::Cancelled) {

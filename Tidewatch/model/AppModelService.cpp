@@ -103,7 +103,7 @@ void AppModel::askUninstall()
     if (m_status && m_status->tsnet && m_status->tsnet->mode == QLatin1StringView("builtIn"))
         dialog.line += Uninstaller::builtInNodeRemark();
     dialog.option = Uninstaller::deleteDataChoice();
-    dialog.accent = Ink::Red;
+    dialog.accent = Tone::Danger;
     dialog.secondary = QStringLiteral("Keep");
     dialog.primary = QStringLiteral("Uninstall");
     dialog.busy = QStringLiteral("Uninstalling…");

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "surface/words/Palette.h"
+#include "model/Tone.h"
 
 #include <QString>
 #include <QUuid>
@@ -23,8 +23,8 @@ struct GlassDialog {
     QString line;
     /// Detail kept behind a disclosure.
     std::optional<QString> more;
-    /// The primary button's colour.
-    Ink accent = Ink::Green;
+    /// What the primary button means; Danger for what can't be undone.
+    Tone accent = Tone::Accent;
     std::optional<QString> secondary;
     QString primary;
     /// The primary button's word while the work runs.

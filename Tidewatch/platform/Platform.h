@@ -8,13 +8,6 @@
 /// implementation per system under platform/macos or platform/linux.
 namespace platform {
 
-/// The current user's home as the system's user database has it; the
-/// inherited HOME is not trusted (an app started by the login window may lack it).
-QString systemHomeDirectory();
-
-/// The current user's account name, as sudo's rules name it.
-QString systemUserName();
-
 /// Absolute path of the running executable, or empty when it can't be told.
 QString executablePath();
 
@@ -38,6 +31,20 @@ QString resourceFolder();
 /// Empty means the system's own store (user defaults on macOS).
 QString preferencesFile(const QString& domain, const QString& home,
                         const QHash<QString, QString>& variables);
+
+/// What a person calls this machine: "Mac" on macOS, "computer" elsewhere.
+QString machineNoun();
+
+/// The program is an application bundle that a person drags to the Trash.
+bool programIsBundle();
+
+/// Keeping the machine awake with its lid closed needs a root-only tool (pmset
+/// on macOS); logind does it for the user elsewhere.
+bool lidSleepNeedsRoot();
+
+/// Chooses offscreen drawing when no display is there to show on (a server, CI);
+/// macOS always has its window server.
+void drawOffscreenWithoutDisplay();
 
 /// Makes the running program a background accessory (no Dock icon) where the system has the idea.
 void becomeAccessory();

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "entry/Environment.h"
-#include "entry/Shell.h"
+#include "base/Shell.h"
 
 #include <QString>
 #include <QStringList>

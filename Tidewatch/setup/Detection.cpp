@@ -1,7 +1,7 @@
 #include "setup/Detection.h"
 
-#include "entry/AtomicFile.h"
-#include "entry/Shell.h"
+#include "base/AtomicFile.h"
+#include "base/Shell.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,7 +1,7 @@
 #include "setup/NodeInstaller.h"
 
 #include "entry/Preferences.h"
-#include "entry/Shell.h"
+#include "base/Shell.h"
 #include "platform/Platform.h"
 #include "setup/Fetch.h"
 #include "setup/OutsideTools.h"

@@ -1,8 +1,8 @@
 #include "setup/ServiceInstaller.h"
 
-#include "entry/AtomicFile.h"
+#include "base/AtomicFile.h"
 #include "entry/Preferences.h"
-#include "entry/Shell.h"
+#include "base/Shell.h"
 #include "link/DaemonClient.h"
 #include "setup/ClaudeSDK.h"
 #include "setup/NodeInstaller.h"

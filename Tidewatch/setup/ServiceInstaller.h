@@ -1,7 +1,7 @@
 #pragma once
 
 #include "entry/Environment.h"
-#include "entry/Outcome.h"
+#include "base/Outcome.h"
 #include "link/Health.h"
 #include "setup/Detection.h"
 #include "setup/OutsideTools.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/ShellResult.h"
+#include "base/ShellResult.h"
 #include "platform/Services.h"
 
 #include <QList>

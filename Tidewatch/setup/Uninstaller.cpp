@@ -4,6 +4,7 @@
 #include "entry/Preferences.h"
 #include "link/DaemonClient.h"
 #include "link/LocalStatus.h"
+#include "platform/Platform.h"
 #include "platform/Services.h"
 
 #include <QDir>
@@ -156,10 +157,8 @@ QString Uninstaller::endTitle(const QStringList& notes)
 
 QString Uninstaller::endText(const QStringList& notes)
 {
-#ifdef Q_OS_MACOS
-    const QString closing = QStringLiteral("You can move Tidewatch.app to the Trash now.");
-#else
-    const QString closing = QStringLiteral("You can remove the Tidewatch program now.");
-#endif
+    const QString closing = platform::programIsBundle()
+                                ? QStringLiteral("You can move Tidewatch.app to the Trash now.")
+                                : QStringLiteral("You can remove the Tidewatch program now.");
     return notes.isEmpty() ? closing : notes.join(QLatin1Char('\n')) + QStringLiteral("\n\n") + closing;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/Clock.h"
+#include "base/Clock.h"
 #include "link/Account.h"
 #include "link/Approval.h"
 #include "link/Codex.h"

@@ -1,8 +1,8 @@
 #include "surface/PopoverModel.h"
 
 #include "awake/BackpackSetup.h"
+#include "base/UserAccount.h"
 #include "model/AppModel.h"
-#include "platform/Platform.h"
 #include "surface/PopoverPage.h"
 #include "surface/words/SessionWords.h"
 
@@ -49,7 +49,7 @@ void PopoverModel::refresh()
     if (locale.language() == QLocale::C)
         locale = QLocale(QLocale::English, QLocale::UnitedStates);
     const QVariantMap page = PopoverPage::build({m_model, m_dismissed, m_clock.now(), locale,
-        platform::systemHomeDirectory(), BackpackSetup::isInstalled(m_model.environment())});
+        account::homeDirectory(), BackpackSetup::isInstalled(m_model.environment())});
     if (page == m_page)
         return;
     m_page = page;

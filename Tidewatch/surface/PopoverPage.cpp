@@ -4,7 +4,7 @@
 #include "model/Agents.h"
 #include "model/AppModel.h"
 #include "model/DismissedNotices.h"
-#include "model/Notice.h"
+#include "surface/words/NoticeWords.h"
 #include "surface/words/AccountWords.h"
 #include "surface/words/ApprovalWords.h"
 #include "surface/words/BatteryWords.h"
@@ -20,20 +20,6 @@ using namespace Qt::StringLiterals;
 namespace PopoverPage {
 
 namespace {
-
-// The notice's colour, as the cards' accent.
-Ink toneInk(Notice::Tone tone)
-{
-    switch (tone) {
-    case Notice::Tone::Amber:
-        return Ink::Amber;
-    case Notice::Tone::Danger:
-        return Ink::Red;
-    case Notice::Tone::Accent:
-        break;
-    }
-    return Ink::Green;
-}
 
 QVariant text(const std::optional<QString>& value)
 {
@@ -188,7 +174,7 @@ QVariantMap awake(const Awake& record, const Inputs& in, const std::optional<Bat
 QVariantMap dialog(const GlassDialog& dialog, bool working)
 {
     return {{u"eyebrow"_s, dialog.eyebrow}, {u"title"_s, dialog.title}, {u"line"_s, dialog.line},
-        {u"more"_s, text(dialog.more)}, {u"accent"_s, inkHex(dialog.accent)}, {u"secondary"_s, text(dialog.secondary)},
+        {u"more"_s, text(dialog.more)}, {u"accent"_s, inkHex(toneInk(dialog.accent))}, {u"secondary"_s, text(dialog.secondary)},
         {u"primary"_s, working && dialog.busy ? *dialog.busy : dialog.primary}, {u"option"_s, text(dialog.option)},
         {u"working"_s, working}};
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "model/Notice.h"
+#include "surface/words/NoticeWords.h"
 
 #include <QDateTime>
 #include <QLocale>

@@ -1,6 +1,6 @@
 #include "surface/PopoverRender.h"
 
-#include "entry/Clock.h"
+#include "base/Clock.h"
 #include "entry/Environment.h"
 #include "model/AppModel.h"
 #include "model/DismissedNotices.h"

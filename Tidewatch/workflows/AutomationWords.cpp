@@ -1,6 +1,6 @@
 #include "workflows/AutomationWords.h"
 
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 #include <algorithm>
 

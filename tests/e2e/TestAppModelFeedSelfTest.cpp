@@ -1,4 +1,4 @@
-#include "entry/FeedSelfTest.h"
+#include "app/FeedSelfTest.h"
 
 #include "ScratchFolder.h"
 #include "ServiceProcess.h"

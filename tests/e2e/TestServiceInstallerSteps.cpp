@@ -6,7 +6,8 @@
 #include "ServiceBundle.h"
 #include "ServiceProcess.h"
 
-#include "entry/Clock.h"
+#include "base/Clock.h"
+#include "base/UserAccount.h"
 #include "entry/Preferences.h"
 #include "model/AppModel.h"
 #include "platform/Platform.h"
@@ -98,7 +99,7 @@ void TestServiceInstallerSteps::initTestCase()
     preferences.setText(QStringLiteral("outsideTools/serviceManager"), QStringLiteral("systemd"));
     preferences.setText(QStringLiteral("outsideTools/nodeFolders"), m_scratch->file(QStringLiteral("no-node")));
 
-    const QString home = platform::systemHomeDirectory();
+    const QString home = account::homeDirectory();
     m_realPlaces
         = {home + QStringLiteral("/.config/systemd/user/") + environment().serviceLabel() + QStringLiteral(".service"),
             home + QStringLiteral("/.config/autostart/tidewatch.desktop"),
@@ -125,7 +126,7 @@ Environment TestServiceInstallerSteps::environment() const
     QHash<QString, QString> variables;
     for (const QString& key : launched.keys())
         variables.insert(key, launched.value(key));
-    return Environment(variables, platform::systemHomeDirectory());
+    return Environment(variables, account::homeDirectory());
 }
 
 ServiceInstaller TestServiceInstallerSteps::installer() const

@@ -22,20 +22,6 @@ QString xdgFolder(const QHash<QString, QString>& variables, const char* name, co
 
 } // namespace
 
-QString systemHomeDirectory()
-{
-    const passwd* entry = getpwuid(getuid());
-    if (entry && entry->pw_dir && entry->pw_dir[0] == '/')
-        return QString::fromLocal8Bit(entry->pw_dir);
-    return QDir::homePath();
-}
-
-QString systemUserName()
-{
-    const passwd* entry = getpwuid(getuid());
-    return entry && entry->pw_name ? QString::fromLocal8Bit(entry->pw_name) : QString();
-}
-
 QString executablePath()
 {
     char buffer[PATH_MAX];
@@ -96,6 +82,28 @@ QList<ToolFolder> systemToolFolders()
 void becomeAccessory()
 {
     // A tray program on Linux has no Dock to stay out of.
+}
+
+QString machineNoun()
+{
+    return QStringLiteral("computer");
+}
+
+bool programIsBundle()
+{
+    return false;
+}
+
+bool lidSleepNeedsRoot()
+{
+    return false;
+}
+
+void drawOffscreenWithoutDisplay()
+{
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY")
+        && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
 }
 
 } // namespace platform

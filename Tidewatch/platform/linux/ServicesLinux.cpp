@@ -1,7 +1,8 @@
 #include "platform/Platform.h"
 #include "platform/Services.h"
 
-#include "entry/AtomicFile.h"
+#include "base/AtomicFile.h"
+#include "base/UserAccount.h"
 
 #include <QDir>
 #include <QFile>
@@ -20,7 +21,7 @@ QString autostartEntry()
 {
     const QString configured = qEnvironmentVariable("XDG_CONFIG_HOME");
     const QString config = QDir::isAbsolutePath(configured) ? QDir::cleanPath(configured)
-                                                            : systemHomeDirectory() + QStringLiteral("/.config");
+                                                            : account::homeDirectory() + QStringLiteral("/.config");
     return config + QStringLiteral("/autostart/tidewatch.desktop");
 }
 

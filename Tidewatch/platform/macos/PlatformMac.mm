@@ -14,20 +14,6 @@
 
 namespace platform {
 
-QString systemHomeDirectory()
-{
-    const passwd* entry = getpwuid(getuid());
-    if (entry && entry->pw_dir && entry->pw_dir[0] == '/')
-        return QString::fromUtf8(entry->pw_dir);
-    return QString::fromNSString(NSHomeDirectory());
-}
-
-QString systemUserName()
-{
-    const passwd* entry = getpwuid(getuid());
-    return entry && entry->pw_name ? QString::fromUtf8(entry->pw_name) : QString();
-}
-
 QString executablePath()
 {
     char buffer[PATH_MAX];
@@ -78,5 +64,22 @@ void becomeAccessory()
 {
     [NSApp setActivationPolicy:NSApplicationActivationPolicyAccessory];
 }
+
+QString machineNoun()
+{
+    return QStringLiteral("Mac");
+}
+
+bool programIsBundle()
+{
+    return true;
+}
+
+bool lidSleepNeedsRoot()
+{
+    return true;
+}
+
+void drawOffscreenWithoutDisplay() { }
 
 } // namespace platform

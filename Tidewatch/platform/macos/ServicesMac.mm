@@ -1,6 +1,6 @@
 #include "platform/Services.h"
 
-#include "entry/Shell.h"
+#include "base/Shell.h"
 
 #import <Foundation/Foundation.h>
 #import <ServiceManagement/ServiceManagement.h>

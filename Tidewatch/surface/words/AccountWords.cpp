@@ -1,7 +1,7 @@
 #include "surface/words/AccountWords.h"
 
 #include "surface/words/SessionWords.h"
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 using namespace Qt::StringLiterals;
 

@@ -1,6 +1,6 @@
 #include "surface/words/ApprovalWords.h"
 
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 #include <QJsonObject>
 

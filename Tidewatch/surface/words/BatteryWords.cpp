@@ -1,6 +1,6 @@
 #include "surface/words/BatteryWords.h"
 
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 #include <cmath>
 

@@ -1,8 +1,8 @@
 #include "surface/words/ConnectionPill.h"
 
-#include "model/Notice.h"
+#include "surface/words/NoticeWords.h"
 #include "model/TailscaleAction.h"
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 namespace ConnectionPill {
 

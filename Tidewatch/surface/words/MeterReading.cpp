@@ -1,6 +1,6 @@
 #include "surface/words/MeterReading.h"
 
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 #include <algorithm>
 #include <cmath>

@@ -31,3 +31,16 @@ QString inkHex(Ink ink)
 {
     return QStringLiteral("#%1").arg(inkRgb(ink), 6, 16, QLatin1Char('0')).toUpper();
 }
+
+Ink toneInk(Tone tone)
+{
+    switch (tone) {
+    case Tone::Amber:
+        return Ink::Amber;
+    case Tone::Danger:
+        return Ink::Red;
+    case Tone::Accent:
+        break;
+    }
+    return Ink::Green;
+}

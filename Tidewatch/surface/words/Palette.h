@@ -1,5 +1,7 @@
 #pragma once
 
+#include "model/Tone.h"
+
 #include <QString>
 
 /// The colours of the popover, by name. Words hand these out as values so that
@@ -21,3 +23,6 @@ enum class Ink {
 quint32 inkRgb(Ink ink);
 /// The colour as "#RRGGBB", as QML takes it.
 QString inkHex(Ink ink);
+
+/// The colour that carries a meaning: green for the call to act, amber, red.
+Ink toneInk(Tone tone);

@@ -1,7 +1,7 @@
 #include "surface/words/SessionWords.h"
 
 #include "surface/words/ApprovalWords.h"
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 #include <QRegularExpression>
 

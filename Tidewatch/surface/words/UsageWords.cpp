@@ -1,6 +1,6 @@
 #include "surface/words/UsageWords.h"
 
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 using namespace Qt::StringLiterals;
 

@@ -1,4 +1,4 @@
-#include "entry/FeedSelfTest.h"
+#include "app/FeedSelfTest.h"
 
 #include "link/DaemonClient.h"
 #include "link/LiveFeed.h"

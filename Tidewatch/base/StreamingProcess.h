@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/Shell.h"
+#include "base/Shell.h"
 
 #include <QByteArray>
 #include <QString>

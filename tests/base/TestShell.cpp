@@ -1,4 +1,4 @@
-#include "entry/Shell.h"
+#include "base/Shell.h"
 
 #include "ScratchFolder.h"
 

@@ -1,4 +1,4 @@
-#include "entry/StreamingProcess.h"
+#include "base/StreamingProcess.h"
 
 #include "ScratchFolder.h"
 

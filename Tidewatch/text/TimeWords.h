@@ -1,6 +1,6 @@
 #pragma once
 
-#include "link/Lenient.h"
+#include "base/FlexDate.h"
 
 #include <QDateTime>
 #include <QLocale>

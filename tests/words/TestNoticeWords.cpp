@@ -1,5 +1,5 @@
 #include "model/DismissedNotices.h"
-#include "model/Notice.h"
+#include "surface/words/NoticeWords.h"
 
 #include "Fixture.h"
 
@@ -26,7 +26,7 @@ WFAskItem ask(const QString& runId)
 
 } // namespace
 
-class TestNotices : public QObject
+class TestNoticeWords : public QObject
 {
     Q_OBJECT
 
@@ -45,7 +45,7 @@ private Q_SLOTS:
 
 Q_DECLARE_METATYPE(ServiceDownInputs)
 
-void TestNotices::order()
+void TestNoticeWords::order()
 {
     NoticeInputs inputs;
     inputs.serviceUp = true;
@@ -75,7 +75,7 @@ void TestNotices::order()
     QCOMPARE(noticeFigure(asked, kNow), std::optional<QString>(QStringLiteral("Skip in 90s")));
 }
 
-void TestNotices::setupWords_data()
+void TestNoticeWords::setupWords_data()
 {
     QTest::addColumn<int>("step");
     QTest::addColumn<bool>("codexTooOld");
@@ -96,7 +96,7 @@ void TestNotices::setupWords_data()
         << u"Scan a code with Tidewatch for Android."_s << u"Pair"_s;
 }
 
-void TestNotices::setupWords()
+void TestNoticeWords::setupWords()
 {
     QFETCH(int, step);
     QFETCH(bool, codexTooOld);
@@ -112,7 +112,7 @@ void TestNotices::setupWords()
     QCOMPARE(notices.first().action, std::optional<QString>(action));
 }
 
-void TestNotices::keyExpiry_data()
+void TestNoticeWords::keyExpiry_data()
 {
     QTest::addColumn<double>("daysLeft");
     QTest::addColumn<QString>("title");
@@ -122,7 +122,7 @@ void TestNotices::keyExpiry_data()
     QTest::newRow("past: expired") << -1.0 << "This Mac’s Tailscale key has expired";
 }
 
-void TestNotices::keyExpiry()
+void TestNoticeWords::keyExpiry()
 {
     QFETCH(double, daysLeft);
     NoticeInputs inputs;
@@ -135,7 +135,7 @@ void TestNotices::keyExpiry()
     }
 }
 
-void TestNotices::busyWords()
+void TestNoticeWords::busyWords()
 {
     NoticeInputs inputs;
     inputs.sdk = NoticeInputs::Sdk::Missing;
@@ -161,7 +161,7 @@ void TestNotices::busyWords()
     QVERIFY(!noticeHelp(buildNotices(failing, kNow).first()));
 }
 
-void TestNotices::dismissalFollowsTheKey()
+void TestNoticeWords::dismissalFollowsTheKey()
 {
     DismissedNotices dismissed;
     NoticeInputs inputs;
@@ -174,7 +174,7 @@ void TestNotices::dismissalFollowsTheKey()
     QCOMPARE(ids(dismissed.visibleOf(buildNotices(inputs, kNow))), QStringList{QStringLiteral("setup")});
 }
 
-void TestNotices::undoBringsTheCardBack()
+void TestNoticeWords::undoBringsTheCardBack()
 {
     DismissedNotices dismissed;
     NoticeInputs inputs;
@@ -194,7 +194,7 @@ void TestNotices::undoBringsTheCardBack()
     QCOMPARE(ids(dismissed.visibleOf(notices)), QStringList{QStringLiteral("setup")});
 }
 
-void TestNotices::serviceDownCards_data()
+void TestNoticeWords::serviceDownCards_data()
 {
     using Step = ServiceInstaller::Progress::Step;
     using Progress = ServiceInstaller::Progress;
@@ -231,7 +231,7 @@ void TestNotices::serviceDownCards_data()
         << false << "Restarting…" << QString();
 }
 
-void TestNotices::serviceDownCards()
+void TestNoticeWords::serviceDownCards()
 {
     QFETCH(ServiceDownInputs, inputs);
     QFETCH(QString, title);
@@ -250,5 +250,5 @@ void TestNotices::serviceDownCards()
     }
 }
 
-QTEST_GUILESS_MAIN(TestNotices)
-#include "TestNotices.moc"
+QTEST_GUILESS_MAIN(TestNoticeWords)
+#include "TestNoticeWords.moc"

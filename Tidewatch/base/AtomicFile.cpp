@@ -1,4 +1,4 @@
-#include "entry/AtomicFile.h"
+#include "base/AtomicFile.h"
 
 #include <QFile>
 #include <QFileInfo>

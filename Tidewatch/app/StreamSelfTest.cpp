@@ -1,6 +1,6 @@
-#include "entry/StreamSelfTest.h"
+#include "app/StreamSelfTest.h"
 
-#include "entry/StreamingProcess.h"
+#include "base/StreamingProcess.h"
 
 #include <QElapsedTimer>
 

@@ -1,4 +1,4 @@
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 
 #include <QTimeZone>
 

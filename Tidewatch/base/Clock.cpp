@@ -1,4 +1,4 @@
-#include "entry/Clock.h"
+#include "base/Clock.h"
 
 namespace {
 

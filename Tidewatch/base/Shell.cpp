@@ -1,6 +1,6 @@
-#include "entry/Shell.h"
+#include "base/Shell.h"
 
-#include "platform/Platform.h"
+#include "base/UserAccount.h"
 
 #include <QFile>
 #include <QMetaObject>
@@ -146,7 +146,7 @@ QString decoded(const QByteArray& bytes)
 // safe to read from several threads at once.
 const QString& realHome()
 {
-    static const QString home = platform::systemHomeDirectory();
+    static const QString home = account::homeDirectory();
     return home;
 }
 

@@ -1,10 +1,10 @@
-#include "entry/OneShot.h"
+#include "app/OneShot.h"
 
+#include "app/FeedSelfTest.h"
+#include "app/StreamSelfTest.h"
 #include "awake/BackpackSetup.h"
 #include "awake/BackpackSteps.h"
-#include "entry/FeedSelfTest.h"
-#include "entry/StreamSelfTest.h"
-#include "platform/Platform.h"
+#include "base/UserAccount.h"
 #include "setup/NodeInstaller.h"
 #include "setup/ServiceInstaller.h"
 #include "setup/ServiceSteps.h"
@@ -59,7 +59,7 @@ int runStep(const QString& name)
 {
     const Environment& environment = Environment::current();
     if (name == QLatin1StringView("backpack"))
-        return BackpackSteps::setUp(environment, platform::systemUserName(), printLine);
+        return BackpackSteps::setUp(environment, account::userName(), printLine);
     if (name == QLatin1StringView("uninstall-backpack"))
         return BackpackSteps::remove(environment, printLine);
     if (name == QLatin1StringView("service"))
@@ -116,7 +116,7 @@ int runOneShot(const CommandLine& line)
         });
     case Work::BackpackScripts: {
         // Prints, runs nothing.
-        const auto [text, nameable] = BackpackSetup::printScripts(platform::systemUserName());
+        const auto [text, nameable] = BackpackSetup::printScripts(account::userName());
         printLine(text);
         return nameable ? 0 : 1;
     }

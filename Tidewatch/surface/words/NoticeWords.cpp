@@ -1,6 +1,6 @@
-#include "model/Notice.h"
+#include "surface/words/NoticeWords.h"
 
-#include "surface/words/TimeWords.h"
+#include "text/TimeWords.h"
 #include "workflows/WorkflowWords.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@ namespace {
 
 constexpr double kKeyWarningSeconds = 1209600; // 14 days
 
-Notice make(QString id, Notice::Tone tone, QString title, std::optional<QString> line, std::optional<QString> action,
+Notice make(QString id, Tone tone, QString title, std::optional<QString> line, std::optional<QString> action,
             QString key)
 {
     Notice notice;
@@ -44,12 +44,12 @@ std::optional<Notice> setupNotice(SetupStep step, bool codexTooOld)
         return QString();
     }();
     const auto unfinished = [&](const QString& line) {
-        return make(QStringLiteral("setup"), Notice::Tone::Amber, QStringLiteral("Setup isn’t finished"), line,
+        return make(QStringLiteral("setup"), Tone::Amber, QStringLiteral("Setup isn’t finished"), line,
                     QStringLiteral("Open"), key);
     };
     switch (step) {
     case SetupStep::Claude:
-        return make(QStringLiteral("setup"), Notice::Tone::Amber, QStringLiteral("No agent on this Mac yet"),
+        return make(QStringLiteral("setup"), Tone::Amber, QStringLiteral("No agent on this Mac yet"),
                     QStringLiteral("Install Claude Code or Codex, so there’s an agent to work with."),
                     QStringLiteral("Open"), key);
     case SetupStep::Connect:
@@ -60,7 +60,7 @@ std::optional<Notice> setupNotice(SetupStep step, bool codexTooOld)
         return unfinished(codexTooOld ? QStringLiteral("Update Codex with codex update, then turn it on in Setup.")
                                       : QStringLiteral("Turn on Codex, so your phone can start Codex sessions."));
     case SetupStep::Phone:
-        return make(QStringLiteral("setup"), Notice::Tone::Accent, QStringLiteral("Pair your phone to get started"),
+        return make(QStringLiteral("setup"), Tone::Accent, QStringLiteral("Pair your phone to get started"),
                     QStringLiteral("Scan a code with Tidewatch for Android."), QStringLiteral("Pair"), key);
     case SetupStep::Service:
     case SetupStep::Voice:
@@ -77,7 +77,7 @@ Notice sdkNotice(const NoticeInputs& inputs)
     QString action = missing && !inputs.sdkFetchFailed ? QStringLiteral("Fetch") : QStringLiteral("Fetch again");
     if (inputs.fetchingSDK)
         action = QStringLiteral("Fetching…");
-    Notice notice = make(QStringLiteral("sdk"), Notice::Tone::Amber,
+    Notice notice = make(QStringLiteral("sdk"), Tone::Amber,
                          missing ? QStringLiteral("Claude Code’s SDK isn’t here yet")
                                  : QStringLiteral("Claude Code’s SDK is out of date"),
                          line, action, missing ? QStringLiteral("missing") : QStringLiteral("outdated"));
@@ -97,7 +97,7 @@ QList<Notice> buildNotices(const NoticeInputs& inputs, const QDateTime& now)
 {
     QList<Notice> notices;
     if (inputs.serviceUp && inputs.lastError) {
-        Notice error = make(QStringLiteral("error"), Notice::Tone::Danger,
+        Notice error = make(QStringLiteral("error"), Tone::Danger,
                             QStringLiteral("The service didn’t answer that"), inputs.lastError,
                             inputs.restarting ? QStringLiteral("Restarting…") : QStringLiteral("Restart"),
                             QStringLiteral("error"));
@@ -105,14 +105,14 @@ QList<Notice> buildNotices(const NoticeInputs& inputs, const QDateTime& now)
         notices << error;
     }
     for (const WFAskItem& ask : inputs.asks) {
-        Notice notice = make(QStringLiteral("ask-") + ask.runId, Notice::Tone::Amber, ask.name, ask.question,
+        Notice notice = make(QStringLiteral("ask-") + ask.runId, Tone::Amber, ask.name, ask.question,
                              std::nullopt, ask.runId);
         notice.choices = ask.answers;
         notice.ask = ask;
         notices << notice;
     }
     if (inputs.serviceUpdate) {
-        Notice update = make(QStringLiteral("update"), Notice::Tone::Accent, QStringLiteral("A newer service is ready"),
+        Notice update = make(QStringLiteral("update"), Tone::Accent, QStringLiteral("A newer service is ready"),
                              QStringLiteral("Updating takes a few seconds. Shared terminals keep running."),
                              inputs.updatingService ? QStringLiteral("Updating…") : QStringLiteral("Update"),
                              QStringLiteral("update"));
@@ -125,7 +125,7 @@ QList<Notice> buildNotices(const NoticeInputs& inputs, const QDateTime& now)
         if (std::optional<Notice> setup = setupNotice(*inputs.setupGap, inputs.codexTooOld))
             notices << *setup;
     } else if (inputs.serviceUp && !inputs.voiceUsable && !inputs.voiceAsked) {
-        Notice voice = make(QStringLiteral("voice"), Notice::Tone::Accent, QStringLiteral("Talk to your sessions"),
+        Notice voice = make(QStringLiteral("voice"), Tone::Accent, QStringLiteral("Talk to your sessions"),
                             QStringLiteral("Hold a mic on your phone, say what to do, send."), QStringLiteral("Set up"),
                             QStringLiteral("voice"));
         voice.help = QStringLiteral(
@@ -136,13 +136,13 @@ QList<Notice> buildNotices(const NoticeInputs& inputs, const QDateTime& now)
         const double left = TimeWords::secondsFrom(now, *inputs.keyExpiry);
         const QString day = QString::number(inputs.keyExpiry->msecsSinceEpoch / 86400000);
         if (left <= 0) {
-            notices << make(QStringLiteral("key"), Notice::Tone::Amber,
+            notices << make(QStringLiteral("key"), Tone::Amber,
                             QStringLiteral("This Mac’s Tailscale key has expired"),
                             QStringLiteral("Disable key expiry for this Mac in the Tailscale admin console, so your "
                                            "phone never loses the connection."),
                             QStringLiteral("Fix"), day);
         } else {
-            notices << make(QStringLiteral("key"), Notice::Tone::Amber,
+            notices << make(QStringLiteral("key"), Tone::Amber,
                             QStringLiteral("Tailscale key expires in ") + TimeWords::compactDuration(left),
                             QStringLiteral("Turn key expiry off for this Mac, so your phone keeps the connection."),
                             QStringLiteral("Fix"), day);

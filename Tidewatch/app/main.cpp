@@ -1,6 +1,6 @@
 #include "entry/CommandLine.h"
 #include "entry/Environment.h"
-#include "entry/OneShot.h"
+#include "app/OneShot.h"
 #include "model/AppModel.h"
 #include "setup/MoveToApplications.h"
 #include "surface/BundledFonts.h"
@@ -26,16 +26,6 @@ QStringList argumentList(int argc, char** argv)
     for (int i = 0; i < argc; ++i)
         list << QString::fromLocal8Bit(argv[i]);
     return list;
-}
-
-// With no screen to show on (a server, CI) the program still runs, drawing offscreen.
-void chooseHeadlessWhenNoDisplay()
-{
-#if !defined(Q_OS_MACOS)
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY")
-        && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-#endif
 }
 
 // The app as launched, checked from inside: once the service was read, the
@@ -71,7 +61,7 @@ int runPopoverSelfTest(AppModel& model, MenuPanel& panel, const QString& reportP
 
 int startApplication(const CommandLine& line, int& argc, char** argv)
 {
-    chooseHeadlessWhenNoDisplay();
+    platform::drawOffscreenWithoutDisplay();
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Tidewatch"));
     QApplication::setQuitOnLastWindowClosed(false);
@@ -112,12 +102,12 @@ int main(int argc, char** argv)
     const CommandLine line = CommandLine::scan(argumentList(argc, argv));
     // Drawing wants the screen library, which the one-shot work below never links.
     if (line.work == CommandLine::Work::RenderIconset) {
-        chooseHeadlessWhenNoDisplay();
+        platform::drawOffscreenWithoutDisplay();
         QGuiApplication application(argc, argv);
         return renderIconset(*line.value);
     }
     if (line.work == CommandLine::Work::RenderPopover || line.work == CommandLine::Work::Snapshots) {
-        chooseHeadlessWhenNoDisplay();
+        platform::drawOffscreenWithoutDisplay();
         QApplication application(argc, argv);
         BundledFonts::load(BundledFonts::folder());
         return line.work == CommandLine::Work::Snapshots ? PopoverRender::renderSnapshots(*line.value)

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <QString>
+
+/// The machine as sentences name it: "this Mac" on macOS, "this computer"
+/// elsewhere. Every sentence that names the machine takes its noun from here.
+namespace machine {
+
+/// "this Mac", as in "keeps this Mac awake".
+QString thisMachine();
+/// "This Mac", at the head of a sentence.
+QString ThisMachine();
+/// "this Mac’s", as in "this Mac’s private name".
+QString thisMachines();
+
+} // namespace machine
