@@ -59,83 +59,42 @@ const answerRows = [
   ['an unknown word allows nothing', 'yes please', bash, undefined],
 ];
 
-test('answers as Claude Code reads them', () => {
+test('answers as Claude Code reads them', async (t) => {
   for (const [name, given, event, expected] of answerRows) {
-    const output = answerFor(given, event);
-    if (expected === undefined) assert.equal(output, null, name);
-    else {
-      assert.equal(output.hookSpecificOutput.hookEventName, 'PermissionRequest', name);
-      assert.deepEqual(decision(output), expected, name);
-    }
+    await t.test(name, () => {
+      const output = answerFor(given, event);
+      if (expected === undefined) return assert.equal(output, null);
+      assert.equal(output.hookSpecificOutput.hookEventName, 'PermissionRequest');
+      assert.deepEqual(decision(output), expected);
+    });
   }
 });
 
+// The rule an answer adds, as Claude Code reads it.
+const rule = (toolName, ruleContent, destination) => ({
+  type: 'addRules',
+  rules: [{ toolName, ruleContent }],
+  behavior: 'allow',
+  destination,
+});
+const command = bash.tool_input.command;
+const fetch = { ...bash, tool_name: 'WebFetch', tool_input: { url: 'https://example.com/a?b' }, permission_suggestions: [] };
+
 const ruleRows = [
-  [
-    'session: the exact command, for this session only',
-    'session',
-    bash,
-    [
-      {
-        type: 'addRules',
-        rules: [{ toolName: 'Bash', ruleContent: bash.tool_input.command }],
-        behavior: 'allow',
-        destination: 'session',
-      },
-    ],
-  ],
-  [
-    'always: the exact command, kept in the project’s local settings',
-    'always',
-    bash,
-    [
-      {
-        type: 'addRules',
-        rules: [{ toolName: 'Bash', ruleContent: bash.tool_input.command }],
-        behavior: 'allow',
-        destination: 'localSettings',
-      },
-    ],
-  ],
+  ['session: the exact command, for this session only', 'session', bash, [rule('Bash', command, 'session')]],
+  ['always: the exact command, kept in the project’s local settings', 'always', bash, [rule('Bash', command, 'localSettings')]],
   [
     'session: Claude Code’s own suggested rule comes along, re-aimed at the session',
     'session',
     suggested,
-    [
-      {
-        type: 'addRules',
-        rules: [{ toolName: 'Bash', ruleContent: bash.tool_input.command }],
-        behavior: 'allow',
-        destination: 'session',
-      },
-      {
-        type: 'addRules',
-        rules: [{ toolName: 'Bash', ruleContent: 'touch:*' }],
-        behavior: 'allow',
-        destination: 'session',
-      },
-    ],
+    [rule('Bash', command, 'session'), rule('Bash', 'touch:*', 'session')],
   ],
-  [
-    'a fetch is allowed for its host',
-    'always',
-    { ...bash, tool_name: 'WebFetch', tool_input: { url: 'https://example.com/a?b' }, permission_suggestions: [] },
-    [
-      {
-        type: 'addRules',
-        rules: [{ toolName: 'WebFetch', ruleContent: 'domain:example.com' }],
-        behavior: 'allow',
-        destination: 'localSettings',
-      },
-    ],
-  ],
+  ['a fetch is allowed for its host', 'always', fetch, [rule('WebFetch', 'domain:example.com', 'localSettings')]],
 ];
 
-test('wider answers add exactly the rule they name (never a mode or a folder)', () => {
+test('wider answers add exactly the rule they name (never a mode or a folder)', async (t) => {
   for (const [name, given, event, rules] of ruleRows) {
-    const answer = decision(answerFor(given, event));
-    assert.equal(answer.behavior, 'allow', name);
-    assert.deepEqual(answer.updatedPermissions, rules, name);
+    await t.test(name, () => assert.deepEqual(decision(answerFor(given, event)), { behavior: 'allow', updatedPermissions: rules }));
   }
 });
 

@@ -27,7 +27,8 @@ export function parseJson(text, otherwise) {
 /** A folder of its own for one test, removed after it. */
 export async function scratchFolder(t) {
   const folder = await fs.mkdtemp(path.join(os.tmpdir(), 'tidewatch-daemon-'));
-  t.after(() => fs.rm(folder, { recursive: true, force: true }));
+  // The service may still be writing there as it closes.
+  t.after(() => fs.rm(folder, { recursive: true, force: true, maxRetries: 5 }));
   return folder;
 }
 
