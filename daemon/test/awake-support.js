@@ -2,6 +2,7 @@
 // scratch tree and held by the stand-in tools in test/fakes, which record
 // what they were asked in a scratch folder of their own.
 
+import assert from 'node:assert/strict';
 import fs from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
@@ -58,31 +59,12 @@ export function running(pid) {
   }
 }
 
-/**
- * Reads until a reading passes, for changes that come on their own.
- *
- * @param {function(): Promise<*>} read
- * @param {function(*): boolean} passes
- * @param {string} what Said when it never comes
- */
-export async function readUntil(read, passes, what, timeoutMs = 5000) {
-  const deadline = Date.now() + timeoutMs;
-  for (;;) {
-    const value = await read();
-    if (passes(value)) return value;
-    if (Date.now() > deadline) throw new Error(`Never happened: ${what}.`);
-    await new Promise((resolve) => setTimeout(resolve, 20));
-  }
-}
-
 /** Waits until none of the stand-ins' processes runs. */
 export async function allGone(tools) {
   await eventually(() => tools.pids().length > 0 && tools.pids().every((pid) => !running(pid)), 'every holder gone');
 }
 
-/**
- * A table row of systemd-inhibit --list, as the stand-in prints them.
- */
+/** A table row of systemd-inhibit --list, as the stand-in prints them. */
 export function inhibitorRow({ who, pid, what, why = 'Because', mode = 'block' }) {
   const pad = (text, width) => String(text).padEnd(width);
   return `${pad(who, 24)} ${pad(1000, 5)} ${pad('ada', 10)} ${pad(pid, 7)} ${pad(who.toLowerCase(), 16)} ${pad(what, 36)} ${pad(why, 56)} ${mode}\n`;
@@ -136,10 +118,7 @@ export async function startAwakeService(t, { platform = 'linux', folder, ready =
   const clock = new ServiceClock();
   clock.fixed = T0;
   const started = await startScratchService(t, { folder, awake: { ...awake, clock } });
-  const json = async (reply) => {
-    if (reply.status !== 200) throw new Error(`${reply.status}: ${reply.text}`);
-    return reply.json;
-  };
+  const json = (reply) => (reply.status === 200 ? reply.json : assert.fail(`${reply.status}: ${reply.text}`));
   return {
     ...started,
     tools,

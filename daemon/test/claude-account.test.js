@@ -13,9 +13,8 @@ import { fileURLToPath } from 'node:url';
 
 import { accountAfterSignIn, accountFiles, ClaudeAccount, signInFrom } from '../src/claude/claude-account.js';
 import { ServiceState } from '../src/state.js';
-import { scratchFolder, startScratchService } from './helpers.js';
+import { eventually, scratchFolder, startScratchService } from './helpers.js';
 import { CLAUDE, claudeEnv, missingClaude } from './support/claude-code.js';
-import { until } from './support/until.js';
 
 const fixtures = path.join(path.dirname(fileURLToPath(import.meta.url)), 'fixtures', 'claude');
 const sample = (name) => JSON.parse(fs.readFileSync(path.join(fixtures, 'account', name), 'utf8'));
@@ -178,12 +177,12 @@ test('the files are followed as Claude Code replaces them, and a limit stands th
 
   fs.rmSync(credentials);
   replace(config, sample('claude-signed-out.json'));
-  await until(async () => record().state === 'logged_out', 'signed out, seen by the watch');
+  await eventually(async () => record().state === 'logged_out', 'signed out, seen by the watch');
   assert.equal(record().reason, 'not_logged_in');
   assert.equal(record().plan, undefined);
 
   replace(credentials, sample('credentials-expired.json'));
-  await until(async () => record().reason === 'expired', 'the ran-out sign-in, seen by the watch');
+  await eventually(async () => record().reason === 'expired', 'the ran-out sign-in, seen by the watch');
 });
 
 test('a folder that comes later is found by the look-over', async (t) => {
@@ -193,7 +192,7 @@ test('a folder that comes later is found by the look-over', async (t) => {
   await account.start();
   assert.deepEqual(record(), { state: 'unknown' });
   replace(accountFiles(claudeDir).credentials, sample('credentials-signed-in.json'));
-  await until(async () => record().state === 'ok', 'the sign-in in a folder made after the start');
+  await eventually(async () => record().state === 'ok', 'the sign-in in a folder made after the start');
   // A half-written file is waited out, not taken for a sign-out.
   fs.writeFileSync(accountFiles(claudeDir).credentials, '{"claudeAiOauth":{"accessTok');
   await new Promise((resolve) => setTimeout(resolve, 300));
@@ -202,7 +201,7 @@ test('a folder that comes later is found by the look-over', async (t) => {
   // even beside a key that was taken once.
   fs.rmSync(accountFiles(claudeDir).credentials);
   replace(accountFiles(claudeDir).config, { customApiKeyResponses: { approved: ['abc'], rejected: [] } });
-  await until(async () => record().state === 'logged_out', 'the sign-in gone');
+  await eventually(async () => record().state === 'logged_out', 'the sign-in gone');
 });
 
 test('the service reads the sign-in at its start; the token reaches neither its log nor its kept state', async (t) => {
@@ -278,10 +277,10 @@ test(
     delete env.ANTHROPIC_API_KEY;
     const logout = spawnSync(CLAUDE, ['auth', 'logout'], { env, encoding: 'utf8', timeout: 30000 });
     assert.equal(logout.status, 0, logout.stderr);
-    await until(async () => (await account()).state === 'logged_out', 'signed out', 10000);
+    await eventually(async () => (await account()).state === 'logged_out', 'signed out', 10000);
     assert.equal((await account()).reason, 'not_logged_in');
 
     replace(accountFiles(claudeDir).credentials, sample('credentials-signed-in.json'));
-    await until(async () => (await account()).state === 'ok', 'signed in again', 10000);
+    await eventually(async () => (await account()).state === 'ok', 'signed in again', 10000);
   },
 );

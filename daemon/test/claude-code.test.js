@@ -25,7 +25,6 @@ import {
   missingTmux,
   standInFor,
 } from './support/claude-code.js';
-import { until } from './support/until.js';
 
 const GIVE_UP_MS = 3000;
 
@@ -59,7 +58,7 @@ const WAYS = {
         finished: async () => {
           const result = await run.done;
           assert.equal(result.code, 0, result.stderr);
-          const ended = await until(async () => (await setup.snapshot()).sessions.find((s) => s.state === 'ended'), 'the session ended');
+          const ended = await eventually(async () => (await setup.snapshot()).sessions.find((s) => s.state === 'ended'), 'the session ended');
           assert.equal(ended.lastText, 'Done.');
         },
       };
@@ -76,7 +75,7 @@ const WAYS = {
       return {
         claude,
         // Claude Code runs on after the answer (the command, another turn unless refused) to its Stop.
-        finished: () => until(async () => (await setup.snapshot()).sessions[0].state === 'idle', 'the session idle again', 30000),
+        finished: () => eventually(async () => (await setup.snapshot()).sessions[0].state === 'idle', 'the session idle again', 30000),
       };
     },
   },
@@ -102,7 +101,7 @@ for (const { ways, name, post, keys, made } of ANSWERS) {
       const started = Date.now();
       const run = await WAYS[way].run(t, setup);
 
-      const approval = await until(async () => (await snapshot()).approvals[0], 'an approval', 30000);
+      const approval = await eventually(async () => (await snapshot()).approvals[0], 'an approval', 30000);
       assert.deepEqual(
         [approval.kind, approval.toolName, approval.summary, approval.canSession],
         ['tool', 'Bash', `touch ${target}`, true],
@@ -195,7 +194,7 @@ for (const { name, error, blocked, account, said } of REFUSALS) {
     assert.equal(result.code, 1);
     assert.match(result.stdout, said);
 
-    const session = await until(async () => (await snapshot()).sessions.find((s) => s.state === 'ended'), 'the session ended', 15000);
+    const session = await eventually(async () => (await snapshot()).sessions.find((s) => s.state === 'ended'), 'the session ended', 15000);
     assert.match(session.blocked.text, said);
     assert.deepEqual(session.blocked, { ...session.blocked, ...blocked(reset) });
     const now = (await snapshot()).account;
@@ -213,7 +212,7 @@ test('slow: interactive: the status line brings the usage windows, the model and
   const feed = await setup.service.feed();
   const claude = await claudeInteractive(t, { ...setup, subscription: true });
   await claude.type('say hello');
-  const usage = await until(async () => (await setup.snapshot()).usage.fiveHour && (await setup.snapshot()).usage, 'a usage reading', 30000);
+  const usage = await eventually(async () => (await setup.snapshot()).usage.fiveHour && (await setup.snapshot()).usage, 'a usage reading', 30000);
   assert.equal(usage.source, 'official');
   assert.deepEqual(usage.fiveHour, { pct: 64, resetsAt: limits.fiveHourReset * 1000 });
   assert.deepEqual(usage.sevenDay, { pct: 20, resetsAt: limits.sevenDayReset * 1000 });
@@ -293,7 +292,7 @@ test('slow: hard restarts while requests wait lose none and answer none twice', 
       tool_input: { command: `touch /nonexistent/file-${i}`, description: 'Make a file' },
     }),
   );
-  await until(async () => (await open()).length === decisions.length, 'every request waiting', 20000);
+  await eventually(async () => (await open()).length === decisions.length, 'every request waiting', 20000);
   const ids = new Map((await open()).map((approval) => [approval.sessionId, approval.id]));
 
   const answered = new Set();

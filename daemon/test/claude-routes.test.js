@@ -11,8 +11,7 @@ import { test } from 'node:test';
 import { fileURLToPath } from 'node:url';
 
 import { MAX_OPEN_APPROVALS } from '../src/claude/approval-broker.js';
-import { startScratchService } from './helpers.js';
-import { until } from './support/until.js';
+import { eventually, startScratchService } from './helpers.js';
 
 const fixtures = path.join(path.dirname(fileURLToPath(import.meta.url)), 'fixtures', 'claude');
 const fixture = (name) => JSON.parse(fs.readFileSync(path.join(fixtures, name), 'utf8'));
@@ -191,7 +190,7 @@ test('refused in the terminal: the transcript’s interruption lets the request 
     type: 'user',
     message: { role: 'user', content: [{ type: 'text', text: '[Request interrupted by user for tool use]' }] },
   });
-  await until(async () => (await snapshot()).approvals.length === 0, 'the request let go');
+  await eventually(async () => (await snapshot()).approvals.length === 0, 'the request let go');
   assert.deepEqual((await ask('request-one')).json, { state: 'released', id });
   const [decided] = (await service.local('GET', '/qa/state')).json.decisions;
   assert.deepEqual([decided.decision, decided.by], ['deny', 'terminal']);

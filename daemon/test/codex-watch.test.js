@@ -13,7 +13,6 @@ import { MIN_CODEX_VERSION } from '../src/codex/codex-binary.js';
 import { RolloutWatcher } from '../src/codex/rollout-watcher.js';
 import { eventually, scratchFolder, startScratchService } from './helpers.js';
 import { CodexStandIn, installStandInProgram } from './support/codex-standin.js';
-import { until } from './support/until.js';
 
 const run = promisify(execFile);
 
@@ -83,7 +82,7 @@ test('a Codex session shows as the stand-in writes it, step by step, through the
   assert.ok(Math.abs(record.usage.fiveHour.resetsAt - (Date.now() + 600_000)) < 60_000, 'the reset lies ten minutes ahead');
 
   // The snapshot says what the feed said, once the feed has said it all.
-  const snapshot = await until(async () => {
+  const snapshot = await eventually(async () => {
     const { json } = await local('GET', '/v1/snapshot');
     const same = JSON.stringify(json.sessions.find((s) => s.id === codex.id)) === JSON.stringify(latest());
     return same && json;
@@ -105,12 +104,12 @@ test('the stand-in program plays a turn in a process of its own while the servic
   assert.ok(file.startsWith(path.join(machine.codexHome, 'sessions')), file);
   assert.match(path.basename(file), /^rollout-\d{4}-\d\d-\d\dT\d\d-\d\d-\d\d-[0-9a-f-]{36}\.jsonl$/);
 
-  const session = await until(async () => {
+  const session = await eventually(async () => {
     const { json } = await local('GET', '/v1/snapshot');
     return json.sessions.find((s) => s.title === 'Check the build' && s.state === 'idle');
   }, 'the finished session');
   assert.equal(session.lastText, 'The tests pass.');
-  const { codex } = await until(async () => {
+  const { codex } = await eventually(async () => {
     const { json } = await local('GET', '/v1/snapshot');
     return json.codex.usage && json;
   }, 'the reading of the last line');
@@ -126,7 +125,7 @@ test('Codex switched off takes its sessions away; switched on, they come back, r
   const codex = new CodexStandIn({ home: machine.codexHome });
   codex.meta().prompt('Write the changelog');
   const ids = async () => (await local('GET', '/v1/snapshot')).json.sessions.map((s) => s.id);
-  await until(async () => (await ids()).includes(codex.id), 'the Codex session');
+  await eventually(async () => (await ids()).includes(codex.id), 'the Codex session');
 
   const client = await feed();
   await local('POST', '/local/settings', { body: { codex: false } });
@@ -139,7 +138,7 @@ test('Codex switched off takes its sessions away; switched on, they come back, r
   assert.deepEqual(await ids(), ['claude-1']);
 
   await local('POST', '/local/settings', { body: { codex: true } });
-  const back = await until(async () => {
+  const back = await eventually(async () => {
     const { json } = await local('GET', '/v1/snapshot');
     return json.sessions.find((s) => s.id === codex.id && s.state === 'idle');
   }, 'the session back, with what was written while off');
@@ -155,7 +154,7 @@ test('a sessions folder made after the start is found by the look-over', async (
 
   const codex = new CodexStandIn({ home: machine.codexHome });
   codex.meta().prompt('First session on this machine');
-  await until(async () => {
+  await eventually(async () => {
     const { json } = await local('GET', '/v1/snapshot');
     return json.codex.connected && json.sessions.some((s) => s.id === codex.id && s.state === 'working');
   }, 'the session, once the folder is there');
@@ -202,13 +201,13 @@ test('sessions that went quiet end, and a day after their last activity they are
   const codex = new CodexStandIn({ home: machine.codexHome, clock: () => new Date(now) });
   codex.meta().prompt('Migrate the database');
   const state = async () => (await local('GET', '/v1/snapshot')).json.sessions.find((s) => s.id === codex.id)?.state;
-  await until(async () => (await state()) === 'working', 'the session at work');
+  await eventually(async () => (await state()) === 'working', 'the session at work');
 
   now += 2 * 60 * 60 * 1000 - 60_000;
   await new Promise((resolve) => setTimeout(resolve, 200));
   assert.equal(await state(), 'working', 'quiet for less than two hours is still at work');
   now += 120_000;
-  await until(async () => (await state()) === 'ended', 'ended after two quiet hours');
+  await eventually(async () => (await state()) === 'ended', 'ended after two quiet hours');
 
   assert.deepEqual(service.persister.sweep(), [], 'kept for the day');
   now += 22 * 60 * 60 * 1000;
@@ -218,7 +217,7 @@ test('sessions that went quiet end, and a day after their last activity they are
   assert.equal(await state(), undefined, 'the look-overs don’t bring it back');
 
   codex.prompt('One more thing');
-  await until(async () => (await state()) === 'working', 'written to again, it is back');
+  await eventually(async () => (await state()) === 'working', 'written to again, it is back');
 });
 
 test('a session file that goes away ends its session', async (t) => {
@@ -228,9 +227,9 @@ test('a session file that goes away ends its session', async (t) => {
   const codex = new CodexStandIn({ home: machine.codexHome });
   codex.meta().prompt('Archive me');
   const state = async () => (await local('GET', '/v1/snapshot')).json.sessions.find((s) => s.id === codex.id)?.state;
-  await until(async () => (await state()) === 'working', 'the session at work');
+  await eventually(async () => (await state()) === 'working', 'the session at work');
   fs.rmSync(codex.file);
-  await until(async () => (await state()) === 'ended', 'ended once its file is gone');
+  await eventually(async () => (await state()) === 'ended', 'ended once its file is gone');
 });
 
 test('with more files than can be followed, the newest are, and looking again reads nothing twice', async (t) => {

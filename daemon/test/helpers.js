@@ -1,19 +1,30 @@
-// Shared by the suites: scratch folders, a running service on free ports,
-// plain HTTP calls that open a fresh connection each, so that no pooled
-// socket outlives the server it belonged to, and feed clients on real
-// WebSockets.
+// Shared by the suites: scratch folders, a running service on free ports (in
+// this process or as the installer starts it), plain HTTP calls that open a
+// fresh connection each, so that no pooled socket outlives the server it
+// belonged to, feed clients on real WebSockets, and the Claude Code samples.
 
-import fs from 'node:fs/promises';
+import { spawn } from 'node:child_process';
+import fs from 'node:fs';
 import http from 'node:http';
+import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
+import { fileURLToPath } from 'node:url';
 
 import { WebSocket } from 'ws';
 
 import { startService } from '../src/service.js';
 
 export { sleep };
+
+export const DAEMON = path.dirname(path.dirname(fileURLToPath(import.meta.url)));
+const CLAUDE_FIXTURES = path.join(DAEMON, 'test', 'fixtures', 'claude');
+
+/** A payload Claude Code really sent (test/fixtures/claude). */
+export const claudeFixture = (name) => JSON.parse(fs.readFileSync(path.join(CLAUDE_FIXTURES, name), 'utf8'));
+/** The lines of a real transcript there. */
+export const fixtureLines = (name) => fs.readFileSync(path.join(CLAUDE_FIXTURES, name), 'utf8').split('\n').filter(Boolean);
 
 /** The text's JSON value, or `otherwise` when it isn't JSON. */
 export function parseJson(text, otherwise) {
@@ -26,30 +37,23 @@ export function parseJson(text, otherwise) {
 
 /** A folder of its own for one test, removed after it. */
 export async function scratchFolder(t) {
-  const folder = await fs.mkdtemp(path.join(os.tmpdir(), 'tidewatch-daemon-'));
+  const folder = await fs.promises.mkdtemp(path.join(os.tmpdir(), 'tidewatch-daemon-'));
   // The service may still be writing there as it closes.
-  t.after(() => fs.rm(folder, { recursive: true, force: true, maxRetries: 5 }));
+  t.after(() => fs.promises.rm(folder, { recursive: true, force: true, maxRetries: 5 }));
   return folder;
 }
 
 /**
  * One HTTP exchange.
  *
- * @param {number} port
- * @param {string} method
- * @param {string} target Path and query
- * @param {Object} [options]
- * @param {string|Buffer|Object} [options.body] An object is sent as JSON
- * @param {Object} [options.headers]
- * @param {boolean} [options.chunked] Send without Content-Length
- * @return {Promise<{status: number, headers: Object, text: string, json: *}>}
- *     rejects when the connection ends without an answer
+ * @param {Object} [options] {body, headers, chunked}: an object body is sent
+ *     as JSON; chunked sends it without Content-Length
+ * @return {Promise<{status, headers, text, json}>} rejects when the
+ *     connection ends without an answer
  */
 export function request(port, method, target, { body, headers = {}, chunked = false } = {}) {
   let payload = body;
-  if (payload !== undefined && typeof payload !== 'string' && !Buffer.isBuffer(payload)) {
-    payload = JSON.stringify(payload);
-  }
+  if (payload !== undefined && typeof payload !== 'string' && !Buffer.isBuffer(payload)) payload = JSON.stringify(payload);
   const allHeaders = { ...headers };
   if (payload !== undefined && !chunked) allHeaders['Content-Length'] = Buffer.byteLength(payload);
   return new Promise((resolve, reject) => {
@@ -68,104 +72,128 @@ export function request(port, method, target, { body, headers = {}, chunked = fa
   });
 }
 
+/** The calls a test makes to a service with its admin token. */
+function clientOf(t, { apiPort, localPort, token }) {
+  const local = (method, target, options = {}) =>
+    request(localPort, method, target, { ...options, headers: { Authorization: `Bearer ${token}`, ...options.headers } });
+  return {
+    token,
+    api: (method, target, options) => request(apiPort, method, target, options),
+    local,
+    post: (target, body) => local('POST', target, { body }),
+    snapshot: async () => (await local('GET', '/v1/snapshot')).json,
+    feed: (options = {}) => openFeed(t, apiPort, { token, ...options }),
+  };
+}
+
 /**
  * Starts the service in a scratch folder on two free ports, closed after the
- * test.
+ * test. Options go to startService; by default Codex's home and Claude Code's
+ * settings lie in the scratch folder, never the person's own, and no folder
+ * is searched for the codex program.
  *
- * @param {TestContext} t
- * @param {Object} [options]
- * @param {string} [options.folder] Reuse this scratch folder
- * @param {boolean} [options.testCopy=true] False starts it as a real install
- * @param {Object} [options.feed] The feed's timing and limits
- * @param {Object} [options.awake] Stay awake's reach (see startService)
- * @param {string} [options.codexHome] Codex's folder; by default an empty
- *     one in the scratch folder, never the person's own
- * @param {string} [options.codexPath] The `codex` program to use
- * @param {Object} [options.codex] More for Codex (see startService); by
- *     default no folder is searched for the program
- * @param {Object} [options.persist] Timing of the kept state (see startService)
- * @param {Object} [options.claude] Claude Code's waits (see startService)
- * @param {string} [options.claudeSettings] Claude Code's settings file; by
- *     default one in the scratch folder
+ * @param {Object} [options] {folder (reuse it), testCopy=true, feed, awake,
+ *     codexHome, codexPath, codex, persist, claude, claudeSettings}
  * @return {Promise<Object>} {service, folder, support, logs, token, api(),
- *     local(), feed()} where api() and local() are {@link request} on that
- *     port, local() with the token unless headers say otherwise, and feed()
- *     is {@link openFeed} with the token
+ *     local(), post(), snapshot(), feed()}: local() carries the token unless
+ *     headers say otherwise, feed() is {@link openFeed} with it
  */
-export async function startScratchService(
-  t,
-  { folder, testCopy = true, feed, awake, codexHome, codexPath = null, codex = {}, persist, claude, claudeSettings } = {},
-) {
+export async function startScratchService(t, { folder, testCopy = true, codexHome, codexPath = null, codex = {}, claudeSettings, ...options } = {}) {
   folder ??= await scratchFolder(t);
   const support = path.join(folder, 'support');
   const logs = path.join(folder, 'logs');
   const service = await startService({
+    ...options,
     support,
     logs,
     apiPort: 0,
     localPort: 0,
     testCopy,
-    feed,
-    awake,
     codexHome: codexHome ?? path.join(folder, 'codex-home'),
     codexPath,
     codex: { searchPath: [], folders: [], ...codex },
-    persist,
-    claude,
-    // Never the person's own Claude Code settings.
     claudeSettings: claudeSettings ?? path.join(folder, 'claude-home', '.claude', 'settings.json'),
   });
   t.after(() => service.close());
-  const token = (await fs.readFile(path.join(support, 'admin-token'), 'utf8')).trim();
-  return {
-    service,
-    folder,
-    support,
-    logs,
-    token,
-    api: (method, target, options) => request(service.apiPort, method, target, options),
-    local: (method, target, options = {}) =>
-      request(service.localPort, method, target, {
-        ...options,
-        headers: { Authorization: `Bearer ${token}`, ...options.headers },
-      }),
-    feed: (options = {}) => openFeed(t, service.apiPort, { token, ...options }),
+  const token = fs.readFileSync(path.join(support, 'admin-token'), 'utf8').trim();
+  return { service, folder, support, logs, ...clientOf(t, { apiPort: service.apiPort, localPort: service.localPort, token }) };
+}
+
+/** Free loopback ports, let go again for a program to take. */
+export async function freePorts(count) {
+  const servers = await Promise.all(
+    Array.from({ length: count }, async () => {
+      const server = net.createServer();
+      await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+      return server;
+    }),
+  );
+  const ports = servers.map((server) => server.address().port);
+  await Promise.all(servers.map((server) => new Promise((resolve) => server.close(resolve))));
+  return ports;
+}
+
+/**
+ * `node src/main` as the installer starts it, configured by the environment
+ * alone: no TIDEWATCH_ variable but those given, the user's folders in the
+ * scratch folder, ports 0 unless given. Killed after the test.
+ *
+ * @return {{child, output: {stdout, stderr}, exited: Promise<{code, signal}>,
+ *     started(): Promise<Object>}} started() waits for the start line and
+ *     gives {apiPort, localPort} and the calls of a scratch service
+ */
+export function spawnMain(t, folder, variables = {}) {
+  const env = Object.fromEntries(Object.entries(process.env).filter(([key]) => !key.startsWith('TIDEWATCH_')));
+  const support = path.join(folder, 'support');
+  Object.assign(env, {
+    XDG_DATA_HOME: path.join(folder, 'home', 'share'),
+    XDG_STATE_HOME: path.join(folder, 'home', 'state'),
+    TIDEWATCH_SUPPORT: support,
+    TIDEWATCH_API_PORT: '0',
+    TIDEWATCH_LOCAL_PORT: '0',
+    ...variables,
+  });
+  const child = spawn(process.execPath, ['src/main'], { cwd: DAEMON, env, stdio: ['ignore', 'pipe', 'pipe'] });
+  const output = { stdout: '', stderr: '' };
+  child.stdout.on('data', (chunk) => (output.stdout += chunk));
+  child.stderr.on('data', (chunk) => (output.stderr += chunk));
+  const exited = new Promise((resolve) => child.on('exit', (code, signal) => resolve({ code, signal })));
+  t.after(() => child.kill('SIGKILL'));
+  const line = /127\.0\.0\.1:(\d+) \(API\) and 127\.0\.0\.1:(\d+) \(local\)/;
+  const started = async () => {
+    const [, api, local] = await eventually(() => line.exec(output.stdout), 'the start line', 10_000);
+    const ports = { apiPort: Number(api), localPort: Number(local) };
+    return { ...ports, ...clientOf(t, { ...ports, token: fs.readFileSync(path.join(support, 'admin-token'), 'utf8').trim() }) };
   };
+  return { child, output, exited, started };
 }
 
 /**
  * Polls until a test gives something truthy.
  *
- * @param {function(): *} test
- * @param {string} what Said when it never comes
- * @param {number} [timeoutMs=5000]
+ * @param {function(): *} test May answer a promise
+ * @param {string|function(): string} what Said when it never comes; a
+ *     function says it as things stand then
  * @return {Promise<*>} What the test gave
  */
 export async function eventually(test, what, timeoutMs = 5000) {
   const deadline = Date.now() + timeoutMs;
   for (;;) {
-    const value = test();
+    const value = await test();
     if (value) return value;
-    if (Date.now() > deadline) throw new Error(`Never happened: ${what}.`);
+    if (Date.now() > deadline) throw new Error(`Never happened: ${typeof what === 'function' ? what() : what}.`);
     await sleep(10);
   }
 }
 
 /**
  * Opens a feed connection and keeps every frame it hears; it is cut off
- * after the test.
+ * after the test. Throws when the handshake isn't taken.
  *
- * @param {TestContext} t
- * @param {number} port The API port
- * @param {Object} options
- * @param {string} options.token
- * @param {string} [options.client='test'] The `client` of the query
  * @return {Promise<Object>} {socket, texts, messages(), ofType(t), next(t), closed}
  *     `texts` holds each frame's text in order; messages() parses them (null
  *     where a frame isn't JSON); next(t) waits for the first message of that
- *     type after the last one next() gave, of any type; `closed` resolves
- *     with the close code
- * @throws when the handshake isn't taken
+ *     type after the last one next() gave; `closed` resolves with the close code
  */
 export async function openFeed(t, port, { token, client = 'test' }) {
   const socket = new WebSocket(`ws://127.0.0.1:${port}/v1/ws?client=${encodeURIComponent(client)}`, {
@@ -183,25 +211,17 @@ export async function openFeed(t, port, { token, client = 'test' }) {
 
   const parse = (text) => parseJson(text, null);
   const messages = () => texts.map(parse);
-  const ofType = (type) => messages().filter((message) => message?.t === type);
   let taken = 0;
   return {
     socket,
     texts,
     messages,
-    ofType,
+    ofType: (type) => messages().filter((message) => message?.t === type),
     closed,
     async next(type, timeoutMs) {
-      const index = await eventually(
-        () => {
-          const found = texts.findIndex((text, i) => i >= taken && parse(text)?.t === type);
-          return found >= 0 ? found + 1 : 0;
-        },
-        `a “${type}” frame`,
-        timeoutMs,
-      );
-      taken = index;
-      return parse(texts[index - 1]);
+      const found = (i) => i >= taken && parse(texts[i])?.t === type;
+      taken = await eventually(() => texts.findIndex((_, i) => found(i)) + 1, `a “${type}” frame`, timeoutMs);
+      return parse(texts[taken - 1]);
     },
   };
 }
@@ -209,12 +229,8 @@ export async function openFeed(t, port, { token, client = 'test' }) {
 /**
  * A feed handshake that is expected to be refused.
  *
- * @param {number} port
- * @param {Object} [options]
- * @param {string} [options.target='/v1/ws?client=test']
- * @param {Object} [options.headers]
- * @return {Promise<{status: number, headers: Object, json: *}>} rejects when
- *     the handshake is taken or the connection ends without an answer
+ * @return {Promise<{status, headers, json, text}>} rejects when the handshake
+ *     is taken or the connection ends without an answer
  */
 export function refusedFeed(port, { target = '/v1/ws?client=test', headers = {} } = {}) {
   return new Promise((resolve, reject) => {

@@ -8,9 +8,8 @@ import test, { mock } from 'node:test';
 
 import { ENDED_KEPT_MS, expiredSessions, STATE_FILE, StatePersister } from '../src/persist.js';
 import { ServiceState } from '../src/state.js';
-import { scratchFolder, startScratchService } from './helpers.js';
+import { eventually, scratchFolder, startScratchService } from './helpers.js';
 import { CodexStandIn } from './support/codex-standin.js';
-import { until } from './support/until.js';
 
 const DAY = ENDED_KEPT_MS;
 
@@ -162,7 +161,7 @@ test('a restart resumes: sessions, approvals and answers, readings, Codex read o
   await first.local('POST', '/qa/approvals', { body: { id: 'ap-answered', sessionId: 'claude-1', kind: 'tool' } });
   assert.equal((await first.local('POST', '/v1/approvals/ap-answered/decision', { body: { decision: 'deny' } })).status, 200);
   await first.local('POST', '/qa/snapshot', { body: { usage: { fiveHour: { pct: 64 }, source: 'official' } } });
-  await until(async () => {
+  await eventually(async () => {
     const { json } = await first.local('GET', '/v1/snapshot');
     return json.codex.usage && json.sessions.some((s) => s.id === codex.id && s.state === 'working');
   }, 'Codex followed before the stop');
@@ -177,7 +176,7 @@ test('a restart resumes: sessions, approvals and answers, readings, Codex read o
 
   const second = await startScratchService(t, options);
   await second.service.codexReady;
-  const after = await until(async () => {
+  const after = await eventually(async () => {
     const { json } = await second.local('GET', '/v1/snapshot');
     return json.sessions.find((s) => s.id === codex.id)?.state === 'idle' && json;
   }, 'Codex’s session read on');
