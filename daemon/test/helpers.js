@@ -115,6 +115,8 @@ export async function startScratchService(t, { folder, testCopy = true, codexHom
     claudeSettings: claudeSettings ?? path.join(folder, 'claude-home', '.claude', 'settings.json'),
   });
   t.after(() => service.close());
+  // Its first read of Claude Code's account would land on whatever a test plants first.
+  await service.claude?.accountRead;
   const token = fs.readFileSync(path.join(support, 'admin-token'), 'utf8').trim();
   return { service, folder, support, logs, ...clientOf(t, { apiPort: service.apiPort, localPort: service.localPort, token }) };
 }
