@@ -9,13 +9,11 @@
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import fs from 'node:fs';
-import net from 'node:net';
 import path from 'node:path';
 import { test } from 'node:test';
-import { fileURLToPath } from 'node:url';
 
 import { DENY_MESSAGE } from '../src/claude/permission.js';
-import { eventually, request, scratchFolder, sleep, startScratchService } from './helpers.js';
+import { claudeFixture, eventually, freePorts, scratchFolder, sleep, spawnMain, startScratchService } from './helpers.js';
 import {
   claudeHome,
   claudeInteractive,
@@ -225,37 +223,6 @@ test('slow: interactive: the status line brings the usage windows, the model and
   await claude.waitFor(/Tidewatch · .*5h 64%/, 'the status line');
 });
 
-const daemonFolder = path.dirname(path.dirname(fileURLToPath(import.meta.url)));
-
-async function freePorts(count) {
-  const servers = await Promise.all(
-    Array.from({ length: count }, async () => {
-      const server = net.createServer();
-      await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
-      return server;
-    }),
-  );
-  const ports = servers.map((server) => server.address().port);
-  await Promise.all(servers.map((server) => new Promise((resolve) => server.close(resolve))));
-  return ports;
-}
-
-function startMain(t, folder, [apiPort, localPort]) {
-  const env = Object.fromEntries(Object.entries(process.env).filter(([key]) => !key.startsWith('TIDEWATCH_')));
-  Object.assign(env, {
-    XDG_DATA_HOME: path.join(folder, 'home', 'share'),
-    XDG_STATE_HOME: path.join(folder, 'home', 'state'),
-    TIDEWATCH_SUPPORT: path.join(folder, 'support'),
-    TIDEWATCH_API_PORT: String(apiPort),
-    TIDEWATCH_LOCAL_PORT: String(localPort),
-  });
-  const child = spawn(process.execPath, ['src/main'], { cwd: daemonFolder, env, stdio: ['ignore', 'pipe', 'pipe'] });
-  t.after(() => child.kill('SIGKILL'));
-  const exited = new Promise((resolve) => child.on('exit', resolve));
-  const listening = new Promise((resolve) => child.stdout.on('data', resolve));
-  return { child, exited, listening };
-}
-
 function startHook(t, support, event) {
   const child = spawn(process.execPath, [HOOK_PROGRAM, '--support', support], { stdio: ['pipe', 'pipe', 'ignore'] });
   t.after(() => child.kill('SIGKILL'));
@@ -268,11 +235,10 @@ function startHook(t, support, event) {
 test('slow: hard restarts while requests wait lose none and answer none twice', { timeout: 90000 }, async (t) => {
   const folder = await scratchFolder(t);
   const support = path.join(folder, 'support');
-  const ports = await freePorts(2);
-  let main = startMain(t, folder, ports);
-  await main.listening;
-  const token = fs.readFileSync(path.join(support, 'admin-token'), 'utf8').trim();
-  const local = (method, target, body) => request(ports[1], method, target, { body, headers: { Authorization: `Bearer ${token}` } });
+  const [apiPort, localPort] = await freePorts(2);
+  const start = () => spawnMain(t, folder, { TIDEWATCH_API_PORT: String(apiPort), TIDEWATCH_LOCAL_PORT: String(localPort) });
+  let main = start();
+  const { local, post } = await main.started();
   const open = async () => {
     for (;;) {
       try {
@@ -282,7 +248,7 @@ test('slow: hard restarts while requests wait lose none and answer none twice', 
       }
     }
   };
-  const fixture = JSON.parse(fs.readFileSync(path.join(daemonFolder, 'test', 'fixtures', 'claude', 'permission-request-bash.json'), 'utf8'));
+  const fixture = claudeFixture('permission-request-bash.json');
   const decisions = ['allow', 'deny', 'always'];
   const hooks = decisions.map((_, i) =>
     startHook(t, support, {
@@ -299,15 +265,15 @@ test('slow: hard restarts while requests wait lose none and answer none twice', 
   for (let round = 0; round < 6; round++) {
     main.child.kill('SIGKILL');
     await main.exited;
-    main = startMain(t, folder, ports);
-    await main.listening;
+    main = start();
+    await main.started();
     // The same requests wait again, with the same ids: none new, none lost.
     const waiting = (await open()).map((approval) => approval.id).sort();
     assert.deepEqual(waiting, [...ids.values()].filter((id) => !answered.has(id)).sort(), `after restart ${round + 1}`);
     // Every other round one is answered, right before the next kill.
     if (round % 2 === 1 && answered.size < decisions.length) {
       const index = answered.size;
-      assert.equal((await local('POST', `/v1/approvals/${ids.get(`s${index}`)}/decision`, { decision: decisions[index] })).status, 200);
+      assert.equal((await post(`/v1/approvals/${ids.get(`s${index}`)}/decision`, { decision: decisions[index] })).status, 200);
       answered.add(ids.get(`s${index}`));
     }
   }
@@ -321,5 +287,5 @@ test('slow: hard restarts while requests wait lose none and answer none twice', 
   const kept = (await local('GET', '/qa/state')).json.decisions.map((each) => each.id).sort();
   assert.deepEqual(kept, [...ids.values()].sort(), 'each request answered exactly once');
   // Answered already: a second answer is late, never a second question.
-  assert.equal((await local('POST', `/v1/approvals/${ids.get('s0')}/decision`, { decision: 'deny' })).status, 409);
+  assert.equal((await post(`/v1/approvals/${ids.get('s0')}/decision`, { decision: 'deny' })).status, 409);
 });

@@ -10,7 +10,7 @@ import path from 'node:path';
 import { test } from 'node:test';
 
 import { MAX_OPEN_APPROVALS } from '../src/claude/approval-broker.js';
-import { claudeFixture as fixture, eventually, fixtureLines, sleep, startScratchService } from './helpers.js';
+import { claudeFixture as fixture, fixtureLines, sleep, startScratchService } from './helpers.js';
 
 const SESSION = fixture('session-start.json').session_id;
 
