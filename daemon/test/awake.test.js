@@ -28,6 +28,7 @@ const world = (patch = {}) => ({
 });
 const backpack = (patch = {}) => ({ ...freshPlan('backpack'), until: UNTIL, ...patch });
 const onBattery = (percent) => ({ percent, onAC: false });
+const warnedAt = (sleepAt) => ({ reason: 'battery', sleepAt });
 
 test('the decision, case by case', () => {
   // name, plan, world, what follows: hold, lid, reason, sleepAt, mode and released after
@@ -41,30 +42,10 @@ test('the decision, case by case', () => {
     ['backpack on mains power at 3%', backpack(), world({ battery: { percent: 3, onAC: true } }), { hold: true, lid: true }],
     ['backpack above the level', backpack(), world({ battery: onBattery(16) }), { hold: true }],
     ['backpack at the level warns', backpack(), world({ battery: onBattery(15) }), { hold: true, reason: 'battery', sleepAt: NOW + 2 * MIN }],
-    [
-      'a chosen level counts, not the default',
-      backpack({ minBattery: 30 }),
-      world({ battery: onBattery(29) }),
-      { hold: true, reason: 'battery', sleepAt: NOW + 2 * MIN },
-    ],
-    [
-      'a warning keeps its moment',
-      backpack({ warning: { reason: 'battery', sleepAt: NOW + MIN } }),
-      world({ battery: onBattery(14) }),
-      { hold: true, reason: 'battery', sleepAt: NOW + MIN },
-    ],
-    [
-      'a warning whose moment came lets go',
-      backpack({ warning: { reason: 'battery', sleepAt: NOW } }),
-      world({ battery: onBattery(14) }),
-      { hold: false, lid: false, reason: 'battery', released: 'battery' },
-    ],
-    [
-      'a warning ends when its cause does',
-      backpack({ warning: { reason: 'battery', sleepAt: NOW } }),
-      world({ battery: { percent: 14, onAC: true } }),
-      { hold: true, lid: true },
-    ],
+    ['a chosen level counts, not the default', backpack({ minBattery: 30 }), world({ battery: onBattery(29) }), { hold: true, reason: 'battery', sleepAt: NOW + 2 * MIN }],
+    ['a warning keeps its moment', backpack({ warning: warnedAt(NOW + MIN) }), world({ battery: onBattery(14) }), { hold: true, reason: 'battery', sleepAt: NOW + MIN }],
+    ['a warning whose moment came lets go', backpack({ warning: warnedAt(NOW) }), world({ battery: onBattery(14) }), { hold: false, lid: false, reason: 'battery', released: 'battery' }],
+    ['a warning ends when its cause does', backpack({ warning: warnedAt(NOW) }), world({ battery: { percent: 14, onAC: true } }), { hold: true, lid: true }],
     ['let go stays let go while the battery is low', backpack({ released: 'battery' }), world({ battery: onBattery(14) }), { hold: false, reason: 'battery', released: 'battery' }],
     ['let go holds again once plugged in', backpack({ released: 'battery' }), world({ battery: { percent: 14, onAC: true } }), { hold: true, lid: true }],
     ['hot at the threshold warns', backpack(), world({ temperature: 90 }), { hold: true, reason: 'hot', sleepAt: NOW + 2 * MIN }],
@@ -76,29 +57,15 @@ test('the decision, case by case', () => {
     ['eleven minutes before the end', backpack({ until: NOW + 11 * MIN }), world(), { hold: true, extendable: false }],
     ['ten minutes before the end it can be extended', backpack({ until: NOW + 10 * MIN }), world(), { hold: true, extendable: true }],
     ['two minutes before the end it warns', backpack({ until: NOW + 2 * MIN }), world(), { hold: true, reason: 'time', sleepAt: NOW + 2 * MIN, extendable: true }],
-    [
-      'a battery warning near the end lets go no later than the end',
-      backpack({ until: NOW + MIN }),
-      world({ battery: onBattery(10) }),
-      { hold: true, reason: 'battery', sleepAt: NOW + MIN, extendable: true },
-    ],
+    ['a battery warning near the end lets go no later than the end', backpack({ until: NOW + MIN }), world({ battery: onBattery(10) }), { hold: true, reason: 'battery', sleepAt: NOW + MIN, extendable: true }],
     ['at the end it is While working again', backpack({ until: NOW }), world({ busy: true }), { hold: true, lid: false, mode: 'working', ended: 'time' }],
     ['past the end, with nothing running, it lets go', backpack({ until: NOW - 5 * MIN }), world(), { hold: false, mode: 'working', ended: 'time' }],
     ['a Backpack without an end gets 8 hours', backpack({ until: null }), world(), { hold: true, until: NOW + BACKPACK_MS }],
   ];
   for (const [name, plan, situation, expected] of rows) {
     const decision = decideAwake(plan, situation);
-    const seen = {
-      hold: decision.hold,
-      lid: decision.lid,
-      reason: decision.reason,
-      sleepAt: decision.sleepAt,
-      extendable: decision.extendable,
-      mode: decision.plan.mode,
-      released: decision.plan.released,
-      ended: decision.ended,
-      until: decision.plan.until,
-    };
+    const { hold, lid, reason, sleepAt, extendable, ended, plan: after } = decision;
+    const seen = { hold, lid, reason, sleepAt, extendable, mode: after.mode, released: after.released, ended, until: after.until };
     const wanted = {
       // Backpack holds the lid whenever it holds at all, where it can.
       lid: expected.hold && (expected.mode ?? plan.mode) === 'backpack' && situation.backpackReady,
@@ -161,28 +128,7 @@ test('the record carries what the lock achieved, and says when it fell short', (
     assert.deepEqual({ holding: record.holding, lidClosedOk: record.lidClosedOk, reason: record.reason }, expected, name);
   }
   const warned = decideAwake(backpack(), world({ battery: onBattery(4) }));
-  const record = awakeRecord({
-    decision: warned,
-    lock: { holding: false, lidOk: false },
-    backpackReady: true,
-    lidClosed: true,
-    laptop: true,
-    other: { app: null },
-  });
-  assert.deepEqual(Object.keys(record), [
-    'mode',
-    'holding',
-    'lidClosedOk',
-    'backpackReady',
-    'until',
-    'reason',
-    'sleepAt',
-    'lidClosed',
-    'laptop',
-    'minBattery',
-    'sleepDisabledBy',
-    'extendable',
-  ]);
+  const record = awakeRecord({ decision: warned, lock: { holding: false, lidOk: false }, backpackReady: true, lidClosed: true, laptop: true, other: { app: null } });
   assert.equal(record.reason, 'battery', 'a warning says more than a failure');
 });
 

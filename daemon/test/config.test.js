@@ -24,77 +24,28 @@ test('a port variable parses as the app parses it', () => {
   for (const [name, text, expected] of rows) assert.equal(parsePort(text), expected, name);
 });
 
-test('folders and ports follow the environment', () => {
-  const home = '/home/ada';
-  const linux = { platform: 'linux', home };
+test('folders, ports and a test copy follow the environment', () => {
+  const linux = { platform: 'linux', home: '/home/ada' };
+  const xdg = ['/home/ada/.local/share/Tidewatch', '/home/ada/.local/state/Tidewatch/logs'];
   const rows = [
-    [
-      'a real install on Linux uses the XDG defaults',
-      {},
-      linux,
-      { support: '/home/ada/.local/share/Tidewatch', logs: '/home/ada/.local/state/Tidewatch/logs', testCopy: false },
-    ],
-    [
-      'absolute XDG folders are followed',
-      { XDG_DATA_HOME: '/data', XDG_STATE_HOME: '/state' },
-      linux,
-      { support: '/data/Tidewatch', logs: '/state/Tidewatch/logs', testCopy: false },
-    ],
-    [
-      'relative XDG folders are ignored',
-      { XDG_DATA_HOME: 'data', XDG_STATE_HOME: 'state' },
-      linux,
-      { support: '/home/ada/.local/share/Tidewatch', logs: '/home/ada/.local/state/Tidewatch/logs', testCopy: false },
-    ],
+    // name, environment, system, then support, logs, test copy, API and local ports
+    ['a real install on Linux uses the XDG defaults', {}, linux, [...xdg, false, 47321, 47322]],
+    ['absolute XDG folders are followed', { XDG_DATA_HOME: '/data', XDG_STATE_HOME: '/state' }, linux, ['/data/Tidewatch', '/state/Tidewatch/logs', false, 47321, 47322]],
+    ['relative XDG folders are ignored', { XDG_DATA_HOME: 'data', XDG_STATE_HOME: 'state' }, linux, [...xdg, false, 47321, 47322]],
     [
       'a real install on macOS uses Library',
       {},
       { platform: 'darwin', home: '/Users/ada' },
-      {
-        support: '/Users/ada/Library/Application Support/Tidewatch',
-        logs: '/Users/ada/Library/Logs/Tidewatch',
-        testCopy: false,
-      },
+      ['/Users/ada/Library/Application Support/Tidewatch', '/Users/ada/Library/Logs/Tidewatch', false, 47321, 47322],
     ],
-    [
-      'a test copy without a log folder logs inside its support folder',
-      { TIDEWATCH_SUPPORT: '/tmp/t/support' },
-      linux,
-      { support: '/tmp/t/support', logs: '/tmp/t/support/logs', testCopy: true },
-    ],
-    [
-      'a port alone makes a test copy, which then logs in the real support folder',
-      { TIDEWATCH_API_PORT: 'abc' },
-      linux,
-      { support: '/home/ada/.local/share/Tidewatch', logs: '/home/ada/.local/share/Tidewatch/logs', testCopy: true },
-    ],
-    [
-      'an explicit log folder wins',
-      { TIDEWATCH_SUPPORT: '/tmp/t/support', TIDEWATCH_LOGS: '/tmp/t/logs' },
-      linux,
-      { support: '/tmp/t/support', logs: '/tmp/t/logs', testCopy: true },
-    ],
-    [
-      'empty variables are as good as none',
-      { TIDEWATCH_SUPPORT: '', TIDEWATCH_LOGS: '', TIDEWATCH_API_PORT: '', TIDEWATCH_LOCAL_PORT: '' },
-      linux,
-      { support: '/home/ada/.local/share/Tidewatch', logs: '/home/ada/.local/state/Tidewatch/logs', testCopy: false },
-    ],
+    ['a test copy without a log folder logs in its support folder', { TIDEWATCH_SUPPORT: '/tmp/t/support' }, linux, ['/tmp/t/support', '/tmp/t/support/logs', true, 47321, 47322]],
+    ['an unreadable port makes a test copy, on the default port', { TIDEWATCH_API_PORT: 'abc', TIDEWATCH_LOCAL_PORT: '47372' }, linux, [xdg[0], `${xdg[0]}/logs`, true, 47321, 47372]],
+    ['an explicit log folder wins', { TIDEWATCH_SUPPORT: '/tmp/t/support', TIDEWATCH_LOGS: '/tmp/t/logs' }, linux, ['/tmp/t/support', '/tmp/t/logs', true, 47321, 47322]],
+    ['both ports given', { TIDEWATCH_API_PORT: '47371', TIDEWATCH_LOCAL_PORT: '47372' }, linux, [xdg[0], `${xdg[0]}/logs`, true, 47371, 47372]],
+    ['empty variables are as good as none', { TIDEWATCH_SUPPORT: '', TIDEWATCH_LOGS: '', TIDEWATCH_API_PORT: '', TIDEWATCH_LOCAL_PORT: '' }, linux, [...xdg, false, 47321, 47322]],
   ];
   for (const [name, env, system, expected] of rows) {
-    const { support, logs, testCopy } = readConfig(env, system);
-    assert.deepEqual({ support, logs, testCopy }, expected, name);
-  }
-});
-
-test('ports fall back to their defaults one by one', () => {
-  const rows = [
-    ['none given', {}, [47321, 47322]],
-    ['both given', { TIDEWATCH_API_PORT: '47371', TIDEWATCH_LOCAL_PORT: '47372' }, [47371, 47372]],
-    ['one unreadable', { TIDEWATCH_API_PORT: 'abc', TIDEWATCH_LOCAL_PORT: '47372' }, [47321, 47372]],
-  ];
-  for (const [name, env, expected] of rows) {
-    const { apiPort, localPort } = readConfig(env, { platform: 'linux', home: '/home/ada' });
-    assert.deepEqual([apiPort, localPort], expected, name);
+    const { support, logs, testCopy, apiPort, localPort } = readConfig(env, system);
+    assert.deepEqual([support, logs, testCopy, apiPort, localPort], expected, name);
   }
 });
