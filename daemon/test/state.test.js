@@ -1,7 +1,7 @@
 import assert from 'node:assert/strict';
 import test from 'node:test';
 
-import { DEFAULT_AWAKE, MAX_DECISIONS, MAX_SESSIONS, ServiceState } from '../src/state.js';
+import { MAX_DECISIONS, MAX_SESSIONS, ServiceState } from '../src/state.js';
 
 function makeState() {
   const state = new ServiceState({ hostname: 'studio', daemonVersion: '9.9.9', home: '/home/ada' });
@@ -9,26 +9,6 @@ function makeState() {
   state.on('change', (change) => changes.push(change));
   return { state, changes };
 }
-
-test('a fresh state has every part with its default', () => {
-  const { state } = makeState();
-  state.setApiPort(47321);
-  const snapshot = state.snapshot();
-  assert.equal(snapshot.mac.name, 'studio');
-  assert.equal(snapshot.mac.daemonVersion, '9.9.9');
-  assert.match(snapshot.mac.id, /^mac_[0-9a-f]{8}$/);
-  assert.deepEqual(snapshot.mac.awake, DEFAULT_AWAKE);
-  assert.deepEqual(snapshot.account, { state: 'unknown' });
-
-  const local = state.localStatus();
-  assert.equal(local.daemonVersion, '9.9.9');
-  assert.equal(local.apiPort, 47321);
-  assert.deepEqual(local.hooks, { installed: false });
-  assert.deepEqual(local.devices, []);
-  assert.deepEqual(local.automations, { paused: false, count: 0, next: null, running: [] });
-  assert.equal('qr' in local, false);
-  assert.equal(state.localStatus({ qr: true }).qr, null);
-});
 
 test('snapshot parts are replaced whole, removed by null, and mirrored into the local status', () => {
   const { state, changes } = makeState();
@@ -59,10 +39,7 @@ test('a write of what is already there is no change', () => {
   state.upsertSession({ id: 's1' });
   state.reset();
   state.reset();
-  assert.deepEqual(
-    changes.map((change) => change.snapshot.concat(change.local)),
-    [['sessions'], ['sessions']],
-  );
+  assert.deepEqual(changes.map((change) => change.snapshot.concat(change.local)), [['sessions'], ['sessions']]);
 });
 
 test('stored values are copies: changing what was given changes nothing', () => {
@@ -113,9 +90,7 @@ test('past the most sessions kept, the ended one that came first makes room; wit
 
 test('an approval is listed on its session alone, and leaves it when answered', () => {
   const { state, changes } = makeState();
-  state.setSnapshotParts({
-    sessions: [{ id: 's1' }, { id: 's2', pendingApprovalIds: ['other'] }, { id: 's3', pendingApprovalIds: 'odd' }],
-  });
+  state.setSnapshotParts({ sessions: [{ id: 's1' }, { id: 's2', pendingApprovalIds: ['other'] }, { id: 's3', pendingApprovalIds: 'odd' }] });
   state.upsertApproval({ id: 'ap1', sessionId: 's1' });
   state.upsertApproval({ id: 'ap2', sessionId: 's2' });
   assert.deepEqual(state.snapshot().sessions, [
@@ -127,10 +102,7 @@ test('an approval is listed on its session alone, and leaves it when answered', 
 
   // Moved to another session, it leaves the first.
   state.upsertApproval({ id: 'ap1', sessionId: 's2' });
-  assert.deepEqual(
-    state.snapshot().sessions.map((session) => session.pendingApprovalIds),
-    [[], ['other', 'ap2', 'ap1'], 'odd'],
-  );
+  assert.deepEqual(state.snapshot().sessions.map((session) => session.pendingApprovalIds), [[], ['other', 'ap2', 'ap1'], 'odd']);
 
   assert.equal(state.removeApproval('ap1'), true);
   assert.equal(state.removeApproval('ap1'), false);
@@ -145,12 +117,7 @@ test('an approval is listed on its session alone, and leaves it when answered', 
 test('local parts are replaced and removed; mirrored keys are overridden until cleared', () => {
   const { state, changes } = makeState();
   state.setSnapshotParts({ automations: { paused: true, list: [{ id: 'a' }] } });
-  state.setLocalParts({
-    tsnet: { mode: 'builtIn' },
-    shell: null,
-    automations: { paused: 'yes', count: 'x' },
-    daemonVersion: '0.0.1',
-  });
+  state.setLocalParts({ tsnet: { mode: 'builtIn' }, shell: null, automations: { paused: 'yes', count: 'x' }, daemonVersion: '0.0.1' });
   let local = state.localStatus();
   assert.deepEqual(local.tsnet, { mode: 'builtIn' });
   assert.equal('shell' in local, false);
@@ -191,44 +158,17 @@ test('reset brings back the defaults and says what changed', () => {
 
 test('an answered approval leaves, and its session works again once nothing else waits', () => {
   const { state, changes } = makeState();
-  state.setSnapshotParts({
-    sessions: [
-      { id: 's1', state: 'needs_you' },
-      { id: 's2', state: 'needs_you' },
-      { id: 's3', state: 'ended' },
-    ],
-  });
-  for (const [id, sessionId] of [
-    ['ap1', 's1'],
-    ['ap2', 's1'],
-    ['ap3', 's2'],
-    ['ap4', 's3'],
-  ]) {
-    state.upsertApproval({ id, sessionId });
-  }
+  state.setSnapshotParts({ sessions: [{ id: 's1', state: 'needs_you' }, { id: 's2', state: 'needs_you' }, { id: 's3', state: 'ended' }] });
+  for (const [id, sessionId] of [['ap1', 's1'], ['ap2', 's1'], ['ap3', 's2'], ['ap4', 's3']]) state.upsertApproval({ id, sessionId });
   const record = state.resolveApproval('ap1', { decision: 'allow', by: 'mac', at: 5 });
   assert.deepEqual(record, { id: 'ap1', sessionId: 's1', decision: 'allow', by: 'mac', at: 5 });
-  assert.deepEqual(changes.at(-1), {
-    snapshot: ['approvals', 'sessions'],
-    local: [],
-    item: { kind: 'approval', id: 'ap1', value: null, resolution: record },
-  });
+  assert.deepEqual(changes.at(-1), { snapshot: ['approvals', 'sessions'], local: [], item: { kind: 'approval', id: 'ap1', value: null, resolution: record } });
   state.resolveApproval('ap3', { decision: 'deny', by: 'phone', at: 6 });
   state.resolveApproval('ap4', { decision: 'deny', by: 'mac', at: 7 });
-  assert.deepEqual(
-    state.snapshot().sessions.map((session) => [session.state, session.pendingApprovalIds]),
-    [
-      ['needs_you', ['ap2']],
-      ['working', []],
-      ['ended', []],
-    ],
-    'another approval keeps s1 waiting; an ended session stays ended',
-  );
+  const after = state.snapshot().sessions.map((session) => [session.state, session.pendingApprovalIds]);
+  assert.deepEqual(after, [['needs_you', ['ap2']], ['working', []], ['ended', []]], 'another approval keeps s1 waiting; an ended session stays ended');
   assert.equal(state.resolveApproval('ap1', { decision: 'allow', by: 'mac' }), null);
-  assert.deepEqual(
-    state.decisions().map((decision) => decision.id),
-    ['ap1', 'ap3', 'ap4'],
-  );
+  assert.deepEqual(state.decisions().map((decision) => decision.id), ['ap1', 'ap3', 'ap4']);
 });
 
 test('approvals that left are remembered, however they left, until a reset', () => {
