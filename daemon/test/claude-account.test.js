@@ -9,15 +9,13 @@ import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
 import path from 'node:path';
 import { test } from 'node:test';
-import { fileURLToPath } from 'node:url';
 
 import { accountAfterSignIn, accountFiles, ClaudeAccount, signInFrom } from '../src/claude/claude-account.js';
 import { ServiceState } from '../src/state.js';
-import { eventually, scratchFolder, startScratchService } from './helpers.js';
+import { claudeFixture, eventually, scratchFolder, sleep, startScratchService } from './helpers.js';
 import { CLAUDE, claudeEnv, missingClaude } from './support/claude-code.js';
 
-const fixtures = path.join(path.dirname(fileURLToPath(import.meta.url)), 'fixtures', 'claude');
-const sample = (name) => JSON.parse(fs.readFileSync(path.join(fixtures, 'account', name), 'utf8'));
+const sample = (name) => claudeFixture(`account/${name}`);
 const TOKEN = sample('credentials-signed-in.json').claudeAiOauth.accessToken;
 const NOW = 1_795_000_000_000;
 const HOUR = 3600_000;
@@ -29,23 +27,9 @@ const fileRows = [
   // Claude Code itself says "loggedIn": false for this one on Linux.
   ['an account without credentials, where there is no keychain', 'claude-signed-in.json', null, false, 'signed_out', null],
   ['an account whose sign-in lives in a Mac’s keychain', 'claude-signed-in.json', null, true, 'signed_in', null],
-  [
-    'the plan’s own name before the plan’s word',
-    { oauthAccount: { accountUuid: 'a', planDisplayName: 'Max 20x' } },
-    'credentials-signed-in.json',
-    false,
-    'signed_in',
-    'Max 20x',
-  ],
+  ['the plan’s own name before the plan’s word', { oauthAccount: { accountUuid: 'a', planDisplayName: 'Max 20x' } }, 'credentials-signed-in.json', false, 'signed_in', 'Max 20x'],
   ['an API key of its own sign-in is nothing to report', { primaryApiKey: 'sk-ant-api03-x' }, null, false, 'none', null],
-  [
-    'a key from the environment, taken once, is nothing to report',
-    { customApiKeyResponses: { approved: ['abc'], rejected: [] } },
-    null,
-    false,
-    'none',
-    null,
-  ],
+  ['a key from the environment, taken once, is nothing to report', { customApiKeyResponses: { approved: ['abc'], rejected: [] } }, null, false, 'none', null],
   ['no files at all', null, null, false, 'none', null],
 ];
 
@@ -65,14 +49,8 @@ test('what Claude Code’s files say about the sign-in', () => {
 });
 
 test('the files sit where Claude Code keeps them, also in a folder of its own', () => {
-  assert.deepEqual(accountFiles('/home/p/.claude'), {
-    config: '/home/p/.claude.json',
-    credentials: '/home/p/.claude/.credentials.json',
-  });
-  assert.deepEqual(accountFiles('/srv/claude-config'), {
-    config: '/srv/claude-config/.claude.json',
-    credentials: '/srv/claude-config/.credentials.json',
-  });
+  assert.deepEqual(accountFiles('/home/p/.claude'), { config: '/home/p/.claude.json', credentials: '/home/p/.claude/.credentials.json' });
+  assert.deepEqual(accountFiles('/srv/claude-config'), { config: '/srv/claude-config/.claude.json', credentials: '/srv/claude-config/.credentials.json' });
 });
 
 const signedIn = { kind: 'signed_in', plan: 'Max', mark: 'm' };
@@ -84,54 +62,14 @@ const signedOut = { kind: 'signed_out', plan: null, mark: '' };
 const accountRows = [
   ['a first sign-in reads ok, with its plan', { state: 'unknown' }, signedIn, { state: 'ok', plan: 'Max' }],
   ['a limit in force outlives a new sign-in', limited, signedIn, limited],
-  [
-    'a limit whose reset passed is over',
-    { ...limited, limit: { ...limit, resetsAt: NOW - 1 } },
-    signedIn,
-    { state: 'ok', plan: 'Max' },
-  ],
-  [
-    'a sign-in lost in a failed turn comes back with a new one',
-    { state: 'logged_out', reason: 'not_logged_in', since: NOW - HOUR },
-    { ...signedIn, plan: 'Pro' },
-    { state: 'ok', plan: 'Pro' },
-  ],
-  [
-    'a sign-in in progress ends with it',
-    { state: 'logged_out', login: { state: 'waiting_code', where: 'mac' } },
-    signedIn,
-    { state: 'ok', plan: 'Max' },
-  ],
-  [
-    'signing out keeps a limit in force for the next sign-in, and forgets the plan',
-    limited,
-    signedOut,
-    { state: 'logged_out', reason: 'not_logged_in', since: NOW, limit },
-  ],
-  [
-    'and the next sign-in finds the limit again',
-    { state: 'logged_out', reason: 'not_logged_in', since: NOW - 5, limit },
-    signedIn,
-    { state: 'limited', limit, since: NOW, plan: 'Max' },
-  ],
-  [
-    'a sign-in that ran out keeps its plan and says so',
-    { state: 'ok', plan: 'Max' },
-    { kind: 'expired', plan: 'Max', mark: '' },
-    { state: 'logged_out', reason: 'expired', since: NOW, plan: 'Max' },
-  ],
-  [
-    'a sign-out already known keeps its time',
-    { state: 'logged_out', reason: 'expired', since: NOW - HOUR },
-    signedOut,
-    { state: 'logged_out', reason: 'not_logged_in', since: NOW - HOUR },
-  ],
-  [
-    'what the account’s server said stands; only the plan follows',
-    { state: 'no_credit', reason: 'spend_cap' },
-    signedIn,
-    { state: 'no_credit', reason: 'spend_cap', plan: 'Max' },
-  ],
+  ['a limit whose reset passed is over', { ...limited, limit: { ...limit, resetsAt: NOW - 1 } }, signedIn, { state: 'ok', plan: 'Max' }],
+  ['a sign-in lost in a failed turn comes back with a new one', { state: 'logged_out', reason: 'not_logged_in', since: NOW - HOUR }, { ...signedIn, plan: 'Pro' }, { state: 'ok', plan: 'Pro' }],
+  ['a sign-in in progress ends with it', { state: 'logged_out', login: { state: 'waiting_code', where: 'mac' } }, signedIn, { state: 'ok', plan: 'Max' }],
+  ['signing out keeps a limit in force for the next sign-in, and forgets the plan', limited, signedOut, { state: 'logged_out', reason: 'not_logged_in', since: NOW, limit }],
+  ['and the next sign-in finds the limit again', { state: 'logged_out', reason: 'not_logged_in', since: NOW - 5, limit }, signedIn, { state: 'limited', limit, since: NOW, plan: 'Max' }],
+  ['a sign-in that ran out keeps its plan and says so', { state: 'ok', plan: 'Max' }, { kind: 'expired', plan: 'Max', mark: '' }, { state: 'logged_out', reason: 'expired', since: NOW, plan: 'Max' }],
+  ['a sign-out already known keeps its time', { state: 'logged_out', reason: 'expired', since: NOW - HOUR }, signedOut, { state: 'logged_out', reason: 'not_logged_in', since: NOW - HOUR }],
+  ['what the account’s server said stands; only the plan follows', { state: 'no_credit', reason: 'spend_cap' }, signedIn, { state: 'no_credit', reason: 'spend_cap', plan: 'Max' }],
   ['files that tell nothing change nothing', limited, { kind: 'none', plan: null, mark: '' }, limited],
 ];
 
@@ -171,7 +109,7 @@ test('the files are followed as Claude Code replaces them, and a limit stands th
   // Claude Code rewrites .claude.json at every start; the sign-in is the same.
   replace(config, { ...sample('claude-signed-in.json'), numStartups: 7 });
   replace(credentials, sample('credentials-signed-in.json'));
-  await new Promise((resolve) => setTimeout(resolve, 300));
+  await sleep(300);
   await account.refresh();
   assert.equal(record().state, 'limited');
 
@@ -195,7 +133,7 @@ test('a folder that comes later is found by the look-over', async (t) => {
   await eventually(async () => record().state === 'ok', 'the sign-in in a folder made after the start');
   // A half-written file is waited out, not taken for a sign-out.
   fs.writeFileSync(accountFiles(claudeDir).credentials, '{"claudeAiOauth":{"accessTok');
-  await new Promise((resolve) => setTimeout(resolve, 300));
+  await sleep(300);
   assert.equal(record().state, 'ok');
   // Files that say nothing of a sign-in they showed a moment ago: it is gone,
   // even beside a key that was taken once.
@@ -238,7 +176,7 @@ test('a limit in force is still there after a restart', async (t) => {
   const first = await startScratchService(t, options);
   await first.service.claude.accountRead;
   const resetsAt = Date.now() + HOUR;
-  const stop = JSON.parse(fs.readFileSync(path.join(fixtures, 'stop-failure-rate-limit.json'), 'utf8'));
+  const stop = claudeFixture('stop-failure-rate-limit.json');
   await first.local('POST', '/qa/snapshot', {
     body: { usage: { source: 'official', fiveHour: { pct: 100, resetsAt } } },
   });
