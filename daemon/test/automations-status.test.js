@@ -52,11 +52,7 @@ test('the short status follows the list', () => {
         running: [{ id: 'a', name: 'A', sessionId: 's2', startedAt: 5 }, { id: 'b' }],
       },
     ],
-    [
-      'odd fields count as absent',
-      { paused: 'yes', list: 'many' },
-      { paused: false, count: 0, next: null, running: [] },
-    ],
+    ['odd fields count as absent', { paused: 'yes', list: 'many' }, { paused: false, count: 0, next: null, running: [] }],
   ];
   for (const [name, input, expected] of rows) assert.deepEqual(automationsStatus(input), expected, name);
 });

@@ -57,11 +57,7 @@ test('the battery from the power-supply folders', async (t) => {
       { ...battery('BAT0', { type: 'Battery', capacity: 55, status: 'Not charging' }) },
       { percent: 55, charging: false, onAC: true },
     ],
-    [
-      'a mouse’s battery is not the machine’s',
-      { ...battery('hidpp_battery_0', { type: 'Battery', scope: 'Device', capacity: 5, status: 'Discharging' }) },
-      null,
-    ],
+    ['a mouse’s battery is not the machine’s', { ...battery('hidpp_battery_0', { type: 'Battery', scope: 'Device', capacity: 5, status: 'Discharging' }) }, null],
     [
       'two batteries weigh by their size',
       {
@@ -185,13 +181,7 @@ test('a test copy runs no power tool unless a variable names it', () => {
   const rows = [
     ['the real install on Linux', {}, 'linux', false, { platform: 'linux', systemdInhibit: 'systemd-inhibit' }],
     ['a test copy on Linux, nothing named', {}, 'linux', true, { platform: 'none' }],
-    [
-      'a test copy on Linux with a stand-in',
-      { TIDEWATCH_SYSTEMD_INHIBIT: '/tmp/fake' },
-      'linux',
-      true,
-      { platform: 'linux', systemdInhibit: '/tmp/fake' },
-    ],
+    ['a test copy on Linux with a stand-in', { TIDEWATCH_SYSTEMD_INHIBIT: '/tmp/fake' }, 'linux', true, { platform: 'linux', systemdInhibit: '/tmp/fake' }],
     [
       'the real install on macOS: pmset through sudo',
       {},

@@ -100,18 +100,10 @@ test('wider answers add exactly the rule they name (never a mode or a folder)', 
 
 test('approvals by kind', () => {
   const rows = [
-    [
-      'a Bash call',
-      bash,
-      { kind: 'tool', summary: bash.tool_input.command, reason: 'Make a file', canSession: true, canAlways: true },
-    ],
+    ['a Bash call', bash, { kind: 'tool', summary: bash.tool_input.command, reason: 'Make a file', canSession: true, canAlways: true }],
     ['a plan', plan, { kind: 'plan', plan: '1. Do it\n2. Check it', summary: 'ExitPlanMode', canSession: false }],
     ['a question', question, { kind: 'question', questions: question.tool_input.questions, canAlways: false }],
-    [
-      'a multi-line command shows its first line',
-      { ...bash, tool_input: { command: '\n  set -e\n  make all' } },
-      { summary: 'set -e' },
-    ],
+    ['a multi-line command shows its first line', { ...bash, tool_input: { command: '\n  set -e\n  make all' } }, { summary: 'set -e' }],
   ];
   for (const [name, event, expected] of rows) {
     const approval = approvalFrom(event, { id: 'ap1', now: 1000, expiresAt: 2000 });

@@ -48,16 +48,8 @@ test('versions compare by their numbers', () => {
 test('what the codex record says of the program', () => {
   const rows = [
     ['none found: nothing but available, so no min reads as too old', { path: null, version: null }, { available: false }],
-    [
-      'usable',
-      { path: '/usr/local/bin/codex', version: '0.170.0' },
-      { available: true, version: '0.170.0', min: MIN_CODEX_VERSION, path: '/usr/local/bin/codex' },
-    ],
-    [
-      'exactly the lowest',
-      { path: '/c', version: MIN_CODEX_VERSION },
-      { available: true, version: MIN_CODEX_VERSION, min: MIN_CODEX_VERSION, path: '/c' },
-    ],
+    ['usable', { path: '/usr/local/bin/codex', version: '0.170.0' }, { available: true, version: '0.170.0', min: MIN_CODEX_VERSION, path: '/usr/local/bin/codex' }],
+    ['exactly the lowest', { path: '/c', version: MIN_CODEX_VERSION }, { available: true, version: MIN_CODEX_VERSION, min: MIN_CODEX_VERSION, path: '/c' }],
     [
       'too old',
       { path: '/c', version: '0.150.2' },

@@ -177,11 +177,7 @@ test('rate limits: which window is which, what counts as limited, what is no rea
       { primary: { used_percent: 130, window_minutes: 300 }, secondary: { used_percent: -4, window_minutes: 10080 } },
       { fiveHour: { pct: 100 }, sevenDay: { pct: 0 }, limited: true, observedAt: at },
     ],
-    [
-      'a reset at 0 is no reset',
-      { primary: { used_percent: 9, window_minutes: 300, resets_at: 0 } },
-      { fiveHour: { pct: 9 }, limited: false, observedAt: at },
-    ],
+    ['a reset at 0 is no reset', { primary: { used_percent: 9, window_minutes: 300, resets_at: 0 } }, { fiveHour: { pct: 9 }, limited: false, observedAt: at }],
     [
       'a reset in seconds counts from the line',
       { primary: { used_percent: 9, window_minutes: 300, resets_in_seconds: 90 } },
