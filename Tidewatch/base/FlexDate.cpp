@@ -16,7 +16,7 @@ constexpr qint64 daysFromCivil(qint64 year, unsigned month, unsigned day)
 {
     year -= month <= 2;
     const qint64 era = (year >= 0 ? year : year - 399) / 400;
-    const unsigned yearOfEra = unsigned(year - era * 400);
+    const auto yearOfEra = unsigned(year - era * 400);
     const unsigned dayOfYear = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
     const unsigned dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
     return era * 146097 + qint64(dayOfEra) - 719468;

@@ -104,14 +104,14 @@ struct Run {
 void readToEnd(int fd, const std::shared_ptr<Run>& run, QByteArray Run::*stream)
 {
     QByteArray all;
-    char chunk[65536];
+    std::array<char, 65536> chunk{};
     for (;;) {
-        const ssize_t got = ::read(fd, chunk, sizeof chunk);
+        const ssize_t got = ::read(fd, chunk.data(), chunk.size());
         if (got > 0) {
             if (run->abandoned.load(std::memory_order_relaxed))
                 all.clear();
             else
-                all.append(chunk, got);
+                all.append(chunk.data(), got);
             continue;
         }
         if (got < 0 && errno == EINTR)
@@ -201,8 +201,8 @@ Shell::Environment Shell::environment()
 ShellResult Shell::run(const QString& executable, const QStringList& arguments,
     const std::optional<Environment>& environment, const QString& directory, double timeoutSeconds)
 {
-    int outPipe[2];
-    int errPipe[2];
+    Pipe outPipe{};
+    Pipe errPipe{};
     if (!makePipe(outPipe))
         return failedStart(errno);
     if (!makePipe(errPipe)) {
@@ -275,7 +275,7 @@ ShellResult Shell::run(const QString& executable, const QStringList& arguments,
 
 void Shell::runAsync(const QString& executable, const QStringList& arguments,
     const std::optional<Environment>& environment, double timeoutSeconds, QObject* context,
-    std::function<void(const ShellResult&)> done)
+    const std::function<void(const ShellResult&)>& done)
 {
     if (!context)
         return;
@@ -383,13 +383,13 @@ Shell::Child Shell::spawn(const QString& executable, const QStringList& argument
     return {pid, 0};
 }
 
-bool Shell::makePipe(int fds[2])
+bool Shell::makePipe(Pipe& fds)
 {
 #if defined(__linux__)
-    return ::pipe2(fds, O_CLOEXEC) == 0;
+    return ::pipe2(fds.data(), O_CLOEXEC) == 0;
 #else
     // No pipe2 here; POSIX_SPAWN_CLOEXEC_DEFAULT keeps the window harmless for our own children.
-    if (::pipe(fds) != 0)
+    if (::pipe(fds.data()) != 0)
         return false;
     ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
     ::fcntl(fds[1], F_SETFD, FD_CLOEXEC);

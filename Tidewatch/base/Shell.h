@@ -6,6 +6,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <array>
 #include <functional>
 #include <optional>
 
@@ -50,7 +51,7 @@ public:
     /// context, through its event loop, and not at all once context is gone.
     static void runAsync(const QString& executable, const QStringList& arguments,
         const std::optional<Environment>& environment, double timeoutSeconds, QObject* context,
-        std::function<void(const ShellResult&)> done);
+        const std::function<void(const ShellResult&)>& done);
 
     /// Removes terminal control sequences: CSI (colours, cursor moves) and
     /// OSC (window titles, ended by BEL).
@@ -72,7 +73,8 @@ private:
     static Child spawn(const QString& executable, const QStringList& arguments, const Environment& environment,
         const QString& directory, int outFd, int errFd);
     /// A pipe whose ends are closed on exec; false with errno set on failure.
-    static bool makePipe(int fds[2]);
+    using Pipe = std::array<int, 2>;
+    static bool makePipe(Pipe& fds);
     /// Blocks until the child has ended, without reaping it: until it is
     /// reaped its pid can't go to another process, so it is safe to signal.
     static void awaitEnd(pid_t pid);

@@ -54,7 +54,7 @@ struct StreamingProcess::Shared {
 
     /// Guards what the exit waiter hands over, and the wake pipe's write end.
     std::mutex lock;
-    int wake[2] = {-1, -1};
+    Shell::Pipe wake{-1, -1};
     pid_t pid = -1;
     bool exited = false;
     int status = -1;
@@ -147,10 +147,8 @@ void StreamingProcess::start(const QString& executable, const QStringList& argum
 
     int error = 0;
     int readEnd = -1;
-    int output[2];
-    if (!Shell::makePipe(shared->wake)) {
-        error = errno;
-    } else if (!Shell::makePipe(output)) {
+    Shell::Pipe output{};
+    if (!Shell::makePipe(shared->wake) || !Shell::makePipe(output)) {
         error = errno;
     } else {
         // The waiter must never block on a full wake pipe while it holds the lock.
@@ -230,13 +228,13 @@ void StreamingProcess::pump(const std::shared_ptr<Shared>& shared, int fd, int l
     const int wakeFd = shared->wake[0];
 
     while (!(exitStatus && pipeFd < 0)) {
-        pollfd fds[2] = {{wakeFd, POLLIN, 0}, {pipeFd, POLLIN, 0}};
+        std::array<pollfd, 2> fds{{{wakeFd, POLLIN, 0}, {pipeFd, POLLIN, 0}}};
         int timeout = -1;
         if (graceEnds) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(*graceEnds - Clock::now()).count();
             timeout = int(std::max<qint64>(0, left));
         }
-        const int ready = ::poll(fds, pipeFd >= 0 ? 2 : 1, timeout);
+        const int ready = ::poll(fds.data(), pipeFd >= 0 ? 2 : 1, timeout);
         if (ready < 0) {
             if (errno == EINTR)
                 continue;
@@ -253,18 +251,18 @@ void StreamingProcess::pump(const std::shared_ptr<Shared>& shared, int fd, int l
             }
         }
         if (fds[0].revents & POLLIN) {
-            char drain[64];
-            [[maybe_unused]] const ssize_t drained = ::read(wakeFd, drain, sizeof drain);
+            std::array<char, 64> drain{};
+            [[maybe_unused]] const ssize_t drained = ::read(wakeFd, drain.data(), drain.size());
         }
         if (pipeFd >= 0 && (fds[1].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL))) {
-            char chunk[65536];
-            const ssize_t got = ::read(pipeFd, chunk, sizeof chunk);
+            std::array<char, 65536> chunk{};
+            const ssize_t got = ::read(pipeFd, chunk.data(), chunk.size());
             if (got > 0) {
                 // Once silent, the output is only drained, so the child never meets a full or closed pipe.
                 if (!shared->silent) {
-                    buffer.append(chunk, got);
+                    buffer.append(chunk.data(), got);
                     // Lines before this chunk were all taken; only a terminator in it makes new ones.
-                    if (std::memchr(chunk, '\n', size_t(got)) || std::memchr(chunk, '\r', size_t(got))) {
+                    if (std::memchr(chunk.data(), '\n', size_t(got)) || std::memchr(chunk.data(), '\r', size_t(got))) {
                         for (const QString& line : takeLines(buffer, false))
                             shared->say(line);
                     }

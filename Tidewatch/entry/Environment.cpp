@@ -9,6 +9,7 @@
 
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -162,7 +163,7 @@ bool Environment::isIsolated() const
 bool Environment::isRealFolder(const QString& location) const
 {
     const QStringList place = foldedComponents(location);
-    const QString roots[] = {m_realSupport, m_realLogs};
+    const std::array roots{m_realSupport, m_realLogs};
     for (const QString& root : roots) {
         const QStringList rootParts = foldedComponents(root);
         // Equal, containing the root, or inside it: all three would let a

@@ -90,11 +90,11 @@ std::optional<Message> readEnvelope(QByteArrayView text)
 
 Frame readFrame(QByteArrayView text)
 {
-    if (text.startsWith(QByteArrayView("{\"t\":\"ping\"")))
+    if (text.startsWith(QByteArrayView(R"({"t":"ping")")))
         return {Frame::Kind::Ping, std::nullopt};
-    if (text.startsWith(QByteArrayView("{\"t\":\"telescope.window\"")))
+    if (text.startsWith(QByteArrayView(R"({"t":"telescope.window")")))
         return {Frame::Kind::Window, std::nullopt};
-    if (text.startsWith(QByteArrayView("{\"t\":\"speaking\"")) || text.startsWith(QByteArrayView("{\"t\":\"speech\"")))
+    if (text.startsWith(QByteArrayView(R"({"t":"speaking")")) || text.startsWith(QByteArrayView(R"({"t":"speech")")))
         return {Frame::Kind::Speech, std::nullopt};
     return {Frame::Kind::Message, readEnvelope(text)};
 }

@@ -82,6 +82,6 @@ Frame readFrame(QByteArrayView text);
 std::optional<Message> readEnvelope(QByteArrayView text);
 
 /// The reply to a ping.
-inline constexpr QByteArrayView pong = "{\"t\":\"pong\"}";
+inline constexpr QByteArrayView pong = R"({"t":"pong"})";
 
 } // namespace Feed

@@ -89,8 +89,7 @@ std::optional<QStringList> strings(const QJsonValue& value)
     const QJsonArray array = value.toArray();
     QStringList list;
     list.reserve(reserveFor(array.size()));
-    for (qsizetype i = 0, n = array.size(); i < n; ++i) {
-        const QJsonValue element = array.at(i);
+    for (const QJsonValue element : array) {
         if (element.isString())
             list.append(element.toString());
     }

@@ -74,8 +74,8 @@ template <class T> struct FlexList {
             const QJsonArray array = value.toArray();
             list.count = array.size();
             list.items.reserve(Lenient::reserveFor(array.size()));
-            for (qsizetype i = 0, n = array.size(); i < n; ++i) {
-                if (std::optional<T> item = T::fromJson(array.at(i)))
+            for (const QJsonValue element : array) {
+                if (std::optional<T> item = T::fromJson(element))
                     list.items.append(std::move(*item));
             }
         }
@@ -95,8 +95,8 @@ template <class T> std::optional<QList<T>> records(const QJsonValue& value)
     const QJsonArray array = value.toArray();
     QList<T> items;
     items.reserve(reserveFor(array.size()));
-    for (qsizetype i = 0, n = array.size(); i < n; ++i) {
-        if (std::optional<T> item = T::fromJson(array.at(i)))
+    for (const QJsonValue element : array) {
+        if (std::optional<T> item = T::fromJson(element))
             items.append(std::move(*item));
     }
     return items;

@@ -6,6 +6,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <array>
 #include <climits>
 
 namespace platform {
@@ -24,11 +25,11 @@ QString xdgFolder(const QHash<QString, QString>& variables, const char* name, co
 
 QString executablePath()
 {
-    char buffer[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    std::array<char, PATH_MAX> buffer{};
+    const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
     if (length <= 0)
         return {};
-    return QString::fromLocal8Bit(buffer, length);
+    return QString::fromLocal8Bit(buffer.data(), length);
 }
 
 RealFolders realFolders(const QString& home, const QHash<QString, QString>& variables)

@@ -19,10 +19,10 @@ namespace {
 // where the session has none (a container, an ssh login).
 QString runtimeFolder()
 {
-    const QString runtime = QProcessEnvironment::systemEnvironment().value(QStringLiteral("XDG_RUNTIME_DIR"));
+    QString runtime = QProcessEnvironment::systemEnvironment().value(QStringLiteral("XDG_RUNTIME_DIR"));
     if (QDir::isAbsolutePath(runtime) && QFileInfo(runtime).isDir())
         return runtime;
-    const QString fallback = QDir::tempPath() + QStringLiteral("/tidewatch-") + QString::number(getuid());
+    QString fallback = QDir::tempPath() + QStringLiteral("/tidewatch-") + QString::number(getuid());
     ::mkdir(QFile::encodeName(fallback).constData(), 0700);
     return fallback;
 }
