@@ -49,18 +49,6 @@ test('an answer takes the approval away once; a second answer is told it came to
   });
 });
 
-test('an answer leaves the session waiting while another approval is open on it', async (t) => {
-  const { local } = await withSession(t);
-  await local('POST', '/qa/approvals', { body: { id: 'ap1', sessionId: 's1' } });
-  await local('POST', '/qa/approvals', { body: { id: 'ap2', sessionId: 's1' } });
-  await local('POST', '/v1/approvals/ap1/decision', { body: { decision: 'session' } });
-  let [session] = (await local('GET', '/v1/snapshot')).json.sessions;
-  assert.deepEqual(session, { id: 's1', state: 'needs_you', pendingApprovalIds: ['ap2'] });
-  await local('POST', '/v1/approvals/ap2/decision', { body: { decision: 'always' } });
-  [session] = (await local('GET', '/v1/snapshot')).json.sessions;
-  assert.equal(session.state, 'working');
-});
-
 test('the decision must be one of the four words', async (t) => {
   const { local } = await withSession(t);
   const rows = [
@@ -114,11 +102,10 @@ test('ids are single path segments, decoded one by one, never resolved as dots',
   );
 });
 
-test('open, continue and auto-continue act on the session named', async (t) => {
+test('open and auto-continue act on the session named', async (t) => {
   const blocked = { kind: 'limit', text: 'You’ve hit your session limit', resume: { state: 'off', canArm: true } };
-  const { local, feed } = await withSession(t, { id: 's1', state: 'idle', blocked });
+  const { local } = await withSession(t, { id: 's1', state: 'idle', blocked });
   await local('POST', '/qa/sessions', { body: { id: 's2', state: 'idle' } });
-  const client = await feed();
   const session = async (id) => (await local('GET', '/v1/snapshot')).json.sessions.find((s) => s.id === id);
 
   const opened = await local('POST', '/v1/sessions/s1/open');
@@ -126,17 +113,12 @@ test('open, continue and auto-continue act on the session named', async (t) => {
 
   assert.deepEqual((await local('POST', '/v1/sessions/s1/auto-continue', { body: { on: true } })).json, { ok: true });
   assert.deepEqual((await session('s1')).blocked, { ...blocked, resume: { state: 'armed', canArm: true } });
-  assert.equal((await client.next('session')).session.blocked.resume.state, 'armed');
   await local('POST', '/v1/sessions/s1/auto-continue', { body: { on: false } });
   assert.equal((await session('s1')).blocked.resume.state, 'off');
 
   // Without a block there is nothing to arm, and nothing changes.
   assert.equal((await local('POST', '/v1/sessions/s2/auto-continue', { body: { on: true } })).status, 200);
   assert.deepEqual(await session('s2'), { id: 's2', state: 'idle' });
-
-  assert.deepEqual((await local('POST', '/v1/sessions/s2/continue')).json, { ok: true });
-  assert.equal((await session('s2')).state, 'working');
-  await eventually(() => client.ofType('session').some((m) => m.session.id === 's2' && m.session.state === 'working'), 's2 working on the feed');
 
   const rows = [
     ['open an unknown session', '/v1/sessions/nope/open', {}, 404, undefined],
@@ -163,10 +145,8 @@ test('signing in waits for a code, and the code finishes it', async (t) => {
   assert.equal(early.json.error.code, 'no_sign_in');
 
   const started = await local('POST', '/v1/account/login', { body: { where: 'mac' } });
-  assert.equal(started.status, 200);
   const { login } = started.json.account;
-  assert.equal(login.state, 'waiting_code');
-  assert.equal(login.where, 'mac');
+  assert.deepEqual([login.state, login.where], ['waiting_code', 'mac']);
   assert.match(login.url, /^https:\/\/claude\.ai\/oauth\/authorize\?/);
   assert.deepEqual((await client.next('account')).account, started.json.account);
 
@@ -185,21 +165,15 @@ test('signing in waits for a code, and the code finishes it', async (t) => {
   await eventually(() => client.ofType('account').at(-1)?.account.state === 'ok', 'the account on the feed');
 });
 
-test('refreshing usage stamps the reading; refreshing Codex gives it back', async (t) => {
+test('refreshing usage stamps the reading and tells the feed', async (t) => {
   const { local, feed } = await startScratchService(t);
   const usage = { fiveHour: { pct: 42, resetsAt: 1760007200000 }, source: 'official', observedAt: 1 };
-  const codex = { available: true, enabled: true, connected: false, version: '0.50.0' };
   await local('POST', '/qa/snapshot', { body: { usage } });
-  await local('POST', '/qa/snapshot', { body: { codex } });
   const client = await feed();
 
   const before = Date.now();
-  const refreshed = await local('POST', '/v1/usage/refresh');
-  assert.equal(refreshed.status, 200);
-  const { observedAt, ...rest } = refreshed.json.usage;
+  const { observedAt, ...rest } = (await local('POST', '/v1/usage/refresh')).json.usage;
   assert.deepEqual(rest, { fiveHour: usage.fiveHour, source: 'official' });
   assert.ok(observedAt >= before && observedAt <= Date.now(), 'observed now');
-  assert.deepEqual((await client.next('usage')).usage, refreshed.json.usage);
-
-  assert.deepEqual((await local('POST', '/v1/codex/refresh')).json, { codex });
+  assert.equal((await client.next('usage')).usage.observedAt, observedAt);
 });
