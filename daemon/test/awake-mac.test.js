@@ -7,12 +7,11 @@ import fs from 'node:fs';
 import path from 'node:path';
 import test from 'node:test';
 
-import { allGone, FAKES, startAwakeService, T0 } from './awake-support.js';
+import { allGone, FAKES, savedState, startAwakeService, T0 } from './awake-support.js';
 import { scratchFolder } from './helpers.js';
 
 const pmset = path.join(FAKES, 'pmset');
 const sudoPmset = (value) => `sudo -n ${pmset} -a disablesleep ${value}`;
-const savedState = (support) => JSON.parse(fs.readFileSync(path.join(support, 'awake.json'), 'utf8'));
 
 test('Backpack turns SleepDisabled on through sudo and back to the value it found', async (t) => {
   const rows = [
@@ -23,10 +22,8 @@ test('Backpack turns SleepDisabled on through sudo and back to the value it foun
   for (const [name, found, by] of rows) {
     const { change, awake, tools, support } = await startAwakeService(t, { platform: 'darwin' });
     tools.plant('disablesleep', `${found}\n`);
-    const { json } = await change({ mode: 'backpack' });
-    assert.equal(json.awake.holding, true, name);
-    assert.equal(json.awake.lidClosedOk, true, name);
-    assert.equal(json.awake.sleepDisabledBy, by, name);
+    const { awake: held } = (await change({ mode: 'backpack' })).json;
+    assert.deepEqual([held.holding, held.lidClosedOk, held.sleepDisabledBy], [true, true, by], name);
     assert.equal(tools.read('disablesleep').trim(), '1', `${name}: switched`);
     assert.deepEqual(savedState(support).backpack, { prev: Number(found), applied: true }, `${name}: saved`);
     const caffeinate = tools.calls().find((call) => call.startsWith('caffeinate'));
@@ -35,8 +32,7 @@ test('Backpack turns SleepDisabled on through sudo and back to the value it foun
 
     await change({ mode: 'working' });
     const after = await awake();
-    assert.equal(after.holding, false, name);
-    assert.equal(after.lidClosedOk, false, name);
+    assert.deepEqual([after.holding, after.lidClosedOk], [false, false], name);
     assert.equal(tools.read('disablesleep').trim(), found, `${name}: given back`);
     assert.equal(tools.calls().at(-1), `pmset ${['-a', 'disablesleep', found].join(' ')}`, `${name}: pmset ran last`);
     assert.deepEqual(savedState(support).backpack, { prev: Number(found), applied: false }, `${name}: saved`);
@@ -70,8 +66,7 @@ test('a record left switched by a stop that never finished is undone at the next
 test('without the sudoers rule Backpack needs its setup, and a rule gone mid-way is said', async (t) => {
   const { change, awake, power, tools, sudoers } = await startAwakeService(t, { platform: 'darwin', ready: false });
   const refused = await change({ mode: 'backpack' });
-  assert.equal(refused.status, 409);
-  assert.equal(refused.json.error.code, 'needs_setup');
+  assert.deepEqual([refused.status, refused.json.error.code], [409, 'needs_setup']);
   assert.match(refused.json.error.message, /^Backpack mode needs its one-time setup/);
   assert.equal(tools.calls().some((call) => call.includes('disablesleep')), false);
 
@@ -80,9 +75,7 @@ test('without the sudoers rule Backpack needs its setup, and a rule gone mid-way
   fs.rmSync(sudoers);
   await power({ now: T0 + 1000 });
   const record = await awake();
-  assert.equal(record.reason, 'setup');
-  assert.equal(record.backpackReady, false);
-  assert.equal(record.lidClosedOk, false);
+  assert.deepEqual([record.reason, record.backpackReady, record.lidClosedOk], ['setup', false, false]);
   // sudo refuses without the rule, so SleepDisabled stays as the record says: applied.
   assert.equal(tools.read('disablesleep').trim(), '1');
   assert.ok(tools.calls().includes(sudoPmset(0)), 'it tried to give it back');
@@ -92,15 +85,13 @@ test('pmset refusing is the reason “failed”; nothing is left marked as switc
   const { change, power, tools, support } = await startAwakeService(t, { platform: 'darwin' });
   tools.plant('refuse', '');
   const { json } = await change({ mode: 'backpack' });
-  assert.equal(json.awake.reason, 'failed');
-  assert.equal(json.awake.holding, true, 'caffeinate still holds the idle sleep');
-  assert.equal(json.awake.lidClosedOk, false);
+  // caffeinate still holds the idle sleep.
+  assert.deepEqual([json.awake.reason, json.awake.holding, json.awake.lidClosedOk], ['failed', true, false]);
   assert.deepEqual(savedState(support).backpack, { prev: 0, applied: false });
 
   tools.remove('refuse');
   const { awake } = await power({ now: T0 + 31_000 });
-  assert.equal(awake.lidClosedOk, true);
-  assert.equal('reason' in awake, false);
+  assert.deepEqual([awake.lidClosedOk, 'reason' in awake], [true, false]);
 });
 
 test('pmset’s battery and other programs’ assertions are read', async (t) => {
@@ -118,18 +109,16 @@ test('pmset’s battery and other programs’ assertions are read', async (t) =>
   await power({});
   await change({ mode: 'backpack' });
   const record = await awake();
-  assert.equal(record.laptop, true);
-  assert.equal(record.reason, 'battery');
-  assert.equal(record.sleepAt, T0 + 120_000);
-  assert.equal(record.sleepDisabledBy, 'other');
-  assert.equal(record.otherApp, 'Amphetamine');
+  assert.deepEqual(
+    [record.laptop, record.reason, record.sleepAt, record.sleepDisabledBy, record.otherApp],
+    [true, 'battery', T0 + 120_000, 'other', 'Amphetamine'],
+  );
   const { mac } = (await local('GET', '/v1/snapshot')).json;
   assert.deepEqual(mac.battery, { percent: 12, charging: false, onAC: false, minutesLeft: 65 });
 
   await power({ now: T0 + 120_000 });
   const released = await awake();
-  assert.equal(released.holding, false);
-  assert.equal(released.reason, 'battery');
-  assert.equal(released.otherApp, 'Amphetamine', 'it still keeps the machine awake');
+  // The other program still keeps the machine awake.
+  assert.deepEqual([released.holding, released.reason, released.otherApp], [false, 'battery', 'Amphetamine']);
   assert.equal(tools.read('disablesleep').trim(), '0', 'Backpack gave SleepDisabled back');
 });

@@ -2,7 +2,6 @@
 // service may run at all.
 
 import assert from 'node:assert/strict';
-import fs from 'node:fs';
 import path from 'node:path';
 import test from 'node:test';
 
@@ -17,16 +16,8 @@ import {
   readLinuxLid,
   readLinuxTemperature,
 } from '../src/awake/power-source.js';
+import { tree } from './awake-support.js';
 import { scratchFolder } from './helpers.js';
-
-function tree(root, files) {
-  for (const [name, text] of Object.entries(files)) {
-    const file = path.join(root, name);
-    fs.mkdirSync(path.dirname(file), { recursive: true });
-    fs.writeFileSync(file, `${text}\n`);
-  }
-  return root;
-}
 
 test('the battery from the power-supply folders', async (t) => {
   const folder = await scratchFolder(t);
@@ -70,7 +61,6 @@ test('the battery from the power-supply folders', async (t) => {
   ];
   for (const [index, [name, files, expected]] of rows.entries()) {
     const root = tree(path.join(folder, String(index)), files);
-    fs.mkdirSync(root, { recursive: true });
     assert.deepEqual(readLinuxBattery(root), expected, name);
   }
   assert.equal(readLinuxBattery(path.join(folder, 'missing')), null, 'no folder');
@@ -87,7 +77,6 @@ test('the lid and the heat from their folders', async (t) => {
   ];
   for (const [index, [name, files, expected]] of lids.entries()) {
     const root = tree(path.join(folder, `lid${index}`), files);
-    fs.mkdirSync(root, { recursive: true });
     assert.equal(readLinuxLid(root), expected, name);
   }
   const heat = [
@@ -97,7 +86,6 @@ test('the lid and the heat from their folders', async (t) => {
   ];
   for (const [index, [name, files, expected]] of heat.entries()) {
     const root = tree(path.join(folder, `heat${index}`), files);
-    fs.mkdirSync(root, { recursive: true });
     assert.equal(readLinuxTemperature(root), expected, name);
   }
 });

@@ -8,7 +8,9 @@ import fs from 'node:fs';
 import path from 'node:path';
 import test from 'node:test';
 
-import { allGone, FAKES, fakeTools, HOUR, inhibitorRow, MINUTE, startAwakeService, T0 } from './awake-support.js';
+import {
+  allGone, FAKES, fakeTools, HOUR, inhibitorRow, MINUTE, savedState, startAwakeService, T0, tree,
+} from './awake-support.js';
 import { eventually, scratchFolder, spawnMain } from './helpers.js';
 
 const LID = 'idle:sleep:handle-lid-switch';
@@ -16,7 +18,6 @@ const IDLE = 'idle:sleep';
 
 // The --what of the inhibitors the stand-in holds now.
 const heldWhat = (tools) => tools.held().map((row) => row.split(/\s{2,}|\s(?=\S)/).find((cell) => cell.startsWith('idle')));
-const savedState = (support) => JSON.parse(fs.readFileSync(path.join(support, 'awake.json'), 'utf8'));
 
 test('each mode holds the machine as the work asks, and lets go when the last of it ends', async (t) => {
   const rows = [
@@ -207,16 +208,10 @@ test('another program’s block on sleep is named in Backpack', async (t) => {
 
 test('battery, lid and heat are read from the system folders until /qa says otherwise', async (t) => {
   const { power, awake, sys, snapshot } = await startAwakeService(t);
-  const files = {
-    [path.join(sys.powerSupply, 'BAT0')]: { type: 'Battery', capacity: 37, status: 'Discharging' },
-    [path.join(sys.powerSupply, 'AC')]: { type: 'Mains', online: 0 },
-    [path.join(sys.lidFolder, 'LID0')]: { state: 'state:      closed' },
-    [path.join(sys.thermal, 'thermal_zone0')]: { temp: 97000 },
-  };
-  for (const [folder, fields] of Object.entries(files)) {
-    fs.mkdirSync(folder, { recursive: true });
-    for (const [name, text] of Object.entries(fields)) fs.writeFileSync(path.join(folder, name), `${text}\n`);
-  }
+  tree(sys.powerSupply, { 'BAT0/type': 'Battery', 'BAT0/capacity': 37, 'BAT0/status': 'Discharging' });
+  tree(sys.powerSupply, { 'AC/type': 'Mains', 'AC/online': 0 });
+  tree(sys.lidFolder, { 'LID0/state': 'state:      closed' });
+  tree(sys.thermal, { 'thermal_zone0/temp': 97000 });
   const battery = { percent: 37, charging: false, onAC: false };
   assert.deepEqual((await power({})).reading, { battery, lidClosed: true, temperature: 97, laptop: true, backpackReady: true });
   assert.deepEqual([(await awake()).laptop, (await awake()).lidClosed], [true, true]);

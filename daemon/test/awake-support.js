@@ -49,6 +49,20 @@ export function fakeTools(folder) {
   };
 }
 
+/** Writes each file of a folder tree, a line each; gives the root, made even when there are none. */
+export function tree(root, files) {
+  fs.mkdirSync(root, { recursive: true });
+  for (const [name, text] of Object.entries(files)) {
+    const file = path.join(root, name);
+    fs.mkdirSync(path.dirname(file), { recursive: true });
+    fs.writeFileSync(file, `${text}\n`);
+  }
+  return root;
+}
+
+/** The Stay awake state the service saved. */
+export const savedState = (support) => JSON.parse(fs.readFileSync(path.join(support, 'awake.json'), 'utf8'));
+
 /** Whether a process runs (a zombie doesn't). */
 export function running(pid) {
   try {

@@ -1,6 +1,6 @@
 // What the service reads out of Claude Code: a session's state after each
-// event, a transcript followed as it grows, and the status line's windows and
-// their pace. Payloads and transcript are the ones Claude Code really wrote
+// event, a transcript followed as it grows, and the pace of the status line's
+// windows. Payloads and transcript are the ones Claude Code really wrote
 // (test/fixtures/claude).
 
 import assert from 'node:assert/strict';
@@ -74,13 +74,14 @@ test('a session after each event', () => {
   }
 });
 
-test('titles and blocks from words', () => {
+test('titles, blocks and windows from odd words', () => {
   assert.equal(titleFrom('\n\n  fix   the\ttests  \nand more'), 'fix the tests');
   assert.equal(titleFrom('x'.repeat(200)).length, 81);
   assert.equal(titleFrom(' \n '), undefined);
   assert.deepEqual(blockedFrom({ error: 'rate_limit' }, { fiveHour: { pct: 64 } }), { kind: 'limit' });
   assert.deepEqual(blockedFrom({ error: 'billing_error' }), { kind: 'no_credit' });
   assert.equal(blockedFrom({ error: 'max_output_tokens' }), null);
+  assert.equal(windowsFrom({ rate_limits: { five_hour: { used_percentage: 'lots' } } }), null, 'a window without its number');
 });
 
 test('the real transcript: a call refused in the terminal, one allowed, the last words, unknown lines passed over', () => {
@@ -160,16 +161,6 @@ test('a refused turn, as the transcript tells it', () => {
   const record = JSON.parse(linesOf('transcript-print-limit.jsonl').find((line) => line.includes('quotaLimits')));
   record.quotaLimits.resetsAt = 1795433435000;
   assert.equal(transcriptFacts([JSON.stringify(record)]).failure.resetsAt, 1795433435000);
-});
-
-test('the status line’s windows, from what Claude Code sent', () => {
-  assert.equal(windowsFrom(fixture('status-line-first.json')), null);
-  const { rate_limits: limits } = fixture('status-line-rate-limits.json');
-  assert.deepEqual(windowsFrom(fixture('status-line-rate-limits.json')), {
-    fiveHour: { pct: 64, resetsAt: limits.five_hour.resets_at * 1000 },
-    sevenDay: { pct: 20, resetsAt: limits.seven_day.resets_at * 1000 },
-  });
-  assert.equal(windowsFrom({ rate_limits: { five_hour: { used_percentage: 'lots' } } }), null);
 });
 
 const reading = (minutes, pct, resetsAt = NOW + 3 * 3600_000) => ({ at: NOW + minutes * 60_000, fiveHour: { pct, resetsAt } });
