@@ -30,14 +30,14 @@ async function setUp(t, options) {
   return { service, transcript, send, ask, snapshot: service.snapshot };
 }
 
+// What each event does is tabled in claude-records.test.js; here, that they reach the session.
 test('a session goes from start to end through its events', async (t) => {
   const { send, snapshot } = await setUp(t);
   const steps = [
     ['session-start.json', { state: 'idle', projectName: 'project' }],
     ['user-prompt-submit.json', { state: 'working', title: 'make a file please' }],
     ['pre-tool-use-bash.json', { state: 'working', activity: 'Bash: touch /tmp/cc-try/proj/made-by-claude' }],
-    ['post-tool-use-bash.json', { state: 'working', activity: undefined }],
-    ['stop.json', { state: 'idle', lastText: 'Done.' }],
+    ['stop.json', { state: 'idle', lastText: 'Done.', activity: undefined }],
     ['stop-failure-rate-limit.json', { state: 'idle', blocked: { kind: 'limit', text: fixture('stop-failure-rate-limit.json').last_assistant_message } }],
   ];
   for (const [name, expected] of steps) {

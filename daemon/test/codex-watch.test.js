@@ -90,12 +90,12 @@ test('a sessions folder made after the start is found by the look-over', async (
   await eventually(async () => (await snapshot()).codex.connected && (await sessionOf(codex.id))?.state === 'working', 'the session, once the folder is there');
 });
 
-test('a Codex older than the lowest version says so; a refresh after its update clears it', async (t) => {
+// The record's words for a Codex too old are tabled in codex-binary.test.js.
+test('a Codex older than the lowest version says so in both reads; a refresh after its update clears it', async (t) => {
   const { local, post, snapshot, program } = await watchingService(t, { version: '0.150.0', off: true });
-  const old = (await snapshot()).codex;
-  const problem = `Codex 0.150.0 is too old for Tidewatch, which needs ${MIN_CODEX_VERSION} or later.`;
-  assert.deepEqual(old, { available: false, enabled: false, connected: false, version: '0.150.0', min: MIN_CODEX_VERSION, path: program, problem });
-  assert.equal((await local('GET', '/local/status')).json.codex.problem, problem, 'the local status says the same');
+  const { problem } = (await snapshot()).codex;
+  assert.match(problem, /^Codex 0\.150\.0 is too old/);
+  assert.equal((await local('GET', '/local/status')).json.codex.problem, problem);
   installStandInProgram(path.dirname(program), { version: '0.171.0' });
   const { codex } = (await post('/v1/codex/refresh')).json;
   assert.deepEqual([codex.available, codex.version, 'problem' in codex], [true, '0.171.0', false]);
