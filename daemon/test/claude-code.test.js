@@ -192,7 +192,9 @@ for (const { name, error, blocked, account, said } of REFUSALS) {
     assert.equal(result.code, 1);
     assert.match(result.stdout, said);
 
-    const session = await eventually(async () => (await snapshot()).sessions.find((s) => s.state === 'ended'), 'the session ended', 15000);
+    // The session's end and the failed turn's hook are separate processes: either may land first.
+    const ended = (s) => s.state === 'ended' && s.blocked;
+    const session = await eventually(async () => (await snapshot()).sessions.find(ended), 'the session ended, blocked', 15000);
     assert.match(session.blocked.text, said);
     assert.deepEqual(session.blocked, { ...session.blocked, ...blocked(reset) });
     const now = (await snapshot()).account;
