@@ -70,7 +70,7 @@ std::optional<QString> refusal(const Environment& environment)
     if (isRealPath(environment)) {
         if (!environment.isTestCopy())
             return std::nullopt;
-        return QStringLiteral("This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode's "
+        return QStringLiteral("This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode’s "
                               "permission to your real Tidewatch. Set TIDEWATCH_SUDOERS to a scratch path to test it.");
     }
     // Checked on the path as written and as it resolves: /etc is reached through links too.
@@ -78,7 +78,7 @@ std::optional<QString> refusal(const Environment& environment)
     const QString resolved = QFileInfo(QFileInfo(written).path()).canonicalFilePath();
     for (const QString& candidate : {written, resolved + QLatin1Char('/')}) {
         if (candidate.startsWith(QLatin1StringView("/private/etc/")) || candidate.startsWith(QLatin1StringView("/etc/")))
-            return QStringLiteral("TIDEWATCH_SUDOERS points into /etc: a test never touches sudo's own folder.");
+            return QStringLiteral("TIDEWATCH_SUDOERS points into /etc: a test never touches sudo’s own folder.");
     }
     return std::nullopt;
 }
@@ -93,7 +93,7 @@ std::optional<QString> accountProblem(const QString& user)
     static const QRegularExpression allowed(QStringLiteral("^[A-Za-z0-9_][A-Za-z0-9_.-]{0,63}$"));
     if (allowed.match(user).hasMatch())
         return std::nullopt;
-    return QStringLiteral("Backpack mode can't name your account (") + user + QStringLiteral(") in sudo's rules.");
+    return QStringLiteral("Backpack mode can’t name your account (") + user + QStringLiteral(") in sudo’s rules.");
 }
 
 QString quoted(const QString& value)
@@ -127,7 +127,7 @@ QString installScript(const QString& user, const QString& path, bool chown)
 QString removeScript(const QString& path, const Saved& saved, const std::optional<QString>& pmset)
 {
     QStringList lines{QStringLiteral("set -e")};
-    // The permission can't go while it leaves the Mac unable to sleep: sleep goes back as Backpack found it.
+    // The permission can't go while it leaves this computer unable to sleep: sleep goes back as Backpack found it.
     if (pmset && saved.applied && saved.prev && (*saved.prev == 0 || *saved.prev == 1))
         lines << quoted(*pmset) + QStringLiteral(" -a disablesleep ") + QString::number(*saved.prev);
     lines << QStringLiteral("/bin/rm -f ") + quoted(path);
@@ -155,7 +155,7 @@ QString installPrompt()
 
 QString removePrompt()
 {
-    return QStringLiteral("Tidewatch needs your password to remove Backpack mode's permission.");
+    return QStringLiteral("Tidewatch needs your password to remove Backpack mode’s permission.");
 }
 
 std::pair<QString, bool> printScripts(const QString& user)
@@ -189,7 +189,7 @@ Outcome runPrivileged(const Environment& environment, const QString& script, con
     case platform::AdminRun::Result::Failed:
         break;
     }
-    return Failure::failed(run.message.isEmpty() ? QStringLiteral("The setup didn't finish.") : run.message);
+    return Failure::failed(run.message.isEmpty() ? QStringLiteral("The setup didn’t finish.") : run.message);
 }
 
 Outcome install(const Environment& environment, const QString& user, bool inApp)
@@ -205,7 +205,7 @@ Outcome install(const Environment& environment, const QString& user, bool inApp)
                                         installPrompt(), inApp))
         return failure;
     if (!isInstalled(environment))
-        return Failure::failed(QStringLiteral("The setup finished, but the permission isn't there. Try again."));
+        return Failure::failed(QStringLiteral("The setup finished, but the permission isn’t there. Try again."));
     return std::nullopt;
 }
 

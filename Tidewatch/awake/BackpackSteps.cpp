@@ -66,7 +66,7 @@ int remove(const Environment& environment, const Print& print)
         print(QStringLiteral("OK: not set up"));
         return kDone;
     }
-    print(QStringLiteral("Removing Backpack mode's rule (") + BackpackSetup::path(environment) + QStringLiteral(")…"));
+    print(QStringLiteral("Removing Backpack mode’s rule (") + BackpackSetup::path(environment) + QStringLiteral(")…"));
     QFile file(BackpackSetup::awakeFile(environment));
     const BackpackSetup::Saved saved
         = BackpackSetup::Saved::fromAwakeFile(file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray());

@@ -71,7 +71,7 @@ void TestBackpackSetup::accounts()
     const std::optional<QString> problem = accountProblem(user);
     QCOMPARE(!problem, accepted);
     if (problem)
-        QCOMPARE(*problem, "Backpack mode can't name your account (" + user + ") in sudo's rules.");
+        QCOMPARE(*problem, "Backpack mode can’t name your account (" + user + ") in sudo’s rules.");
     QCOMPARE(printScripts(user).second, accepted);
 }
 
@@ -81,11 +81,11 @@ void TestBackpackSetup::refusals_data()
     QTest::addColumn<bool>("testCopy");
     QTest::addColumn<QString>("refusal");
 
-    const QString intoEtc = QStringLiteral("TIDEWATCH_SUDOERS points into /etc: a test never touches sudo's own folder.");
+    const QString intoEtc = QStringLiteral("TIDEWATCH_SUDOERS points into /etc: a test never touches sudo’s own folder.");
     QTest::newRow("the real install may use the real path") << "" << false << "";
     QTest::newRow("a test copy may not")
         << "" << true
-        << "This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode's permission to your real "
+        << "This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode’s permission to your real "
            "Tidewatch. Set TIDEWATCH_SUDOERS to a scratch path to test it.";
     QTest::newRow("sudo's folder is refused") << "/etc/sudoers.d/x" << true << intoEtc;
     QTest::newRow("its macOS spelling too") << "/private/etc/x" << true << intoEtc;

@@ -43,11 +43,11 @@ void TestPopoverRender::samplesReadInOrder_data()
                                              << QStringList{"SESSIONS", "Pair another phone"};
     QTest::newRow("a service that is down is the whole page")
         << "service-down"
-        << QStringList{"The background service isn't answering.",
-               "Your phone can't reach your sessions until it's back. Restarting usually fixes it; shared terminals "
+        << QStringList{"The background service isn’t answering.",
+               "Your phone can’t reach your sessions until it’s back. Restarting usually fixes it; shared terminals "
                "keep running."}
         << QStringList{"SESSIONS"};
-    QTest::newRow("not set up") << "not-set-up" << QStringList{"Tidewatch isn't set up on this Mac yet."}
+    QTest::newRow("not set up") << "not-set-up" << QStringList{"Tidewatch isn’t set up on this computer yet."}
                                 << QStringList{"SESSIONS"};
     QTest::newRow("the approval stands first, its answers in order")
         << "working-with-approval"
