@@ -5,7 +5,6 @@
 #include "Fixture.h"
 #include "GoldenTest.h"
 
-
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -31,9 +30,7 @@ QString render(const QString& section, const QStringList& in)
             return kNone;
         static const QStringList acts{u"opens "_s, u"signs in"_s, u"brings Setup forward"_s};
         return *card->action + u", "_s + acts.at(int(*card->act))
-            + (card->act == AccountContent::Act::Open
-                    ? (card->url.scheme().isEmpty() ? card->url.path() : card->url.toString())
-                    : QString())
+            + (card->act == AccountContent::Act::Open ? card->url.toString() : QString())
             + (card->busy ? u", spinning"_s : QString());
     }
     if (section == u"key"_s)

@@ -4,7 +4,6 @@
 #include "Fixture.h"
 #include "GoldenTest.h"
 
-
 #include <limits>
 
 using namespace Qt::StringLiterals;
@@ -29,8 +28,7 @@ QString said(const QString& what)
     if (what == u"settings"_s)
         return AwakeWords::settingsCaption();
     const BackpackOffer offer = AwakeWords::backpackOffer(what.section(u' ', 1).toLongLong());
-    return QStringList{offer.title, offer.body, offer.enable, offer.enableBusy, offer.decline}.join(u" | "_s).replace(
-        u'\n', u"\\n"_s);
+    return QStringList{offer.title, offer.body, offer.enable, offer.enableBusy, offer.decline}.join(u" | "_s);
 }
 
 QString render(const QString& section, const QStringList& in)

@@ -92,9 +92,8 @@ QString downCard(const QString& words)
         inputs.serviceNodeGone = u"/opt/node/bin/node"_s;
     const QStringList repairing = words.section(u"repairing "_s, 1).split(u' ', Qt::SkipEmptyParts);
     if (!repairing.isEmpty()) {
-        inputs.repairing = ServiceInstaller::Progress{ServiceInstaller::Progress::Step(steps.indexOf(repairing.at(0)))};
-        if (repairing.size() > 1)
-            inputs.repairing->fraction = repairing.at(1).toDouble();
+        inputs.repairing = ServiceInstaller::Progress{ServiceInstaller::Progress::Step(steps.indexOf(repairing.at(0))),
+            repairing.size() > 1 ? std::optional<double>(repairing.at(1).toDouble()) : std::nullopt};
     }
     const ServiceDownCard card = serviceDownCard(inputs);
     QStringList said{card.title, card.line,
