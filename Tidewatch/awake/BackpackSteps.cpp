@@ -23,8 +23,9 @@ int finish(const BackpackSetup::Outcome& outcome, const QString& success, const 
         return kDone;
     }
     print(QStringLiteral("FAILED: ")
-          + (outcome->kind == BackpackSetup::Failure::Kind::Cancelled ? QStringLiteral("The password dialog was dismissed.")
-                                                                      : outcome->sentence));
+        + (outcome->kind == BackpackSetup::Failure::Kind::Cancelled
+                ? QStringLiteral("The password dialog was dismissed.")
+                : outcome->sentence));
     return kFailed;
 }
 

@@ -80,8 +80,7 @@ ServiceInstaller TestUninstaller::installed(const Environment& environment) cons
     parts.health = [](double) { return std::optional<Health>(); };
     ServiceInstaller installer(parts);
     if (!environment.refusalSentence()) {
-        const bool copied
-            = installer.copyDaemon().ok() && installer.writeJobFile(ServiceProcess::nodeProgram()).ok();
+        const bool copied = installer.copyDaemon().ok() && installer.writeJobFile(ServiceProcess::nodeProgram()).ok();
         if (!copied)
             QTest::qFail("the service couldn't be put in place", __FILE__, __LINE__);
         QDir().mkpath(environment.nodeFolder() + QStringLiteral("/v22.23.3/bin"));

@@ -4,7 +4,6 @@
 #include "Fixture.h"
 #include "GoldenTest.h"
 
-
 #include <limits>
 
 using namespace Qt::StringLiterals;

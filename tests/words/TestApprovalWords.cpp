@@ -5,7 +5,6 @@
 #include "Fixture.h"
 #include "GoldenTest.h"
 
-
 using namespace Qt::StringLiterals;
 
 namespace {

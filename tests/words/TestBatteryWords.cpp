@@ -4,7 +4,6 @@
 #include "Fixture.h"
 #include "GoldenTest.h"
 
-
 using namespace Qt::StringLiterals;
 
 namespace {

@@ -4,7 +4,6 @@
 #include "Golden.h"
 #include "GoldenTest.h"
 
-
 using namespace Qt::StringLiterals;
 
 namespace {

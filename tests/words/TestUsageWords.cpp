@@ -7,7 +7,6 @@
 #include "Golden.h"
 #include "GoldenTest.h"
 
-
 using namespace Qt::StringLiterals;
 
 namespace {
