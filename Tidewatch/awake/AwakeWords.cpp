@@ -1,5 +1,6 @@
 #include "awake/AwakeWords.h"
 
+#include "text/Machine.h"
 #include "text/TimeWords.h"
 
 #include <algorithm>
@@ -23,7 +24,7 @@ QString otherName(const Awake& awake)
 
 QString stillKept(const Awake& awake)
 {
-    return u", but %1 is still keeping your Mac awake"_s.arg(otherName(awake));
+    return u", but %1 is still keeping %2 awake"_s.arg(otherName(awake), machine::yourMachine());
 }
 
 QString untilSleep(const Awake& awake, const QDateTime& now)
@@ -90,7 +91,7 @@ std::optional<QString> reasonWords(const Awake& awake, const std::optional<Batte
         return u"battery %1%"_s.arg(std::llround(battery->percent));
     }
     if (reason == u"hot"_s)
-        return u"it's running hot"_s;
+        return u"it’s running hot"_s;
     if (reason == u"time"_s)
         return u"8 hours are up"_s;
     return std::nullopt;
@@ -108,12 +109,12 @@ std::optional<AwakeLine> sentence(
             return AwakeLine{
                 u"Tidewatch lets go in "_s + d + (why ? u" ("_s + *why + u')' : QString()) + stillKept(awake), true};
         }
-        return AwakeLine{u"Your Mac will sleep in "_s + d + (why ? u": "_s + *why : QString()), true};
+        return AwakeLine{machine::YourMachine() + u" will sleep in "_s + d + (why ? u": "_s + *why : QString()), true};
     }
     if (isReleased(awake) && heldByOther(awake)) {
         const QString how = awake.reason == u"battery"_s
             ? u" at %1%"_s.arg(battery ? std::llround(battery->percent) : awake.minBattery)
-            : u": it's running hot"_s;
+            : u": it’s running hot"_s;
         return AwakeLine{u"Tidewatch let go"_s + how + stillKept(awake), true};
     }
     if (isReleased(awake)) {
@@ -123,9 +124,9 @@ std::optional<AwakeLine> sentence(
     }
     if (awake.mode == Awake::Mode::Backpack) {
         if (awake.reason == u"setup"_s)
-            return AwakeLine{u"Backpack mode's permission is gone. Set it up again in Settings."_s, true};
+            return AwakeLine{u"Backpack mode’s permission is gone. Set it up again in Settings."_s, true};
         if (awake.reason == u"failed"_s)
-            return AwakeLine{u"macOS didn't take the lid-closed setting. Tidewatch tries again in a moment."_s, true};
+            return AwakeLine{u"macOS didn’t take the lid-closed setting. Tidewatch tries again in a moment."_s, true};
         if (awake.holding && awake.until) {
             return AwakeLine{u"Awake with the lid closed until %1. It sleeps at %2% battery."_s
                                  .arg(TimeWords::clockTime(*awake.until, now, locale))
@@ -143,7 +144,8 @@ MinBatteryControl minBatteryControl(qint64 value)
 
 QString minBatteryCaption()
 {
-    return u"Below this, on its own battery, Tidewatch stops keeping the Mac awake (2 minutes' warning first)."_s;
+    return u"Below this, on its own battery, Tidewatch stops keeping %1 awake (2 minutes’ warning first)."_s.arg(
+        machine::thisMachine());
 }
 
 QString modeTitle(Awake::Mode mode)
@@ -170,7 +172,7 @@ QString modeHelp(Awake::Mode mode)
     case Awake::Mode::Off:
         break;
     }
-    return u"Tidewatch never keeps this Mac awake; it sleeps as macOS decides."_s;
+    return u"Tidewatch never keeps %1 awake; it sleeps as macOS decides."_s.arg(machine::thisMachine());
 }
 
 bool backpackSetUp(const Awake& awake, bool ruleFileExists)
@@ -181,7 +183,8 @@ bool backpackSetUp(const Awake& awake, bool ruleFileExists)
 BackpackOffer backpackOffer(qint64 minBattery)
 {
     return {u"Keep working with the lid closed."_s,
-        u"Backpack mode keeps this Mac awake in your bag, on battery, for up to 8 hours, and lets it sleep at "_s
+        u"Backpack mode keeps "_s + machine::thisMachine()
+            + u" awake in your bag, on battery, for up to 8 hours, and lets it sleep at "_s
             + QString::number(minBattery)
             + u"% battery or if it runs hot. Your phone and glasses hear 2 minutes before.\n\nmacOS keeps a closed Mac "
               u"awake only with your password, once: Tidewatch adds a rule that lets it turn sleep off and back on, "
@@ -198,7 +201,8 @@ QString settingsCaption()
 QString permissionCaption(bool setUp)
 {
     return setUp ? u"Removes the rule that lets Tidewatch turn sleep off. Asks for your password."_s
-                 : u"Asks for your password once, to let Tidewatch keep this Mac awake with the lid closed."_s;
+                 : u"Asks for your password once, to let Tidewatch keep %1 awake with the lid closed."_s.arg(
+                     machine::thisMachine());
 }
 
 } // namespace AwakeWords

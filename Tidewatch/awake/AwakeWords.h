@@ -45,7 +45,7 @@ struct BackpackOffer {
 // the present time, shared by the popover, Settings and the phone.
 namespace AwakeWords {
 
-/// The warning that the Mac is about to sleep is running.
+/// The warning that this computer is about to sleep is running.
 bool isWarning(const Awake& awake);
 /// The service let go because of the machine's condition: battery or heat.
 bool isReleased(const Awake& awake);

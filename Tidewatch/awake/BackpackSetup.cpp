@@ -25,7 +25,9 @@ QStringList ruleLines(const QString& user)
         QStringLiteral("# Tidewatch's Backpack mode: lets ") + user
             + QStringLiteral(" turn macOS sleep off and back on (pmset disablesleep), nothing else."),
         QStringLiteral("# Remove it in Tidewatch (Settings, Stay awake), or with: sudo rm /etc/sudoers.d/tidewatch"),
-        user + QStringLiteral(" ALL=(root) NOPASSWD: /usr/bin/pmset -a disablesleep 0, /usr/bin/pmset -a disablesleep 1"),
+        user
+            + QStringLiteral(
+                " ALL=(root) NOPASSWD: /usr/bin/pmset -a disablesleep 0, /usr/bin/pmset -a disablesleep 1"),
     };
 }
 
@@ -70,15 +72,16 @@ std::optional<QString> refusal(const Environment& environment)
     if (isRealPath(environment)) {
         if (!environment.isTestCopy())
             return std::nullopt;
-        return QStringLiteral("This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode's "
+        return QStringLiteral("This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode’s "
                               "permission to your real Tidewatch. Set TIDEWATCH_SUDOERS to a scratch path to test it.");
     }
     // Checked on the path as written and as it resolves: /etc is reached through links too.
     const QString written = QDir::cleanPath(path(environment));
     const QString resolved = QFileInfo(QFileInfo(written).path()).canonicalFilePath();
     for (const QString& candidate : {written, resolved + QLatin1Char('/')}) {
-        if (candidate.startsWith(QLatin1StringView("/private/etc/")) || candidate.startsWith(QLatin1StringView("/etc/")))
-            return QStringLiteral("TIDEWATCH_SUDOERS points into /etc: a test never touches sudo's own folder.");
+        if (candidate.startsWith(QLatin1StringView("/private/etc/"))
+            || candidate.startsWith(QLatin1StringView("/etc/")))
+            return QStringLiteral("TIDEWATCH_SUDOERS points into /etc: a test never touches sudo’s own folder.");
     }
     return std::nullopt;
 }
@@ -93,7 +96,7 @@ std::optional<QString> accountProblem(const QString& user)
     static const QRegularExpression allowed(QStringLiteral("^[A-Za-z0-9_][A-Za-z0-9_.-]{0,63}$"));
     if (allowed.match(user).hasMatch())
         return std::nullopt;
-    return QStringLiteral("Backpack mode can't name your account (") + user + QStringLiteral(") in sudo's rules.");
+    return QStringLiteral("Backpack mode can’t name your account (") + user + QStringLiteral(") in sudo’s rules.");
 }
 
 QString quoted(const QString& value)
@@ -113,7 +116,8 @@ QString installScript(const QString& user, const QString& path, bool chown)
         QStringLiteral("set -e"),
         QStringLiteral("umask 077"),
         QStringLiteral("/bin/mkdir -p ") + quoted(folder),
-        QStringLiteral("tmp=$(/usr/bin/mktemp ") + quoted(folder + QStringLiteral("/.tidewatch.XXXXXX")) + QLatin1Char(')'),
+        QStringLiteral("tmp=$(/usr/bin/mktemp ") + quoted(folder + QStringLiteral("/.tidewatch.XXXXXX"))
+            + QLatin1Char(')'),
         QStringLiteral("trap '/bin/rm -f \"$tmp\"' EXIT"),
         QStringLiteral("/usr/bin/printf '%s\\n' ") + rule.join(QLatin1Char(' ')) + QStringLiteral(" > \"$tmp\""),
         QStringLiteral("/usr/sbin/visudo -cf \"$tmp\" >/dev/null"),
@@ -127,7 +131,7 @@ QString installScript(const QString& user, const QString& path, bool chown)
 QString removeScript(const QString& path, const Saved& saved, const std::optional<QString>& pmset)
 {
     QStringList lines{QStringLiteral("set -e")};
-    // The permission can't go while it leaves the Mac unable to sleep: sleep goes back as Backpack found it.
+    // The permission can't go while it leaves this computer unable to sleep: sleep goes back as Backpack found it.
     if (pmset && saved.applied && saved.prev && (*saved.prev == 0 || *saved.prev == 1))
         lines << quoted(*pmset) + QStringLiteral(" -a disablesleep ") + QString::number(*saved.prev);
     lines << QStringLiteral("/bin/rm -f ") + quoted(path);
@@ -155,15 +159,15 @@ QString installPrompt()
 
 QString removePrompt()
 {
-    return QStringLiteral("Tidewatch needs your password to remove Backpack mode's permission.");
+    return QStringLiteral("Tidewatch needs your password to remove Backpack mode’s permission.");
 }
 
 std::pair<QString, bool> printScripts(const QString& user)
 {
     const QString real = QString::fromLatin1(realPath);
     const QString install = installScript(user, real, true);
-    QString text = QStringLiteral("# install (as root), for ") + user + QStringLiteral(":\n") + install
-        + QStringLiteral("\n\n");
+    QString text
+        = QStringLiteral("# install (as root), for ") + user + QStringLiteral(":\n") + install + QStringLiteral("\n\n");
     text += QStringLiteral("# remove (as root), Backpack having switched SleepDisabled from 0:\n")
         + removeScript(real, Saved{0, true}, QStringLiteral("/usr/bin/pmset")) + QStringLiteral("\n\n");
     text += QStringLiteral("# AppleScript:\n") + appleScript(install, installPrompt());
@@ -173,12 +177,13 @@ std::pair<QString, bool> printScripts(const QString& user)
 Outcome runPrivileged(const Environment& environment, const QString& script, const QString& prompt, bool inApp)
 {
     if (!isRealPath(environment)) {
-        const ShellResult result = Shell::run(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script}, std::nullopt,
-                                              QString(), kScratchLimit);
+        const ShellResult result = Shell::run(
+            QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script}, std::nullopt, QString(), kScratchLimit);
         if (!result.timedOut && result.status == 0)
             return std::nullopt;
         const QString said = result.combined();
-        return Failure::failed(said.isEmpty() ? QStringLiteral("The setup script failed (%1).").arg(result.status) : said);
+        return Failure::failed(
+            said.isEmpty() ? QStringLiteral("The setup script failed (%1).").arg(result.status) : said);
     }
     const platform::AdminRun run = platform::runAsAdministrator(script, appleScript(script, prompt), inApp);
     switch (run.result) {
@@ -189,7 +194,7 @@ Outcome runPrivileged(const Environment& environment, const QString& script, con
     case platform::AdminRun::Result::Failed:
         break;
     }
-    return Failure::failed(run.message.isEmpty() ? QStringLiteral("The setup didn't finish.") : run.message);
+    return Failure::failed(run.message.isEmpty() ? QStringLiteral("The setup didn’t finish.") : run.message);
 }
 
 Outcome install(const Environment& environment, const QString& user, bool inApp)
@@ -201,11 +206,11 @@ Outcome install(const Environment& environment, const QString& user, bool inApp)
     if (const std::optional<QString> problem = accountProblem(user))
         return Failure::failed(*problem);
     const QString rulePath = path(environment);
-    if (Outcome failure = runPrivileged(environment, installScript(user, rulePath, isRealPath(environment)),
-                                        installPrompt(), inApp))
+    if (Outcome failure
+        = runPrivileged(environment, installScript(user, rulePath, isRealPath(environment)), installPrompt(), inApp))
         return failure;
     if (!isInstalled(environment))
-        return Failure::failed(QStringLiteral("The setup finished, but the permission isn't there. Try again."));
+        return Failure::failed(QStringLiteral("The setup finished, but the permission isn’t there. Try again."));
     return std::nullopt;
 }
 
@@ -240,7 +245,7 @@ Outcome remove(const Environment& environment, bool inApp)
             : std::nullopt;
         if (awake && awake->mode == Awake::Mode::Backpack) {
             DaemonClient::requestBlocking(environment, DaemonClient::Method::Post, QStringLiteral("/v1/mac/awake"),
-                                          QJsonObject{{QStringLiteral("mode"), QStringLiteral("working")}}, 10);
+                QJsonObject{{QStringLiteral("mode"), QStringLiteral("working")}}, 10);
         }
     }
 
@@ -253,8 +258,8 @@ Outcome remove(const Environment& environment, bool inApp)
     else if (const QString standIn = environment.variable(QStringLiteral("TIDEWATCH_PMSET")); !standIn.isEmpty())
         pmset = standIn;
 
-    if (Outcome failure = runPrivileged(environment, removeScript(path(environment), Saved::fromAwakeFile(contents), pmset),
-                                        removePrompt(), inApp))
+    if (Outcome failure = runPrivileged(
+            environment, removeScript(path(environment), Saved::fromAwakeFile(contents), pmset), removePrompt(), inApp))
         return failure;
     if (isInstalled(environment))
         return Failure::failed(QStringLiteral("The permission is still there. Try again."));

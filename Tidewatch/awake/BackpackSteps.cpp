@@ -23,8 +23,9 @@ int finish(const BackpackSetup::Outcome& outcome, const QString& success, const 
         return kDone;
     }
     print(QStringLiteral("FAILED: ")
-          + (outcome->kind == BackpackSetup::Failure::Kind::Cancelled ? QStringLiteral("The password dialog was dismissed.")
-                                                                      : outcome->sentence));
+        + (outcome->kind == BackpackSetup::Failure::Kind::Cancelled
+                ? QStringLiteral("The password dialog was dismissed.")
+                : outcome->sentence));
     return kFailed;
 }
 
@@ -66,7 +67,7 @@ int remove(const Environment& environment, const Print& print)
         print(QStringLiteral("OK: not set up"));
         return kDone;
     }
-    print(QStringLiteral("Removing Backpack mode's rule (") + BackpackSetup::path(environment) + QStringLiteral(")…"));
+    print(QStringLiteral("Removing Backpack mode’s rule (") + BackpackSetup::path(environment) + QStringLiteral(")…"));
     QFile file(BackpackSetup::awakeFile(environment));
     const BackpackSetup::Saved saved
         = BackpackSetup::Saved::fromAwakeFile(file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray());

@@ -36,7 +36,7 @@ QString trimmedOfBlanks(const QString& line)
 
 QString couldNotStart(const QString& reason)
 {
-    return QStringLiteral("Couldn't start: ") + reason;
+    return QStringLiteral("Couldn’t start: ") + reason;
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "setup/ClaudeSDK.h"
 
+#include "text/Machine.h"
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -112,22 +113,13 @@ std::optional<Npm> findNpm(const QString& nodePath)
 
 QStringList arguments(const QString& cacheFolder)
 {
-    return {QStringLiteral("install"),
-            QStringLiteral("--no-save"),
-            QStringLiteral("--ignore-scripts"),
-            QStringLiteral("--no-audit"),
-            QStringLiteral("--no-fund"),
-            QStringLiteral("--omit=dev"),
-            QStringLiteral("--omit=optional"),
-            QStringLiteral("--prefer-offline"),
-            QStringLiteral("--update-notifier=false"),
-            QStringLiteral("--fetch-retries=2"),
-            QStringLiteral("--fetch-retry-mintimeout=2000"),
-            QStringLiteral("--fetch-retry-maxtimeout=8000"),
-            QStringLiteral("--fetch-timeout=60000"),
-            QStringLiteral("--loglevel=error"),
-            QStringLiteral("--cache"),
-            cacheFolder};
+    return {QStringLiteral("install"), QStringLiteral("--no-save"), QStringLiteral("--ignore-scripts"),
+        QStringLiteral("--no-audit"), QStringLiteral("--no-fund"), QStringLiteral("--omit=dev"),
+        QStringLiteral("--omit=optional"), QStringLiteral("--prefer-offline"),
+        QStringLiteral("--update-notifier=false"), QStringLiteral("--fetch-retries=2"),
+        QStringLiteral("--fetch-retry-mintimeout=2000"), QStringLiteral("--fetch-retry-maxtimeout=8000"),
+        QStringLiteral("--fetch-timeout=60000"), QStringLiteral("--loglevel=error"), QStringLiteral("--cache"),
+        cacheFolder};
 }
 
 Shell::Environment environment(const QString& nodePath)
@@ -140,21 +132,23 @@ Shell::Environment environment(const QString& nodePath)
 }
 
 QString sentence(const ShellResult& result, const std::optional<QString>& pinned, double limitSeconds,
-                 const QString& daemonFolderForPeople)
+    const QString& daemonFolderForPeople)
 {
     const QString text = result.combined();
     const auto holds = [&text](std::initializer_list<const char*> words) {
-        return std::any_of(words.begin(), words.end(),
-                           [&text](const char* word) { return text.contains(QLatin1StringView(word)); });
+        return std::any_of(
+            words.begin(), words.end(), [&text](const char* word) { return text.contains(QLatin1StringView(word)); });
     };
     if (result.timedOut) {
-        return QStringLiteral("npm didn’t finish within %1 minutes. Check the internet connection, then fetch it again.")
+        return QStringLiteral(
+            "npm didn’t finish within %1 minutes. Check the internet connection, then fetch it again.")
             .arg(int(limitSeconds / 60));
     }
     if (holds({"ENOTFOUND", "ECONNREFUSED", "ETIMEDOUT", "EAI_AGAIN", "ECONNRESET", "ENETUNREACH", "EHOSTUNREACH",
-               "ERR_SOCKET_TIMEOUT"})) {
-        return QStringLiteral("Tidewatch couldn’t reach npm: this Mac looks offline (or a proxy is in the way). Fetch "
-                              "it again once it’s online.");
+            "ERR_SOCKET_TIMEOUT"})) {
+        return QStringLiteral("Tidewatch couldn’t reach npm: %1 looks offline (or a proxy is in the way). Fetch "
+                              "it again once it’s online.")
+            .arg(machine::thisMachine());
     }
     if (holds({"EINTEGRITY"})) {
         return QStringLiteral("The download didn’t match the checksum in the service’s package lock, so npm threw it "
@@ -181,8 +175,8 @@ QString sentence(const ShellResult& result, const std::optional<QString>& pinned
             continue;
         }
         // npm's bookkeeping lines aren't its message.
-        if (!detail && !line.startsWith(QLatin1StringView("at ")) && !line.startsWith(QLatin1StringView("A complete log"))
-            && !line.startsWith(QLatin1StringView("errno")))
+        if (!detail && !line.startsWith(QLatin1StringView("at "))
+            && !line.startsWith(QLatin1StringView("A complete log")) && !line.startsWith(QLatin1StringView("errno")))
             detail = line;
     }
     QStringList parts;
@@ -190,20 +184,24 @@ QString sentence(const ShellResult& result, const std::optional<QString>& pinned
         parts << *code;
     if (detail)
         parts << *detail;
-    const QString words = parts.isEmpty() ? QStringLiteral("exit %1").arg(result.status) : parts.join(QStringLiteral(": ")).left(160);
+    const QString words
+        = parts.isEmpty() ? QStringLiteral("exit %1").arg(result.status) : parts.join(QStringLiteral(": ")).left(160);
     return QStringLiteral("npm stopped with an error (") + words + QStringLiteral("). Fetch it again in a moment.");
 }
 
 Outcome fetch(const Environment& environment, const QString& daemonFolder, const QString& nodePath, double limitSeconds)
 {
     if (!QFileInfo::exists(daemonFolder + QStringLiteral("/package-lock.json"))) {
-        return {std::nullopt, QStringLiteral("This copy of the service has no package lock to fetch Claude Code’s SDK "
-                                             "with. Rebuild the app with mac/build.sh.")};
+        return {std::nullopt,
+            QStringLiteral("This copy of the service has no package lock to fetch Claude Code’s SDK "
+                           "with. Rebuild the app with mac/build.sh.")};
     }
     const std::optional<Npm> npm = findNpm(nodePath);
     if (!npm) {
-        return {std::nullopt, QStringLiteral("There’s no npm next to the Node.js the service runs on (") + withTilde(nodePath, environment.home())
-                                  + QStringLiteral("), so Claude Code’s SDK couldn’t be fetched.")};
+        return {std::nullopt,
+            QStringLiteral("There’s no npm next to the Node.js the service runs on (")
+                + withTilde(nodePath, environment.home())
+                + QStringLiteral("), so Claude Code’s SDK couldn’t be fetched.")};
     }
     const QString cache = environment.supportFolder() + QStringLiteral("/npm-cache");
     QDir().mkpath(cache);
@@ -212,8 +210,8 @@ Outcome fetch(const Environment& environment, const QString& daemonFolder, const
     if (!installedVersion(daemonFolder) && QFileInfo::exists(packageFolder(daemonFolder)))
         QDir(packageFolder(daemonFolder)).removeRecursively();
 
-    const ShellResult result = Shell::run(npm->program, npm->prefix + arguments(cache),
-                                          ClaudeSDK::environment(nodePath), daemonFolder, limitSeconds);
+    const ShellResult result = Shell::run(
+        npm->program, npm->prefix + arguments(cache), ClaudeSDK::environment(nodePath), daemonFolder, limitSeconds);
     const std::optional<QString> pinned = wanted(daemonFolder);
     const std::optional<QString> version = installedVersion(daemonFolder);
     if (!result.timedOut && result.status == 0 && version && (!pinned || pinned == version))

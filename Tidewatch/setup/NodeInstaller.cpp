@@ -1,11 +1,12 @@
 #include "setup/NodeInstaller.h"
 
-#include "entry/Preferences.h"
 #include "base/Shell.h"
+#include "entry/Preferences.h"
 #include "platform/Platform.h"
 #include "setup/Fetch.h"
-#include "setup/OutsideTools.h"
 #include "setup/NodeVersion.h"
+#include "setup/OutsideTools.h"
+#include "text/Machine.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -54,7 +55,8 @@ Outcome<Release> pickRelease(const QByteArray& index, const QUrl& site)
     const QJsonDocument document = QJsonDocument::fromJson(index, &error);
     if (error.error != QJsonParseError::NoError)
         return Outcome<Release>::failure(error.errorString());
-    const auto unexpected = Outcome<Release>::failure(QStringLiteral("the Node.js site sent an unexpected release list."));
+    const auto unexpected
+        = Outcome<Release>::failure(QStringLiteral("the Node.js site sent an unexpected release list."));
     if (!document.isArray())
         return unexpected;
     const platform::NodeArchive archive = platform::nodeArchive();
@@ -76,12 +78,13 @@ Outcome<Release> pickRelease(const QByteArray& index, const QUrl& site)
         Release release;
         release.version = version.toString();
         release.ltsName = lts.toString();
-        release.file = QStringLiteral("node-") + release.version + QLatin1Char('-') + archive.system + QStringLiteral(".tar.gz");
+        release.file
+            = QStringLiteral("node-") + release.version + QLatin1Char('-') + archive.system + QStringLiteral(".tar.gz");
         release.url = distFile(site, release.version + QLatin1Char('/') + release.file);
         return release;
     }
-    // Which Mac or PC this is doesn't change the sentence: it is what the person reads.
-    return Outcome<Release>::failure(QStringLiteral("Couldn't find a Node.js LTS release for this Mac."));
+    return Outcome<Release>::failure(
+        QStringLiteral("Couldn’t find a Node.js LTS release for %1.").arg(machine::thisMachine()));
 }
 
 Outcome<QString> checksumFor(const QByteArray& list, const QString& file)
@@ -92,8 +95,8 @@ Outcome<QString> checksumFor(const QByteArray& list, const QString& file)
         if (fields.size() == 2 && fields.at(1).trimmed() == file)
             return fields.at(0).toLower();
     }
-    return Outcome<QString>::failure(QStringLiteral("the Node.js site's checksum list has no entry for ") + file
-                                     + QLatin1Char('.'));
+    return Outcome<QString>::failure(
+        QStringLiteral("the Node.js site’s checksum list has no entry for ") + file + QLatin1Char('.'));
 }
 
 bool ProgressThrottle::shouldReport(const QDateTime& now, qint64 written, qint64 expected)
@@ -134,15 +137,16 @@ Outcome<Release> latestLTS(const QUrl& site)
         return Outcome<Release>::failure(reply.error);
     if (reply.status != 200)
         return Outcome<Release>::failure(
-            QStringLiteral("the Node.js site didn't answer. Check your internet connection and try again."));
+            QStringLiteral("the Node.js site didn’t answer. Check your internet connection and try again."));
     return pickRelease(reply.body, site);
 }
 
 Outcome<QString> expectedSHA256(const QUrl& site, const Release& release)
 {
-    const Fetch::Reply reply = Fetch::get(distFile(site, release.version + QStringLiteral("/SHASUMS256.txt")), kListLimit);
+    const Fetch::Reply reply
+        = Fetch::get(distFile(site, release.version + QStringLiteral("/SHASUMS256.txt")), kListLimit);
     if (reply.status != 200)
-        return Outcome<QString>::failure(QStringLiteral("Couldn't get Node.js checksums from the Node.js site."));
+        return Outcome<QString>::failure(QStringLiteral("Couldn’t get Node.js checksums from the Node.js site."));
     return checksumFor(reply.body, release.file);
 }
 
@@ -164,7 +168,8 @@ Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Obse
     if (!QDir().mkpath(nodeFolder) || ::chmod(QFile::encodeName(nodeFolder).constData(), 0700) != 0)
         return Outcome<QString>::failure(QStringLiteral("Tidewatch couldn’t create its folder %1.").arg(nodeFolder));
 
-    const QString archive = QDir::tempPath() + QStringLiteral("/tidewatch-") + uniqueName() + QStringLiteral(".download");
+    const QString archive
+        = QDir::tempPath() + QStringLiteral("/tidewatch-") + uniqueName() + QStringLiteral(".download");
     const QString staging = nodeFolder + QStringLiteral("/.staging-") + uniqueName();
     // Every way out of an attempt leaves neither of them behind.
     const auto cleanUp = [&] {
@@ -177,10 +182,11 @@ Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Obse
     };
 
     ProgressThrottle throttle;
-    const Fetch::Reply download = Fetch::download(release.url, archive, kDownloadLimit, [&](qint64 written, qint64 total) {
-        if (observer.progress && throttle.shouldReport(QDateTime::currentDateTimeUtc(), written, total))
-            observer.progress(fraction(written, total));
-    });
+    const Fetch::Reply download
+        = Fetch::download(release.url, archive, kDownloadLimit, [&](qint64 written, qint64 total) {
+              if (observer.progress && throttle.shouldReport(QDateTime::currentDateTimeUtc(), written, total))
+                  observer.progress(fraction(written, total));
+          });
     if (!download.error.isEmpty())
         return fail(download.error);
     if (download.status != 200)
@@ -188,7 +194,7 @@ Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Obse
 
     say(QStringLiteral("verifying SHA-256 against SHASUMS256.txt…"));
     if (sha256(archive) != expected.value()) {
-        return fail(QStringLiteral("The download didn't match the Node.js site's checksum, so Tidewatch threw it away. "
+        return fail(QStringLiteral("The download didn’t match the Node.js site’s checksum, so Tidewatch threw it away. "
                                    "Try again; if it keeps happening, your network may be altering downloads."));
     }
 
@@ -196,10 +202,9 @@ Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Obse
     if (!QDir().mkpath(staging))
         return fail(QStringLiteral("Tidewatch couldn’t create its folder %1.").arg(staging));
     const ShellResult unpacked = Shell::run(tar.isEmpty() ? OutsideTools::current().system.tar : tar,
-                                            {QStringLiteral("-xzf"), archive, QStringLiteral("-C"), staging},
-                                            std::nullopt, QString(), kUnpackLimit);
+        {QStringLiteral("-xzf"), archive, QStringLiteral("-C"), staging}, std::nullopt, QString(), kUnpackLimit);
     if (unpacked.timedOut || unpacked.status != 0)
-        return fail(QStringLiteral("Couldn't unpack Node.js: ") + unpacked.combined());
+        return fail(QStringLiteral("Couldn’t unpack Node.js: ") + unpacked.combined());
 
     QString folderName = release.file;
     folderName.chop(int(QStringLiteral(".tar.gz").size()));
@@ -212,7 +217,7 @@ Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Obse
     const QString binary = target + QStringLiteral("/bin/node");
     const ShellResult started = Shell::run(binary, {QStringLiteral("--version")}, std::nullopt, QString(), kStartLimit);
     if (started.timedOut || started.status != 0 || started.out != release.version)
-        return fail(QStringLiteral("Node.js was unpacked but doesn't start: ") + started.combined());
+        return fail(QStringLiteral("Node.js was unpacked but doesn’t start: ") + started.combined());
     cleanUp();
     say(QStringLiteral("done: ") + release.version);
     return binary;

@@ -1,12 +1,13 @@
 #include "setup/ServiceInstaller.h"
 
 #include "base/AtomicFile.h"
-#include "entry/Preferences.h"
 #include "base/Shell.h"
+#include "entry/Preferences.h"
 #include "link/DaemonClient.h"
 #include "setup/ClaudeSDK.h"
 #include "setup/NodeInstaller.h"
 #include "setup/ServiceJob.h"
+#include "text/Machine.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -27,8 +28,8 @@ constexpr double kHealthInterval = 0.7;
 constexpr double kSettle = 1.5;
 constexpr int kLetGoChecks = 20;
 constexpr double kLetGoInterval = 0.25;
-constexpr int kBootstrapAttempts = 4;
-constexpr double kBootstrapPause = 0.6;
+constexpr int kStartAttempts = 4;
+constexpr double kStartPause = 0.6;
 constexpr double kXattrLimit = 30;
 constexpr double kLsofLimit = 8;
 constexpr int kLogLines = 12;
@@ -146,7 +147,7 @@ QString ServiceInstaller::progressLine(const Progress& progress, const ServiceMa
 {
     switch (progress.step) {
     case Progress::Step::GettingNode:
-        return QStringLiteral("  getting Node.js (no stable one on this Mac)");
+        return QStringLiteral("  getting Node.js (no stable one on %1)").arg(machine::thisMachine());
     case Progress::Step::Copying:
         return QStringLiteral("  copying the daemon");
     case Progress::Step::FetchingSDK:
@@ -183,7 +184,7 @@ Outcome<Health> ServiceInstaller::installAll(const ProgressSink& progress)
             nodePath = choice.versioned->path;
         } else {
             return Outcome<Health>::failure(
-                QStringLiteral("Tidewatch couldn't get Node.js for the background service. ") + fetched.sentence());
+                QStringLiteral("Tidewatch couldn’t get Node.js for the background service. ") + fetched.sentence());
         }
     }
 
@@ -219,18 +220,18 @@ Outcome<Health> ServiceInstaller::install(const QString& nodePath, const Progres
     }
 
     progress({Progress::Step::Writing, std::nullopt});
-    if (const Outcome<bool> written = writeLaunchAgent(nodePath); !written.ok())
+    if (const Outcome<bool> written = writeJobFile(nodePath); !written.ok())
         return fail(written.sentence());
 
     progress({Progress::Step::Starting, std::nullopt});
-    bootout();
-    if (const Outcome<bool> started = bootstrap(); !started.ok())
+    stop();
+    if (const Outcome<bool> started = start(); !started.ok())
         return fail(started.sentence());
 
     progress({Progress::Step::Waiting, std::nullopt});
     const std::optional<Health> health = pollHealth(m_parts.healthLimit);
     if (!health) {
-        QString sentence = QStringLiteral("The background service started but isn't answering yet.");
+        QString sentence = QStringLiteral("The background service started but isn’t answering yet.");
         if (const QStringList tail = logTail(kLogLines); !tail.isEmpty())
             sentence += QStringLiteral("\n\nLast lines of its log:\n") + tail.join(QLatin1Char('\n'));
         return fail(sentence);
@@ -242,7 +243,7 @@ Outcome<Health> ServiceInstaller::install(const QString& nodePath, const Progres
     const std::optional<int> ours = servicePID();
     if (onPort && ours != onPort) {
         return fail(QStringLiteral("Another copy of the service (process %1, started outside Tidewatch, maybe in a "
-                                   "Terminal window) is using port %2, so the background service can't take over. "
+                                   "Terminal window) is using port %2, so the background service can’t take over. "
                                    "Quit that copy, then try again.")
                         .arg(*onPort)
                         .arg(port));
@@ -255,7 +256,7 @@ Outcome<bool> ServiceInstaller::copyDaemon()
     const auto fail = [](const QString& sentence) { return Outcome<bool>::failure(sentence); };
     if (!m_parts.bundledDaemon || !hasEntry(*m_parts.bundledDaemon)) {
         return fail(QStringLiteral(
-            "This copy of Tidewatch doesn't include the background service. Rebuild it with mac/build.sh."));
+            "This copy of Tidewatch doesn’t include the background service. Rebuild it with mac/build.sh."));
     }
     if (const std::optional<QString> failure = m_parts.environment.ensureSupportFolder())
         return fail(*failure);
@@ -294,7 +295,7 @@ Outcome<bool> ServiceInstaller::copyDaemon()
     return true;
 }
 
-Outcome<bool> ServiceInstaller::writeLaunchAgent(const QString& nodePath)
+Outcome<bool> ServiceInstaller::writeJobFile(const QString& nodePath)
 {
     const QString folder = QFileInfo(jobFile()).path();
     if (!QDir().mkpath(folder))
@@ -310,7 +311,7 @@ Outcome<bool> ServiceInstaller::writeLaunchAgent(const QString& nodePath)
     return true;
 }
 
-void ServiceInstaller::bootout()
+void ServiceInstaller::stop()
 {
     if (refusal())
         return;
@@ -323,12 +324,12 @@ void ServiceInstaller::bootout()
     }
 }
 
-Outcome<bool> ServiceInstaller::bootstrap()
+Outcome<bool> ServiceInstaller::start()
 {
     if (const std::optional<QString> refused = refusal())
         return Outcome<bool>::failure(*refused);
     ShellResult last;
-    for (int attempt = 1; attempt <= kBootstrapAttempts; ++attempt) {
+    for (int attempt = 1; attempt <= kStartAttempts; ++attempt) {
         bool accepted = true;
         for (const ServiceManager::Command& command : m_manager.load()) {
             last = run(command);
@@ -346,11 +347,11 @@ Outcome<bool> ServiceInstaller::bootstrap()
                                "so nothing can keep the background service running. Start it by hand with:\n")
                 + commandByHand(node));
         }
-        m_parts.pause(kBootstrapPause * attempt);
+        m_parts.pause(kStartPause * attempt);
     }
     const QString cause = last.combined().isEmpty() ? QStringLiteral("exit %1").arg(last.status) : last.combined();
     return Outcome<bool>::failure(
-        m_manager.name() + QStringLiteral(" didn't accept the background service (") + cause + QStringLiteral(")."));
+        m_manager.name() + QStringLiteral(" didn’t accept the background service (") + cause + QStringLiteral(")."));
 }
 
 bool ServiceInstaller::restart()
@@ -365,7 +366,7 @@ void ServiceInstaller::uninstall()
 {
     if (refusal())
         return;
-    bootout();
+    stop();
     QFile::remove(jobFile());
     for (const ServiceManager::Command& command : m_manager.forget())
         run(command);
@@ -375,12 +376,12 @@ void ServiceInstaller::uninstall()
 ServiceInstaller::State ServiceInstaller::state(const std::optional<Health>& health) const
 {
     State state;
-    state.plistExists = QFileInfo::exists(jobFile());
+    state.jobFileExists = QFileInfo::exists(jobFile());
     state.installedDaemon = hasEntry(m_parts.environment.daemonFolder());
     state.healthy = health.has_value();
     state.daemonName = health ? health->name : std::nullopt;
     state.updateAvailable = updateAvailable();
-    state.loadedInLaunchd = m_manager.knows(run(m_manager.probe()));
+    state.managerKeepsJob = m_manager.knows(run(m_manager.probe()));
     return state;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "entry/Environment.h"
 #include "base/Outcome.h"
+#include "entry/Environment.h"
 #include "link/Health.h"
 #include "setup/Detection.h"
 #include "setup/OutsideTools.h"
@@ -37,7 +37,7 @@ public:
 
     struct State {
         /// The job file exists.
-        bool plistExists = false;
+        bool jobFileExists = false;
         /// The installed copy has its entry file.
         bool installedDaemon = false;
         /// A health reply was passed in.
@@ -45,7 +45,7 @@ public:
         std::optional<QString> daemonName;
         bool updateAvailable = false;
         /// The service manager keeps the job.
-        bool loadedInLaunchd = false;
+        bool managerKeepsJob = false;
 
         bool operator==(const State&) const = default;
     };
@@ -86,9 +86,9 @@ public:
 
     /// Outcome<bool> stands for "done or the sentence why not".
     Outcome<bool> copyDaemon();
-    Outcome<bool> writeLaunchAgent(const QString& nodePath);
-    void bootout();
-    Outcome<bool> bootstrap();
+    Outcome<bool> writeJobFile(const QString& nodePath);
+    void stop();
+    Outcome<bool> start();
     bool restart();
     /// Stops the service, removes its job file and the app folder. Never fails.
     void uninstall();

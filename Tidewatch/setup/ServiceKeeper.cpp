@@ -89,7 +89,7 @@ bool ServiceKeeper::restart(std::function<void(Note)> done)
         // A manager that had let go of the job takes it anew; if that fails
         // too, the wait below simply finds nothing and the next read says so.
         if (!installer.restart())
-            installer.bootstrap();
+            installer.start();
         installer.pollHealth(restartHealthLimit);
         return [done] { done(std::nullopt); };
     });

@@ -4,6 +4,7 @@
 #include "setup/ClaudeSDK.h"
 #include "setup/Detection.h"
 #include "setup/Uninstaller.h"
+#include "text/Machine.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -27,8 +28,8 @@ QString installedWord(bool installed)
 
 // A step ends on what the status says once its call is done: the report of
 // it, or the reason it couldn't be read.
-int reportStatus(const Environment& environment, const Print& print,
-    const std::function<Report(const LocalStatus&)>& report)
+int reportStatus(
+    const Environment& environment, const Print& print, const std::function<Report(const LocalStatus&)>& report)
 {
     const auto read = DaemonClient::requestBlocking(
         environment, DaemonClient::Method::Get, QStringLiteral("/local/status"), std::nullopt, kStatusLimit);
@@ -38,8 +39,8 @@ int reportStatus(const Environment& environment, const Print& print,
     }
     const std::optional<LocalStatus> status = decodeDocument<LocalStatus>(read.value());
     if (!status) {
-        print(QStringLiteral("FAILED: ")
-            + DaemonError::decoding(QStringLiteral("GET /local/status")).errorDescription());
+        print(
+            QStringLiteral("FAILED: ") + DaemonError::decoding(QStringLiteral("GET /local/status")).errorDescription());
         return 1;
     }
     const Report made = report(*status);
@@ -59,14 +60,14 @@ QString shortened(const QString& path, const QString& home)
 
 QString integrationRefusal()
 {
-    return QStringLiteral("This is a test copy (a TIDEWATCH_ variable is set), so it leaves Claude Code's settings "
+    return QStringLiteral("This is a test copy (a TIDEWATCH_ variable is set), so it leaves Claude Code’s settings "
                           "and ~/.zshrc to your real Tidewatch.");
 }
 
 QString tailscaleRefusal()
 {
     return QStringLiteral("This is a test copy (a TIDEWATCH_ variable is set), so it leaves phone access to your real "
-                          "Tidewatch: a test daemon's route would stay in your tailnet.");
+                          "Tidewatch: a test daemon’s route would stay in your tailnet.");
 }
 
 int service(ServiceInstaller installer, const Print& print)
@@ -146,7 +147,8 @@ Report tailscaleReport(const LocalStatus& status, const QDateTime& now)
         if (tailscale->keyExpiry) {
             const QDateTime expiry = tailscale->keyExpiry->toDateTime();
             if (now.secsTo(expiry) < kKeyWarning) {
-                report.lines << QStringLiteral("Note: this Mac's Tailscale key expires ")
+                report.lines << QStringLiteral("Note: ") + machine::thisMachines()
+                        + QStringLiteral(" Tailscale key expires ")
                         + expiry.toUTC().toString(QStringLiteral("yyyy-MM-dd"))
                         + QStringLiteral("; disable key expiry at ") + kKeyConsole;
             }
@@ -154,7 +156,7 @@ Report tailscaleReport(const LocalStatus& status, const QDateTime& now)
         return report;
     }
     const bool httpsOff = tailscale && tailscale->httpsEnabled == std::optional<bool>(false);
-    return {{QStringLiteral("FAILED: Tailscale didn't turn phone access on. ")
+    return {{QStringLiteral("FAILED: Tailscale didn’t turn phone access on. ")
                 + (httpsOff ? QStringLiteral("HTTPS certificates are still off for your tailnet.")
                             : QStringLiteral("Check that Tailscale is running and signed in, then try again."))},
         1};
@@ -187,7 +189,7 @@ int uninstallService(ServiceInstaller installer, const Print& print)
         return 1;
     }
     print(environment.isTestCopy()
-            ? QStringLiteral("Uninstalling this test copy's service (launch agent and daemon copy; data kept)…")
+            ? QStringLiteral("Uninstalling this test copy’s service (launch agent and daemon copy; data kept)…")
             : QStringLiteral("Uninstalling (integration, launch agent, daemon copy, login item; data kept)…"));
     const QStringList notes = Uninstaller(std::move(installer)).run(false);
     if (notes.isEmpty()) {
@@ -205,7 +207,7 @@ int sdkFetchCheck(const Environment& environment, const std::optional<QString>& 
 {
     const std::optional<QString> bundled = environment.bundledDaemonFolder();
     if (!bundled) {
-        print(QStringLiteral("FAILED: This copy of Tidewatch doesn't include the background service. Rebuild it with "
+        print(QStringLiteral("FAILED: This copy of Tidewatch doesn’t include the background service. Rebuild it with "
                              "mac/build.sh."));
         return 1;
     }

@@ -6,6 +6,7 @@
 #include "link/LocalStatus.h"
 #include "platform/Platform.h"
 #include "platform/Services.h"
+#include "text/Machine.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -63,8 +64,8 @@ QStringList Uninstaller::run(bool deleteData)
         const auto hooks = DaemonClient::requestBlocking(environment, DaemonClient::Method::Post,
             QStringLiteral("/local/integration/uninstall"), std::nullopt, kCallLimit);
         if (!hooks.ok()) {
-            notes << QStringLiteral("Tidewatch couldn't remove its hooks from Claude Code (%1). They point at "
-                                    "Tidewatch's local address, so they do nothing once the service is gone; install "
+            notes << QStringLiteral("Tidewatch couldn’t remove its hooks from Claude Code (%1). They point at "
+                                    "Tidewatch’s local address, so they do nothing once the service is gone; install "
                                     "and uninstall again to remove them cleanly.")
                          .arg(hooks.error().errorDescription());
         }
@@ -83,17 +84,17 @@ QStringList Uninstaller::run(bool deleteData)
                 QStringLiteral("/local/name/release"), std::nullopt, kCallLimit);
             const bool gone = released.ok() || released.error().status == 404;
             if (!gone) {
-                notes << QStringLiteral("Tidewatch couldn't give up this Mac's private name (%1) under the "
+                notes << QStringLiteral("Tidewatch couldn’t give up %1 private name (%2) under the "
                                         "private-name zone just now. Its records are removed by themselves after 90 "
                                         "days unused.")
-                             .arg(released.error().errorDescription());
+                             .arg(machine::thisMachines(), released.error().errorDescription());
             } else if (released.ok()) {
                 const std::optional<QJsonValue> root = Lenient::parseRoot(released.value());
                 if (!root || !root->isObject()) {
-                    notes << QStringLiteral("Tidewatch couldn't confirm that this Mac's private name under the "
-                                            "private-name zone was given up (%1). Its records are removed by "
-                                            "themselves after 90 days unused.")
-                                 .arg(QStringLiteral("its answer couldn’t be read"));
+                    notes << QStringLiteral("Tidewatch couldn’t confirm that %1 private name under the "
+                                            "private-name zone was given up (its answer couldn’t be read). Its "
+                                            "records are removed by themselves after 90 days unused.")
+                                 .arg(machine::thisMachines());
                 }
             }
         }
@@ -102,7 +103,7 @@ QStringList Uninstaller::run(bool deleteData)
             m_hands.removeBackpack();
             if (BackpackSetup::isInstalled(environment)) {
                 const QString path = BackpackSetup::path(environment);
-                notes << QStringLiteral("Backpack mode's permission is still in %1 (it lets this account turn sleep "
+                notes << QStringLiteral("Backpack mode’s permission is still in %1 (it lets this account turn sleep "
                                         "off and back on, nothing else). Remove it with: sudo rm %1")
                              .arg(path);
             }
@@ -111,7 +112,7 @@ QStringList Uninstaller::run(bool deleteData)
 
     m_installer.uninstall();
     if (QFileInfo::exists(m_installer.jobFile()))
-        notes << QStringLiteral("The launch agent at %1 couldn't be deleted.").arg(m_installer.jobFile());
+        notes << QStringLiteral("The launch agent at %1 couldn’t be deleted.").arg(m_installer.jobFile());
 
     if (!environment.isTestCopy()) {
         if (const std::optional<QString> failure = m_hands.unregisterLoginItem())
@@ -140,13 +141,13 @@ QString Uninstaller::dialogText(bool claudeHere)
 
 QString Uninstaller::deleteDataChoice()
 {
-    return QStringLiteral("Also delete Tidewatch's data: paired phones, providers, the downloaded Node.js, logs");
+    return QStringLiteral("Also delete Tidewatch’s data: paired phones, providers, the downloaded Node.js, logs");
 }
 
 QString Uninstaller::builtInNodeRemark()
 {
     return QStringLiteral(
-        " Tidewatch's own Tailscale node stays in your tailnet until you remove it in the admin console.");
+        " Tidewatch’s own Tailscale node stays in your tailnet until you remove it in the admin console.");
 }
 
 QString Uninstaller::endTitle(const QStringList& notes)
@@ -157,8 +158,7 @@ QString Uninstaller::endTitle(const QStringList& notes)
 
 QString Uninstaller::endText(const QStringList& notes)
 {
-    const QString closing = platform::programIsBundle()
-                                ? QStringLiteral("You can move Tidewatch.app to the Trash now.")
-                                : QStringLiteral("You can remove the Tidewatch program now.");
+    const QString closing = platform::programIsBundle() ? QStringLiteral("You can move Tidewatch.app to the Trash now.")
+                                                        : QStringLiteral("You can remove the Tidewatch program now.");
     return notes.isEmpty() ? closing : notes.join(QLatin1Char('\n')) + QStringLiteral("\n\n") + closing;
 }

@@ -22,7 +22,8 @@ QStringList load(const QString& folder)
     if (folder.isEmpty())
         return families;
     const QDir dir(folder);
-    for (const QString& name : dir.entryList({QStringLiteral("*.ttf"), QStringLiteral("*.otf")}, QDir::Files, QDir::Name)) {
+    for (const QString& name :
+        dir.entryList({QStringLiteral("*.ttf"), QStringLiteral("*.otf")}, QDir::Files, QDir::Name)) {
         const int id = QFontDatabase::addApplicationFont(dir.absoluteFilePath(name));
         if (id < 0)
             continue;

@@ -1,7 +1,7 @@
 #include "surface/MenuBarIconAnimator.h"
 
 #include "surface/words/AccountWords.h"
-#include "surface/words/SessionWords.h"
+#include "surface/words/SessionList.h"
 
 #include <QSet>
 

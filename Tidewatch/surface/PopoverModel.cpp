@@ -4,7 +4,7 @@
 #include "base/UserAccount.h"
 #include "model/AppModel.h"
 #include "surface/PopoverPage.h"
-#include "surface/words/SessionWords.h"
+#include "surface/words/RowAction.h"
 
 #include <QCoreApplication>
 #include <QTimer>
@@ -48,8 +48,8 @@ void PopoverModel::refresh()
     QLocale locale;
     if (locale.language() == QLocale::C)
         locale = QLocale(QLocale::English, QLocale::UnitedStates);
-    const QVariantMap page = PopoverPage::build({m_model, m_dismissed, m_clock.now(), locale,
-        account::homeDirectory(), BackpackSetup::isInstalled(m_model.environment())});
+    const QVariantMap page = PopoverPage::build({m_model, m_dismissed, m_clock.now(), locale, account::homeDirectory(),
+        BackpackSetup::isInstalled(m_model.environment())});
     if (page == m_page)
         return;
     m_page = page;

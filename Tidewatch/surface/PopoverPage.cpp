@@ -4,13 +4,18 @@
 #include "model/Agents.h"
 #include "model/AppModel.h"
 #include "model/DismissedNotices.h"
-#include "surface/words/NoticeWords.h"
 #include "surface/words/AccountWords.h"
 #include "surface/words/ApprovalWords.h"
 #include "surface/words/BatteryWords.h"
 #include "surface/words/ConnectionPill.h"
 #include "surface/words/MeterReading.h"
-#include "surface/words/SessionWords.h"
+#include "surface/words/ModelChip.h"
+#include "surface/words/NoticeWords.h"
+#include "surface/words/RowAction.h"
+#include "surface/words/SessionList.h"
+#include "surface/words/SessionTitle.h"
+#include "surface/words/SmallPrint.h"
+#include "surface/words/StateLine.h"
 #include "surface/words/UsageWords.h"
 
 #include <QVariantList>
@@ -72,8 +77,7 @@ QVariantMap attentionItem(const NeedsYouItem& item, const QList<Session>& sessio
 {
     const Approval& approval = item.approval();
     const Session* session = sessionById(sessions, approval.sessionId);
-    QVariantMap card{{u"id"_s, approval.id},
-        {u"source"_s, session ? SessionWords::title(*session) : QString()}};
+    QVariantMap card{{u"id"_s, approval.id}, {u"source"_s, session ? SessionWords::title(*session) : QString()}};
     if (const Answered* answer = item.answer()) {
         card.insert(u"type"_s, u"folded"_s);
         card.insert(u"words"_s, ApprovalWords::foldedWords(approval, answer->decision));
@@ -153,9 +157,9 @@ QVariantMap awake(const Awake& record, const Inputs& in, const std::optional<Bat
     }
     const std::optional<AwakeLine> line = AwakeWords::sentence(record, in.now, battery, in.locale);
     QVariantMap section{{u"heading"_s, u"Stay awake"_s}, {u"extendTitle"_s, u"Extend"_s},
-        {u"lower"_s, u"Lower the battery level"_s}, {u"raise"_s, u"Raise the battery level"_s}, {u"modes"_s, modes}, {u"phrase"_s, AwakeWords::phrase(record, in.now)},
-        {u"line"_s, line ? line->text : QString()}, {u"warn"_s, AwakeWords::isHighlighted(record)},
-        {u"extend"_s, text(AwakeWords::extendLabel(record, in.now))},
+        {u"lower"_s, u"Lower the battery level"_s}, {u"raise"_s, u"Raise the battery level"_s}, {u"modes"_s, modes},
+        {u"phrase"_s, AwakeWords::phrase(record, in.now)}, {u"line"_s, line ? line->text : QString()},
+        {u"warn"_s, AwakeWords::isHighlighted(record)}, {u"extend"_s, text(AwakeWords::extendLabel(record, in.now))},
         {u"backpackSetUp"_s, AwakeWords::backpackSetUp(record, in.backpackRuleExists)},
         {u"busy"_s, in.model.backpackBusy()}};
     if (record.mode == Awake::Mode::Backpack) {
@@ -165,16 +169,17 @@ QVariantMap awake(const Awake& record, const Inputs& in, const std::optional<Bat
                 {u"canLower"_s, control.canLower}, {u"caption"_s, AwakeWords::minBatteryCaption()}});
     }
     const BackpackOffer offer = AwakeWords::backpackOffer(record.minBattery);
-    section.insert(u"offer"_s, QVariantMap{{u"title"_s, offer.title}, {u"body"_s, offer.body},
-                                   {u"enable"_s, offer.enable}, {u"busy"_s, offer.enableBusy},
-                                   {u"decline"_s, offer.decline}});
+    section.insert(u"offer"_s,
+        QVariantMap{{u"title"_s, offer.title}, {u"body"_s, offer.body}, {u"enable"_s, offer.enable},
+            {u"busy"_s, offer.enableBusy}, {u"decline"_s, offer.decline}});
     return section;
 }
 
 QVariantMap dialog(const GlassDialog& dialog, bool working)
 {
     return {{u"eyebrow"_s, dialog.eyebrow}, {u"title"_s, dialog.title}, {u"line"_s, dialog.line},
-        {u"more"_s, text(dialog.more)}, {u"accent"_s, inkHex(toneInk(dialog.accent))}, {u"secondary"_s, text(dialog.secondary)},
+        {u"more"_s, text(dialog.more)}, {u"accent"_s, inkHex(toneInk(dialog.accent))},
+        {u"secondary"_s, text(dialog.secondary)},
         {u"primary"_s, working && dialog.busy ? *dialog.busy : dialog.primary}, {u"option"_s, text(dialog.option)},
         {u"working"_s, working}};
 }
@@ -187,8 +192,9 @@ void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
 
     if (snapshot.mac && snapshot.mac->battery) {
         if (const std::optional<BatteryLine> battery = BatteryWords::line(*snapshot.mac->battery)) {
-            page.insert(u"battery"_s, QVariantMap{{u"text"_s, battery->text}, {u"time"_s, battery->time},
-                                          {u"help"_s, battery->help}, {u"critical"_s, battery->critical}});
+            page.insert(u"battery"_s,
+                QVariantMap{{u"text"_s, battery->text}, {u"time"_s, battery->time}, {u"help"_s, battery->help},
+                    {u"critical"_s, battery->critical}});
         }
     }
     page.insert(u"notices"_s, notices(in));
@@ -217,8 +223,9 @@ void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
     QVariantList marks;
     for (const CountMark& mark : SessionWords::countMarks(needs, working))
         marks << QVariantMap{{u"text"_s, mark.text}, {u"ink"_s, inkHex(mark.ink)}};
-    page.insert(u"seam"_s, QVariantMap{{u"label"_s, SessionWords::seamLabel()}, {u"marks"_s, marks},
-                               {u"quiet"_s, marks.isEmpty() ? SessionWords::seamQuiet() : QString()}});
+    page.insert(u"seam"_s,
+        QVariantMap{{u"label"_s, SessionWords::seamLabel()}, {u"marks"_s, marks},
+            {u"quiet"_s, marks.isEmpty() ? SessionWords::seamQuiet() : QString()}});
     const QList<Session> ordered = SessionWords::ordered(sessions);
     QVariantList rows;
     for (qsizetype i = 0; i < ordered.size() && i < kShownRows; ++i)
@@ -231,11 +238,12 @@ void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
 
     // The account, then the usage windows.
     if (snapshot.account) {
-        if (const std::optional<AccountContent> content = AccountWords::content(
-                *snapshot.account, in.now, in.locale, model.signingIn(), agents.codexBeside())) {
-            page.insert(u"account"_s, QVariantMap{{u"title"_s, content->title}, {u"detail"_s, text(content->detail)},
-                                          {u"ink"_s, inkHex(content->amber ? Ink::Amber : Ink::Secondary)},
-                                          {u"action"_s, text(content->action)}, {u"help"_s, content->help}});
+        if (const std::optional<AccountContent> content
+            = AccountWords::content(*snapshot.account, in.now, in.locale, model.signingIn(), agents.codexBeside())) {
+            page.insert(u"account"_s,
+                QVariantMap{{u"title"_s, content->title}, {u"detail"_s, text(content->detail)},
+                    {u"ink"_s, inkHex(content->amber ? Ink::Amber : Ink::Secondary)},
+                    {u"action"_s, text(content->action)}, {u"help"_s, content->help}});
         }
     }
     QVariantList meters;
@@ -252,7 +260,8 @@ void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
     }
     page.insert(u"meters"_s, meters);
     if (snapshot.usage) {
-        if (const std::optional<QString> note = UsageWords::claudeNote(*snapshot.usage, snapshot.account ? &*snapshot.account : nullptr))
+        if (const std::optional<QString> note
+            = UsageWords::claudeNote(*snapshot.usage, snapshot.account ? &*snapshot.account : nullptr))
             page.insert(u"usageNote"_s, *note);
     }
 
@@ -297,18 +306,20 @@ QVariantMap build(const Inputs& in)
     }
     page.insert(u"state"_s, state);
 
-    const QString agentsWord = agents.codexBeside() ? u"Claude Code and Codex"_s
+    const QString agentsWord = agents.codexBeside()
+        ? u"Claude Code and Codex"_s
         : (agents.leader() == AgentsInUse::Leader::Codex ? u"Codex"_s : u"Claude Code"_s);
     page.insert(u"footer"_s,
-        QVariantMap{{u"quitHelp"_s,
-                        u"Quit Tidewatch. The background service keeps running, so your phone still reaches "_s
-                            + agentsWord},
+        QVariantMap{
+            {u"quitHelp"_s,
+                u"Quit Tidewatch. The background service keeps running, so your phone still reaches "_s + agentsWord},
             {u"settingsHelp"_s, u"Shows connection settings"_s}, {u"quit"_s, u"Quit"_s},
             {u"settings"_s, u"Settings"_s}});
     page.insert(u"quick"_s,
         QVariantList{QVariantMap{{u"id"_s, u"pair"_s}, {u"title"_s, u"Pair another phone"_s},
-                         {u"help"_s, u"Show a pairing code. Each code works once, and every time you get a new one, "
-                                     u"so you can pair more than one device."_s}},
+                         {u"help"_s,
+                             u"Show a pairing code. Each code works once, and every time you get a new one, "
+                             u"so you can pair more than one device."_s}},
             QVariantMap{{u"id"_s, u"checklist"_s}, {u"title"_s, u"Testing checklist"_s},
                 {u"help"_s, u"The testing checklist, in your browser"_s}}});
     if (model.dialog())

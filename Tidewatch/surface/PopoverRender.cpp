@@ -177,9 +177,8 @@ QStringList textTwin(QQuickItem* root)
             walk(child);
     };
     walk(root);
-    std::stable_sort(lines.begin(), lines.end(), [](const Spoken& a, const Spoken& b) {
-        return qRound(a.y) != qRound(b.y) ? a.y < b.y : a.x < b.x;
-    });
+    std::stable_sort(lines.begin(), lines.end(),
+        [](const Spoken& a, const Spoken& b) { return qRound(a.y) != qRound(b.y) ? a.y < b.y : a.x < b.x; });
     QStringList twin;
     for (const Spoken& line : lines)
         twin << line.text.split(u'\n', Qt::SkipEmptyParts);
@@ -239,8 +238,8 @@ int renderPopover(const QString& folder, bool live)
             say(u"render failed: the service was never read."_s);
             return 1;
         }
-        StatusItemController item(model, environment,
-            [](const QString&) { return StatusButton::unseen(); }, Clock::system());
+        StatusItemController item(
+            model, environment, [](const QString&) { return StatusButton::unseen(); }, Clock::system());
         item.install();
         item.sync();
         const std::optional<Rendered> rendered = render(model, Clock::system(), &error);

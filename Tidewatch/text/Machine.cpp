@@ -21,4 +21,19 @@ QString thisMachines()
     return thisMachine() + QStringLiteral("’s");
 }
 
+QString yourMachine()
+{
+    return QStringLiteral("your ") + platform::machineNoun();
+}
+
+QString YourMachine()
+{
+    return QStringLiteral("Your ") + platform::machineNoun();
+}
+
+QString theMachine()
+{
+    return QStringLiteral("the ") + platform::machineNoun();
+}
+
 } // namespace machine

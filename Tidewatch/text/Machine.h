@@ -12,5 +12,11 @@ QString thisMachine();
 QString ThisMachine();
 /// "this Mac’s", as in "this Mac’s private name".
 QString thisMachines();
+/// "your Mac", as in "still keeping your Mac awake".
+QString yourMachine();
+/// "Your Mac", at the head of a sentence.
+QString YourMachine();
+/// "the Mac", as in "signed out on the Mac".
+QString theMachine();
 
 } // namespace machine

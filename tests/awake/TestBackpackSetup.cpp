@@ -9,18 +9,16 @@
 #include <QProcess>
 #include <QTest>
 
-
 using namespace BackpackSetup;
 
 namespace {
 
-Environment scratchEnvironment(const ScratchFolder& scratch, const QString& sudoers,
-                               const QHash<QString, QString>& extra = {})
+Environment scratchEnvironment(
+    const ScratchFolder& scratch, const QString& sudoers, const QHash<QString, QString>& extra = {})
 {
     Environment::Variables variables{{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.path() + QStringLiteral("/support")},
-                                     {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("1")},
-                                     {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("2")},
-                                     {QStringLiteral("TIDEWATCH_SUDOERS"), sudoers}};
+        {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("1")},
+        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("2")}, {QStringLiteral("TIDEWATCH_SUDOERS"), sudoers}};
     variables.insert(extra);
     return Environment(variables, scratch.path());
 }
@@ -71,7 +69,7 @@ void TestBackpackSetup::accounts()
     const std::optional<QString> problem = accountProblem(user);
     QCOMPARE(!problem, accepted);
     if (problem)
-        QCOMPARE(*problem, "Backpack mode can't name your account (" + user + ") in sudo's rules.");
+        QCOMPARE(*problem, "Backpack mode can’t name your account (" + user + ") in sudo’s rules.");
     QCOMPARE(printScripts(user).second, accepted);
 }
 
@@ -81,11 +79,12 @@ void TestBackpackSetup::refusals_data()
     QTest::addColumn<bool>("testCopy");
     QTest::addColumn<QString>("refusal");
 
-    const QString intoEtc = QStringLiteral("TIDEWATCH_SUDOERS points into /etc: a test never touches sudo's own folder.");
+    const QString intoEtc
+        = QStringLiteral("TIDEWATCH_SUDOERS points into /etc: a test never touches sudo’s own folder.");
     QTest::newRow("the real install may use the real path") << "" << false << "";
     QTest::newRow("a test copy may not")
         << "" << true
-        << "This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode's permission to your real "
+        << "This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode’s permission to your real "
            "Tidewatch. Set TIDEWATCH_SUDOERS to a scratch path to test it.";
     QTest::newRow("sudo's folder is refused") << "/etc/sudoers.d/x" << true << intoEtc;
     QTest::newRow("its macOS spelling too") << "/private/etc/x" << true << intoEtc;
@@ -116,10 +115,10 @@ void TestBackpackSetup::removeScripts_data()
     QTest::addColumn<bool>("withPmset");
     QTest::addColumn<QString>("restore");
 
-    QTest::newRow("applied from 1 puts 1 back") << QByteArray(R"({"backpack":{"prev":1,"applied":true}})") << true
-                                                << "'/usr/bin/pmset' -a disablesleep 1";
-    QTest::newRow("applied from 0 puts 0 back") << QByteArray(R"({"backpack":{"prev":0,"applied":true}})") << true
-                                                << "'/usr/bin/pmset' -a disablesleep 0";
+    QTest::newRow("applied from 1 puts 1 back")
+        << QByteArray(R"({"backpack":{"prev":1,"applied":true}})") << true << "'/usr/bin/pmset' -a disablesleep 1";
+    QTest::newRow("applied from 0 puts 0 back")
+        << QByteArray(R"({"backpack":{"prev":0,"applied":true}})") << true << "'/usr/bin/pmset' -a disablesleep 0";
     QTest::newRow("not applied: nothing to put back")
         << QByteArray(R"({"backpack":{"prev":1,"applied":false}})") << true << "";
     QTest::newRow("a prev of 7 is no value to restore")
@@ -135,7 +134,7 @@ void TestBackpackSetup::removeScripts()
     QFETCH(bool, withPmset);
     QFETCH(QString, restore);
     const QString script = removeScript(QStringLiteral("/x/rule"), Saved::fromAwakeFile(awake),
-                                        withPmset ? std::optional<QString>(QStringLiteral("/usr/bin/pmset")) : std::nullopt);
+        withPmset ? std::optional<QString>(QStringLiteral("/usr/bin/pmset")) : std::nullopt);
     QStringList expected{QStringLiteral("set -e")};
     if (!restore.isEmpty())
         expected << restore;
@@ -160,8 +159,8 @@ void TestBackpackSetup::appleScriptEscapesOnce()
 {
     const QString script = QStringLiteral("set -e\n/bin/chmod 0440 \"$tmp\"\nprintf '%s\\n' x");
     QCOMPARE(appleScript(script, QStringLiteral("Say \"yes\"")),
-             QStringLiteral("do shell script \"set -e\\n/bin/chmod 0440 \\\"$tmp\\\"\\nprintf '%s\\\\n' x\" with prompt "
-                            "\"Say \\\"yes\\\"\" with administrator privileges"));
+        QStringLiteral("do shell script \"set -e\\n/bin/chmod 0440 \\\"$tmp\\\"\\nprintf '%s\\\\n' x\" with prompt "
+                       "\"Say \\\"yes\\\"\" with administrator privileges"));
 }
 
 void TestBackpackSetup::ruleLandsValidated()
@@ -177,10 +176,11 @@ void TestBackpackSetup::ruleLandsValidated()
     QVERIFY(file.open(QIODevice::ReadOnly));
     const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     QCOMPARE(lines.size(), 3);
-    QCOMPARE(lines.at(2), QStringLiteral("jane ALL=(root) NOPASSWD: /usr/bin/pmset -a disablesleep 0, "
-                                         "/usr/bin/pmset -a disablesleep 1"));
+    QCOMPARE(lines.at(2),
+        QStringLiteral("jane ALL=(root) NOPASSWD: /usr/bin/pmset -a disablesleep 0, "
+                       "/usr/bin/pmset -a disablesleep 1"));
     QCOMPARE(QDir(scratch.path() + QStringLiteral("/sudoers.d")).entryList(QDir::Files | QDir::Hidden),
-             QStringList{QStringLiteral("tidewatch")});
+        QStringList{QStringLiteral("tidewatch")});
 
     // Already there: nothing runs, so nothing asks for a password.
     const QDateTime before = QFileInfo(rule).lastModified();
@@ -207,12 +207,12 @@ void TestBackpackSetup::removeRestoresSleepAndTheRecord()
     ScratchFolder scratch;
     const QString rule = scratch.path() + QStringLiteral("/sudoers.d/tidewatch");
     const QString calls = scratch.file(QStringLiteral("pmset-calls"));
-    const QString pmset = scratch.write(QStringLiteral("bin/pmset"),
-                                        QStringLiteral("#!/bin/sh\necho \"$@\" >> '%1'\n").arg(calls).toUtf8(), 0755);
+    const QString pmset = scratch.write(
+        QStringLiteral("bin/pmset"), QStringLiteral("#!/bin/sh\necho \"$@\" >> '%1'\n").arg(calls).toUtf8(), 0755);
     const Environment environment = scratchEnvironment(scratch, rule, {{QStringLiteral("TIDEWATCH_PMSET"), pmset}});
     QCOMPARE(install(environment, QStringLiteral("jane"), false), Outcome());
     scratch.write(QStringLiteral("support/awake.json"),
-                  R"({"mode":"backpack","until":1760007200,"minBattery":20,"backpack":{"prev":1,"applied":true}})");
+        R"({"mode":"backpack","until":1760007200,"minBattery":20,"backpack":{"prev":1,"applied":true}})");
 
     // Nothing answers on the test ports: the record is corrected here.
     QCOMPARE(remove(environment, false), Outcome());
@@ -236,9 +236,10 @@ void TestBackpackSetup::printedScripts()
     QVERIFY(ok);
     QVERIFY(text.startsWith(QStringLiteral("# install (as root), for jane:\nset -e\numask 077\n")));
     QVERIFY(text.contains(QStringLiteral("/usr/sbin/chown root:wheel \"$tmp\"\n")));
-    QVERIFY(text.contains(QStringLiteral("\n\n# remove (as root), Backpack having switched SleepDisabled from 0:\nset -e\n"
-                                         "'/usr/bin/pmset' -a disablesleep 0\n/bin/rm -f '/private/etc/sudoers.d/tidewatch'\n\n"
-                                         "# AppleScript:\ndo shell script \"set -e\\numask 077\\n")));
+    QVERIFY(text.contains(
+        QStringLiteral("\n\n# remove (as root), Backpack having switched SleepDisabled from 0:\nset -e\n"
+                       "'/usr/bin/pmset' -a disablesleep 0\n/bin/rm -f '/private/etc/sudoers.d/tidewatch'\n\n"
+                       "# AppleScript:\ndo shell script \"set -e\\numask 077\\n")));
     QVERIFY(text.endsWith(QStringLiteral("\" with administrator privileges")));
 }
 

@@ -182,7 +182,7 @@ void TestStreamingProcess::launchFailure()
     QCOMPARE(run.exits, QList<int>{-1});
     QCOMPARE(run.lines,
         QStringList{
-            QStringLiteral("Couldn't start: ") + QString::fromStdString(std::generic_category().message(error))});
+            QStringLiteral("Couldn’t start: ") + QString::fromStdString(std::generic_category().message(error))});
 }
 
 void TestStreamingProcess::environment_data()

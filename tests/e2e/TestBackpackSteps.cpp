@@ -107,7 +107,7 @@ void TestBackpackSteps::removeRestoresWhatItFound()
     const LaunchResult removed = launch(removeStep, environment());
     QCOMPARE(removed.code, 0);
     QCOMPARE(removed.output,
-        QStringLiteral("Removing Backpack mode's rule (%1)…\n").arg(rule()) + announced + QStringLiteral("OK: removed\n"));
+        QStringLiteral("Removing Backpack mode’s rule (%1)…\n").arg(rule()) + announced + QStringLiteral("OK: removed\n"));
     QVERIFY(!QFile::exists(rule()));
     QFile calls(m_pmsetCalls);
     QCOMPARE(calls.open(QIODevice::ReadOnly) ? calls.readAll() : QByteArray(), pmsetCalls);
@@ -128,10 +128,10 @@ void TestBackpackSteps::refusalsComeFirst_data()
     QTest::addColumn<QString>("said");
 
     const QString testCopy = QStringLiteral("FAILED: This is a test copy (a TIDEWATCH_ variable is set), so it leaves "
-                                            "Backpack mode's permission to your real Tidewatch. Set TIDEWATCH_SUDOERS to "
+                                            "Backpack mode’s permission to your real Tidewatch. Set TIDEWATCH_SUDOERS to "
                                             "a scratch path to test it.\n");
     const QString intoEtc
-        = QStringLiteral("FAILED: TIDEWATCH_SUDOERS points into /etc: a test never touches sudo's own folder.\n");
+        = QStringLiteral("FAILED: TIDEWATCH_SUDOERS points into /etc: a test never touches sudo’s own folder.\n");
     QTest::newRow("set up, a test copy on the real path") << "backpack" << "" << testCopy;
     QTest::newRow("remove, a test copy on the real path") << "uninstall-backpack" << "" << testCopy;
     QTest::newRow("set up, into /etc") << "backpack" << "/etc/sudoers.d/tidewatch" << intoEtc;

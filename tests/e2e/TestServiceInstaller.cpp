@@ -230,7 +230,7 @@ void TestServiceInstaller::fromNothingToRunningAndBack()
                  {QStringLiteral("--user"), QStringLiteral("show"), QStringLiteral("-p"), QStringLiteral("LoadState"),
                      ServiceJob::specFor(environment, node).label + QStringLiteral(".service")}),
         QStringLiteral("LoadState=not-found\n"));
-    QVERIFY(!installer.state(std::nullopt).loadedInLaunchd);
+    QVERIFY(!installer.state(std::nullopt).managerKeepsJob);
 
     // Nothing went where the real install lives, nor into the user's unit or autostart folders.
     for (const QString& real : {environment.realSupportFolder(), environment.realLogFolder(),
@@ -245,23 +245,23 @@ void TestServiceInstaller::failuresLeaveTheirSentence_data()
     QTest::addColumn<QString>("sentence");
     QTest::addColumn<bool>("serviceTouched");
 
-    const QString noNode = QStringLiteral("Tidewatch couldn't get Node.js for the background service. ");
+    const QString noNode = QStringLiteral("Tidewatch couldn’t get Node.js for the background service. ");
     QTest::newRow("a tampered archive is thrown away") << "tampered"
                                                        << noNode
-            + "The download didn't match the Node.js site's checksum, so Tidewatch threw it away. Try again; if "
+            + "The download didn’t match the Node.js site’s checksum, so Tidewatch threw it away. Try again; if "
               "it keeps happening, your network may be altering downloads."
                                                        << false;
     QTest::newRow("a missing archive") << "404" << noNode + "the Node.js site answered 404 for the download." << false;
     QTest::newRow("a checksum list without the file")
-        << "no checksum" << noNode + "the Node.js site's checksum list has no entry for %file." << false;
+        << "no checksum" << noNode + "the Node.js site’s checksum list has no entry for %file." << false;
     QTest::newRow("a release list of the wrong shape")
         << "index" << noNode + "the Node.js site sent an unexpected release list." << false;
     QTest::newRow("an app without the service")
         << "no bundle"
-        << "This copy of Tidewatch doesn't include the background service. Rebuild it with mac/build.sh." << false;
+        << "This copy of Tidewatch doesn’t include the background service. Rebuild it with mac/build.sh." << false;
     QTest::newRow("a service that never answers names the end of its log")
         << "silent"
-        << "The background service started but isn't answering yet.\n\nLast lines of its log:\nwarming up\nstill "
+        << "The background service started but isn’t answering yet.\n\nLast lines of its log:\nwarming up\nstill "
            "warming up"
         << true;
     QTest::newRow("a test copy on the real ports is refused before anything")
@@ -320,7 +320,7 @@ void TestServiceInstaller::failuresLeaveTheirSentence()
         "no staging folder is left");
     if (serviceTouched) {
         // KeepAlive keeps trying: the job stays with the manager.
-        QVERIFY(ServiceInstaller(parts).state(std::nullopt).loadedInLaunchd);
+        QVERIFY(ServiceInstaller(parts).state(std::nullopt).managerKeepsJob);
     }
 }
 
@@ -333,7 +333,7 @@ void TestServiceInstaller::aRefusedStartIsTriedFourTimes()
     QVERIFY(refused.result && !refused.result->ok());
     const QString unitName = rig.environment().serviceLabel() + QStringLiteral(".service");
     QCOMPARE(refused.result->sentence(),
-        QStringLiteral("systemd didn't accept the background service (Job for %1 failed because the control "
+        QStringLiteral("systemd didn’t accept the background service (Job for %1 failed because the control "
                        "process exited with error code.\nSee \"systemctl --user status %1\" and \"journalctl "
                        "--user -xeu %1\" for details.).")
             .arg(unitName));
@@ -388,7 +388,7 @@ void TestServiceInstaller::anotherCopyOnThePortIsNamed()
     QVERIFY(run.result && !run.result->ok());
     QCOMPARE(run.result->sentence(),
         QStringLiteral("Another copy of the service (process %1, started outside Tidewatch, maybe in a Terminal "
-                       "window) is using port %2, so the background service can't take over. Quit that copy, "
+                       "window) is using port %2, so the background service can’t take over. Quit that copy, "
                        "then try again.")
             .arg(byHand.processId())
             .arg(environment.apiPort()));

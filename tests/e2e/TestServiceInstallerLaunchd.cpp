@@ -117,7 +117,7 @@ void TestServiceInstallerLaunchd::installsRestartsAndRemoves()
     const std::optional<int> pid = installer.servicePID();
     QVERIFY(pid);
     QCOMPARE(installer.pidOnPort(installer.environment().apiPort()), pid);
-    QVERIFY(installer.state(std::nullopt).loadedInLaunchd);
+    QVERIFY(installer.state(std::nullopt).managerKeepsJob);
 
     QVERIFY(installer.restart());
     QVERIFY(installer.pollHealth(20));
@@ -127,7 +127,7 @@ void TestServiceInstallerLaunchd::installsRestartsAndRemoves()
 
     installer.uninstall();
     QVERIFY(!QFileInfo::exists(plist));
-    QVERIFY(!installer.state(std::nullopt).loadedInLaunchd);
+    QVERIFY(!installer.state(std::nullopt).managerKeepsJob);
     QVERIFY(!alive(*restarted));
     QVERIFY(!installer.restart());
 }
@@ -136,7 +136,7 @@ void TestServiceInstallerLaunchd::restartTakesAJobBackThatLaunchdLetGo()
 {
     install();
     ServiceInstaller installer(parts());
-    installer.bootout();
+    installer.stop();
     QVERIFY(!installer.servicePID());
 
     // kickstart finds no job; the keeper bootstraps it anew and waits for its answer.

@@ -192,7 +192,8 @@ void TestServiceInstallerSteps::serviceFromNothing()
             QStringLiteral("  label  ") + environment.serviceLabel(),
             QStringLiteral("  unit  ") + installer().jobFile(),
             QStringLiteral("  daemon  ") + environment.daemonFolder(),
-            QStringLiteral("  getting Node.js (no stable one on this Mac)"), QStringLiteral("  copying the daemon"),
+            QStringLiteral("  getting Node.js (no stable one on this computer)"),
+            QStringLiteral("  copying the daemon"),
             QStringLiteral("  fetching Claude Code’s SDK from npm (about 2 MB)"),
             QStringLiteral("  writing the systemd unit"), QStringLiteral("  systemctl --user stop + start"),
             QStringLiteral("OK: running as %1 (protocol 1)").arg(QSysInfo::machineHostName()),
@@ -286,7 +287,7 @@ void TestServiceInstallerSteps::uninstallLeavesTheDataAndNothingElse()
 
     const LaunchResult result = run({QStringLiteral("--run-step"), QStringLiteral("uninstall-service")});
     QCOMPARE(lines(result.output),
-        (QStringList{QStringLiteral("Uninstalling this test copy's service (launch agent and daemon copy; data kept)…"),
+        (QStringList{QStringLiteral("Uninstalling this test copy’s service (launch agent and daemon copy; data kept)…"),
             QStringLiteral("OK: uninstalled")}));
     QCOMPARE(result.code, 0);
     QVERIFY(!alive(*pid));
@@ -295,7 +296,7 @@ void TestServiceInstallerSteps::uninstallLeavesTheDataAndNothingElse()
     QVERIFY(QFileInfo::exists(environment.nodeFolder()));
     QVERIFY(QFileInfo::exists(environment.adminTokenFile()));
     QVERIFY(QFileInfo::exists(environment.daemonLog()));
-    QVERIFY(!installer.state(std::nullopt).loadedInLaunchd);
+    QVERIFY(!installer.state(std::nullopt).managerKeepsJob);
 
     // Twice is harmless.
     QCOMPARE(run({QStringLiteral("--run-step"), QStringLiteral("uninstall-service")}).code, 0);

@@ -80,8 +80,7 @@ ServiceInstaller TestUninstaller::installed(const Environment& environment) cons
     parts.health = [](double) { return std::optional<Health>(); };
     ServiceInstaller installer(parts);
     if (!environment.refusalSentence()) {
-        const bool copied
-            = installer.copyDaemon().ok() && installer.writeLaunchAgent(ServiceProcess::nodeProgram()).ok();
+        const bool copied = installer.copyDaemon().ok() && installer.writeJobFile(ServiceProcess::nodeProgram()).ok();
         if (!copied)
             QTest::qFail("the service couldn't be put in place", __FILE__, __LINE__);
         QDir().mkpath(environment.nodeFolder() + QStringLiteral("/v22.23.3/bin"));
@@ -113,10 +112,10 @@ void TestUninstaller::aDownServiceLeavesOneNoteAndTheRestGoes()
 
     const QStringList notes = Uninstaller(installer, hands()).run(false);
     QCOMPARE(notes.size(), 1);
-    QVERIFY2(notes.first().startsWith(QStringLiteral("Tidewatch couldn't remove its hooks from Claude Code (")),
+    QVERIFY2(notes.first().startsWith(QStringLiteral("Tidewatch couldn’t remove its hooks from Claude Code (")),
         qPrintable(notes.first()));
     QVERIFY(notes.first().endsWith(QStringLiteral(
-        "). They point at Tidewatch's local address, so they do nothing once the service is gone; install and "
+        "). They point at Tidewatch’s local address, so they do nothing once the service is gone; install and "
         "uninstall again to remove them cleanly.")));
     QCOMPARE(Uninstaller::endTitle(notes), QStringLiteral("Tidewatch is mostly uninstalled."));
 

@@ -43,11 +43,11 @@ void TestPopoverRender::samplesReadInOrder_data()
                                              << QStringList{"SESSIONS", "Pair another phone"};
     QTest::newRow("a service that is down is the whole page")
         << "service-down"
-        << QStringList{"The background service isn't answering.",
-               "Your phone can't reach your sessions until it's back. Restarting usually fixes it; shared terminals "
+        << QStringList{"The background service isn’t answering.",
+               "Your phone can’t reach your sessions until it’s back. Restarting usually fixes it; shared terminals "
                "keep running."}
         << QStringList{"SESSIONS"};
-    QTest::newRow("not set up") << "not-set-up" << QStringList{"Tidewatch isn't set up on this Mac yet."}
+    QTest::newRow("not set up") << "not-set-up" << QStringList{"Tidewatch isn’t set up on this computer yet."}
                                 << QStringList{"SESSIONS"};
     QTest::newRow("the approval stands first, its answers in order")
         << "working-with-approval"
@@ -55,10 +55,11 @@ void TestPopoverRender::samplesReadInOrder_data()
                "1 needs you", "2 working", "Fix flaky upload retry test", "Migrate settings to the new store"}
         << QStringList{"all quiet"};
     QTest::newRow("a question is answered where it was asked")
-        << "ask" << QStringList{"Export one file per month, or one for the whole year?", "under 1m left", "Open terminal"}
+        << "ask"
+        << QStringList{"Export one file per month, or one for the whole year?", "under 1m left", "Open terminal"}
         << QStringList{"Allow"};
-    QTest::newRow("an answer folds in place") << "folded-answer" << QStringList{"Allowed", "Ship the hotfix"}
-                                              << QStringList{"Allow", "1 WAITING"};
+    QTest::newRow("an answer folds in place")
+        << "folded-answer" << QStringList{"Allowed", "Ship the hotfix"} << QStringList{"Allow", "1 WAITING"};
     QTest::newRow("a quiet page") << "idle" << QStringList{"SESSIONS", "all quiet", "Tidy the release notes", "Done"}
                                   << QStringList{"1 WAITING"};
     QTest::newRow("the session limit, and the week's pace")
@@ -71,7 +72,9 @@ void TestPopoverRender::samplesReadInOrder_data()
                "Codex 5-hour window 48% used, resets in 2 hours 13 minutes."}
         << QStringList{};
     QTest::newRow("Backpack with its battery level")
-        << "backpack" << QStringList{"Plug it in or its sessions stop.", "52m left at this rate.", "STAY AWAKE", "While working", "Backpack", "Off", "Let it sleep at 20 percent battery"}
+        << "backpack"
+        << QStringList{"Plug it in or its sessions stop.", "52m left at this rate.", "STAY AWAKE", "While working",
+               "Backpack", "Off", "Let it sleep at 20 percent battery"}
         << QStringList{"Keep working with the lid closed."};
 }
 
@@ -81,8 +84,8 @@ void TestPopoverRender::samplesReadInOrder()
     QFETCH(QStringList, lines);
     QFETCH(QStringList, absent);
     ScratchFolder scratch;
-    const Environment environment({{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("support"))}},
-        scratch.path());
+    const Environment environment(
+        {{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("support"))}}, scratch.path());
     // A fixed moment on a whole minute, so the limit's time reads the same in every run.
     const QDateTime now = QDateTime(QDate(2025, 10, 9), QTime(8, 6, 0), Qt::LocalTime);
     struct Fixed : Clock {
@@ -96,8 +99,9 @@ void TestPopoverRender::samplesReadInOrder()
     const std::optional<PopoverRender::Rendered> rendered = PopoverRender::render(model, clock, &error);
     QVERIFY2(rendered, qPrintable(error));
     const QString missing = missingInOrder(rendered->twin, lines);
-    QVERIFY2(missing.isEmpty(), qPrintable(QStringLiteral("“%1” missing or out of order in:\n").arg(missing)
-                                           + rendered->twin.join(QLatin1Char('\n'))));
+    QVERIFY2(missing.isEmpty(),
+        qPrintable(QStringLiteral("“%1” missing or out of order in:\n").arg(missing)
+            + rendered->twin.join(QLatin1Char('\n'))));
     for (const QString& line : absent)
         QVERIFY2(!rendered->twin.contains(line), qPrintable(line));
 }
@@ -106,8 +110,8 @@ void TestPopoverRender::everySampleDraws()
 {
     // Drawn, not blank: the ground's colour fills the middle of every sample.
     ScratchFolder scratch;
-    const Environment environment({{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("support"))}},
-        scratch.path());
+    const Environment environment(
+        {{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("support"))}}, scratch.path());
     for (const QString& sample : PopoverRender::sampleNames()) {
         AppModel model(environment, Clock::system(), {}, true);
         QVERIFY(PopoverRender::showSample(model, sample, Clock::system().now()));

@@ -90,7 +90,7 @@ void TestClaudeSDK::sentences_data()
 
     QTest::newRow("a refused registry is offline")
         << Fixture::sample("npm-econnrefused.txt") << 1 << false
-        << "Tidewatch couldn’t reach npm: this Mac looks offline (or a proxy is in the way). Fetch it again once it’s online.";
+        << "Tidewatch couldn’t reach npm: this computer looks offline (or a proxy is in the way). Fetch it again once it’s online.";
     QTest::newRow("a missing package is npm's own words, cut at 160")
         << Fixture::sample("npm-e404.txt") << 1 << false
         << QStringLiteral("npm stopped with an error (")

@@ -102,7 +102,7 @@ void TestNodeInstaller::releases_data()
     QTest::newRow("the index's order decides, not the version")
         << indexOf(entry("v22.18.1", "\"Jod\"", key) + ',' + entry("v24.0.0", "\"Krypton\"", key)) << "v22.18.1";
     QTest::newRow("below the floor, though a release exists")
-        << indexOf(entry("v22.17.9", "\"Jod\"", key)) << "Couldn't find a Node.js LTS release for this Mac.";
+        << indexOf(entry("v22.17.9", "\"Jod\"", key)) << "Couldn’t find a Node.js LTS release for this computer.";
     QTest::newRow("not a list") << QByteArray(R"({"version":"v22.18.0"})")
                                 << "the Node.js site sent an unexpected release list.";
     QTest::newRow("a list of something else") << QByteArray("[1,2]")
@@ -131,7 +131,7 @@ void TestNodeInstaller::checksums_data()
         << QByteArray("aaaa  node.tar.gz  extra\nbbbb  node.tar.gz\n") << "bbbb";
     QTest::newRow("the first matching line wins") << QByteArray("\n\ncccc node.tar.gz\ndddd node.tar.gz") << "cccc";
     QTest::newRow("no line for the file")
-        << QByteArray("eeee  node.tar.gz.sig\n") << "the Node.js site's checksum list has no entry for node.tar.gz.";
+        << QByteArray("eeee  node.tar.gz.sig\n") << "the Node.js site’s checksum list has no entry for node.tar.gz.";
 }
 
 void TestNodeInstaller::checksums()
@@ -203,18 +203,18 @@ void TestNodeInstaller::failures_data()
     QTest::addColumn<bool>("downloaded");
     QTest::addColumn<bool>("targetLeft");
 
-    QTest::newRow("no index") << "index" << "the Node.js site didn't answer. Check your internet connection and try again."
+    QTest::newRow("no index") << "index" << "the Node.js site didn’t answer. Check your internet connection and try again."
                               << false << false;
     QTest::newRow("no checksum list costs no download")
-        << "sums" << "Couldn't get Node.js checksums from the Node.js site." << false << false;
+        << "sums" << "Couldn’t get Node.js checksums from the Node.js site." << false << false;
     QTest::newRow("a missing archive") << "archive" << "the Node.js site answered 404 for the download." << true << false;
     QTest::newRow("a tampered archive never reaches tar")
         << "tampered"
-        << "The download didn't match the Node.js site's checksum, so Tidewatch threw it away. Try again; if it keeps "
+        << "The download didn’t match the Node.js site’s checksum, so Tidewatch threw it away. Try again; if it keeps "
            "happening, your network may be altering downloads."
         << true << false;
     QTest::newRow("a binary that reports another version")
-        << "version" << "Node.js was unpacked but doesn't start: v0.0.1" << true << true;
+        << "version" << "Node.js was unpacked but doesn’t start: v0.0.1" << true << true;
 }
 
 void TestNodeInstaller::failures()

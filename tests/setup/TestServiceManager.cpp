@@ -203,7 +203,7 @@ void TestServiceManager::progressLines_data()
     QTest::addColumn<QString>("line");
 
     QTest::newRow("getting Node.js") << Kind::Launchd << Step::GettingNode
-                                     << "  getting Node.js (no stable one on this Mac)";
+                                     << "  getting Node.js (no stable one on this computer)";
     QTest::newRow("copying") << Kind::Systemd << Step::Copying << "  copying the daemon";
     QTest::newRow("the SDK") << Kind::Systemd << Step::FetchingSDK
                              << "  fetching Claude Code’s SDK from npm (about 2 MB)";

@@ -67,7 +67,7 @@ void TestServiceSteps::phoneAccess_data()
     QTest::addColumn<QStringList>("lines");
     QTest::addColumn<int>("code");
 
-    const QString note = QStringLiteral("Note: this Mac's Tailscale key expires %1; disable key expiry at "
+    const QString note = QStringLiteral("Note: this computer’s Tailscale key expires %1; disable key expiry at "
                                         "https://login.tailscale.com/admin/machines");
     QTest::newRow("on, with a key far from expiry")
         << QByteArray(R"({"tailscale":{"serveOn":true,"url":"https://mac.tail1.ts.net","keyExpiry":1790000000}})")
@@ -82,17 +82,17 @@ void TestServiceSteps::phoneAccess_data()
                                         << QStringList{"OK: https://m", note.arg("2025-09-01")} << 0;
     QTest::newRow("off, certificates off")
         << QByteArray(R"({"tailscale":{"serveOn":false,"httpsEnabled":false}})")
-        << QStringList{"FAILED: Tailscale didn't turn phone access on. HTTPS certificates are still off for your "
+        << QStringList{"FAILED: Tailscale didn’t turn phone access on. HTTPS certificates are still off for your "
                        "tailnet."}
         << 1;
     QTest::newRow("off for another reason")
         << QByteArray(R"({"tailscale":{"serveOn":false,"httpsEnabled":true}})")
-        << QStringList{"FAILED: Tailscale didn't turn phone access on. Check that Tailscale is running and signed in, "
+        << QStringList{"FAILED: Tailscale didn’t turn phone access on. Check that Tailscale is running and signed in, "
                        "then try again."}
         << 1;
     QTest::newRow("no Tailscale record at all")
         << QByteArray("{}")
-        << QStringList{"FAILED: Tailscale didn't turn phone access on. Check that Tailscale is running and signed in, "
+        << QStringList{"FAILED: Tailscale didn’t turn phone access on. Check that Tailscale is running and signed in, "
                        "then try again."}
         << 1;
 }

@@ -1,6 +1,7 @@
 #include "surface/words/AccountWords.h"
 
-#include "surface/words/SessionWords.h"
+#include "surface/words/StateLine.h"
+#include "text/Machine.h"
 #include "text/TimeWords.h"
 
 using namespace Qt::StringLiterals;
@@ -74,11 +75,11 @@ std::optional<AccountContent> loginCard(const Account::Login& login, bool signin
     if (state == u"failed"_s) {
         const QString error = login.error ? login.error->trimmed() : QString();
         return withSignIn(amber(u"Sign-in didn’t finish"_s, u"Claude Code is still signed out."_s,
-                              error.isEmpty() ? u"Claude Code didn't finish signing in."_s : error),
+                              error.isEmpty() ? u"Claude Code didn’t finish signing in."_s : error),
             u"Try again"_s, signingIn);
     }
     return amber(
-        u"Signing in…"_s, std::nullopt, u"Claude Code is signing in. Its terminal window shows how it's going."_s);
+        u"Signing in…"_s, std::nullopt, u"Claude Code is signing in. Its terminal window shows how it’s going."_s);
 }
 
 std::optional<AccountContent> limitedCard(
@@ -167,15 +168,15 @@ std::optional<AccountContent> content(
         card = withSignIn(amber(beside ? u"Claude Code is signed out"_s : u"Signed out"_s,
                               beside ? u"Its sessions can’t reply. Codex keeps working."_s
                                      : u"Sessions on your subscription can’t reply."_s,
-                              u"Claude Code is signed out on this Mac, so sessions on your subscription can't "
-                              "reply. Sign in opens a terminal window and your browser."_s),
+                              u"Claude Code is signed out on %1, so sessions on your subscription can’t "
+                              "reply. Sign in opens a terminal window and your browser."_s.arg(machine::thisMachine())),
             u"Sign in"_s, signingIn);
     } else if (state == u"no_subscription"_s) {
         card = withSignIn(
             amber(noSubscriptionTitle(reason), u"Renew Pro or Max on the Claude site, then sign in again."_s,
                 u"Renew Pro or Max on the Claude site, then sign in again. Sessions on another "
                 "provider"_s
-                    + (beside ? u", and Codex's,"_s : QString()) + u" keep working."_s),
+                    + (beside ? u", and Codex’s,"_s : QString()) + u" keep working."_s),
             u"Sign in"_s, signingIn);
     } else if (state == u"on_hold"_s) {
         card = amber(beside ? u"Claude Code’s account is on hold"_s : u"Account on hold"_s,
@@ -189,7 +190,7 @@ std::optional<AccountContent> content(
         card = amber(noCreditTitle(reason),
             after(resets, now) ? u"Claude Code can’t reply until %1."_s.arg(TimeWords::timeOfDay(*resets, now, locale))
                                : u"Claude Code can’t reply until you add credits."_s,
-            u"Claude Code can't reply until the limit resets or you add credits."_s);
+            u"Claude Code can’t reply until the limit resets or you add credits."_s);
     } else if (state == u"limited"_s) {
         card = limitedCard(account, now, locale, beside);
     }
@@ -216,7 +217,7 @@ std::optional<CodexCardWords> codexCard(const Codex& codex)
     }
     if (codex.account && codex.account->signedIn == false) {
         return CodexCardWords{CodexCardWords::Case::SignedOut, u"Codex is signed out"_s, true,
-            u"Run codex login in a terminal; it shows here once you're signed in."_s};
+            u"Run codex login in a terminal; it shows here once you’re signed in."_s};
     }
     return std::nullopt;
 }
@@ -231,13 +232,13 @@ std::optional<CodexAccountCardWords> codexAccountCard(const Codex& codex, bool l
             codex.min ? u"Tidewatch needs Codex %1 or later. Run codex update."_s.arg(*codex.min)
                       : u"Run codex update in a terminal."_s,
             u"Open"_s, CodexAccountCardWords::Act::OpenSetup,
-            card->detail + u" Setup's Codex step has the line to copy."_s,
+            card->detail + u" Setup’s Codex step has the line to copy."_s,
             u"too-old/"_s + codex.version.value_or(QString())};
     }
     return CodexAccountCardWords{card->title, u"Its sessions can’t reply until you sign in."_s, u"Sign in"_s,
         CodexAccountCardWords::Act::SignIn,
-        u"Codex is signed out on this Mac. Sign in opens a terminal window running codex "
-        "login, and your browser."_s,
+        u"Codex is signed out on %1. Sign in opens a terminal window running codex "
+        "login, and your browser."_s.arg(machine::thisMachine()),
         u"signed-out"_s};
 }
 

@@ -169,10 +169,10 @@ TerminalAnswerWords terminalAnswer(const Session* session, bool phonePaired)
         const bool onPhone = session->term->phone.value_or(0) >= 1;
         if (onPhone && !onMac)
             return {u"Answer it on your phone."_s, QString()};
-        return {u"It's waiting there."_s, u"Open terminal"_s};
+        return {u"It’s waiting there."_s, u"Open terminal"_s};
     }
     if (session && session->origin == u"terminal"_s) {
-        return {phonePaired ? u"Answer it on your phone, or in its terminal."_s : u"It's waiting in its terminal."_s,
+        return {phonePaired ? u"Answer it on your phone, or in its terminal."_s : u"It’s waiting in its terminal."_s,
             QString()};
     }
     return {u"Answer it on your phone."_s, QString()};

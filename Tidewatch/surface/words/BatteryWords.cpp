@@ -1,5 +1,6 @@
 #include "surface/words/BatteryWords.h"
 
+#include "text/Machine.h"
 #include "text/TimeWords.h"
 
 #include <cmath>
@@ -25,11 +26,11 @@ std::optional<BatteryLine> line(const Battery& battery)
     if (charging || (!low && !onCharger))
         return std::nullopt;
     BatteryLine said;
-    said.help = u"Your sessions run on this Mac, so they stop if it sleeps or shuts down."_s;
+    said.help = u"Your sessions run on %1, so they stop if it sleeps or shuts down."_s.arg(machine::thisMachine());
     said.critical = battery.percent <= kCriticalPercent;
     // A charger that doesn't keep up is a weak one when the battery is low, a resting one otherwise.
     if (onCharger)
-        said.text = low ? u"Use a stronger charger or its sessions stop."_s : u"It's plugged in but not charging."_s;
+        said.text = low ? u"Use a stronger charger or its sessions stop."_s : u"It’s plugged in but not charging."_s;
     else
         said.text = plugIn();
     if (battery.minutesLeft && *battery.minutesLeft > 0 && !(onCharger && !low))
@@ -39,7 +40,7 @@ std::optional<BatteryLine> line(const Battery& battery)
 
 QString notification(const Battery& battery)
 {
-    return u"Your Mac is at %1%. "_s.arg(std::lround(battery.percent)) + plugIn();
+    return u"%1 is at %2%. "_s.arg(machine::YourMachine()).arg(std::lround(battery.percent)) + plugIn();
 }
 
 } // namespace BatteryWords

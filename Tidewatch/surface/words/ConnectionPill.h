@@ -8,7 +8,7 @@
 
 #include <optional>
 
-/// The pill in the panel's header: how a phone reaches this Mac right now,
+/// The pill in the panel's header: how a phone reaches this computer right now,
 /// in a dot, a word and a sentence.
 namespace ConnectionPill {
 

@@ -1,5 +1,6 @@
 #include "surface/words/NoticeWords.h"
 
+#include "text/Machine.h"
 #include "text/TimeWords.h"
 #include "workflows/WorkflowWords.h"
 
@@ -9,8 +10,8 @@ namespace {
 
 constexpr double kKeyWarningSeconds = 1209600; // 14 days
 
-Notice make(QString id, Tone tone, QString title, std::optional<QString> line, std::optional<QString> action,
-            QString key)
+Notice make(
+    QString id, Tone tone, QString title, std::optional<QString> line, std::optional<QString> action, QString key)
 {
     Notice notice;
     notice.id = std::move(id);
@@ -45,23 +46,25 @@ std::optional<Notice> setupNotice(SetupStep step, bool codexTooOld)
     }();
     const auto unfinished = [&](const QString& line) {
         return make(QStringLiteral("setup"), Tone::Amber, QStringLiteral("Setup isn’t finished"), line,
-                    QStringLiteral("Open"), key);
+            QStringLiteral("Open"), key);
     };
     switch (step) {
     case SetupStep::Claude:
-        return make(QStringLiteral("setup"), Tone::Amber, QStringLiteral("No agent on this Mac yet"),
-                    QStringLiteral("Install Claude Code or Codex, so there’s an agent to work with."),
-                    QStringLiteral("Open"), key);
+        return make(QStringLiteral("setup"), Tone::Amber,
+            QStringLiteral("No agent on %1 yet").arg(machine::thisMachine()),
+            QStringLiteral("Install Claude Code or Codex, so there’s an agent to work with."), QStringLiteral("Open"),
+            key);
     case SetupStep::Connect:
         return unfinished(QStringLiteral("Connect Claude Code to Tidewatch."));
     case SetupStep::Tailscale:
-        return unfinished(QStringLiteral("Turn on phone access, so your phone reaches this Mac."));
+        return unfinished(
+            QStringLiteral("Turn on phone access, so your phone reaches %1.").arg(machine::thisMachine()));
     case SetupStep::Codex:
         return unfinished(codexTooOld ? QStringLiteral("Update Codex with codex update, then turn it on in Setup.")
                                       : QStringLiteral("Turn on Codex, so your phone can start Codex sessions."));
     case SetupStep::Phone:
         return make(QStringLiteral("setup"), Tone::Accent, QStringLiteral("Pair your phone to get started"),
-                    QStringLiteral("Scan a code with Tidewatch for Android."), QStringLiteral("Pair"), key);
+            QStringLiteral("Scan a code with Tidewatch for Android."), QStringLiteral("Pair"), key);
     case SetupStep::Service:
     case SetupStep::Voice:
         break;
@@ -78,9 +81,9 @@ Notice sdkNotice(const NoticeInputs& inputs)
     if (inputs.fetchingSDK)
         action = QStringLiteral("Fetching…");
     Notice notice = make(QStringLiteral("sdk"), Tone::Amber,
-                         missing ? QStringLiteral("Claude Code’s SDK isn’t here yet")
-                                 : QStringLiteral("Claude Code’s SDK is out of date"),
-                         line, action, missing ? QStringLiteral("missing") : QStringLiteral("outdated"));
+        missing ? QStringLiteral("Claude Code’s SDK isn’t here yet")
+                : QStringLiteral("Claude Code’s SDK is out of date"),
+        line, action, missing ? QStringLiteral("missing") : QStringLiteral("outdated"));
     notice.busy = inputs.fetchingSDK;
     notice.help = QStringLiteral("Fetches it from npm into the background service, which keeps running.");
     return notice;
@@ -97,25 +100,23 @@ QList<Notice> buildNotices(const NoticeInputs& inputs, const QDateTime& now)
 {
     QList<Notice> notices;
     if (inputs.serviceUp && inputs.lastError) {
-        Notice error = make(QStringLiteral("error"), Tone::Danger,
-                            QStringLiteral("The service didn’t answer that"), inputs.lastError,
-                            inputs.restarting ? QStringLiteral("Restarting…") : QStringLiteral("Restart"),
-                            QStringLiteral("error"));
+        Notice error = make(QStringLiteral("error"), Tone::Danger, QStringLiteral("The service didn’t answer that"),
+            inputs.lastError, inputs.restarting ? QStringLiteral("Restarting…") : QStringLiteral("Restart"),
+            QStringLiteral("error"));
         error.busy = inputs.restarting;
         notices << error;
     }
     for (const WFAskItem& ask : inputs.asks) {
-        Notice notice = make(QStringLiteral("ask-") + ask.runId, Tone::Amber, ask.name, ask.question,
-                             std::nullopt, ask.runId);
+        Notice notice
+            = make(QStringLiteral("ask-") + ask.runId, Tone::Amber, ask.name, ask.question, std::nullopt, ask.runId);
         notice.choices = ask.answers;
         notice.ask = ask;
         notices << notice;
     }
     if (inputs.serviceUpdate) {
         Notice update = make(QStringLiteral("update"), Tone::Accent, QStringLiteral("A newer service is ready"),
-                             QStringLiteral("Updating takes a few seconds. Shared terminals keep running."),
-                             inputs.updatingService ? QStringLiteral("Updating…") : QStringLiteral("Update"),
-                             QStringLiteral("update"));
+            QStringLiteral("Updating takes a few seconds. Shared terminals keep running."),
+            inputs.updatingService ? QStringLiteral("Updating…") : QStringLiteral("Update"), QStringLiteral("update"));
         update.busy = inputs.updatingService;
         notices << update;
     }
@@ -126,10 +127,10 @@ QList<Notice> buildNotices(const NoticeInputs& inputs, const QDateTime& now)
             notices << *setup;
     } else if (inputs.serviceUp && !inputs.voiceUsable && !inputs.voiceAsked) {
         Notice voice = make(QStringLiteral("voice"), Tone::Accent, QStringLiteral("Talk to your sessions"),
-                            QStringLiteral("Hold a mic on your phone, say what to do, send."), QStringLiteral("Set up"),
-                            QStringLiteral("voice"));
-        voice.help = QStringLiteral(
-            "Hold a mic on your phone, say what to do, read it, send. Opens Setup at the Voice step.");
+            QStringLiteral("Hold a mic on your phone, say what to do, send."), QStringLiteral("Set up"),
+            QStringLiteral("voice"));
+        voice.help
+            = QStringLiteral("Hold a mic on your phone, say what to do, read it, send. Opens Setup at the Voice step.");
         notices << voice;
     }
     if (inputs.keyExpiry && keyExpiryCounts(*inputs.keyExpiry, now)) {
@@ -137,15 +138,17 @@ QList<Notice> buildNotices(const NoticeInputs& inputs, const QDateTime& now)
         const QString day = QString::number(inputs.keyExpiry->msecsSinceEpoch / 86400000);
         if (left <= 0) {
             notices << make(QStringLiteral("key"), Tone::Amber,
-                            QStringLiteral("This Mac’s Tailscale key has expired"),
-                            QStringLiteral("Disable key expiry for this Mac in the Tailscale admin console, so your "
-                                           "phone never loses the connection."),
-                            QStringLiteral("Fix"), day);
+                machine::ThisMachine() + QStringLiteral("’s Tailscale key has expired"),
+                QStringLiteral("Disable key expiry for %1 in the Tailscale admin console, so your "
+                               "phone never loses the connection.")
+                    .arg(machine::thisMachine()),
+                QStringLiteral("Fix"), day);
         } else {
             notices << make(QStringLiteral("key"), Tone::Amber,
-                            QStringLiteral("Tailscale key expires in ") + TimeWords::compactDuration(left),
-                            QStringLiteral("Turn key expiry off for this Mac, so your phone keeps the connection."),
-                            QStringLiteral("Fix"), day);
+                QStringLiteral("Tailscale key expires in ") + TimeWords::compactDuration(left),
+                QStringLiteral("Turn key expiry off for %1, so your phone keeps the connection.")
+                    .arg(machine::thisMachine()),
+                QStringLiteral("Fix"), day);
         }
     }
     return notices;
@@ -175,13 +178,13 @@ ServiceDownCard serviceDownCard(const ServiceDownInputs& inputs)
         card.act = ServiceDownCard::Act::Repair;
         card.action = inputs.repairing ? QStringLiteral("Repairing…") : QStringLiteral("Repair");
     } else if (!inputs.serviceInstalled) {
-        card.title = QStringLiteral("Tidewatch isn't set up on this Mac yet.");
+        card.title = QStringLiteral("Tidewatch isn’t set up on %1 yet.").arg(machine::thisMachine());
         card.line = QStringLiteral("Setup takes a few minutes and walks you through every step.");
         card.act = ServiceDownCard::Act::Repair;
         card.action = inputs.repairing ? QStringLiteral("Setting up…") : QStringLiteral("Set up");
     } else {
-        card.title = QStringLiteral("The background service isn't answering.");
-        card.line = QStringLiteral("Your phone can't reach your sessions until it's back. Restarting usually fixes "
+        card.title = QStringLiteral("The background service isn’t answering.");
+        card.line = QStringLiteral("Your phone can’t reach your sessions until it’s back. Restarting usually fixes "
                                    "it; shared terminals keep running.");
         card.action = inputs.restarting ? QStringLiteral("Restarting…") : QStringLiteral("Restart");
         card.busy = inputs.restarting;

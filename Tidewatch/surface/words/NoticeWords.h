@@ -30,7 +30,7 @@ struct NoticeInputs {
     bool codexTooOld = false;
     bool voiceUsable = false;
     bool voiceAsked = false;
-    /// When this Mac's key runs out, on the Tailscale app's route only.
+    /// When this computer's key runs out, on the Tailscale app's route only.
     std::optional<FlexDate> keyExpiry;
 };
 
