@@ -3,7 +3,9 @@
 #include "Fixture.h"
 
 #include <QDateTime>
+#include <QDeadlineTimer>
 #include <QJsonArray>
+#include <QSignalSpy>
 #include <QTest>
 
 LiveModel::LiveModel(bool startService)
@@ -47,13 +49,19 @@ bool LiveModel::startModel(LiveFeed::Timing timing, bool settle)
     m_model->start();
     if (!settle)
         return true;
+    // The feed coming up during the first read asks for another at once:
+    // settled means all that is done and no read followed for half a second.
     const AppModel& model = *m_model;
-    return QTest::qWaitFor(
-        [&model] {
-            return model.firstPollDone() && model.feedLive() && model.snapshot() && model.status()
-                && model.reading() == 0;
-        },
-        15000);
+    QSignalSpy reads(m_model.get(), &AppModel::readFinished);
+    QDeadlineTimer deadline(15000);
+    while (!deadline.hasExpired()) {
+        const qsizetype before = reads.count();
+        QTest::qWait(500);
+        if (model.firstPollDone() && model.feedLive() && model.snapshot() && model.status() && model.reading() == 0
+            && reads.count() == before)
+            return true;
+    }
+    return false;
 }
 
 LiveFeed::Timing LiveModel::quickFeed()
