@@ -15,7 +15,7 @@
 #include "../BenchSupport.h"
 #include "ScratchFolder.h"
 #include "ServiceProcess.h"
-#include "entry/Clock.h"
+#include "base/Clock.h"
 #include "link/LiveFeed.h"
 #include "model/AppModel.h"
 

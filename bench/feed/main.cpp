@@ -14,7 +14,7 @@
 #include "PlayedLoad.h"
 
 #include "../BenchSupport.h"
-#include "entry/Clock.h"
+#include "base/Clock.h"
 #include "entry/Environment.h"
 #include "link/LiveFeed.h"
 #include "model/AppModel.h"

@@ -8,7 +8,7 @@
 #include "ScratchFolder.h"
 #include "ServiceProcess.h"
 #include "../BenchSupport.h"
-#include "entry/Clock.h"
+#include "base/Clock.h"
 #include "model/AppModel.h"
 #include "surface/StatusItemController.h"
 

@@ -11,7 +11,7 @@
 
 #include "AppIdle.h"
 #include "../BenchSupport.h"
-#include "entry/Clock.h"
+#include "base/Clock.h"
 #include "surface/MenuBarFrames.h"
 #include "surface/MenuBarIconAnimator.h"
 #include "surface/StatusButton.h"
