@@ -77,8 +77,6 @@ private Q_SLOTS:
     void manyLinesAcrossManyReads();
     void launchFailure_data();
     void launchFailure();
-    void environment_data();
-    void environment();
     void destroyedEarlyFallsSilentAndStillReaps();
     void destroyedFromItsOwnCallback();
     void nothingLeftBehind();
@@ -183,31 +181,6 @@ void TestStreamingProcess::launchFailure()
     QCOMPARE(run.lines,
         QStringList{
             QStringLiteral("Couldn’t start: ") + QString::fromStdString(std::generic_category().message(error))});
-}
-
-void TestStreamingProcess::environment_data()
-{
-    QTest::addColumn<std::optional<Shell::Environment>>("given");
-    QTest::addColumn<QStringList>("lines");
-
-    QTest::newRow("by default, the fixed folders lead PATH and HOME is the system's")
-        << std::optional<Shell::Environment>()
-        << QStringList{
-               Shell::environment().value(QStringLiteral("PATH")), Shell::environment().value(QStringLiteral("HOME"))};
-    QTest::newRow("a given environment replaces everything")
-        << std::optional<Shell::Environment>(Shell::Environment{{QStringLiteral("PATH"), QStringLiteral("/given")}})
-        << QStringList{QStringLiteral("/given"), QStringLiteral("unset")};
-}
-
-void TestStreamingProcess::environment()
-{
-    QFETCH(std::optional<Shell::Environment>, given);
-    Run run;
-    StreamingProcess process;
-    startBash(process, run, QStringLiteral("echo \"$PATH\"; echo \"${HOME-unset}\""), given);
-    QVERIFY(run.waitForExit(10));
-    std::lock_guard guard(run.lock);
-    QTEST(run.lines, "lines");
 }
 
 void TestStreamingProcess::destroyedEarlyFallsSilentAndStillReaps()

@@ -1,7 +1,5 @@
-#include "model/AppModel.h"
-
-#include "ScratchFolder.h"
-#include "ServiceProcess.h"
+#include "LiveModel.h"
+#include "RealPlaces.h"
 
 #include <QElapsedTimer>
 #include <QJsonArray>
@@ -15,18 +13,8 @@ using Action = std::function<void(AppModel&)>;
 /// What the model must show once the action has done its work.
 using Effect = std::function<bool(const AppModel&)>;
 
-QJsonObject object(std::initializer_list<std::pair<QString, QJsonValue>> fields)
-{
-    QJsonObject result;
-    for (const auto& [key, value] : fields)
-        result.insert(key, value);
-    return result;
-}
-
 const Session* sessionOf(const AppModel& model, const QString& id)
 {
-    if (!model.snapshot())
-        return nullptr;
     for (const Session& session : model.snapshot()->sessions.items) {
         if (session.id == id)
             return &session;
@@ -34,11 +22,41 @@ const Session* sessionOf(const AppModel& model, const QString& id)
     return nullptr;
 }
 
+QStringList waitingIds(const AppModel& model)
+{
+    QStringList ids;
+    for (const NeedsYouItem& item : model.needsYou())
+        ids << item.approval().id + (item.isAnswered() ? QStringLiteral("*") : QString());
+    return ids;
+}
+
+Approval waiting(const AppModel& model, const QString& id)
+{
+    for (const NeedsYouItem& item : model.needsYou()) {
+        if (item.approval().id == id)
+            return item.approval();
+    }
+    return {};
+}
+
+std::optional<Awake> awake(const AppModel& model)
+{
+    return model.snapshot()->mac ? model.snapshot()->mac->awake : std::nullopt;
+}
+
+QJsonObject fault(const QString& route, int status, const QByteArray& body)
+{
+    return QJsonObject{{"route", route}, {"status", status}, {"body", QString::fromUtf8(body)}};
+}
+
 } // namespace
 
 Q_DECLARE_METATYPE(Action)
 Q_DECLARE_METATYPE(Effect)
 
+/// What the model's actions do against the real service: each success shows
+/// its effect, each refusal says what didn't happen, and an approval's answer
+/// folds its card until the service resolves it.
 class TestAppModelActions : public QObject
 {
     Q_OBJECT
@@ -46,53 +64,44 @@ class TestAppModelActions : public QObject
 private Q_SLOTS:
     void initTestCase();
     void init();
-    void cleanupTestCase();
+    void cleanup() { m_live->stopModel(); }
 
     void aFailureSaysWhatDidntHappen_data();
     void aFailureSaysWhatDidntHappen();
     void aSuccessShowsItsEffect_data();
     void aSuccessShowsItsEffect();
     void signOutTakesTheStatusAndReadsAMomentLater();
+    void anAnswerFoldsItsCardUntilTheServiceResolvesIt();
+    void anAnswerThatDidntArriveComesBack_data();
+    void anAnswerThatDidntArriveComesBack();
+    void anAwakeChoiceShowsUntilTheServiceAnswers();
 
 private:
-    std::unique_ptr<ScratchFolder> m_scratch;
-    std::unique_ptr<ServiceProcess> m_service;
-    std::unique_ptr<AppModel> m_model;
+    AppModel& model() const { return m_live->model(); }
+
+    std::unique_ptr<LiveModel> m_live;
 };
 
 void TestAppModelActions::initTestCase()
 {
-    m_scratch = std::make_unique<ScratchFolder>();
-    m_service = std::make_unique<ServiceProcess>(m_scratch->path());
-    QVERIFY2(m_service->start(), qPrintable(m_service->lastError()));
+    m_live = std::make_unique<LiveModel>();
+    QVERIFY(m_live->ok());
 }
 
 void TestAppModelActions::init()
 {
-    m_model.reset();
-    m_service->qa("DELETE", "/qa/faults");
-    m_service->qa("POST", "/qa/reset", QJsonObject{});
-    m_service->qa("POST", "/qa/sessions", object({{"id", "s1"}, {"title", "Fix the tests"}, {"state", "needs_you"}}));
-    m_service->qa("POST", "/qa/sessions",
-        object({{"id", "s2"}, {"state", "idle"},
-            {"blocked", object({{"kind", "limit"}, {"resume", object({{"state", "off"}})}})}}));
-    m_service->qa("POST", "/qa/devices", object({{"id", "d1"}, {"name", "Pixel 8"}}));
-    m_service->qa("POST", "/qa/devices", object({{"id", "d2"}, {"name", "Glasses"}, {"client", "lens"}}));
-    m_service->qa("POST", "/qa/snapshot",
-        object({{"codex", object({{"available", true}, {"enabled", false}})},
-            {"account", object({{"state", "logged_out"}})}}));
-    m_model = std::make_unique<AppModel>(m_service->environment(), Clock::system());
-    m_model->setClaudeLook([] { return true; });
-    m_model->start();
-    QTRY_VERIFY_WITH_TIMEOUT(
-        m_model->feedLive() && m_model->snapshot() && m_model->status() && m_model->reading() == 0, 15000);
-}
-
-void TestAppModelActions::cleanupTestCase()
-{
-    m_model.reset();
-    m_service.reset();
-    m_scratch.reset();
+    m_live->service.qa("DELETE", "/qa/faults");
+    m_live->service.qa("POST", "/qa/reset", QJsonObject{});
+    m_live->seed(R"([
+        ["/qa/sessions", {"id": "s1", "title": "Fix the tests", "state": "needs_you"}],
+        ["/qa/sessions", {"id": "s2", "state": "idle", "blocked": {"kind": "limit", "resume": {"state": "off"}}}],
+        ["/qa/sessions", {"id": "x1", "agent": "codex", "state": "working"}],
+        ["/qa/devices", {"id": "d1", "name": "Pixel 8"}],
+        ["/qa/devices", {"id": "d2", "name": "Glasses", "client": "lens"}],
+        ["/qa/snapshot", {"codex": {"available": true, "enabled": false}, "account": {"state": "logged_out"}}]
+    ])");
+    QVERIFY(m_live->startModel());
+    QVERIFY(awake(model()));
 }
 
 void TestAppModelActions::aFailureSaysWhatDidntHappen_data()
@@ -131,6 +140,10 @@ void TestAppModelActions::aFailureSaysWhatDidntHappen_data()
     QTest::newRow("Tailscale sign-out speaks in the service's words alone")
         << Action([](AppModel& m) { m.signOutTailscale(); }) << "POST /local/tsnet/logout"
         << "Nope.";
+    QTest::newRow("a battery level out of range")
+        << Action([](AppModel& m) { m.setMinBattery(99); }) << QString() << "Couldn’t change the battery level. ";
+    QTest::newRow("more time while none is offered")
+        << Action([](AppModel& m) { m.extendBackpack(); }) << QString() << "Couldn’t extend Backpack. ";
     QTest::newRow("refresh usage passes in silence")
         << Action([](AppModel& m) { m.refreshUsage(); }) << "POST /v1/usage/refresh" << QString();
     QTest::newRow("refresh Codex passes in silence")
@@ -142,20 +155,29 @@ void TestAppModelActions::aFailureSaysWhatDidntHappen()
     QFETCH(Action, action);
     QFETCH(QString, route);
     QFETCH(QString, note);
-    m_service->qa("POST", "/qa/faults",
-        object({{"route", route}, {"status", 500}, {"body", R"({"error":{"code":"x","message":"Nope."}})"}}));
-    QSignalSpy reads(m_model.get(), &AppModel::readFinished);
-    action(*m_model);
+    // Without a route the service refuses by itself, in its own words after the opening.
+    if (!route.isEmpty())
+        m_live->service.qa("POST", "/qa/faults", fault(route, 500, R"({"error":{"code":"x","message":"Nope."}})"));
+    const Awake before = *awake(model());
+    QSignalSpy reads(&model(), &AppModel::readFinished);
+    action(model());
     if (note.isEmpty()) {
-        QTRY_COMPARE_WITH_TIMEOUT(m_service->qa("GET", "/qa/faults").toArray().size(), 0, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_live->service.qa("GET", "/qa/faults").toArray().size(), 0, 5000);
         QTest::qWait(500);
-        QVERIFY(!m_model->note());
+        QVERIFY(!model().note());
+    } else if (route.isEmpty()) {
+        QTRY_VERIFY_WITH_TIMEOUT(!model().noteText().isEmpty(), 5000);
+        QVERIFY2(model().noteText().startsWith(note) && model().noteText().size() > note.size(),
+            qPrintable(model().noteText()));
+        QCOMPARE(*awake(model()), before);
     } else {
-        QTRY_COMPARE_WITH_TIMEOUT(m_model->noteText(), note, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(model().noteText(), note, 5000);
     }
-    // A refused action reads nothing after it.
-    QTest::qWait(300);
-    QCOMPARE(reads.count(), 0);
+    if (!route.isEmpty()) {
+        // A refused action reads nothing after it.
+        QTest::qWait(300);
+        QCOMPARE(reads.count(), 0);
+    }
 }
 
 void TestAppModelActions::aSuccessShowsItsEffect_data()
@@ -164,26 +186,24 @@ void TestAppModelActions::aSuccessShowsItsEffect_data()
     QTest::addColumn<Effect>("effect");
     QTest::addColumn<QString>("note");
 
-    QTest::newRow("continue: the session works again") << Action(
-        [](AppModel& m) { m.continueSession("s1"); }) << Effect([](const AppModel& m) {
-        const Session* session = sessionOf(m, "s1");
-        return session && session->state == QStringLiteral("working");
-    }) << QString();
+    QTest::newRow("continue: the session works again")
+        << Action([](AppModel& m) { m.continueSession("s1"); })
+        << Effect([](const AppModel& m) { return sessionOf(m, "s1")->state == QStringLiteral("working"); })
+        << QString();
     QTest::newRow("auto-continue: the session is armed")
         << Action([](AppModel& m) { m.setAutoContinue("s2", true); }) << Effect([](const AppModel& m) {
-               const Session* session = sessionOf(m, "s2");
-               return session && session->blocked && session->blocked->resume
-                   && session->blocked->resume->state == QStringLiteral("armed");
+               const auto& blocked = sessionOf(m, "s2")->blocked;
+               return blocked && blocked->resume && blocked->resume->state == QStringLiteral("armed");
            })
         << QString();
     QTest::newRow("sign in: signing in, and the account from the reply") << Action(
         [](AppModel& m) { m.signIn(); }) << Effect([](const AppModel& m) {
-        return m.signingIn() && m.snapshot()->account && m.snapshot()->account->login
-            && m.snapshot()->account->login->state == QStringLiteral("waiting_code");
+        const auto& account = m.snapshot()->account;
+        return m.signingIn() && account && account->login && account->login->state == QStringLiteral("waiting_code");
     }) << QString();
     QTest::newRow("forget a device: the list is read again") << Action(
         [](AppModel& m) { m.forgetDevice("d1", "Pixel 8"); }) << Effect([](const AppModel& m) {
-        return m.deviceList() && m.deviceList()->size() == 1 && m.deviceList()->first().id == QStringLiteral("d2");
+        return m.deviceList() && m.deviceList()->size() == 1 && m.deviceList()->first().id == "d2";
     }) << QString();
     QTest::newRow("refresh usage: the reading from the reply")
         << Action([](AppModel& m) { m.refreshUsage(); })
@@ -200,6 +220,9 @@ void TestAppModelActions::aSuccessShowsItsEffect_data()
         [](AppModel& m) { m.setBrowseOutsideProjects(true); }) << Effect([](const AppModel& m) {
         return m.status()->files && m.status()->files->browseOutsideProjects == true;
     }) << "Phones can open sessions’ folders in your home folder too, read only";
+    QTest::newRow("a battery level: the service holds it")
+        << Action([](AppModel& m) { m.setMinBattery(25); })
+        << Effect([](const AppModel& m) { return awake(m)->minBattery == 25; }) << QString();
     QTest::newRow("open a session's terminal: nothing more")
         << Action([](AppModel& m) { m.openTerminal("s1"); }) << Effect([](const AppModel&) { return true; })
         << QString();
@@ -210,27 +233,97 @@ void TestAppModelActions::aSuccessShowsItsEffect()
     QFETCH(Action, action);
     QFETCH(Effect, effect);
     QFETCH(QString, note);
-    action(*m_model);
-    QTRY_VERIFY_WITH_TIMEOUT(effect(*m_model), 10000);
-    QTRY_COMPARE_WITH_TIMEOUT(m_model->noteText(), note, 5000);
+    action(model());
+    QTRY_VERIFY_WITH_TIMEOUT(effect(model()), 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(model().noteText(), note, 5000);
     QTest::qWait(300);
-    QCOMPARE(m_model->noteText(), note);
+    QCOMPARE(model().noteText(), note);
 }
 
 void TestAppModelActions::signOutTakesTheStatusAndReadsAMomentLater()
 {
     // A status the reply brings is held at once, before the read that follows.
-    m_service->qa("POST", "/qa/local", object({{"projectsRoot", "/Users/someone/Projects"}}));
-    QSignalSpy reads(m_model.get(), &AppModel::readFinished);
+    m_live->service.qa("POST", "/qa/local", QJsonObject{{"projectsRoot", "/Users/someone/Projects"}});
+    QSignalSpy reads(&model(), &AppModel::readFinished);
     QElapsedTimer elapsed;
     elapsed.start();
-    m_model->signOutTailscale();
-    QTRY_COMPARE_WITH_TIMEOUT(m_model->status()->projectsRoot, std::optional<QString>("/Users/someone/Projects"), 5000);
+    model().signOutTailscale();
+    QTRY_COMPARE_WITH_TIMEOUT(model().status()->projectsRoot, std::optional<QString>("/Users/someone/Projects"), 5000);
     QCOMPARE(reads.count(), 0);
     QTRY_COMPARE_WITH_TIMEOUT(reads.count(), 1, 5000);
     QVERIFY2(elapsed.elapsed() >= 1100, "the read came before the node could settle");
-    QVERIFY(!m_model->note());
+    QVERIFY(!model().note());
 }
 
-QTEST_GUILESS_MAIN(TestAppModelActions)
+void TestAppModelActions::anAnswerFoldsItsCardUntilTheServiceResolvesIt()
+{
+    m_live->seed(R"([["/qa/approvals", {"id": "q1", "sessionId": "s1", "kind": "question", "createdAt": "@now"}]])");
+    QTRY_COMPARE_WITH_TIMEOUT(waitingIds(model()), QStringList{"q1"}, 5000);
+    // A tool request pushed later still stands first.
+    m_live->seed(R"([["/qa/approvals", {"id": "t1", "sessionId": "s1", "kind": "tool", "createdAt": "@now"}]])");
+    QTRY_COMPARE_WITH_TIMEOUT(waitingIds(model()), (QStringList{"t1", "q1"}), 5000);
+
+    const Approval asked = waiting(model(), "t1");
+    model().decide(asked, "allow");
+    // Folded at once, in its place, before the service has said anything.
+    QCOMPARE(waitingIds(model()), (QStringList{"t1*", "q1"}));
+    QCOMPARE(model().waitingApprovals().size(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(waitingIds(model()), QStringList{"q1"}, 8000);
+    QVERIFY(model().noteText().isEmpty());
+
+    // An approval can't be answered twice.
+    const auto decisions = [this] { return m_live->service.qa("GET", "/qa/state")["decisions"].toArray().size(); };
+    const qsizetype answered = decisions();
+    model().decide(asked, "deny");
+    QTest::qWait(300);
+    QCOMPARE(decisions(), answered);
+}
+
+void TestAppModelActions::anAnswerThatDidntArriveComesBack_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("note");
+    QTest::addColumn<bool>("comesBack");
+
+    QTest::newRow("answered elsewhere: no note, and the card goes") << 409 << QString() << false;
+    QTest::newRow("lost: back in its place, with the agent's word")
+        << 500 << "That answer didn’t reach Codex. nope" << true;
+}
+
+void TestAppModelActions::anAnswerThatDidntArriveComesBack()
+{
+    QFETCH(int, status);
+    QFETCH(QString, note);
+    QFETCH(bool, comesBack);
+    m_live->seed(R"([["/qa/approvals", {"id": "c1", "sessionId": "x1", "kind": "tool", "createdAt": "@now"}],
+                    ["/qa/approvals", {"id": "c0", "sessionId": "s1", "kind": "tool", "createdAt": "@now"}]])");
+    QTRY_COMPARE_WITH_TIMEOUT(waitingIds(model()).size(), 2, 5000);
+    const QStringList before = waitingIds(model());
+    m_live->service.qa("POST", "/qa/faults",
+        fault("POST /v1/approvals/c1/decision", status,
+            status == 409 ? R"({"error":{"code":"already_resolved","message":"Answered on the phone."}})"
+                          : R"({"error":{"code":"x","message":"nope"}})"));
+    model().decide(waiting(model(), "c1"), "deny");
+    if (comesBack) {
+        QTRY_COMPARE_WITH_TIMEOUT(model().noteText(), note, 5000);
+        QCOMPARE(waitingIds(model()), before);
+    } else {
+        QTest::qWait(1000);
+        QCOMPARE(model().noteText(), note);
+        QCOMPARE(model().waitingApprovals().size(), 1);
+        QCOMPARE(model().waitingApprovals().first().id, QStringLiteral("c0"));
+    }
+}
+
+void TestAppModelActions::anAwakeChoiceShowsUntilTheServiceAnswers()
+{
+    QSignalSpy choice(&model(), &AppModel::awakeChoiceChanged);
+    model().setAwake(Awake::Mode::Off);
+    QCOMPARE(model().awakeChoice(), std::optional(Awake::Mode::Off));
+    QTRY_COMPARE_WITH_TIMEOUT(awake(model())->mode, Awake::Mode::Off, 5000);
+    QTRY_VERIFY_WITH_TIMEOUT(!model().awakeChoice(), 5000);
+    QCOMPARE(choice.size(), 2);
+}
+
+TIDEWATCH_E2E_MAIN(TestAppModelActions)
 #include "TestAppModelActions.moc"

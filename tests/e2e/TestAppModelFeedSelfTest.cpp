@@ -1,7 +1,7 @@
 #include "app/FeedSelfTest.h"
 
-#include "ScratchFolder.h"
-#include "ServiceProcess.h"
+#include "LiveModel.h"
+#include "RealPlaces.h"
 
 #include <QJsonObject>
 #include <QRegularExpression>
@@ -21,11 +21,11 @@ private Q_SLOTS:
 
 void TestAppModelFeedSelfTest::aLiveFeedIsToldLineByLine()
 {
-    ScratchFolder scratch;
-    ServiceProcess service(scratch.path());
-    QVERIFY2(service.start(), qPrintable(service.lastError()));
-    service.qa("POST", "/qa/sessions", QJsonObject{{"id", "s1"}, {"state", "idle"}});
-    service.qa("POST", "/qa/snapshot", QJsonObject{{"account", QJsonObject{{"state", "logged_out"}}}});
+    LiveModel live;
+    const ServiceProcess& service = live.service;
+    QVERIFY(live.ok());
+    live.seed(R"([["/qa/sessions", {"id": "s1", "state": "idle"}],
+                  ["/qa/snapshot", {"account": {"state": "logged_out"}}]])");
     QTimer::singleShot(800, [&service] { service.qa("POST", "/qa/feed/ping", QJsonObject{}); });
 
     QStringList lines;
@@ -67,9 +67,8 @@ void TestAppModelFeedSelfTest::aCopyThatIsntIsolatedRefuses()
 
 void TestAppModelFeedSelfTest::nothingAnsweringFails()
 {
-    ScratchFolder scratch;
-    ServiceProcess service(scratch.path());
-    QVERIFY2(service.start(), qPrintable(service.lastError()));
+    LiveModel live;
+    ServiceProcess& service = live.service;
     QCOMPARE(service.stop(), 0);
     QStringList lines;
     const int code
@@ -78,5 +77,5 @@ void TestAppModelFeedSelfTest::nothingAnsweringFails()
     QCOMPARE(lines, QStringList{"FAILED: the feed never went live in 1.5 s."});
 }
 
-QTEST_GUILESS_MAIN(TestAppModelFeedSelfTest)
+TIDEWATCH_E2E_MAIN(TestAppModelFeedSelfTest)
 #include "TestAppModelFeedSelfTest.moc"

@@ -1,7 +1,5 @@
-#include "model/AppModel.h"
-
-#include "ScratchFolder.h"
-#include "ServiceProcess.h"
+#include "LiveModel.h"
+#include "RealPlaces.h"
 
 #include <QElapsedTimer>
 #include <QJsonArray>
@@ -10,23 +8,6 @@
 #include <QTest>
 
 namespace {
-
-LiveFeed::Timing quickFeed()
-{
-    LiveFeed::Timing timing;
-    timing.firstDelay = 0.2;
-    timing.afterHeard = 0.2;
-    timing.maxDelay = 1;
-    return timing;
-}
-
-QJsonObject object(std::initializer_list<std::pair<QString, QJsonValue>> fields)
-{
-    QJsonObject result;
-    for (const auto& [key, value] : fields)
-        result.insert(key, value);
-    return result;
-}
 
 bool holdsSession(const AppModel& model, const QString& id)
 {
@@ -75,40 +56,34 @@ private Q_SLOTS:
     void aDevicesMessageReadsTheStatus();
 
 private:
-    std::unique_ptr<ScratchFolder> m_scratch;
-    std::unique_ptr<ServiceProcess> m_service;
-    std::unique_ptr<AppModel> m_model;
+    std::unique_ptr<LiveModel> m_live;
+    ServiceProcess* m_service = nullptr;
+    AppModel* m_model = nullptr;
 
-    void startService() { QVERIFY2(m_service->start(), qPrintable(m_service->lastError())); }
+    void startService() { QVERIFY(m_live->restartService()); }
     void startModel()
     {
-        m_model = std::make_unique<AppModel>(m_service->environment(), Clock::system(), quickFeed());
-        // This machine's own Claude Code is none of the test's business.
-        m_model->setClaudeLook([] { return true; });
-        m_model->start();
+        m_live->startModel(LiveModel::quickFeed(), false);
+        m_model = &m_live->model();
     }
     /// The model has read once and hears the feed.
     void startSettled()
     {
         startService();
-        startModel();
-        QTRY_VERIFY_WITH_TIMEOUT(m_model->firstPollDone() && m_model->feedLive() && m_model->snapshot()
-                && m_model->status() && m_model->reading() == 0,
-            15000);
+        QVERIFY(m_live->startModel(LiveModel::quickFeed()));
+        m_model = &m_live->model();
     }
 };
 
 void TestAppModelLoop::init()
 {
-    m_scratch = std::make_unique<ScratchFolder>();
-    m_service = std::make_unique<ServiceProcess>(m_scratch->path());
+    m_live = std::make_unique<LiveModel>(false);
+    m_service = &m_live->service;
 }
 
 void TestAppModelLoop::cleanup()
 {
-    m_model.reset();
-    m_service.reset();
-    m_scratch.reset();
+    m_live.reset();
 }
 
 void TestAppModelLoop::firstReadEndsTheFirstPollEvenWhenItFails_data()
@@ -129,13 +104,13 @@ void TestAppModelLoop::firstReadEndsTheFirstPollEvenWhenItFails()
     if (serviceRuns) {
         startService();
         // No feed either, so that the snapshot can only come from the read.
-        m_service->qa("POST", "/qa/feed/refuse", object({{"on", true}}));
+        m_service->qa("POST", "/qa/feed/refuse", QJsonObject({{"on", true}}));
         m_service->qa("POST", "/qa/faults",
-            object({{"route", "GET /v1/snapshot"}, {"status", 502}, {"body", "bad gateway"},
+            QJsonObject({{"route", "GET /v1/snapshot"}, {"status", 502}, {"body", "bad gateway"},
                 {"contentType", "text/plain"}}));
     }
     startModel();
-    QSignalSpy firstPoll(m_model.get(), &AppModel::firstPollDoneChanged);
+    QSignalSpy firstPoll(m_model, &AppModel::firstPollDoneChanged);
     QTRY_VERIFY_WITH_TIMEOUT(m_model->firstPollDone(), 10000);
     QCOMPARE(firstPoll.count(), 1);
     QCOMPARE(m_model->health().has_value(), healthExpected);
@@ -148,11 +123,12 @@ void TestAppModelLoop::aSnapshotReadThatCrossesAFeedMessageIsDropped()
     startSettled();
     ReadLog reads(*m_model);
     // The service will answer this read late; meanwhile the feed tells of a session it never held.
-    m_service->qa("POST", "/qa/faults", object({{"route", "GET /v1/snapshot"}, {"delayMs", 2500}}));
+    m_service->qa("POST", "/qa/faults", QJsonObject({{"route", "GET /v1/snapshot"}, {"delayMs", 2500}}));
     m_model->read(false);
     QTest::qWait(500);
     m_service->qa("POST", "/qa/feed/frame",
-        object({{"json", object({{"t", "session"}, {"session", object({{"id", "s9"}, {"state", "working"}})}})}}));
+        QJsonObject({{"json",
+            QJsonObject({{"t", "session"}, {"session", QJsonObject({{"id", "s9"}, {"state", "working"}})}})}}));
     QTRY_VERIFY_WITH_TIMEOUT(holdsSession(*m_model, "s9"), 5000);
     QTRY_COMPARE_WITH_TIMEOUT(reads.count(), 1, 10000);
     QVERIFY2(holdsSession(*m_model, "s9"), "the late reply overwrote the newer news of the feed");
@@ -187,7 +163,7 @@ void TestAppModelLoop::thePaceFollowsTheFeedAndThePopover()
     startSettled();
     ReadLog reads(*m_model);
     if (killFeed) {
-        m_service->qa("POST", "/qa/feed/refuse", object({{"on", true}}));
+        m_service->qa("POST", "/qa/feed/refuse", QJsonObject({{"on", true}}));
         m_service->qa("POST", "/qa/feed/drop", QJsonObject{});
         QTRY_VERIFY_WITH_TIMEOUT(!m_model->feedLive(), 5000);
         // The link's end asks for a read at once; the pace counts from there.
@@ -212,14 +188,14 @@ void TestAppModelLoop::aFailedProbeWithAFreshFeedChangesNothing()
     QTRY_COMPARE_WITH_TIMEOUT(m_model->reading(), 0, 5000);
     const std::optional<Snapshot> snapshot = m_model->snapshot();
     const std::optional<Health> health = m_model->health();
-    QSignalSpy healthChanges(m_model.get(), &AppModel::healthChanged);
-    QSignalSpy snapshotChanges(m_model.get(), &AppModel::snapshotChanged);
-    QSignalSpy statusChanges(m_model.get(), &AppModel::statusChanged);
-    QSignalSpy errorChanges(m_model.get(), &AppModel::lastErrorChanged);
+    QSignalSpy healthChanges(m_model, &AppModel::healthChanged);
+    QSignalSpy snapshotChanges(m_model, &AppModel::snapshotChanged);
+    QSignalSpy statusChanges(m_model, &AppModel::statusChanged);
+    QSignalSpy errorChanges(m_model, &AppModel::lastErrorChanged);
     ReadLog reads(*m_model);
 
     // The probe now hangs until it gives up, while the feed goes on.
-    m_service->qa("POST", "/qa/health", object({{"answering", false}}));
+    m_service->qa("POST", "/qa/health", QJsonObject({{"answering", false}}));
     m_model->setPopoverVisible(false);
     m_model->setPopoverVisible(true);
     QTRY_VERIFY_WITH_TIMEOUT(m_model->failingSince(), 10000);
@@ -238,7 +214,7 @@ void TestAppModelLoop::aFailedProbeWithAFreshFeedChangesNothing()
     QVERIFY(m_model->health() == health);
     QVERIFY(m_model->feedLive());
 
-    m_service->qa("POST", "/qa/health", object({{"answering", true}}));
+    m_service->qa("POST", "/qa/health", QJsonObject({{"answering", true}}));
     QTRY_VERIFY_WITH_TIMEOUT(!m_model->failingSince(), 8000);
     QVERIFY(m_model->health() == health);
 }
@@ -248,7 +224,7 @@ void TestAppModelLoop::serviceGoneClearsThePictureAndItsReturnRestoresIt()
     startSettled();
     // A refused snapshot read leaves its sentence beside the picture held.
     m_service->qa("POST", "/qa/faults",
-        object(
+        QJsonObject(
             {{"route", "GET /v1/snapshot"}, {"status", 502}, {"body", "bad gateway"}, {"contentType", "text/plain"}}));
     m_model->read(false);
     QTRY_COMPARE_WITH_TIMEOUT(m_model->lastErrorText(), QStringLiteral("bad gateway"), 5000);
@@ -261,7 +237,7 @@ void TestAppModelLoop::serviceGoneClearsThePictureAndItsReturnRestoresIt()
     QVERIFY(m_model->firstPollDone());
 
     startService();
-    m_service->qa("POST", "/qa/sessions", object({{"id", "back"}, {"state", "idle"}}));
+    m_service->qa("POST", "/qa/sessions", QJsonObject({{"id", "back"}, {"state", "idle"}}));
     // Whichever comes first, the loop's read (every 5 s while the feed is dead) or the feed's own
     // retry, brings the other: an answer restarts the feed, and a message on a picture without
     // health asks for a read.
@@ -288,9 +264,9 @@ void TestAppModelLoop::aDevicesMessageReadsTheStatus()
 {
     startSettled();
     QCOMPARE(m_model->status()->devices.items.size(), 0);
-    m_service->qa("POST", "/qa/devices", object({{"id", "d1"}, {"name", "Pixel 8"}}));
+    m_service->qa("POST", "/qa/devices", QJsonObject({{"id", "d1"}, {"name", "Pixel 8"}}));
     QTRY_COMPARE_WITH_TIMEOUT(m_model->status()->devices.items.size(), 1, 5000);
 }
 
-QTEST_GUILESS_MAIN(TestAppModelLoop)
+TIDEWATCH_E2E_MAIN(TestAppModelLoop)
 #include "TestAppModelLoop.moc"

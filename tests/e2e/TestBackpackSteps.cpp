@@ -1,4 +1,5 @@
 #include "Launch.h"
+#include "RealPlaces.h"
 #include "ScratchFolder.h"
 
 #include <QFile>
@@ -50,8 +51,8 @@ QProcessEnvironment TestBackpackSteps::environment(const QHash<QString, QString>
     // Test ports where nothing answers: the service is down throughout.
     QHash<QString, QString> variables{{QStringLiteral("TIDEWATCH_SUPPORT"), m_scratch->file(QStringLiteral("support"))},
         {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("9")},
-        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("9")},
-        {QStringLiteral("TIDEWATCH_SUDOERS"), rule()}, {QStringLiteral("TIDEWATCH_PMSET"), m_pmset}};
+        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("9")}, {QStringLiteral("TIDEWATCH_SUDOERS"), rule()},
+        {QStringLiteral("TIDEWATCH_PMSET"), m_pmset}};
     variables.insert(extra);
     return launchEnvironment(*m_scratch, variables);
 }
@@ -82,7 +83,8 @@ void TestBackpackSteps::removeRestoresWhatItFound_data()
 
     QTest::newRow("switched from 1: back to 1")
         << QByteArray(R"({"mode":"backpack","backpack":{"prev":1,"applied":true}})")
-        << "  SleepDisabled back to 1, as Backpack found it\n" << QByteArray("-a disablesleep 1\n");
+        << "  SleepDisabled back to 1, as Backpack found it\n"
+        << QByteArray("-a disablesleep 1\n");
     QTest::newRow("not switched: nothing to restore")
         << QByteArray(R"({"mode":"working","backpack":{"prev":0,"applied":false}})") << "" << QByteArray();
     QTest::newRow("a value pmset never wrote is left alone")
@@ -107,7 +109,8 @@ void TestBackpackSteps::removeRestoresWhatItFound()
     const LaunchResult removed = launch(removeStep, environment());
     QCOMPARE(removed.code, 0);
     QCOMPARE(removed.output,
-        QStringLiteral("Removing Backpack mode’s rule (%1)…\n").arg(rule()) + announced + QStringLiteral("OK: removed\n"));
+        QStringLiteral("Removing Backpack mode’s rule (%1)…\n").arg(rule()) + announced
+            + QStringLiteral("OK: removed\n"));
     QVERIFY(!QFile::exists(rule()));
     QFile calls(m_pmsetCalls);
     QCOMPARE(calls.open(QIODevice::ReadOnly) ? calls.readAll() : QByteArray(), pmsetCalls);
@@ -127,15 +130,20 @@ void TestBackpackSteps::refusalsComeFirst_data()
     QTest::addColumn<QString>("sudoers");
     QTest::addColumn<QString>("said");
 
-    const QString testCopy = QStringLiteral("FAILED: This is a test copy (a TIDEWATCH_ variable is set), so it leaves "
-                                            "Backpack mode’s permission to your real Tidewatch. Set TIDEWATCH_SUDOERS to "
-                                            "a scratch path to test it.\n");
+    const QString testCopy
+        = QStringLiteral("FAILED: This is a test copy (a TIDEWATCH_ variable is set), so it leaves "
+                         "Backpack mode’s permission to your real Tidewatch. Set TIDEWATCH_SUDOERS to "
+                         "a scratch path to test it.\n");
     const QString intoEtc
         = QStringLiteral("FAILED: TIDEWATCH_SUDOERS points into /etc: a test never touches sudo’s own folder.\n");
-    QTest::newRow("set up, a test copy on the real path") << "backpack" << "" << testCopy;
-    QTest::newRow("remove, a test copy on the real path") << "uninstall-backpack" << "" << testCopy;
-    QTest::newRow("set up, into /etc") << "backpack" << "/etc/sudoers.d/tidewatch" << intoEtc;
-    QTest::newRow("remove, into /etc") << "uninstall-backpack" << "/etc/sudoers.d/tidewatch" << intoEtc;
+    QTest::newRow("set up, a test copy on the real path") << "backpack"
+                                                          << "" << testCopy;
+    QTest::newRow("remove, a test copy on the real path") << "uninstall-backpack"
+                                                          << "" << testCopy;
+    QTest::newRow("set up, into /etc") << "backpack"
+                                       << "/etc/sudoers.d/tidewatch" << intoEtc;
+    QTest::newRow("remove, into /etc") << "uninstall-backpack"
+                                       << "/etc/sudoers.d/tidewatch" << intoEtc;
 }
 
 void TestBackpackSteps::refusalsComeFirst()
@@ -158,5 +166,5 @@ void TestBackpackSteps::anUnknownStepNamesTheKnownOnes()
                        "backpack, uninstall-backpack\n"));
 }
 
-QTEST_GUILESS_MAIN(TestBackpackSteps)
+TIDEWATCH_E2E_MAIN(TestBackpackSteps)
 #include "TestBackpackSteps.moc"

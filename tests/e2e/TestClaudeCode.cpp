@@ -1,8 +1,6 @@
-#include "model/AppModel.h"
-
 #include "ClaudeScenario.h"
-#include "ScratchFolder.h"
-#include "ServiceProcess.h"
+#include "LiveModel.h"
+#include "RealPlaces.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -130,9 +128,9 @@ void TestClaudeCode::answerFromTheModel()
     QFETCH(QString, endState);
     QFETCH(QStringList, recorded);
 
-    ScratchFolder scratch;
-    ServiceProcess service(scratch.path());
-    ClaudeScenario claude(scratch.file(QStringLiteral("claude/")), service.supportFolder(),
+    LiveModel live(false);
+    const ServiceProcess& service = live.service;
+    ClaudeScenario claude(live.scratch.file(QStringLiteral("claude/")), service.supportFolder(),
         interactive ? ClaudeScenario::Mode::Interactive : ClaudeScenario::Mode::Print);
     QVERIFY2(claude.start(), qPrintable(claude.lastError()));
     if (!claude.missing().isEmpty())
@@ -142,8 +140,8 @@ void TestClaudeCode::answerFromTheModel()
     const QString target = claude.ready().value(QStringLiteral("target")).toString();
 
     // Connected the way a person connects it: the service writes the scratch home's settings.
-    service.setVariable(QStringLiteral("CLAUDE_CONFIG_DIR"), claudeDir);
-    QVERIFY2(service.start(), qPrintable(service.lastError()));
+    live.service.setVariable(QStringLiteral("CLAUDE_CONFIG_DIR"), claudeDir);
+    QVERIFY(live.restartService());
     const QJsonObject installed
         = service.qa("POST", QStringLiteral("/local/integration/install"), QJsonObject{}).toObject();
     QCOMPARE(installed.value(QStringLiteral("hooks")).toBool(), true);
@@ -152,10 +150,8 @@ void TestClaudeCode::answerFromTheModel()
     QVERIFY(settings.open(QIODevice::ReadOnly));
     QVERIFY(settings.readAll().contains("tidewatch-hook.mjs"));
 
-    AppModel model(service.environment(), Clock::system());
-    model.setClaudeLook([] { return true; });
-    model.start();
-    QTRY_VERIFY_WITH_TIMEOUT(model.feedLive() && model.snapshot(), 15000);
+    QVERIFY(live.startModel());
+    AppModel& model = live.model();
 
     claude.send(command(QStringLiteral("run"), {{QStringLiteral("prompt"), kPrompt}}));
     QVERIFY2(!claude.next(QStringLiteral("started"), 45000).isEmpty(), qPrintable(claude.diagnostics()));
@@ -213,5 +209,5 @@ void TestClaudeCode::answerFromTheModel()
     QCOMPARE(decisions(service), recorded);
 }
 
-QTEST_GUILESS_MAIN(TestClaudeCode)
+TIDEWATCH_E2E_MAIN(TestClaudeCode)
 #include "TestClaudeCode.moc"

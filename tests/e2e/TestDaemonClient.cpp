@@ -1,5 +1,6 @@
 #include "link/DaemonClient.h"
 
+#include "RealPlaces.h"
 #include "ScratchFolder.h"
 #include "ServiceProcess.h"
 
@@ -18,8 +19,7 @@ using Method = DaemonClient::Method;
 namespace {
 
 // Runs one asynchronous call to its end on a local event loop.
-template <class T, class Start>
-std::optional<T> await(Start start, int limitMs = 20000)
+template <class T, class Start> std::optional<T> await(Start start, int limitMs = 20000)
 {
     std::optional<T> result;
     QEventLoop loop;
@@ -35,19 +35,16 @@ std::optional<T> await(Start start, int limitMs = 20000)
 }
 
 // The sentence of a failed result, for a test's message; empty on success.
-template <class T>
-QByteArray failureOf(const DaemonResult<T>& result)
+template <class T> QByteArray failureOf(const DaemonResult<T>& result)
 {
     return result.ok() ? QByteArray() : result.error().errorDescription().toUtf8();
 }
 
 QJsonObject fault(const QString& route, int status, const QString& body = QString(),
-                  const QString& contentType = QStringLiteral("application/json"))
+    const QString& contentType = QStringLiteral("application/json"))
 {
-    return {{QStringLiteral("route"), route},
-            {QStringLiteral("status"), status},
-            {QStringLiteral("body"), body},
-            {QStringLiteral("contentType"), contentType}};
+    return {{QStringLiteral("route"), route}, {QStringLiteral("status"), status}, {QStringLiteral("body"), body},
+        {QStringLiteral("contentType"), contentType}};
 }
 
 /// A bare loopback listener that keeps the raw requests it receives and
@@ -98,11 +95,8 @@ private Q_SLOTS:
     void cleanupTestCase();
     void init();
 
-    void healthAnswers();
     void healthThatIsNotOkIsNoHealth_data();
     void healthThatIsNotOkIsNoHealth();
-    void snapshotReadsTheServiceState();
-    void localStatusAndDevices();
     void failuresAreSentences_data();
     void failuresAreSentences();
     void detailCarriesTheField();
@@ -110,9 +104,8 @@ private Q_SLOTS:
     void timeoutIsASentence();
     void droppedConnectionIsNotRunning();
     void wrongTokenIsUnauthorized();
-    void emptyTokenFile();
+    void emptyTokenFileAndThenNoService();
     void blockingFormsWorkOffTheMainThread();
-    void stoppedServiceIsNotRunning();
 
     void bodiesAndHeadersOnTheWire();
     void pathSegmentsCannotEscape_data();
@@ -145,67 +138,29 @@ void TestDaemonClient::init()
     m_service->qa("POST", QStringLiteral("/qa/reset"), QJsonObject{});
 }
 
-void TestDaemonClient::healthAnswers()
-{
-    const auto health = await<std::optional<Health>>([&](auto done) { m_client->health(1.5, done); });
-    QVERIFY(health && *health);
-    QCOMPARE((*health)->ok, std::optional<bool>(true));
-}
-
 void TestDaemonClient::healthThatIsNotOkIsNoHealth_data()
 {
     QTest::addColumn<int>("status");
     QTest::addColumn<QString>("body");
+    QTest::addColumn<bool>("healthy");
 
-    QTest::newRow("200 with ok false") << 200 << R"({"ok":false})";
-    QTest::newRow("200 without ok") << 200 << R"({"name":"x"})";
-    QTest::newRow("200 that isn't JSON") << 200 << "fine";
-    QTest::newRow("503 with ok true") << 503 << R"({"ok":true})";
+    QTest::newRow("the service's own answer") << 0 << QString() << true;
+    QTest::newRow("200 with ok false") << 200 << R"({"ok":false})" << false;
+    QTest::newRow("200 without ok") << 200 << R"({"name":"x"})" << false;
+    QTest::newRow("200 that isn't JSON") << 200 << "fine" << false;
+    QTest::newRow("503 with ok true") << 503 << R"({"ok":true})" << false;
 }
 
 void TestDaemonClient::healthThatIsNotOkIsNoHealth()
 {
     QFETCH(int, status);
     QFETCH(QString, body);
-    m_service->qa("POST", QStringLiteral("/qa/faults"), fault(QStringLiteral("GET /v1/health"), status, body));
+    QFETCH(bool, healthy);
+    if (status)
+        m_service->qa("POST", QStringLiteral("/qa/faults"), fault(QStringLiteral("GET /v1/health"), status, body));
     const auto health = await<std::optional<Health>>([&](auto done) { m_client->health(1.5, done); });
     QVERIFY(health);
-    QVERIFY(!*health);
-}
-
-void TestDaemonClient::snapshotReadsTheServiceState()
-{
-    m_service->qa("POST", QStringLiteral("/qa/snapshot"),
-                  QJsonObject{{QStringLiteral("sessions"),
-                               QJsonArray{QJsonObject{{QStringLiteral("id"), QStringLiteral("s1")},
-                                                      {QStringLiteral("state"), QStringLiteral("working")}},
-                                          7,
-                                          QJsonObject{{QStringLiteral("id"), QStringLiteral("s2")}}}},
-                              {QStringLiteral("account"), QJsonObject{{QStringLiteral("state"), QStringLiteral("ok")},
-                                                                      {QStringLiteral("plan"), QStringLiteral("max")}}}});
-    const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
-    QVERIFY(result);
-    QVERIFY2(result->ok(), failureOf(*result).constData());
-    const Snapshot& snapshot = result->value();
-    QCOMPARE(snapshot.sessions.count, 3);
-    QCOMPARE(snapshot.sessions.items.size(), 2);
-    QCOMPARE(snapshot.sessions.items.at(1).id, QStringLiteral("s2"));
-    QVERIFY(snapshot.account);
-    QCOMPARE(snapshot.account->plan, std::optional<QString>(QStringLiteral("max")));
-}
-
-void TestDaemonClient::localStatusAndDevices()
-{
-    m_service->qa("POST", QStringLiteral("/qa/devices"),
-                  QJsonObject{{QStringLiteral("id"), QStringLiteral("d1")}, {QStringLiteral("name"), QStringLiteral("Pixel")}});
-    const auto status = await<DaemonResult<LocalStatus>>([&](auto done) { m_client->localStatus(true, true, done); });
-    QVERIFY(status && status->ok());
-    QCOMPARE(status->value().devices.count, 1);
-
-    const auto devices = await<DaemonResult<FlexList<Device>>>([&](auto done) { m_client->devices(done); });
-    QVERIFY(devices && devices->ok());
-    QCOMPARE(devices->value().items.size(), 1);
-    QCOMPARE(devices->value().items.first().name, std::optional<QString>(QStringLiteral("Pixel")));
+    QCOMPARE(health->has_value(), healthy);
 }
 
 void TestDaemonClient::failuresAreSentences_data()
@@ -221,16 +176,20 @@ void TestDaemonClient::failuresAreSentences_data()
     const QString long1000 = QString(QStringLiteral("abcdefghij")).repeated(100);
 
     QTest::newRow("500 with an error body speaks the service's words")
-        << 500 << R"({"error":{"code":"x","message":"nope"}})" << json << "nope" << "x";
+        << 500 << R"({"error":{"code":"x","message":"nope"}})" << json << "nope"
+        << "x";
     QTest::newRow("404 with no body names the status") << 404 << "" << json << "The background service answered 404."
-                                                      << "";
+                                                       << "";
     QTest::newRow("502 with 1,000 bytes of text keeps the first 300")
         << 502 << long1000 << text << long1000.left(300) << "";
     QTest::newRow("an error body without a message reads as text")
-        << 503 << R"({"error":{"code":"busy"}})" << json << R"({"error":{"code":"busy"}})" << "busy";
+        << 503 << R"({"error":{"code":"busy"}})" << json << R"({"error":{"code":"busy"}})"
+        << "busy";
     QTest::newRow("a message of the wrong type is no message")
-        << 500 << R"({"error":{"message":7}})" << json << R"({"error":{"message":7}})" << "";
-    QTest::newRow("a redirect is not followed") << 302 << "" << json << "The background service answered 302." << "";
+        << 500 << R"({"error":{"message":7}})" << json << R"({"error":{"message":7}})"
+        << "";
+    QTest::newRow("a redirect is not followed") << 302 << "" << json << "The background service answered 302."
+                                                << "";
 }
 
 void TestDaemonClient::failuresAreSentences()
@@ -241,8 +200,8 @@ void TestDaemonClient::failuresAreSentences()
     QFETCH(QString, sentence);
     QFETCH(QString, code);
 
-    m_service->qa("POST", QStringLiteral("/qa/faults"),
-                  fault(QStringLiteral("GET /v1/snapshot"), status, body, contentType));
+    m_service->qa(
+        "POST", QStringLiteral("/qa/faults"), fault(QStringLiteral("GET /v1/snapshot"), status, body, contentType));
     const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
     QVERIFY(result && !result->ok());
     const DaemonError& error = result->error();
@@ -255,16 +214,16 @@ void TestDaemonClient::failuresAreSentences()
 void TestDaemonClient::detailCarriesTheField()
 {
     m_service->qa("POST", QStringLiteral("/qa/faults"),
-                  fault(QStringLiteral("/v1/snapshot"), 400, R"({"error":{"code":"bad","message":"m","field":"name"}})"));
+        fault(QStringLiteral("/v1/snapshot"), 400, R"({"error":{"code":"bad","message":"m","field":"name"}})"));
     const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
     QVERIFY(result && !result->ok());
-    QCOMPARE(result->error(), DaemonError::detail(400, QStringLiteral("bad"), QStringLiteral("m"),
-                                                  QStringLiteral("name"), std::nullopt));
+    QCOMPARE(result->error(),
+        DaemonError::detail(400, QStringLiteral("bad"), QStringLiteral("m"), QStringLiteral("name"), std::nullopt));
 
     // A failed run rides along, and the inner one is the more precise.
     m_service->qa("POST", QStringLiteral("/qa/faults"),
-                  fault(QStringLiteral("/v1/snapshot"), 422,
-                        R"({"run":{"id":"outer"},"error":{"message":"m","run":{"id":"inner"}}})"));
+        fault(QStringLiteral("/v1/snapshot"), 422,
+            R"({"run":{"id":"outer"},"error":{"message":"m","run":{"id":"inner"}}})"));
     const auto run = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
     QVERIFY(run && !run->ok());
     QCOMPARE(run->error().kind, DaemonError::Kind::Detail);
@@ -273,12 +232,13 @@ void TestDaemonClient::detailCarriesTheField()
 
 void TestDaemonClient::wrongShapeIsADecodingFailure()
 {
-    for (const QString& body : {QStringLiteral("[1,2,3]"), QStringLiteral("\"snapshot\""), QStringLiteral("{\"mac\":")}) {
+    for (const QString& body :
+        {QStringLiteral("[1,2,3]"), QStringLiteral("\"snapshot\""), QStringLiteral("{\"mac\":")}) {
         m_service->qa("POST", QStringLiteral("/qa/faults"), fault(QStringLiteral("GET /v1/snapshot"), 200, body));
         const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
         QVERIFY(result && !result->ok());
         QCOMPARE(result->error().errorDescription(),
-                 QStringLiteral("The background service sent something unexpected (GET /v1/snapshot)."));
+            QStringLiteral("The background service sent something unexpected (GET /v1/snapshot)."));
     }
 }
 
@@ -287,9 +247,8 @@ void TestDaemonClient::timeoutIsASentence()
     QJsonObject slow = fault(QStringLiteral("GET /v1/snapshot"), 200, QStringLiteral("{}"));
     slow.insert(QStringLiteral("delayMs"), 3000);
     m_service->qa("POST", QStringLiteral("/qa/faults"), slow);
-    const auto result = await<DaemonResult<QByteArray>>([&](auto done) {
-        m_client->request(Method::Get, QStringLiteral("/v1/snapshot"), std::nullopt, 0.5, done);
-    });
+    const auto result = await<DaemonResult<QByteArray>>(
+        [&](auto done) { m_client->request(Method::Get, QStringLiteral("/v1/snapshot"), std::nullopt, 0.5, done); });
     QVERIFY(result && !result->ok());
     QVERIFY(result->error().isTimeout());
     QCOMPARE(result->error().errorDescription(), QStringLiteral("The background service took too long to answer."));
@@ -298,9 +257,9 @@ void TestDaemonClient::timeoutIsASentence()
 void TestDaemonClient::droppedConnectionIsNotRunning()
 {
     m_service->qa("POST", QStringLiteral("/qa/faults"),
-                  QJsonObject{{QStringLiteral("route"), QStringLiteral("GET /v1/snapshot")}, {QStringLiteral("drop"), true},
-                              // The network stack sends a request again once when a kept connection drops.
-                              {QStringLiteral("times"), 2}});
+        QJsonObject{{QStringLiteral("route"), QStringLiteral("GET /v1/snapshot")}, {QStringLiteral("drop"), true},
+            // The network stack sends a request again once when a kept connection drops.
+            {QStringLiteral("times"), 2}});
     const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
     QVERIFY(result && !result->ok());
     QCOMPARE(result->error().kind, DaemonError::Kind::NotRunning);
@@ -327,14 +286,14 @@ void TestDaemonClient::wrongTokenIsUnauthorized()
     QVERIFY(result && !result->ok());
     QCOMPARE(result->error().kind, DaemonError::Kind::Unauthorized);
     QCOMPARE(result->error().errorDescription(),
-             QStringLiteral("The background service didn't accept Tidewatch's admin key. Restart it from Setup."));
+        QStringLiteral("The background service didn't accept Tidewatch's admin key. Restart it from Setup."));
 
     // The key is read at every call: the next one goes through again.
     const auto after = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
     QVERIFY(after && after->ok());
 }
 
-void TestDaemonClient::emptyTokenFile()
+void TestDaemonClient::emptyTokenFileAndThenNoService()
 {
     // A client whose support folder holds an empty key, pointed at the same ports.
     ScratchFolder folder;
@@ -347,12 +306,16 @@ void TestDaemonClient::emptyTokenFile()
     QVERIFY(up && !up->ok());
     QCOMPARE(up->error().kind, DaemonError::Kind::NoToken);
     QCOMPARE(up->error().errorDescription(),
-             QStringLiteral("Tidewatch couldn't read its admin key. Restart the background service from Setup."));
+        QStringLiteral("Tidewatch couldn't read its admin key. Restart the background service from Setup."));
 
+    // Once the service is gone, both clients say it isn't running.
     QCOMPARE(m_service->stop(), 0);
-    const auto down = await<DaemonResult<Snapshot>>([&](auto done) { client.snapshot(done); });
-    QVERIFY(down && !down->ok());
-    QCOMPARE(down->error().kind, DaemonError::Kind::NotRunning);
+    for (DaemonClient* each : {&client, m_client.get()}) {
+        const auto down = await<DaemonResult<Snapshot>>([&](auto done) { each->snapshot(done); });
+        QVERIFY(down && !down->ok());
+        QCOMPARE(down->error().kind, DaemonError::Kind::NotRunning);
+    }
+    QVERIFY(!DaemonClient::healthBlocking(m_service->environment(), 0.5));
 }
 
 void TestDaemonClient::blockingFormsWorkOffTheMainThread()
@@ -362,8 +325,8 @@ void TestDaemonClient::blockingFormsWorkOffTheMainThread()
     std::optional<DaemonResult<QByteArray>> snapshot;
     QThread* worker = QThread::create([&] {
         health = DaemonClient::healthBlocking(environment, 1.5);
-        snapshot = DaemonClient::requestBlocking(environment, Method::Get, QStringLiteral("/v1/snapshot"),
-                                                 std::nullopt, 8);
+        snapshot
+            = DaemonClient::requestBlocking(environment, Method::Get, QStringLiteral("/v1/snapshot"), std::nullopt, 8);
     });
     worker->start();
     QVERIFY(worker->wait(30000));
@@ -373,23 +336,15 @@ void TestDaemonClient::blockingFormsWorkOffTheMainThread()
     QVERIFY(decodeDocument<Snapshot>(snapshot->value()));
 }
 
-void TestDaemonClient::stoppedServiceIsNotRunning()
-{
-    QCOMPARE(m_service->stop(), 0);
-    const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
-    QVERIFY(result && !result->ok());
-    QCOMPARE(result->error().kind, DaemonError::Kind::NotRunning);
-    QVERIFY(!DaemonClient::healthBlocking(m_service->environment(), 0.5));
-}
-
 void TestDaemonClient::bodiesAndHeadersOnTheWire()
 {
     RequestRecorder recorder;
     ScratchFolder folder;
     folder.write(QStringLiteral("support/admin-token"), "key-for-the-recorder\n");
-    DaemonClient client(Environment({{QStringLiteral("TIDEWATCH_SUPPORT"), folder.path() + QStringLiteral("/support")},
-                                     {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(recorder.serverPort())}},
-                                    folder.path()));
+    DaemonClient client(
+        Environment({{QStringLiteral("TIDEWATCH_SUPPORT"), folder.path() + QStringLiteral("/support")},
+                        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(recorder.serverPort())}},
+            folder.path()));
 
     const auto send = [&](Method method, std::optional<QJsonObject> body) {
         const auto result = await<DaemonResult<QByteArray>>(
@@ -433,7 +388,7 @@ void TestDaemonClient::bodiesAndHeadersOnTheWire()
             [&](auto done) { client.request(Method::Post, path, std::nullopt, 5, done); });
         QVERIFY(result && result->ok());
         QVERIFY2(recorder.requests.last().startsWith("POST " + path.toUtf8() + " HTTP/1.1"),
-                 recorder.requests.last().constData());
+            recorder.requests.last().constData());
     }
 }
 
@@ -442,15 +397,24 @@ void TestDaemonClient::pathSegmentsCannotEscape_data()
     QTest::addColumn<QString>("raw");
     QTest::addColumn<QString>("encoded");
 
-    QTest::newRow("a slash is encoded") << "a/b" << "a%2Fb";
-    QTest::newRow("a query can't start") << "a?x=1" << "a%3Fx=1";
-    QTest::newRow("a fragment can't start") << "a#b" << "a%23b";
-    QTest::newRow("dots alone can't climb out of the segment") << ".." << "%252E%252E";
-    QTest::newRow("one dot alone is encoded too") << "." << "%252E";
-    QTest::newRow("a dot inside a name stays") << "v1.2" << "v1.2";
-    QTest::newRow("a percent sign is itself encoded") << "100%" << "100%25";
-    QTest::newRow("a blank") << "my id" << "my%20id";
-    QTest::newRow("path characters stay") << "s1:@+" << "s1:@+";
+    QTest::newRow("a slash is encoded") << "a/b"
+                                        << "a%2Fb";
+    QTest::newRow("a query can't start") << "a?x=1"
+                                         << "a%3Fx=1";
+    QTest::newRow("a fragment can't start") << "a#b"
+                                            << "a%23b";
+    QTest::newRow("dots alone can't climb out of the segment") << ".."
+                                                               << "%252E%252E";
+    QTest::newRow("one dot alone is encoded too") << "."
+                                                  << "%252E";
+    QTest::newRow("a dot inside a name stays") << "v1.2"
+                                               << "v1.2";
+    QTest::newRow("a percent sign is itself encoded") << "100%"
+                                                      << "100%25";
+    QTest::newRow("a blank") << "my id"
+                             << "my%20id";
+    QTest::newRow("path characters stay") << "s1:@+"
+                                          << "s1:@+";
     QTest::newRow("non-ASCII as UTF-8") << QStringLiteral("café") << "caf%C3%A9";
 }
 
@@ -461,5 +425,5 @@ void TestDaemonClient::pathSegmentsCannotEscape()
     QCOMPARE(DaemonClient::pathSegment(raw), encoded);
 }
 
-QTEST_GUILESS_MAIN(TestDaemonClient)
+TIDEWATCH_E2E_MAIN(TestDaemonClient)
 #include "TestDaemonClient.moc"

@@ -1,9 +1,9 @@
 #include "Launch.h"
+#include "RealPlaces.h"
 #include "ScratchFolder.h"
 
 #include <QProcess>
 #include <QTest>
-
 
 class TestLaunch : public QObject
 {
@@ -23,7 +23,8 @@ void TestLaunch::oneShotExitCodes_data()
 
     QTest::newRow("--run-step last prints the one usage line and exits 64")
         << QStringList{QStringLiteral("--run-step")} << 64
-        << "Usage: Tidewatch --run-step <service|integration|tailscale|uninstall-service|backpack|uninstall-backpack>\n";
+        << "Usage: Tidewatch --run-step "
+           "<service|integration|tailscale|uninstall-service|backpack|uninstall-backpack>\n";
     QTest::newRow("a switch whose work isn't in this build fails, never succeeds")
         << QStringList{QStringLiteral("--window-capture-selftest")} << 1 << QString();
     QTest::newRow("a render into a folder that can't be made fails")
@@ -62,12 +63,12 @@ void TestLaunch::secondLaunchHandsOver()
     QCOMPARE(first.state(), QProcess::Running);
 
     // A copy relaunched from Applications, and a test copy, run beside it.
-    for (const QProcessEnvironment& beside :
-         {real, launchEnvironment(scratch, {{QStringLiteral("TIDEWATCH_LOGS"), scratch.file(QStringLiteral("logs/"))}})}) {
+    for (const QProcessEnvironment& beside : {real,
+             launchEnvironment(scratch, {{QStringLiteral("TIDEWATCH_LOGS"), scratch.file(QStringLiteral("logs/"))}})}) {
         QProcess other;
         other.setProcessEnvironment(beside);
         other.start(QStringLiteral(TIDEWATCH_BINARY),
-                    beside.contains(QStringLiteral("TIDEWATCH_LOGS")) ? QStringList{} : QStringList{QStringLiteral("--moved")});
+            beside.contains(QStringLiteral("TIDEWATCH_LOGS")) ? QStringList{} : QStringList{QStringLiteral("--moved")});
         QVERIFY(other.waitForStarted());
         QVERIFY2(!other.waitForFinished(1500), "a copy that may run beside the first ended");
         other.kill();
@@ -78,5 +79,5 @@ void TestLaunch::secondLaunchHandsOver()
     first.waitForFinished();
 }
 
-QTEST_GUILESS_MAIN(TestLaunch)
+TIDEWATCH_E2E_MAIN(TestLaunch)
 #include "TestLaunch.moc"

@@ -1,5 +1,6 @@
 #include "link/LiveFeed.h"
 
+#include "RealPlaces.h"
 #include "ScratchFolder.h"
 #include "ServiceProcess.h"
 
@@ -85,7 +86,8 @@ void TestLiveFeed::cleanup()
 void TestLiveFeed::connectsAndHearsTheSnapshot()
 {
     m_service->qa("POST", QStringLiteral("/qa/sessions"),
-                  QJsonObject{{QStringLiteral("id"), QStringLiteral("s1")}, {QStringLiteral("state"), QStringLiteral("working")}});
+        QJsonObject{
+            {QStringLiteral("id"), QStringLiteral("s1")}, {QStringLiteral("state"), QStringLiteral("working")}});
     startFeed();
     QTRY_COMPARE_WITH_TIMEOUT(m_heard.count(QStringLiteral("message")), 1, 10000);
     QCOMPARE(m_heard.events.first(), QStringLiteral("live"));
@@ -96,7 +98,7 @@ void TestLiveFeed::connectsAndHearsTheSnapshot()
 
     // A change of the service's state arrives as its own message.
     m_service->qa("POST", QStringLiteral("/qa/sessions"),
-                  QJsonObject{{QStringLiteral("id"), QStringLiteral("s1")}, {QStringLiteral("state"), QStringLiteral("idle")}});
+        QJsonObject{{QStringLiteral("id"), QStringLiteral("s1")}, {QStringLiteral("state"), QStringLiteral("idle")}});
     QTRY_COMPARE_WITH_TIMEOUT(m_heard.count(QStringLiteral("message")), 2, 10000);
     const auto* session = std::get_if<Session>(&m_heard.messages.last());
     QVERIFY(session);
@@ -187,5 +189,5 @@ void TestLiveFeed::withoutATokenNothingIsHeard()
     QVERIFY(!m_feed->heardAt());
 }
 
-QTEST_GUILESS_MAIN(TestLiveFeed)
+TIDEWATCH_E2E_MAIN(TestLiveFeed)
 #include "TestLiveFeed.moc"

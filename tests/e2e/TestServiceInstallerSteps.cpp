@@ -2,6 +2,7 @@
 #include "FreePorts.h"
 #include "Launch.h"
 #include "NodeSite.h"
+#include "RealPlaces.h"
 #include "ScratchFolder.h"
 #include "ServiceBundle.h"
 #include "ServiceProcess.h"
@@ -73,9 +74,6 @@ private:
     QString m_program;
     QString m_bundle;
     QHash<QString, QString> m_variables;
-    /// What of the user's own folders exists before: none of it may change.
-    QStringList m_realPlaces;
-    QList<bool> m_realPlacesBefore;
 };
 
 void TestServiceInstallerSteps::initTestCase()
@@ -98,25 +96,13 @@ void TestServiceInstallerSteps::initTestCase()
     preferences.setText(QStringLiteral("outsideTools/systemctl"), m_manager->systemctl());
     preferences.setText(QStringLiteral("outsideTools/serviceManager"), QStringLiteral("systemd"));
     preferences.setText(QStringLiteral("outsideTools/nodeFolders"), m_scratch->file(QStringLiteral("no-node")));
-
-    const QString home = account::homeDirectory();
-    m_realPlaces
-        = {home + QStringLiteral("/.config/systemd/user/") + environment().serviceLabel() + QStringLiteral(".service"),
-            home + QStringLiteral("/.config/autostart/tidewatch.desktop"),
-            home + QStringLiteral("/.local/share/Tidewatch/app"), home + QStringLiteral("/.claude/settings.json")};
-    for (const QString& place : m_realPlaces)
-        m_realPlacesBefore << QFileInfo::exists(place);
 }
 
 void TestServiceInstallerSteps::cleanupTestCase()
 {
-    QList<bool> after;
-    for (const QString& place : m_realPlaces)
-        after << QFileInfo::exists(place);
     m_manager.reset();
     m_site.reset();
     m_scratch.reset();
-    QCOMPARE(after, m_realPlacesBefore);
 }
 
 Environment TestServiceInstallerSteps::environment() const
@@ -142,7 +128,7 @@ LaunchResult TestServiceInstallerSteps::run(const QStringList& arguments, const 
 {
     QHash<QString, QString> variables = m_variables;
     variables.insert(extra);
-    return launchWhileServing(m_program, arguments, launchEnvironment(*m_scratch, variables), 150000);
+    return launch(arguments, launchEnvironment(*m_scratch, variables), 150000, m_program);
 }
 
 void TestServiceInstallerSteps::refusalsComeFirst_data()
@@ -323,5 +309,5 @@ void TestServiceInstallerSteps::sdkFetchCheckFetchesForReal()
     QCOMPARE(ClaudeSDK::installedVersion(folder), std::optional<QString>(wanted));
 }
 
-QTEST_GUILESS_MAIN(TestServiceInstallerSteps)
+TIDEWATCH_E2E_MAIN(TestServiceInstallerSteps)
 #include "TestServiceInstallerSteps.moc"

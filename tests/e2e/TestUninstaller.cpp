@@ -1,4 +1,5 @@
 #include "FakeManager.h"
+#include "RealPlaces.h"
 #include "ScratchFolder.h"
 #include "ServiceBundle.h"
 #include "ServiceProcess.h"
@@ -23,9 +24,8 @@ class TestUninstaller : public QObject
 private Q_SLOTS:
     void init();
     void cleanup();
+    void aDownServiceLeavesOneNoteAndTheRestGoes_data();
     void aDownServiceLeavesOneNoteAndTheRestGoes();
-    void dataGoesOnlyWhenAsked_data();
-    void dataGoesOnlyWhenAsked();
     void aCopyThatMayNotManageTouchesNothing();
 
 private:
@@ -103,14 +103,22 @@ Uninstaller::Hands TestUninstaller::hands()
     return hands;
 }
 
+void TestUninstaller::aDownServiceLeavesOneNoteAndTheRestGoes_data()
+{
+    QTest::addColumn<bool>("deleteData");
+    QTest::newRow("data kept") << false;
+    QTest::newRow("data deleted when asked") << true;
+}
+
 void TestUninstaller::aDownServiceLeavesOneNoteAndTheRestGoes()
 {
+    QFETCH(bool, deleteData);
     const Environment environment = this->environment();
     ServiceInstaller installer = installed(environment);
     Preferences(environment).setFlag(Preferences::loginItemWanted, true);
     m_loginItemFailure = QStringLiteral("the login items can’t be changed now");
 
-    const QStringList notes = Uninstaller(installer, hands()).run(false);
+    const QStringList notes = Uninstaller(installer, hands()).run(deleteData);
     QCOMPARE(notes.size(), 1);
     QVERIFY2(notes.first().startsWith(QStringLiteral("Tidewatch couldn’t remove its hooks from Claude Code (")),
         qPrintable(notes.first()));
@@ -125,29 +133,11 @@ void TestUninstaller::aDownServiceLeavesOneNoteAndTheRestGoes()
     QCOMPARE(m_loginItemRemovals, 1);
     QCOMPARE(m_said,
         QStringList{QStringLiteral("Tidewatch: login item change failed: the login items can’t be changed now")});
-    QVERIFY(!Preferences(environment).flag(Preferences::loginItemWanted));
     QCOMPARE(m_backpackRemovals, 0);
-    // Data kept.
-    QVERIFY(QFileInfo::exists(environment.nodeFolder()));
-    QVERIFY(QFileInfo::exists(environment.daemonLog()));
-}
-
-void TestUninstaller::dataGoesOnlyWhenAsked_data()
-{
-    QTest::addColumn<bool>("deleteData");
-    QTest::newRow("kept") << false;
-    QTest::newRow("deleted") << true;
-}
-
-void TestUninstaller::dataGoesOnlyWhenAsked()
-{
-    QFETCH(bool, deleteData);
-    const Environment environment = this->environment();
-    ServiceInstaller installer = installed(environment);
-    Uninstaller(installer, hands()).run(deleteData);
     QCOMPARE(QFileInfo::exists(environment.supportFolder()), !deleteData);
+    QCOMPARE(QFileInfo::exists(environment.nodeFolder()), !deleteData);
     QCOMPARE(QFileInfo::exists(environment.logFolder()), !deleteData);
-    QVERIFY(!QFileInfo::exists(installer.jobFile()));
+    QVERIFY(!Preferences(environment).flag(Preferences::loginItemWanted));
 }
 
 void TestUninstaller::aCopyThatMayNotManageTouchesNothing()
@@ -162,5 +152,5 @@ void TestUninstaller::aCopyThatMayNotManageTouchesNothing()
     QVERIFY(QFileInfo::exists(unit));
 }
 
-QTEST_GUILESS_MAIN(TestUninstaller)
+TIDEWATCH_E2E_MAIN(TestUninstaller)
 #include "TestUninstaller.moc"

@@ -60,11 +60,6 @@ void TestCommandLine::scan_data()
     QTest::newRow("--selftest-node-download missing its folder falls to the next switch")
         << "--selftest-stream --selftest-node-download" << expect(Work::Stream);
     QTest::newRow("--snapshots with a folder") << "--snapshots /tmp/s" << expect(Work::Snapshots, "/tmp/s");
-    QTest::newRow("--selftest-stream") << "--selftest-stream" << expect(Work::Stream);
-    QTest::newRow("--backpack-scripts") << "--backpack-scripts" << expect(Work::BackpackScripts);
-    QTest::newRow("--window-capture-selftest") << "--window-capture-selftest" << expect(Work::WindowCapture);
-    QTest::newRow("--lens-guide-selftest with a folder")
-        << "--lens-guide-selftest /tmp/l" << expect(Work::LensGuideSelfTest, "/tmp/l");
     QTest::newRow("--render-lens-guide with a folder")
         << "--render-lens-guide /tmp/g" << expect(Work::RenderLensGuide, "/tmp/g");
 
@@ -100,8 +95,7 @@ void TestCommandLine::scan_data()
     CommandLine live = expect(Work::RenderPopover, "/tmp/out");
     live.live = true;
     QTest::newRow("--live is found anywhere") << "--live --render-popover /tmp/out" << live;
-    QTest::newRow("--render-popover without a folder starts normally")
-        << "--render-popover" << expect(Work::Normal);
+    QTest::newRow("--render-popover without a folder starts normally") << "--render-popover" << expect(Work::Normal);
 
     CommandLine moved;
     moved.moved = true;

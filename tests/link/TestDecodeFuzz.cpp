@@ -23,8 +23,9 @@ using namespace Qt::StringLiterals;
 
 // Mutations of real samples, decoded as every record: nothing may crash or
 // throw, and the same bytes always decode to the same value. The seed is fixed
-// so that runs repeat; TIDEWATCH_FUZZ_SEED picks another, TIDEWATCH_FUZZ_CASES
-// runs more, TIDEWATCH_FUZZ_CASE runs one case alone. A failing or crashing
+// so that runs repeat; TIDEWATCH_FUZZ_SEED picks another, TIDEWATCH_FUZZ_ROUNDS
+// sets how many cases run (a few hundred unless told; a soak sets a large
+// count), TIDEWATCH_FUZZ_CASE runs one case alone. A failing or crashing
 // case prints the seed and the case.
 class TestDecodeFuzz : public QObject
 {
@@ -39,7 +40,7 @@ private Q_SLOTS:
 namespace {
 
 constexpr quint64 kDefaultSeed = 0x7469646577617463; // "tidewatc"
-constexpr int kCases = 3000;
+constexpr int kDefaultRounds = 400;
 
 // The case under way, for the crash handler; written before each case.
 char g_crashNote[160] = "no case running\n";
@@ -352,8 +353,8 @@ void TestDecodeFuzz::mutations()
     const quint64 seed = seedFromEnvironment();
     bool onlyOne = false;
     const int only = qEnvironmentVariableIntValue("TIDEWATCH_FUZZ_CASE", &onlyOne);
-    bool more = false;
-    const int cases = std::max(kCases, qEnvironmentVariableIntValue("TIDEWATCH_FUZZ_CASES", &more));
+    const int asked = qEnvironmentVariableIntValue("TIDEWATCH_FUZZ_ROUNDS");
+    const int cases = asked > 0 ? asked : kDefaultRounds;
     int parsedAfterwards = 0;
 
     for (int index = onlyOne ? only : 0; index < (onlyOne ? only + 1 : cases); ++index) {

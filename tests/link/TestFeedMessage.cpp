@@ -12,9 +12,8 @@ QString nameOf(const std::optional<Feed::Message>& message)
 {
     if (!message)
         return QStringLiteral("none");
-    static const char* const names[] = {"snapshot", "session", "approval", "resolved", "usage",
-                                        "account",  "battery", "awake",    "guide",    "guideShow",
-                                        "stt",      "providers", "codex",  "devices"};
+    static const char* const names[] = {"snapshot", "session", "approval", "resolved", "usage", "account", "battery",
+        "awake", "guide", "guideShow", "stt", "providers", "codex", "devices"};
     return QString::fromLatin1(names[message->index()]);
 }
 
@@ -108,11 +107,9 @@ void TestFeedMessage::pauses_data()
     QTest::addColumn<QList<double>>("sleeps");
 
     QTest::newRow("a refused link backs off to 30 seconds and stays there")
-        << QList<bool>{false, false, false, false, false, false, false}
-        << QList<double>{1, 2, 4, 8, 16, 30, 30};
+        << QList<bool>{false, false, false, false, false, false, false} << QList<double>{1, 2, 4, 8, 16, 30, 30};
     QTest::newRow("a link that worked comes back after a second, then backs off from 2")
-        << QList<bool>{false, false, false, true, false, false}
-        << QList<double>{1, 2, 4, 1, 2, 4};
+        << QList<bool>{false, false, false, true, false, false} << QList<double>{1, 2, 4, 1, 2, 4};
 }
 
 void TestFeedMessage::pauses()

@@ -21,13 +21,9 @@ private Q_SLOTS:
     void dateFromDocumentValue();
     void integers_data();
     void integers();
-    void scalarsReadOnlyTheirOwnType_data();
-    void scalarsReadOnlyTheirOwnType();
     void flexList_data();
     void flexList();
     void stringListsDropOtherElements();
-    void jsonValueKeptAsItCame_data();
-    void jsonValueKeptAsItCame();
     void documents_data();
     void documents();
     void deviceList_data();
@@ -66,7 +62,6 @@ void TestLenient::dates_data()
     reads("ISO with a colon offset", "\"2025-10-09T12:53:20+02:00\"", kMoment);
     reads("ISO with a bare negative offset", "\"2025-10-09T05:23:20-0530\"", kMoment);
     reads("ISO with an hours-only offset", "\"2025-10-09T12:53:20+02\"", kMoment);
-    reads("ISO with one fraction digit", "\"2025-10-09T10:53:20.5Z\"", kMoment + 500);
     reads("ISO beyond milliseconds is cut, not rounded", "\"2025-10-09T10:53:20.123999Z\"", kMoment + 123);
     reads("ISO on a leap day", "\"2024-02-29T00:00:00Z\"", 1709164800000);
     reads("ISO before 1970", "\"1969-12-31T23:59:59Z\"", -1000);
@@ -75,7 +70,6 @@ void TestLenient::dates_data()
     reads("1e11 itself is seconds", "100000000000", 100000000000000);
     reads("just above 1e11 is milliseconds", "100000000001", 100000000001);
     reads("negative seconds", "-86400", -86400000);
-    reads("negative seconds as a string", "\"-86400\"", -86400000);
     reads("zero is the epoch", "0", 0);
     reads("an exponent in a string", "\"1.7600072e9\"", kMoment);
     reads("a leading plus in a string", "\"+1760007200\"", kMoment);
@@ -84,19 +78,16 @@ void TestLenient::dates_data()
     fails("a word", "\"never\"");
     fails("an empty string", "\"\"");
     fails("a blank before a number", "\" 1760007200\"");
-    fails("a blank after a number", "\"1760007200 \"");
     fails("a decimal comma", "\"1760007200,5\"");
     fails("two signs", "\"+-1760007200\"");
     fails("nan as a string", "\"nan\"");
     fails("non-ASCII digits", "\"\xef\xbc\x91\xef\xbc\x97\"");
     fails("beyond the range of a date", "1e300");
-    fails("null", "null");
     fails("an object", "{\"at\":1760007200}");
     fails("ISO without a zone", "\"2025-10-09T10:53:20\"");
     fails("ISO date alone", "\"2025-10-09\"");
     fails("ISO with a dot and no digits", "\"2025-10-09T10:53:20.Z\"");
     fails("ISO on a day that doesn't exist", "\"2025-02-29T10:53:20Z\"");
-    fails("ISO at hour 24", "\"2025-10-09T24:00:00Z\"");
     fails("ISO with a leap second", "\"2016-12-31T23:59:60Z\"");
     fails("ISO with words after it", "\"2025-10-09T10:53:20Z please\"");
     fails("ISO with a half offset", "\"2025-10-09T10:53:20+02:\"");
@@ -133,7 +124,6 @@ void TestLenient::integers_data()
 
     QTest::newRow("a whole number") << QByteArray("2") << true << 2ll;
     QTest::newRow("a whole number written as a double") << QByteArray("2.0") << true << 2ll;
-    QTest::newRow("zero") << QByteArray("0") << true << 0ll;
     QTest::newRow("negative") << QByteArray("-3") << true << -3ll;
     QTest::newRow("the largest 64-bit value")
         << QByteArray("9223372036854775807") << true << std::numeric_limits<qint64>::max();
@@ -157,30 +147,6 @@ void TestLenient::integers()
     QCOMPARE(queued, reads ? std::optional<qint64>(expected) : std::nullopt);
 }
 
-void TestLenient::scalarsReadOnlyTheirOwnType_data()
-{
-    QTest::addColumn<QByteArray>("value");
-    QTest::addColumn<QString>("reads");
-
-    QTest::newRow("a string") << QByteArray("\"yes\"") << u"string"_s;
-    QTest::newRow("an empty string is a string") << QByteArray("\"\"") << u"string"_s;
-    QTest::newRow("true") << QByteArray("true") << u"boolean"_s;
-    QTest::newRow("a number") << QByteArray("18.6") << u"number"_s;
-    QTest::newRow("null is nothing") << QByteArray("null") << QString();
-    QTest::newRow("an array is nothing") << QByteArray("[\"yes\"]") << QString();
-}
-
-void TestLenient::scalarsReadOnlyTheirOwnType()
-{
-    QFETCH(QByteArray, value);
-    QFETCH(QString, reads);
-
-    const QJsonValue v = json(value);
-    QCOMPARE(Lenient::string(v).has_value(), reads == u"string"_s);
-    QCOMPARE(Lenient::boolean(v).has_value(), reads == u"boolean"_s);
-    QCOMPARE(Lenient::number(v).has_value(), reads == u"number"_s);
-}
-
 void TestLenient::flexList_data()
 {
     QTest::addColumn<QByteArray>("value");
@@ -197,7 +163,6 @@ void TestLenient::flexList_data()
     QTest::newRow("a bare count written as a double") << QByteArray("3.0") << QStringList() << 3ll;
     QTest::newRow("a fractional count is nothing") << QByteArray("2.5") << QStringList() << 0ll;
     QTest::newRow("an object is nothing") << QByteArray(R"({"id":"a"})") << QStringList() << 0ll;
-    QTest::newRow("an empty list") << QByteArray("[]") << QStringList() << 0ll;
 }
 
 void TestLenient::flexList()
@@ -216,27 +181,6 @@ void TestLenient::stringListsDropOtherElements()
     QCOMPARE(Lenient::strings(json("\"a\"")), std::nullopt);
 }
 
-void TestLenient::jsonValueKeptAsItCame_data()
-{
-    QTest::addColumn<QByteArray>("value");
-
-    QTest::newRow("an object") << QByteArray(R"({"command":"ls -la","timeout":120000})");
-    QTest::newRow("an array of mixed values") << QByteArray(R"(["a",1,true,null,{"b":[]}])");
-    QTest::newRow("a string") << QByteArray("\"rm -rf build\"");
-    QTest::newRow("deep nesting") << QByteArray(
-        R"({"a":{"b":{"c":{"d":{"e":{"f":{"g":[[[[[[{"h":"deep"}]]]]]]}}}}}}})");
-}
-
-void TestLenient::jsonValueKeptAsItCame()
-{
-    QFETCH(QByteArray, value);
-
-    const std::optional<JSONValue> kept = Lenient::json(json(value));
-    QVERIFY(kept);
-    QCOMPARE(*kept, json(value));
-    QCOMPARE(QJsonDocument(QJsonArray{*kept}).toJson(QJsonDocument::Compact), "[" + value + "]");
-}
-
 void TestLenient::documents_data()
 {
     QTest::addColumn<QByteArray>("body");
@@ -244,7 +188,6 @@ void TestLenient::documents_data()
 
     QTest::newRow("an object") << QByteArray(R"({"id":"s1"})") << true;
     QTest::newRow("an id of another type") << QByteArray(R"({"id":1,"title":"T"})") << false;
-    QTest::newRow("an object among blanks") << QByteArray(" \n{\"id\":\"s1\"}\n") << true;
     QTest::newRow("unknown keys are ignored") << QByteArray(R"({"id":"s1","future":{"a":[1,{"b":null}]}})") << true;
     QTest::newRow("no bytes") << QByteArray() << false;
     QTest::newRow("truncated") << QByteArray(R"({"id":"s1")") << false;

@@ -15,7 +15,6 @@ private Q_SLOTS:
     void fullSample();
     void olderServiceParts_data();
     void olderServiceParts();
-    void builtInNodeUp();
     void automationsStatus_data();
     void automationsStatus();
     void unreadablePartsSinkOnlyThemselves();
@@ -36,32 +35,13 @@ LocalStatus status(const QByteArray& body)
 void TestLocalStatus::fullSample()
 {
     const LocalStatus full = status(Fixture::sample(u"local-status-full.json"_s));
-    QCOMPARE(full.apiPort, 47321);
-    QCOMPARE(full.claude->path, u"/Users/ada/.local/bin/claude"_s);
     QCOMPARE(full.tailscale->keyExpiry->toDateTime(), QDateTime(QDate(2026, 3, 28), QTime(9, 14, 2), Qt::UTC));
-    QCOMPARE(full.tsnet->mode, u"system"_s);
     QCOMPARE(full.tsnet->helper->state, u"Stopped"_s);
-    QVERIFY(!full.tsnet->helper->loginUrl);
-    QVERIFY(!full.tsnet->url);
-    QCOMPARE(full.name->host, u"ada-7f3c.tidewatch.link"_s);
-    QCOMPARE(full.apk->size, 18734512);
-    QCOMPARE(full.statusLine->installed, false);
-    QCOMPARE(full.devices.count, 2);
     QCOMPARE(full.devices.items[0].glasses->since->msecsSinceEpoch, 1759400000000);
-    QVERIFY(!full.devices.items[0].glasses->removedAt);
-    QCOMPARE(full.devices.items[1].client, u"lens"_s);
-    QCOMPARE(full.devices.items[1].createdAt->msecsSinceEpoch, 1759400000000);
     QCOMPARE(full.sessions.items[0].pendingApprovalIds, QStringList{u"ap_01J9ZK3M2Q"_s});
     QCOMPARE(full.approvals.items[0].canAlways, true);
-    QCOMPARE(full.connectedClients, 2);
-    QCOMPARE(full.usage->fiveHour->pct, 100.0);
-    QCOMPARE(full.files->browseOutsideProjects, false);
-    QCOMPARE(full.account->limit->label, u"session limit"_s);
-    QCOMPARE(full.automations->count, 4);
     QCOMPARE(full.automations->next->name, u"Morning brief"_s);
-    QCOMPARE(full.automations->running.size(), 1);
     QCOMPARE(full.lan->addresses, QStringList({u"192.168.1.24"_s, u"fd7a:115c:a1e0::7"_s}));
-    QVERIFY(full.codex->connected);
     QCOMPARE(full.codex->usage->fiveHour->resetsAt->msecsSinceEpoch, 1760031000000);
 
     // The model sets the status only when it differs; a second read of the same bytes must not.
@@ -96,16 +76,6 @@ void TestLocalStatus::olderServiceParts()
         QCOMPARE(decoded.lan->addresses, QStringList{u"192.168.1.24"_s});
         QVERIFY(!decoded.lan->fingerprint);
     }
-}
-
-void TestLocalStatus::builtInNodeUp()
-{
-    const LocalStatus decoded
-        = status(R"({"tsnet":{"mode":"builtIn","available":true,"enabled":true,"helper":{"state":"Running"}}})");
-    QCOMPARE(decoded.tsnet->mode, u"builtIn"_s);
-    QCOMPARE(decoded.tsnet->available, true);
-    QCOMPARE(decoded.tsnet->enabled, true);
-    QCOMPARE(decoded.tsnet->helper->state, u"Running"_s);
 }
 
 void TestLocalStatus::automationsStatus_data()

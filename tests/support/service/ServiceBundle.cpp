@@ -6,9 +6,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
-#include <QProcess>
 #include <QThread>
-#include <QTimer>
 
 namespace {
 
@@ -55,24 +53,4 @@ bool runWhileServing(const std::function<void()>& work, int limitMs)
     thread->wait();
     delete thread;
     return clock.elapsed() <= limitMs;
-}
-
-LaunchResult launchWhileServing(
-    const QString& program, const QStringList& arguments, const QProcessEnvironment& environment, int limitMs)
-{
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    QEventLoop loop;
-    QObject::connect(&process, &QProcess::finished, &loop, &QEventLoop::quit);
-    QObject::connect(&process, &QProcess::errorOccurred, &loop, &QEventLoop::quit);
-    QTimer::singleShot(limitMs, &loop, &QEventLoop::quit);
-    process.start(program, arguments);
-    loop.exec();
-    if (process.state() != QProcess::NotRunning) {
-        process.kill();
-        process.waitForFinished();
-        return {-1, QString::fromUtf8(process.readAll())};
-    }
-    return {process.exitCode(), QString::fromUtf8(process.readAll())};
 }

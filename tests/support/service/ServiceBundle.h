@@ -1,6 +1,5 @@
 #pragma once
 
-#include "Launch.h"
 #include "ScratchFolder.h"
 
 #include <QString>
@@ -22,7 +21,3 @@ QString installProgramCopy(const ScratchFolder& scratch, const QString& relative
 /// (loopback sites in the test answer meanwhile); waits at most limitMs.
 /// False when it didn't end in time.
 bool runWhileServing(const std::function<void()>& work, int limitMs);
-
-/// Runs a program to its end while this thread's event loop goes on.
-LaunchResult launchWhileServing(
-    const QString& program, const QStringList& arguments, const QProcessEnvironment& environment, int limitMs);

@@ -19,7 +19,7 @@
 namespace {
 
 int exchange(const QByteArray& method, const QUrl& url, const QByteArray& token, const QByteArray* body,
-             QByteArray* replyBody, int timeoutMs)
+    QByteArray* replyBody, int timeoutMs)
 {
     QNetworkAccessManager network;
     network.setProxy(QNetworkProxy::NoProxy);
@@ -28,8 +28,8 @@ int exchange(const QByteArray& method, const QUrl& url, const QByteArray& token,
         request.setRawHeader("Authorization", "Bearer " + token);
     if (body)
         request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
-    QNetworkReply* reply = body ? network.sendCustomRequest(request, method, *body)
-                                : network.sendCustomRequest(request, method);
+    QNetworkReply* reply
+        = body ? network.sendCustomRequest(request, method, *body) : network.sendCustomRequest(request, method);
     QEventLoop loop;
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
     QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
@@ -161,16 +161,15 @@ QString ServiceProcess::token() const
     return QString::fromUtf8(file.readAll()).trimmed();
 }
 
-int ServiceProcess::call(const QByteArray& method, const QString& path, const QJsonValue& body,
-                         QJsonValue* reply) const
+int ServiceProcess::call(const QByteArray& method, const QString& path, const QJsonValue& body, QJsonValue* reply) const
 {
     QByteArray payload;
     if (!body.isUndefined())
         payload = QJsonDocument::fromVariant(body.toVariant()).toJson(QJsonDocument::Compact);
     QByteArray replyBody;
     const QUrl url(QStringLiteral("http://127.0.0.1:%1%2").arg(m_localPort).arg(path));
-    const int status = exchange(method, url, token().toUtf8(), body.isUndefined() ? nullptr : &payload,
-                                &replyBody, 10000);
+    const int status
+        = exchange(method, url, token().toUtf8(), body.isUndefined() ? nullptr : &payload, &replyBody, 10000);
     if (reply) {
         QJsonParseError error{};
         const QJsonDocument document = QJsonDocument::fromJson(replyBody, &error);
@@ -190,7 +189,7 @@ QJsonValue ServiceProcess::qa(const QByteArray& method, const QString& path, con
                                     .arg(QString::fromLatin1(method), path)
                                     .arg(status)
                                     .arg(QString::fromUtf8(QJsonDocument::fromVariant(reply.toVariant()).toJson()))),
-                     __FILE__, __LINE__);
+            __FILE__, __LINE__);
     }
     return reply;
 }

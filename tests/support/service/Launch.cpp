@@ -1,6 +1,8 @@
 #include "Launch.h"
 
+#include <QEventLoop>
 #include <QProcess>
+#include <QTimer>
 
 QProcessEnvironment launchEnvironment(const ScratchFolder& scratch, const QHash<QString, QString>& extra)
 {
@@ -19,13 +21,20 @@ QProcessEnvironment launchEnvironment(const ScratchFolder& scratch, const QHash<
     return environment;
 }
 
-LaunchResult launch(const QStringList& arguments, const QProcessEnvironment& environment, int limitMs)
+LaunchResult launch(
+    const QStringList& arguments, const QProcessEnvironment& environment, int limitMs, const QString& program)
 {
     QProcess process;
     process.setProcessEnvironment(environment);
     process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStringLiteral(TIDEWATCH_BINARY), arguments);
-    if (!process.waitForFinished(limitMs)) {
+    // The event loop goes on meanwhile, so loopback sites in the test still answer.
+    QEventLoop loop;
+    QObject::connect(&process, &QProcess::finished, &loop, &QEventLoop::quit);
+    QObject::connect(&process, &QProcess::errorOccurred, &loop, &QEventLoop::quit);
+    QTimer::singleShot(limitMs, &loop, &QEventLoop::quit);
+    process.start(program.isEmpty() ? QStringLiteral(TIDEWATCH_BINARY) : program, arguments);
+    loop.exec();
+    if (process.state() != QProcess::NotRunning) {
         process.kill();
         process.waitForFinished();
         return {-1, QString::fromUtf8(process.readAll())};

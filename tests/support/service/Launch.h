@@ -18,5 +18,6 @@ struct LaunchResult {
 /// in, and every user folder the program might reach is inside the scratch folder.
 QProcessEnvironment launchEnvironment(const ScratchFolder& scratch, const QHash<QString, QString>& extra = {});
 
-/// Runs the built program to its end.
-LaunchResult launch(const QStringList& arguments, const QProcessEnvironment& environment, int limitMs = 30000);
+/// Runs the built program (or another) to its end while this thread's event loop goes on.
+LaunchResult launch(const QStringList& arguments, const QProcessEnvironment& environment, int limitMs = 30000,
+    const QString& program = {});

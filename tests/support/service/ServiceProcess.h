@@ -43,7 +43,7 @@ public:
     /// A call on the service's /qa interface (or any local route), with the
     /// token. Gives the HTTP status and fills reply; status 0 when nothing answered.
     int call(const QByteArray& method, const QString& path, const QJsonValue& body = QJsonValue::Undefined,
-             QJsonValue* reply = nullptr) const;
+        QJsonValue* reply = nullptr) const;
     /// call() that must succeed; a failure is recorded as a test failure.
     QJsonValue qa(const QByteArray& method, const QString& path, const QJsonValue& body = QJsonValue::Undefined) const;
 

@@ -1,0 +1,74 @@
+#include "LiveModel.h"
+
+#include "Fixture.h"
+
+#include <QDateTime>
+#include <QDeadlineTimer>
+#include <QJsonArray>
+#include <QSignalSpy>
+#include <QTest>
+
+LiveModel::LiveModel(bool startService)
+{
+    if (startService)
+        restartService();
+}
+
+LiveModel::~LiveModel()
+{
+    m_model.reset();
+}
+
+bool LiveModel::restartService()
+{
+    if (service.start())
+        return true;
+    QTest::qFail(qPrintable(service.lastError()), __FILE__, __LINE__);
+    return false;
+}
+
+void LiveModel::seed(const QByteArray& calls) const
+{
+    QByteArray text = calls;
+    text.replace("\"@now\"", QByteArray::number(QDateTime::currentMSecsSinceEpoch()));
+    const QJsonArray list = Fixture::json(text).toArray();
+    for (const QJsonValue& call : list)
+        service.qa("POST", call[0].toString(), call[1]);
+}
+
+void LiveModel::seedFile(const QString& name) const
+{
+    seed(Fixture::sample(name));
+}
+
+bool LiveModel::startModel(LiveFeed::Timing timing, bool settle)
+{
+    m_model = std::make_unique<AppModel>(service.environment(), Clock::system(), timing);
+    // This machine's own Claude Code is none of the test's business.
+    m_model->setClaudeLook([] { return true; });
+    m_model->start();
+    if (!settle)
+        return true;
+    // The feed coming up during the first read asks for another at once:
+    // settled means all that is done and no read followed for half a second.
+    const AppModel& model = *m_model;
+    QSignalSpy reads(m_model.get(), &AppModel::readFinished);
+    QDeadlineTimer deadline(15000);
+    while (!deadline.hasExpired()) {
+        const qsizetype before = reads.count();
+        QTest::qWait(500);
+        if (model.firstPollDone() && model.feedLive() && model.snapshot() && model.status() && model.reading() == 0
+            && reads.count() == before)
+            return true;
+    }
+    return false;
+}
+
+LiveFeed::Timing LiveModel::quickFeed()
+{
+    LiveFeed::Timing timing;
+    timing.firstDelay = 0.2;
+    timing.afterHeard = 0.2;
+    timing.maxDelay = 1;
+    return timing;
+}

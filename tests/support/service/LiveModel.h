@@ -1,0 +1,49 @@
+#pragma once
+
+#include "ScratchFolder.h"
+#include "ServiceProcess.h"
+
+#include "model/AppModel.h"
+
+#include <QByteArray>
+
+#include <memory>
+
+/// The app's model against the real service: a scratch folder, a test copy
+/// of the service in it on free loopback ports, seeded through /qa, and an
+/// AppModel bound to it that leaves this machine's own Claude Code alone.
+class LiveModel
+{
+public:
+    /// Starts the service; a failure is recorded as the running test's (see ok()).
+    explicit LiveModel(bool startService = true);
+    ~LiveModel();
+
+    /// True when the service runs.
+    bool ok() const { return service.isRunning(); }
+    /// Starts the service again after a stop.
+    bool restartService();
+
+    /// Posts each [path, body] pair of a JSON array to the service, in order:
+    /// [["/qa/sessions", {"id":"s1"}], ["/qa/feed/ping", {}]]. A string "@now"
+    /// stands for this moment, as milliseconds since 1970.
+    void seed(const QByteArray& calls) const;
+    /// A seed kept under tests/data.
+    void seedFile(const QString& name) const;
+
+    /// Makes and starts the model; with settle, waits until it has read once
+    /// and hears the feed (false when it didn't in 15 s).
+    bool startModel(LiveFeed::Timing timing = {}, bool settle = true);
+    /// The model the last startModel() made.
+    AppModel& model() const { return *m_model; }
+    void stopModel() { m_model.reset(); }
+
+    /// A feed that gives up and comes back within a second, for tests of its pace.
+    static LiveFeed::Timing quickFeed();
+
+    ScratchFolder scratch;
+    ServiceProcess service{scratch.path()};
+
+private:
+    std::unique_ptr<AppModel> m_model;
+};
