@@ -304,7 +304,7 @@ void TestDaemonClient::droppedConnectionIsNotRunning()
     const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
     QVERIFY(result && !result->ok());
     QCOMPARE(result->error().kind, DaemonError::Kind::NotRunning);
-    QCOMPARE(result->error().errorDescription(), QStringLiteral("The background service isn't running."));
+    QCOMPARE(result->error().errorDescription(), QStringLiteral("The background service isn’t running."));
 }
 
 void TestDaemonClient::wrongTokenIsUnauthorized()
@@ -327,7 +327,7 @@ void TestDaemonClient::wrongTokenIsUnauthorized()
     QVERIFY(result && !result->ok());
     QCOMPARE(result->error().kind, DaemonError::Kind::Unauthorized);
     QCOMPARE(result->error().errorDescription(),
-             QStringLiteral("The background service didn't accept Tidewatch's admin key. Restart it from Setup."));
+             QStringLiteral("The background service didn’t accept Tidewatch’s admin key. Restart it from Setup."));
 
     // The key is read at every call: the next one goes through again.
     const auto after = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
@@ -347,7 +347,7 @@ void TestDaemonClient::emptyTokenFile()
     QVERIFY(up && !up->ok());
     QCOMPARE(up->error().kind, DaemonError::Kind::NoToken);
     QCOMPARE(up->error().errorDescription(),
-             QStringLiteral("Tidewatch couldn't read its admin key. Restart the background service from Setup."));
+             QStringLiteral("Tidewatch couldn’t read its admin key. Restart the background service from Setup."));
 
     QCOMPARE(m_service->stop(), 0);
     const auto down = await<DaemonResult<Snapshot>>([&](auto done) { client.snapshot(done); });

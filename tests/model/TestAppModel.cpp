@@ -123,7 +123,7 @@ void TestAppModel::aFailedActionSpeaksThroughTheNote()
     AppModel model(nowhere(m_scratch), m_clock);
     model.continueSession(QStringLiteral("s1"));
     QTRY_COMPARE_WITH_TIMEOUT(
-        model.noteText(), QStringLiteral("Couldn’t continue it. The background service isn't running."), 5000);
+        model.noteText(), QStringLiteral("Couldn’t continue it. The background service isn’t running."), 5000);
 }
 
 void TestAppModel::aSecondNoteShowsForItsOwnSixSeconds()
