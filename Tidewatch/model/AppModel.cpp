@@ -217,60 +217,42 @@ void AppModel::decide(const Approval& approval, const QString& decision)
 
 void AppModel::openTerminal(const QString& sessionId)
 {
-    m_source->act([&](ActionCalls& calls) {
-        calls.run<OpenedReply>(
-            ServiceCalls::openTerminal(sessionId), QStringLiteral("Couldn’t open its terminal. "), nullptr);
-    });
+    run<OpenedReply>(ServiceCalls::openTerminal(sessionId), QStringLiteral("Couldn’t open its terminal. "), nullptr);
 }
 
 void AppModel::continueSession(const QString& sessionId)
 {
-    m_source->act([&](ActionCalls& calls) {
-        calls.run<Ignored>(ServiceCalls::continueSession(sessionId), QStringLiteral("Couldn’t continue it. "),
-            [this](Ignored) { read(false); });
-    });
+    run<Ignored>(ServiceCalls::continueSession(sessionId), QStringLiteral("Couldn’t continue it. "),
+        [this](Ignored) { read(false); });
 }
 
 void AppModel::setAutoContinue(const QString& sessionId, bool on)
 {
-    m_source->act([&](ActionCalls& calls) {
-        calls.run<Ignored>(ServiceCalls::setAutoContinue(sessionId, on), QStringLiteral("Didn’t go through. "),
-            [this](Ignored) { read(false); });
-    });
+    run<Ignored>(ServiceCalls::setAutoContinue(sessionId, on), QStringLiteral("Didn’t go through. "),
+        [this](Ignored) { read(false); });
 }
 
 void AppModel::checkProvider(const QString& providerId, const QString& name)
 {
-    m_source->act([&](ActionCalls& calls) {
-        calls.run<Ignored>(ServiceCalls::checkProvider(providerId), QStringLiteral("Couldn’t reach %1. ").arg(name),
-            [this](Ignored) { read(false); });
-    });
+    run<Ignored>(ServiceCalls::checkProvider(providerId), QStringLiteral("Couldn’t reach %1. ").arg(name),
+        [this](Ignored) { read(false); });
 }
 
 void AppModel::signIn(const QString& where)
 {
-    m_source->act([&](ActionCalls& calls) {
-        calls.run<AccountReply>(
-            ServiceCalls::signIn(where), QStringLiteral("Couldn’t start signing in. "), [this](AccountReply reply) {
-                if (reply.account)
-                    setSnapshotPart([&reply](Snapshot& snapshot) {
-                        if (snapshot.account == reply.account)
-                            return false;
-                        snapshot.account = reply.account;
-                        return true;
-                    });
-                m_signInFrom = accountState(m_snapshot);
-                assign(m_signingIn, true, &AppModel::signingInChanged);
-            });
-    });
+    run<AccountReply>(
+        ServiceCalls::signIn(where), QStringLiteral("Couldn’t start signing in. "), [this](AccountReply reply) {
+            if (reply.account)
+                setSnapshotField(&Snapshot::account, reply.account);
+            m_signInFrom = accountState(m_snapshot);
+            assign(m_signingIn, true, &AppModel::signingInChanged);
+        });
 }
 
 void AppModel::forgetDevice(const QString& deviceId, const QString& name)
 {
-    m_source->act([&](ActionCalls& calls) {
-        calls.run<Ignored>(ServiceCalls::forgetDevice(deviceId), QStringLiteral("Couldn’t forget %1. ").arg(name),
-            [this](Ignored) { readDevices(); });
-    });
+    run<Ignored>(ServiceCalls::forgetDevice(deviceId), QStringLiteral("Couldn’t forget %1. ").arg(name),
+        [this](Ignored) { readDevices(); });
 }
 
 void AppModel::askForgetDevice(const QString& deviceId, const QString& name)
@@ -300,83 +282,57 @@ void AppModel::askForgetDevice(const QString& deviceId, const QString& name)
 
 void AppModel::readDevices()
 {
-    m_source->act([this](ActionCalls& calls) {
-        calls.run<FlexList<Device>>(ServiceCalls::devices(), std::nullopt, [this](FlexList<Device> devices) {
-            assign(m_deviceList, std::move(devices.items), &AppModel::deviceListChanged);
-        });
+    run<FlexList<Device>>(ServiceCalls::devices(), std::nullopt, [this](FlexList<Device> devices) {
+        assign(m_deviceList, std::move(devices.items), &AppModel::deviceListChanged);
     });
 }
 
 void AppModel::refreshUsage()
 {
-    m_source->act([this](ActionCalls& calls) {
-        calls.run<UsageReply>(ServiceCalls::refreshUsage(), std::nullopt, [this](UsageReply reply) {
-            if (!reply.usage)
-                return;
-            setSnapshotPart([&reply](Snapshot& snapshot) {
-                if (snapshot.usage == reply.usage)
-                    return false;
-                snapshot.usage = reply.usage;
-                return true;
-            });
-        });
+    run<UsageReply>(ServiceCalls::refreshUsage(), std::nullopt, [this](UsageReply reply) {
+        if (reply.usage)
+            setSnapshotField(&Snapshot::usage, reply.usage);
     });
 }
 
 void AppModel::setCodexEnabled(bool on)
 {
-    m_source->act([&](ActionCalls& calls) {
-        calls.run<Ignored>(ServiceCalls::setSetting(ServiceCalls::Setting::Codex, on),
-            on ? QStringLiteral("Couldn’t turn Codex on. ") : QStringLiteral("Couldn’t turn Codex off. "),
-            [this](Ignored) { read(false); });
-    });
+    run<Ignored>(ServiceCalls::setSetting(ServiceCalls::Setting::Codex, on),
+        on ? QStringLiteral("Couldn’t turn Codex on. ") : QStringLiteral("Couldn’t turn Codex off. "),
+        [this](Ignored) { read(false); });
 }
 
 void AppModel::refreshCodex()
 {
-    m_source->act([this](ActionCalls& calls) {
-        calls.run<CodexReply>(ServiceCalls::refreshCodex(), std::nullopt, [this](CodexReply reply) {
-            if (!reply.present)
-                return;
-            setSnapshotPart([&reply](Snapshot& snapshot) {
-                if (snapshot.codex == reply.codex)
-                    return false;
-                snapshot.codex = reply.codex;
-                return true;
-            });
-        });
+    run<CodexReply>(ServiceCalls::refreshCodex(), std::nullopt, [this](CodexReply reply) {
+        if (reply.present)
+            setSnapshotField(&Snapshot::codex, reply.codex);
     });
 }
 
 void AppModel::setBuiltInTailscale(bool on)
 {
-    m_source->act([&](ActionCalls& calls) {
-        calls.run<Ignored>(ServiceCalls::setSetting(ServiceCalls::Setting::BuiltInTailscale, on),
-            QStringLiteral("Couldn’t change that. "), [this](Ignored) { read(true); });
-    });
+    run<Ignored>(ServiceCalls::setSetting(ServiceCalls::Setting::BuiltInTailscale, on),
+        QStringLiteral("Couldn’t change that. "), [this](Ignored) { read(true); });
 }
 
 void AppModel::setBrowseOutsideProjects(bool on)
 {
-    m_source->act([&](ActionCalls& calls) {
-        calls.run<Ignored>(ServiceCalls::setSetting(ServiceCalls::Setting::BrowseOutsideProjects, on),
-            QStringLiteral("Couldn’t change Browse outside projects. "), [this, on](Ignored) {
-                showNote(on ? QStringLiteral("Phones can open sessions’ folders in your home folder too, read only")
-                            : QStringLiteral("Phones open only your projects folder again"));
-                read(true);
-            });
-    });
+    run<Ignored>(ServiceCalls::setSetting(ServiceCalls::Setting::BrowseOutsideProjects, on),
+        QStringLiteral("Couldn’t change Browse outside projects. "), [this, on](Ignored) {
+            showNote(on ? QStringLiteral("Phones can open sessions’ folders in your home folder too, read only")
+                        : QStringLiteral("Phones open only your projects folder again"));
+            read(true);
+        });
 }
 
 void AppModel::signOutTailscale()
 {
-    m_source->act([this](ActionCalls& calls) {
-        // A refusal is shown in the service's own words.
-        calls.run<LocalStatus>(ServiceCalls::signOutTailscale(), QString(), [this](LocalStatus status) {
-            assign(m_status, std::move(status), &AppModel::statusChanged);
-            // The node takes a moment to settle; the read after shows where it went.
-            QTimer::singleShot(kAfterSignOutMs, this, [this] { read(true); });
-        });
+    // A refusal is shown in the service's own words.
+    run<LocalStatus>(ServiceCalls::signOutTailscale(), QString(), [this](LocalStatus status) {
+        assign(m_status, std::move(status), &AppModel::statusChanged);
+        // The node takes a moment to settle; the read after shows where it went.
+        QTimer::singleShot(kAfterSignOutMs, this, [this] { read(true); });
     });
 }
 
@@ -427,36 +383,4 @@ void AppModel::setupBackpack()
 void AppModel::removeBackpack()
 {
     m_source->act([this](ActionCalls&) { m_awake->removeBackpack(); });
-}
-
-// MARK: Dialogs
-
-const std::optional<GlassDialog>& AppModel::dialog() const
-{
-    return m_dialogs->dialog();
-}
-
-bool AppModel::dialogWorking() const
-{
-    return m_dialogs->working();
-}
-
-void AppModel::showDialog(GlassDialog dialog)
-{
-    m_dialogs->show(std::move(dialog));
-}
-
-void AppModel::confirmDialog(bool option)
-{
-    m_dialogs->confirm(option);
-}
-
-void AppModel::cancelDialog()
-{
-    m_dialogs->cancel();
-}
-
-void AppModel::dialogSecondary()
-{
-    m_dialogs->secondary();
 }

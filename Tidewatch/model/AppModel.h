@@ -9,14 +9,15 @@
 #include "link/LocalStatus.h"
 #include "link/Snapshot.h"
 #include "link/SttState.h"
+#include "model/ActionCalls.h"
 #include "model/Attention.h"
+#include "model/DialogSlot.h"
 #include "model/GlassDialog.h"
 #include "model/ModelSource.h"
 #include "model/Note.h"
 #include "setup/ServiceInstaller.h"
 
 #include <QDateTime>
-#include <QJsonObject>
 #include <QObject>
 #include <QString>
 
@@ -25,13 +26,13 @@
 #include <optional>
 
 class AwakeActions;
-class DialogSlot;
 class ServiceKeeper;
 
 /// The one object that knows what the app believes; every surface is a
 /// function of it. Two sources feed it: a read loop that asks the service and
 /// the live feed that tells. The feed keeps it current, the loop keeps it
-/// honest, and either may fail. Main thread only.
+/// honest, and either may fail. Both belong to its source, chosen when it is
+/// built: the live service, or a sample that shows a picture. Main thread only.
 ///
 /// Every observable write compares before it sets, so a read that finds
 /// nothing new emits nothing.
@@ -143,9 +144,9 @@ public:
     /// Open at Login is on, as last read.
     bool loginItemEnabled() const { return m_loginItemEnabled; }
     /// The open dialog; a new one replaces it.
-    const std::optional<GlassDialog>& dialog() const;
+    const std::optional<GlassDialog>& dialog() const { return m_dialogs->dialog(); }
     /// The open dialog's work is under way.
-    bool dialogWorking() const;
+    bool dialogWorking() const { return m_dialogs->working(); }
     /// The status read last counted this app's own feed among its connected clients.
     bool statusCountsFeed() const { return m_source->statusCountsFeed(); }
     /// Feed messages taken so far, but for `devices`.
@@ -191,13 +192,13 @@ public:
     void removeBackpack();
 
     /// Puts up a dialog in the one slot, replacing whatever was there.
-    void showDialog(GlassDialog dialog);
+    void showDialog(GlassDialog dialog) { m_dialogs->show(std::move(dialog)); }
     /// The primary button: the dialog stays, working, until its work ends;
     /// a failure closes it and goes to the note line.
-    void confirmDialog(bool option = false);
+    void confirmDialog(bool option = false) { m_dialogs->confirm(option); }
     /// The dialog was dismissed.
-    void cancelDialog();
-    void dialogSecondary();
+    void cancelDialog() { m_dialogs->cancel(); }
+    void dialogSecondary() { m_dialogs->secondary(); }
     /// Reads the paired devices into deviceList(); a failure passes in silence.
     void readDevices();
     /// Asks the service to read usage afresh; a failure passes in silence.
@@ -270,6 +271,10 @@ Q_SIGNALS:
 private:
     friend class ReadLoop;
 
+    /// An action's call, through the source: on failure the note of `opening`
+    /// and the error's sentence, or silence without an opening.
+    template <class T>
+    void run(const ServiceCall<T>& call, std::optional<QString> opening, std::function<void(T)> onSuccess);
     /// The one compare-then-set: a value equal to the held one emits nothing.
     template <class T, class U> bool assign(T& field, U&& value, void (AppModel::*changed)());
 
@@ -284,6 +289,16 @@ private:
     void afterServiceJob(const std::optional<QString>& note);
     void setFeedLive(bool live);
     void setSnapshotPart(const std::function<bool(Snapshot&)>& change);
+    /// Replaces one record of the snapshot, when one is held and the record differs.
+    template <class F> void setSnapshotField(std::optional<F> Snapshot::*field, const std::optional<F>& value)
+    {
+        setSnapshotPart([&](Snapshot& snapshot) {
+            if (snapshot.*field == value)
+                return false;
+            snapshot.*field = value;
+            return true;
+        });
+    }
     /// The service's word on Stay awake, as an action's reply carried it.
     void takeAwake(const Awake& awake);
     void pruneAnswered();
@@ -331,4 +346,10 @@ template <class T, class U> bool AppModel::assign(T& field, U&& value, void (App
     field = std::forward<U>(value);
     Q_EMIT(this->*changed)();
     return true;
+}
+
+template <class T>
+void AppModel::run(const ServiceCall<T>& call, std::optional<QString> opening, std::function<void(T)> onSuccess)
+{
+    m_source->act([&](ActionCalls& calls) { calls.run<T>(call, std::move(opening), std::move(onSuccess)); });
 }
