@@ -46,9 +46,9 @@ void TestAppModel::theFeedPatchesAndCounts_data()
                uR"({"t":"session","session":{"id":"s1","state":"idle"}})"_s,
                uR"({"t":"approval","approval":{"id":"ap1","sessionId":"s3"}})"_s}
         << u"s1:idle s2 s3:working"_s << 4 << 0 << qint64(5);
-    QTest::newRow("echoes redraw nothing; devices void no read, so they aren't counted") << QStringList{whole,
+    QTest::newRow("echoes redraw nothing; devices and a frame that carries nothing void no read") << QStringList{whole,
         uR"({"t":"devices"})"_s, whole, uR"({"t":"session","session":{"id":"s1","state":"idle"}})"_s,
-        uR"({"t":"battery"})"_s} << u"s1:idle"_s << 1 << 0 << qint64(4);
+        uR"({"t":"battery"})"_s} << u"s1:idle"_s << 1 << 0 << qint64(3);
     QTest::newRow("the socket's life is told only when it changes")
         << QStringList{u"up"_s, u"up"_s, u"down"_s} << QString() << 0 << 2 << qint64(0);
 }
