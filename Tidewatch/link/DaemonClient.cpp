@@ -1,5 +1,7 @@
 #include "link/DaemonClient.h"
 
+#include "link/ServiceCalls.h"
+
 #include <QEventLoop>
 #include <QFile>
 #include <QJsonDocument>
@@ -140,8 +142,8 @@ std::optional<DaemonError> DaemonClient::failureFor(int httpStatus, const QByteA
     return DaemonError::server(httpStatus, code, sentence);
 }
 
-void DaemonClient::request(Method method, const QString& path, std::optional<QJsonObject> body,
-                           double timeoutSeconds, Callback<QByteArray> done)
+void DaemonClient::request(Method method, const QString& path, std::optional<QJsonObject> body, double timeoutSeconds,
+    Callback<QByteArray> done)
 {
     const std::optional<QString> token = readToken(m_environment);
     if (!token) {
@@ -164,7 +166,7 @@ void DaemonClient::request(Method method, const QString& path, std::optional<QJs
 }
 
 void DaemonClient::send(Method method, const QString& path, const QByteArray* body, const QString& token,
-                        double timeoutSeconds, Callback<QByteArray> done)
+    double timeoutSeconds, Callback<QByteArray> done)
 {
     QNetworkRequest request = baseRequest(QUrl(m_environment.localBase() + path));
     request.setRawHeader(QByteArrayLiteral("Authorization"), QByteArrayLiteral("Bearer ") + token.toUtf8());
@@ -173,8 +175,8 @@ void DaemonClient::send(Method method, const QString& path, const QByteArray* bo
         request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
 
     const QByteArray verb = methodName(method).toLatin1();
-    QNetworkReply* reply = body ? m_network->sendCustomRequest(request, verb, *body)
-                                : m_network->sendCustomRequest(request, verb);
+    QNetworkReply* reply
+        = body ? m_network->sendCustomRequest(request, verb, *body) : m_network->sendCustomRequest(request, verb);
     watch(reply, timeoutSeconds, [done = std::move(done)](QNetworkReply* reply, bool timedOut) {
         if (timedOut)
             return done(DaemonError::timeout());
@@ -212,29 +214,20 @@ void DaemonClient::health(double timeoutSeconds, std::function<void(std::optiona
 
 void DaemonClient::snapshot(Callback<Snapshot> done)
 {
-    call<Snapshot>(Method::Get, QStringLiteral("/v1/snapshot"), std::nullopt, 8, std::move(done));
+    ServiceCalls::snapshot().send(*this, std::move(done));
 }
 
 void DaemonClient::localStatus(bool fresh, bool qr, Callback<LocalStatus> done)
 {
-    QStringList query;
-    if (fresh)
-        query << QStringLiteral("fresh=1");
-    if (qr)
-        query << QStringLiteral("qr=1");
-    QString path = QStringLiteral("/local/status");
-    if (!query.isEmpty())
-        path += QLatin1Char('?') + query.join(QLatin1Char('&'));
-    call<LocalStatus>(Method::Get, path, std::nullopt, fresh ? 15 : 6, std::move(done));
+    ServiceCalls::localStatus(fresh, qr).send(*this, std::move(done));
 }
 
 void DaemonClient::devices(Callback<FlexList<Device>> done)
 {
-    call<FlexList<Device>>(Method::Get, QStringLiteral("/local/devices"), std::nullopt, 8, std::move(done));
+    ServiceCalls::devices().send(*this, std::move(done));
 }
 
-template <>
-std::optional<Ignored> DaemonClient::decodeReply<Ignored>(const QByteArray& body)
+template <> std::optional<Ignored> DaemonClient::decodeReply<Ignored>(const QByteArray& body)
 {
     // An ignored reply still has to be a reply: a JSON object, or nothing at all.
     if (body.trimmed().isEmpty())
@@ -244,8 +237,7 @@ std::optional<Ignored> DaemonClient::decodeReply<Ignored>(const QByteArray& body
     return Ignored{};
 }
 
-template <>
-std::optional<FlexList<Device>> DaemonClient::decodeReply<FlexList<Device>>(const QByteArray& body)
+template <> std::optional<FlexList<Device>> DaemonClient::decodeReply<FlexList<Device>>(const QByteArray& body)
 {
     return decodeListDocument<Device>(body, QLatin1StringView("devices"));
 }
@@ -276,20 +268,17 @@ std::optional<T> waitFor(double limitSeconds, const std::function<void(std::func
 std::optional<Health> DaemonClient::healthBlocking(const Environment& environment, double timeoutSeconds)
 {
     DaemonClient client(environment);
-    const auto result = waitFor<std::optional<Health>>(timeoutSeconds + 1, [&](auto report) {
-        client.health(timeoutSeconds, report);
-    });
+    const auto result = waitFor<std::optional<Health>>(
+        timeoutSeconds + 1, [&](auto report) { client.health(timeoutSeconds, report); });
     return result.value_or(std::nullopt);
 }
 
 DaemonResult<QByteArray> DaemonClient::requestBlocking(const Environment& environment, Method method,
-                                                       const QString& path, std::optional<QJsonObject> body,
-                                                       double timeoutSeconds)
+    const QString& path, std::optional<QJsonObject> body, double timeoutSeconds)
 {
     DaemonClient client(environment);
-    auto result = waitFor<DaemonResult<QByteArray>>(timeoutSeconds + kNoTokenProbeSeconds + 1, [&](auto report) {
-        client.request(method, path, std::move(body), timeoutSeconds, report);
-    });
+    auto result = waitFor<DaemonResult<QByteArray>>(timeoutSeconds + kNoTokenProbeSeconds + 1,
+        [&](auto report) { client.request(method, path, std::move(body), timeoutSeconds, report); });
     if (!result)
         return DaemonError::timeout();
     return std::move(*result);

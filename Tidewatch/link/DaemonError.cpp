@@ -51,11 +51,11 @@ QString DaemonError::errorDescription() const
     case Kind::Decoding:
         return QStringLiteral("The background service sent something unexpected (%1).").arg(message);
     case Kind::NotRunning:
-        return QStringLiteral("The background service isn't running.");
+        return QStringLiteral("The background service isn’t running.");
     case Kind::NoToken:
-        return QStringLiteral("Tidewatch couldn't read its admin key. Restart the background service from Setup.");
+        return QStringLiteral("Tidewatch couldn’t read its admin key. Restart the background service from Setup.");
     case Kind::Unauthorized:
-        return QStringLiteral("The background service didn't accept Tidewatch's admin key. Restart it from Setup.");
+        return QStringLiteral("The background service didn’t accept Tidewatch’s admin key. Restart it from Setup.");
     }
     return message;
 }

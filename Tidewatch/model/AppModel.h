@@ -2,7 +2,6 @@
 
 #include "base/Clock.h"
 #include "entry/Environment.h"
-#include "link/DaemonClient.h"
 #include "link/Device.h"
 #include "link/GuideState.h"
 #include "link/Health.h"
@@ -10,29 +9,30 @@
 #include "link/LocalStatus.h"
 #include "link/Snapshot.h"
 #include "link/SttState.h"
+#include "model/ActionCalls.h"
 #include "model/Attention.h"
+#include "model/DialogSlot.h"
 #include "model/GlassDialog.h"
+#include "model/ModelSource.h"
 #include "model/Note.h"
-#include "model/ReadPace.h"
 #include "setup/ServiceInstaller.h"
 
 #include <QDateTime>
-#include <QJsonObject>
 #include <QObject>
 #include <QString>
-#include <QThread>
 
 #include <functional>
 #include <memory>
 #include <optional>
 
-class QTimer;
+class AwakeActions;
 class ServiceKeeper;
 
 /// The one object that knows what the app believes; every surface is a
 /// function of it. Two sources feed it: a read loop that asks the service and
 /// the live feed that tells. The feed keeps it current, the loop keeps it
-/// honest, and either may fail. Main thread only.
+/// honest, and either may fail. Both belong to its source, chosen when it is
+/// built: the live service, or a sample that shows a picture. Main thread only.
 ///
 /// Every observable write compares before it sets, so a read that finds
 /// nothing new emits nothing.
@@ -132,9 +132,9 @@ public:
     QString serviceNodeGoneText() const { return m_serviceNodeGone.value_or(QString()); }
     const std::optional<ClaudeLook>& claudeLook() const { return m_claudeLook; }
     /// The Stay awake mode picked and not yet confirmed by the service.
-    const std::optional<Awake::Mode>& awakeChoice() const { return m_awakeChoice; }
+    const std::optional<Awake::Mode>& awakeChoice() const;
     /// Backpack's permission is being set up or removed.
-    bool backpackBusy() const { return m_backpackBusy; }
+    bool backpackBusy() const;
     /// A newer service than the installed one came with the app.
     bool serviceUpdate() const { return m_serviceUpdate; }
     bool restarting() const { return m_restarting; }
@@ -144,18 +144,18 @@ public:
     /// Open at Login is on, as last read.
     bool loginItemEnabled() const { return m_loginItemEnabled; }
     /// The open dialog; a new one replaces it.
-    const std::optional<GlassDialog>& dialog() const { return m_dialog; }
+    const std::optional<GlassDialog>& dialog() const { return m_dialogs->dialog(); }
     /// The open dialog's work is under way.
-    bool dialogWorking() const { return m_dialogWorking; }
+    bool dialogWorking() const { return m_dialogs->working(); }
     /// The status read last counted this app's own feed among its connected clients.
-    bool statusCountsFeed() const { return m_statusCountsFeed; }
+    bool statusCountsFeed() const { return m_source->statusCountsFeed(); }
     /// Feed messages taken so far, but for `devices`.
-    qint64 feedGeneration() const { return m_feedGeneration; }
+    qint64 feedGeneration() const { return m_source->feedGeneration(); }
     /// Reads under way, the loop's and the actions' together.
-    int reading() const { return m_reading; }
+    int reading() const { return m_source->reading(); }
     /// Since when reads fail while the feed is still believed.
-    const std::optional<QDateTime>& failingSince() const { return m_failingSince; }
-    bool isSample() const { return m_sample; }
+    const std::optional<QDateTime>& failingSince() const { return m_source->failingSince(); }
+    bool isSample() const { return m_source->isSample(); }
     const Environment& environment() const { return m_environment; }
 
     // The user's actions. Each does nothing in a sample; a failure shows
@@ -192,13 +192,13 @@ public:
     void removeBackpack();
 
     /// Puts up a dialog in the one slot, replacing whatever was there.
-    void showDialog(GlassDialog dialog);
+    void showDialog(GlassDialog dialog) { m_dialogs->show(std::move(dialog)); }
     /// The primary button: the dialog stays, working, until its work ends;
     /// a failure closes it and goes to the note line.
-    void confirmDialog(bool option = false);
+    void confirmDialog(bool option = false) { m_dialogs->confirm(option); }
     /// The dialog was dismissed.
-    void cancelDialog();
-    void dialogSecondary();
+    void cancelDialog() { m_dialogs->cancel(); }
+    void dialogSecondary() { m_dialogs->secondary(); }
     /// Reads the paired devices into deviceList(); a failure passes in silence.
     void readDevices();
     /// Asks the service to read usage afresh; a failure passes in silence.
@@ -269,37 +269,17 @@ Q_SIGNALS:
     void sttReceived(const SttState& stt);
 
 private:
-    /// One call of an action.
-    struct Call {
-        DaemonClient::Method method = DaemonClient::Method::Post;
-        QString path;
-        std::optional<QJsonObject> body;
-        double timeout = 10;
-    };
+    friend class ReadLoop;
 
-    /// Every action's road: the call, and on success `onSuccess`; on failure
-    /// the note made of `opening` and the error's sentence, or silence when
-    /// there is no opening. Nothing in a sample.
-    template <class T> void run(const Call& call, std::optional<QString> opening, std::function<void(T)> onSuccess);
-    /// The same with a failure handler of the caller's own.
+    /// An action's call, through the source: on failure the note of `opening`
+    /// and the error's sentence, or silence without an opening.
     template <class T>
-    void runWith(const Call& call, std::function<void(T)> onSuccess, std::function<void(const DaemonError&)> onFailure);
-
+    void run(const ServiceCall<T>& call, std::optional<QString> opening, std::function<void(T)> onSuccess);
     /// The one compare-then-set: a value equal to the held one emits nothing.
     template <class T, class U> bool assign(T& field, U&& value, void (AppModel::*changed)());
 
-    ReadPace pace() const;
-    std::optional<QDateTime> feedHeardAt() const;
-    void turn();
-    void cancelNap();
-    void readThen(bool withStatus, std::function<void()> done);
-    void afterHealth(bool withStatus, std::optional<Health> health, std::function<void()> done);
-    void readStatusPart(bool withStatus, std::function<void()> done);
-    /// The read's last steps after the service was asked for everything.
-    void finishRead(bool serviceAnswered, std::function<void()> done);
-    /// Every read's end, also one cut short.
-    void endRead(std::function<void()> done);
-    void lookForClaudeIfDue();
+    /// A feed message, counted already: it patches the snapshot and goes to its listeners.
+    void takeMessage(const Feed::Message& message);
     void checkServiceNode(bool serviceAnswered);
     /// Looks again at the installed service beside the app's: an update waits when they differ.
     void checkServiceUpdate();
@@ -307,27 +287,30 @@ private:
     bool refusedHere();
     /// A keeper's job has ended: its note, if any, and a read at once.
     void afterServiceJob(const std::optional<QString>& note);
-    void startFeed();
     void setFeedLive(bool live);
     void setSnapshotPart(const std::function<bool(Snapshot&)>& change);
+    /// Replaces one record of the snapshot, when one is held and the record differs.
+    template <class F> void setSnapshotField(std::optional<F> Snapshot::*field, const std::optional<F>& value)
+    {
+        setSnapshotPart([&](Snapshot& snapshot) {
+            if (snapshot.*field == value)
+                return false;
+            snapshot.*field = value;
+            return true;
+        });
+    }
     /// The service's word on Stay awake, as an action's reply carried it.
-    void takeAwake(const std::optional<Awake>& awake);
-    /// One change of Stay awake; `opening` begins the note of a failure.
-    void changeAwake(const QJsonObject& change, const QString& opening, bool clearsChoice);
+    void takeAwake(const Awake& awake);
     void pruneAnswered();
     void noteSignInProgress();
-    template <class Result> void offMainThread(std::function<Result()> work, std::function<void(Result)> then);
 
     Environment m_environment;
     const Clock& m_clock;
-    LiveFeed::Timing m_feedTiming;
-    const bool m_sample;
-    std::unique_ptr<DaemonClient> m_client;
-    std::unique_ptr<LiveFeed> m_feed;
-    QTimer* m_nap;
     std::function<bool()> m_lookForClaude;
     std::function<ServiceInstaller()> m_buildInstaller;
     ServiceKeeper* m_keeper;
+    AwakeActions* m_awake;
+    DialogSlot* m_dialogs;
 
     // Observable.
     std::optional<Health> m_health;
@@ -343,34 +326,17 @@ private:
     std::optional<QList<Device>> m_deviceList;
     std::optional<QString> m_serviceNodeGone;
     std::optional<ClaudeLook> m_claudeLook;
-    std::optional<GlassDialog> m_dialog;
-    std::optional<Awake::Mode> m_awakeChoice;
-    bool m_backpackBusy = false;
-    bool m_dialogWorking = false;
     bool m_serviceUpdate = false;
     bool m_restarting = false;
     bool m_updatingService = false;
     std::optional<ServiceInstaller::Progress> m_repairing;
     bool m_loginItemEnabled = false;
-
-    // The loop's own.
-    bool m_loopRunning = false;
-    bool m_loopReading = false;
-    bool m_readNow = false;
-    bool m_statusNow = false;
-    QDateTime m_lastRead = QDateTime::fromMSecsSinceEpoch(0, Qt::UTC);
-    QDateTime m_lastStatus = QDateTime::fromMSecsSinceEpoch(0, Qt::UTC);
-    std::optional<QDateTime> m_failingSince;
-    int m_reading = 0;
-    QDateTime m_lastNudge = QDateTime::fromMSecsSinceEpoch(0, Qt::UTC);
-    bool m_feedStarted = false;
-    qint64 m_feedGeneration = 0;
-    bool m_statusCountsFeed = false;
     bool m_popoverVisible = false;
-    bool m_claudeLooking = false;
-    QDateTime m_lastUsageAsk = QDateTime::fromMSecsSinceEpoch(0, Qt::UTC);
     /// The account's state when the sign-in began; a move away from it ends `signingIn`.
     std::optional<QString> m_signInFrom;
+
+    /// Last, so that it goes first: its replies and feed events hold the rest.
+    std::unique_ptr<ModelSource> m_source;
 };
 
 template <class T, class U> bool AppModel::assign(T& field, U&& value, void (AppModel::*changed)())
@@ -383,40 +349,7 @@ template <class T, class U> bool AppModel::assign(T& field, U&& value, void (App
 }
 
 template <class T>
-void AppModel::runWith(
-    const Call& call, std::function<void(T)> onSuccess, std::function<void(const DaemonError&)> onFailure)
+void AppModel::run(const ServiceCall<T>& call, std::optional<QString> opening, std::function<void(T)> onSuccess)
 {
-    if (m_sample)
-        return;
-    // The client is the model's own and goes first when the model goes, so no
-    // answer can reach a model that is gone.
-    m_client->call<T>(call.method, call.path, call.body, call.timeout,
-        [onSuccess = std::move(onSuccess), onFailure = std::move(onFailure)](DaemonResult<T> result) {
-            if (!result.ok()) {
-                if (onFailure)
-                    onFailure(result.error());
-                return;
-            }
-            if (onSuccess)
-                onSuccess(std::move(result.value()));
-        });
-}
-
-template <class T>
-void AppModel::run(const Call& call, std::optional<QString> opening, std::function<void(T)> onSuccess)
-{
-    runWith<T>(call, std::move(onSuccess), [this, opening = std::move(opening)](const DaemonError& error) {
-        if (opening)
-            showNote(*opening + error.errorDescription());
-    });
-}
-
-template <class Result> void AppModel::offMainThread(std::function<Result()> work, std::function<void(Result)> then)
-{
-    auto result = std::make_shared<Result>();
-    // The thread owns no part of the model; its end is delivered only while the model lives.
-    QThread* thread = QThread::create([work = std::move(work), result] { *result = work(); });
-    connect(thread, &QThread::finished, this, [result, then = std::move(then)] { then(std::move(*result)); });
-    connect(thread, &QThread::finished, thread, &QObject::deleteLater);
-    thread->start();
+    m_source->act([&](ActionCalls& calls) { calls.run<T>(call, std::move(opening), std::move(onSuccess)); });
 }

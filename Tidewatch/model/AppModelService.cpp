@@ -4,7 +4,8 @@
 
 #include "model/AppModel.h"
 
-#include "platform/Services.h"
+#include "model/ActionCalls.h"
+#include "model/OffMainThread.h"
 #include "setup/ServiceKeeper.h"
 #include "setup/Uninstaller.h"
 
@@ -20,7 +21,8 @@ void AppModel::checkServiceNode(bool serviceAnswered)
         assign(m_serviceNodeGone, std::nullopt, &AppModel::serviceNodeGoneChanged);
         return;
     }
-    offMainThread<std::optional<QString>>([build = m_buildInstaller] { return build().serviceNodeGone(); },
+    offMainThread<std::optional<QString>>(
+        this, [build = m_buildInstaller] { return build().serviceNodeGone(); },
         [this](std::optional<QString> gone) {
             assign(m_serviceNodeGone, std::move(gone), &AppModel::serviceNodeGoneChanged);
         });
@@ -28,7 +30,8 @@ void AppModel::checkServiceNode(bool serviceAnswered)
 
 void AppModel::checkServiceUpdate()
 {
-    offMainThread<bool>([build = m_buildInstaller] { return build().updateAvailable(); },
+    offMainThread<bool>(
+        this, [build = m_buildInstaller] { return build().updateAvailable(); },
         [this](bool available) { assign(m_serviceUpdate, available, &AppModel::serviceUpdateChanged); });
 }
 
@@ -50,80 +53,86 @@ void AppModel::afterServiceJob(const std::optional<QString>& note)
 
 void AppModel::restartService()
 {
-    if (m_sample || m_restarting || refusedHere())
-        return;
-    if (!m_keeper->restart([this](ServiceKeeper::Note note) {
-            assign(m_restarting, false, &AppModel::restartingChanged);
-            afterServiceJob(note);
-        }))
-        return;
-    assign(m_restarting, true, &AppModel::restartingChanged);
+    m_source->act([this](ActionCalls&) {
+        if (m_restarting || refusedHere())
+            return;
+        if (!m_keeper->restart([this](ServiceKeeper::Note note) {
+                assign(m_restarting, false, &AppModel::restartingChanged);
+                afterServiceJob(note);
+            }))
+            return;
+        assign(m_restarting, true, &AppModel::restartingChanged);
+    });
 }
 
 void AppModel::repairService()
 {
-    if (m_sample || m_repairing || refusedHere())
-        return;
-    const bool started = m_keeper->repair(
-        [this](const ServiceInstaller::Progress& progress) {
-            if (m_repairing)
-                assign(m_repairing, progress, &AppModel::repairingChanged);
-        },
-        [this](ServiceKeeper::Note note) {
-            assign(m_repairing, std::nullopt, &AppModel::repairingChanged);
-            afterServiceJob(note);
-        });
-    // Choosing Node.js comes first; its own progress replaces this at once when one must be fetched.
-    if (started)
-        assign(m_repairing, ServiceInstaller::Progress{ServiceInstaller::Progress::Step::GettingNode, std::nullopt},
-            &AppModel::repairingChanged);
+    m_source->act([this](ActionCalls&) {
+        if (m_repairing || refusedHere())
+            return;
+        const bool started = m_keeper->repair(
+            [this](const ServiceInstaller::Progress& progress) {
+                if (m_repairing)
+                    assign(m_repairing, progress, &AppModel::repairingChanged);
+            },
+            [this](ServiceKeeper::Note note) {
+                assign(m_repairing, std::nullopt, &AppModel::repairingChanged);
+                afterServiceJob(note);
+            });
+        // Choosing Node.js comes first; its own progress replaces this at once when one must be fetched.
+        if (started)
+            assign(m_repairing, ServiceInstaller::Progress{ServiceInstaller::Progress::Step::GettingNode, std::nullopt},
+                &AppModel::repairingChanged);
+    });
 }
 
 void AppModel::updateService()
 {
-    if (m_sample || m_updatingService || refusedHere())
-        return;
-    if (!m_keeper->update([this](ServiceKeeper::Note note, bool loginItem) {
-            if (!note)
-                assign(m_loginItemEnabled, loginItem, &AppModel::loginItemEnabledChanged);
-            assign(m_updatingService, false, &AppModel::updatingServiceChanged);
-            afterServiceJob(note);
-        }))
-        return;
-    assign(m_updatingService, true, &AppModel::updatingServiceChanged);
+    m_source->act([this](ActionCalls&) {
+        if (m_updatingService || refusedHere())
+            return;
+        if (!m_keeper->update([this](ServiceKeeper::Note note, bool loginItem) {
+                if (!note)
+                    assign(m_loginItemEnabled, loginItem, &AppModel::loginItemEnabledChanged);
+                assign(m_updatingService, false, &AppModel::updatingServiceChanged);
+                afterServiceJob(note);
+            }))
+            return;
+        assign(m_updatingService, true, &AppModel::updatingServiceChanged);
+    });
 }
 
 void AppModel::askUninstall()
 {
-    if (m_sample)
-        return;
-    GlassDialog dialog;
-    dialog.title = Uninstaller::dialogTitle();
-    dialog.line = Uninstaller::dialogText(agentsInUse().claude);
-    if (m_status && m_status->tsnet && m_status->tsnet->mode == QLatin1StringView("builtIn"))
-        dialog.line += Uninstaller::builtInNodeRemark();
-    dialog.option = Uninstaller::deleteDataChoice();
-    dialog.accent = Tone::Danger;
-    dialog.secondary = QStringLiteral("Keep");
-    dialog.primary = QStringLiteral("Uninstall");
-    dialog.busy = QStringLiteral("Uninstalling…");
-    dialog.confirm = [this](bool deleteData, GlassDialog::Finish finish) {
-        const bool started = m_keeper->uninstall(deleteData, [this, finish](QStringList notes) {
-            finish(std::nullopt);
-            GlassDialog end;
-            end.title = Uninstaller::endTitle(notes);
-            end.line = Uninstaller::endText(notes);
-            end.primary = QStringLiteral("Quit");
-            end.confirm = [this](bool, GlassDialog::Finish done) {
-                done(std::nullopt);
-                Q_EMIT quitWanted();
-            };
-            // Nothing is left to run against, however the dialog goes.
-            end.cancel = [this] { Q_EMIT quitWanted(); };
-            showDialog(std::move(end));
-        });
-        if (!started)
-            finish(QStringLiteral("Tidewatch is busy with the service. Try again when it’s done."));
-    };
-    showDialog(std::move(dialog));
+    m_source->act([this](ActionCalls&) {
+        GlassDialog dialog;
+        dialog.title = Uninstaller::dialogTitle();
+        dialog.line = Uninstaller::dialogText(agentsInUse().claude);
+        if (m_status && m_status->tsnet && m_status->tsnet->mode == QLatin1StringView("builtIn"))
+            dialog.line += Uninstaller::builtInNodeRemark();
+        dialog.option = Uninstaller::deleteDataChoice();
+        dialog.accent = Tone::Danger;
+        dialog.secondary = QStringLiteral("Keep");
+        dialog.primary = QStringLiteral("Uninstall");
+        dialog.busy = QStringLiteral("Uninstalling…");
+        dialog.confirm = [this](bool deleteData, GlassDialog::Finish finish) {
+            const bool started = m_keeper->uninstall(deleteData, [this, finish](QStringList notes) {
+                finish(std::nullopt);
+                GlassDialog end;
+                end.title = Uninstaller::endTitle(notes);
+                end.line = Uninstaller::endText(notes);
+                end.primary = QStringLiteral("Quit");
+                end.confirm = [this](bool, GlassDialog::Finish done) {
+                    done(std::nullopt);
+                    Q_EMIT quitWanted();
+                };
+                // Nothing is left to run against, however the dialog goes.
+                end.cancel = [this] { Q_EMIT quitWanted(); };
+                showDialog(std::move(end));
+            });
+            if (!started)
+                finish(QStringLiteral("Tidewatch is busy with the service. Try again when it’s done."));
+        };
+        showDialog(std::move(dialog));
+    });
 }

@@ -15,9 +15,8 @@ class TestAppModel : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void feedMessagesPatchTheSnapshot();
-    void echoesAndDevicesRedrawNothing();
-    void liveEventsSetFeedLiveOnlyWhenItChanges();
+    void theFeedPatchesAndCounts_data();
+    void theFeedPatchesAndCounts();
     void messagesForOthersAreHandedOn();
     void aSampleIgnoresTheFeedAndActsOnNothing();
     void aFailedActionSpeaksThroughTheNote();
@@ -30,54 +29,48 @@ private:
     ManualClock m_clock;
 };
 
-void TestAppModel::feedMessagesPatchTheSnapshot()
+void TestAppModel::theFeedPatchesAndCounts_data()
 {
-    AppModel model(nowhere(m_scratch), m_clock);
-    QSignalSpy changed(&model, &AppModel::snapshotChanged);
+    QTest::addColumn<QStringList>("frames");
+    QTest::addColumn<QString>("sessions");
+    QTest::addColumn<int>("snapshotChanges");
+    QTest::addColumn<int>("feedLiveChanges");
+    QTest::addColumn<qint64>("generation");
 
-    // Without a snapshot there is nothing to patch; the whole one comes first.
-    model.take(feedMessage(R"({"t":"session","session":{"id":"s0"}})"));
-    QVERIFY(!model.snapshot());
-    model.take(feedMessage(R"({"t":"snapshot","snapshot":{"sessions":[{"id":"s1"},{"id":"s2"}],"approvals":[]}})"));
-    model.take(feedMessage(R"({"t":"session","session":{"id":"s3","state":"working"}})"));
-    model.take(feedMessage(R"({"t":"session","session":{"id":"s1","state":"idle"}})"));
-    model.take(feedMessage(R"({"t":"approval","approval":{"id":"ap1","sessionId":"s3"}})"));
-    QCOMPARE(Fixture::ids(model.snapshot()->sessions.items), (QStringList{"s1", "s2", "s3"}));
-    QCOMPARE(model.snapshot()->sessions.items.first().state, std::optional<QString>("idle"));
-    QCOMPARE(model.snapshot()->approvals.items.size(), 1);
-    QCOMPARE(changed.count(), 4);
-    // Every message counts, including the one that had nothing to patch.
-    QCOMPARE(model.feedGeneration(), 5);
+    // A frame is a feed message, or "up" and "down" for the socket's life.
+    const QString whole = uR"({"t":"snapshot","snapshot":{"sessions":[{"id":"s1","state":"idle"}]}})"_s;
+    QTest::newRow("messages patch the snapshot; the one before it has nothing to patch but counts")
+        << QStringList{uR"({"t":"session","session":{"id":"s0"}})"_s,
+               uR"({"t":"snapshot","snapshot":{"sessions":[{"id":"s1"},{"id":"s2"}],"approvals":[]}})"_s,
+               uR"({"t":"session","session":{"id":"s3","state":"working"}})"_s,
+               uR"({"t":"session","session":{"id":"s1","state":"idle"}})"_s,
+               uR"({"t":"approval","approval":{"id":"ap1","sessionId":"s3"}})"_s}
+        << u"s1:idle s2 s3:working"_s << 4 << 0 << qint64(5);
+    QTest::newRow("echoes redraw nothing; devices and a frame that carries nothing void no read") << QStringList{whole,
+        uR"({"t":"devices"})"_s, whole, uR"({"t":"session","session":{"id":"s1","state":"idle"}})"_s,
+        uR"({"t":"battery"})"_s} << u"s1:idle"_s << 1 << 0 << qint64(3);
+    QTest::newRow("the socket's life is told only when it changes")
+        << QStringList{u"up"_s, u"up"_s, u"down"_s} << QString() << 0 << 2 << qint64(0);
 }
 
-void TestAppModel::echoesAndDevicesRedrawNothing()
+void TestAppModel::theFeedPatchesAndCounts()
 {
+    QFETCH(QStringList, frames);
     AppModel model(nowhere(m_scratch), m_clock);
-    const QByteArray whole = R"({"t":"snapshot","snapshot":{"sessions":[{"id":"s1","state":"idle"}]}})";
-    model.take(feedMessage(whole));
-    const qint64 generation = model.feedGeneration();
-    QSignalSpy changed(&model, &AppModel::snapshotChanged);
-    model.take(feedMessage(R"({"t":"devices"})"));
-    // A devices message voids no snapshot read: it carries nothing a read could contradict.
-    QCOMPARE(model.feedGeneration(), generation);
-    model.take(feedMessage(whole));
-    model.take(feedMessage(R"({"t":"session","session":{"id":"s1","state":"idle"}})"));
-    model.take(feedMessage(R"({"t":"battery"})"));
-    QCOMPARE(changed.count(), 0);
-}
-
-void TestAppModel::liveEventsSetFeedLiveOnlyWhenItChanges()
-{
-    AppModel model(nowhere(m_scratch), m_clock);
-    QSignalSpy changed(&model, &AppModel::feedLiveChanged);
-    model.take(feedLive(true));
-    model.take(feedLive(true));
-    QVERIFY(model.feedLive());
-    QVERIFY(model.serviceUp());
-    model.take(feedLive(false));
-    QVERIFY(!model.feedLive());
-    QVERIFY(!model.serviceUp());
-    QCOMPARE(changed.count(), 2);
+    QSignalSpy snapshotChanges(&model, &AppModel::snapshotChanged);
+    QSignalSpy feedLiveChanges(&model, &AppModel::feedLiveChanged);
+    for (const QString& frame : frames)
+        model.take(frame == u"up"_s  ? feedLive(true)
+                : frame == u"down"_s ? feedLive(false)
+                                     : feedMessage(frame.toUtf8()));
+    QStringList sessions;
+    for (const Session& session : model.snapshot().value_or(Snapshot{}).sessions.items)
+        sessions << session.id + (session.state ? u":"_s + *session.state : QString());
+    QTEST(sessions.join(u' '), "sessions");
+    QTEST(int(snapshotChanges.count()), "snapshotChanges");
+    QTEST(int(feedLiveChanges.count()), "feedLiveChanges");
+    QTEST(model.feedGeneration(), "generation");
+    QCOMPARE(model.serviceUp(), model.feedLive());
 }
 
 void TestAppModel::messagesForOthersAreHandedOn()
@@ -123,7 +116,7 @@ void TestAppModel::aFailedActionSpeaksThroughTheNote()
     AppModel model(nowhere(m_scratch), m_clock);
     model.continueSession(QStringLiteral("s1"));
     QTRY_COMPARE_WITH_TIMEOUT(
-        model.noteText(), QStringLiteral("Couldn’t continue it. The background service isn't running."), 5000);
+        model.noteText(), QStringLiteral("Couldn’t continue it. The background service isn’t running."), 5000);
 }
 
 void TestAppModel::aSecondNoteShowsForItsOwnSixSeconds()

@@ -4,6 +4,10 @@
 
 #include <QTest>
 
+#include <functional>
+
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using Seconds = QList<double>;
@@ -48,7 +52,30 @@ QDateTime ago(const ManualClock& clock, double seconds)
     return clock.now().addMSecs(-qint64(seconds * 1000));
 }
 
+ReadPace paceOf(const ManualClock& clock, bool feedLive, bool popoverVisible, double sinceStatus)
+{
+    ReadPace pace;
+    pace.feedLive = feedLive;
+    pace.popoverVisible = popoverVisible;
+    pace.lastStatus = ago(clock, sinceStatus);
+    return pace;
+}
+
+std::optional<Usage> usageOf(const ManualClock& clock, const QString& source, std::optional<double> observedAgo)
+{
+    Usage usage;
+    usage.source = source;
+    if (observedAgo)
+        usage.observedAt = FlexDate::fromDateTime(ago(clock, *observedAgo));
+    return usage;
+}
+
+/// One decision of the pace, asked at the clock's now.
+using Decision = std::function<bool(const ManualClock&)>;
+
 } // namespace
+
+Q_DECLARE_METATYPE(Decision)
 
 class TestReadPace : public QObject
 {
@@ -57,17 +84,8 @@ class TestReadPace : public QObject
 private Q_SLOTS:
     void readsOverTime_data();
     void readsOverTime();
-    void aShortDueStillNaps();
-    void withStatus_data();
-    void withStatus();
-    void feedBelieved_data();
-    void feedBelieved();
-    void nudge_data();
-    void nudge();
-    void usageRefresh_data();
-    void usageRefresh();
-    void claudeLook_data();
-    void claudeLook();
+    void decisions_data();
+    void decisions();
 };
 
 void TestReadPace::readsOverTime_data()
@@ -121,147 +139,90 @@ void TestReadPace::readsOverTime()
             qPrintable(QStringLiteral("read %1 at %2, expected %3").arg(i).arg(actual.at(i)).arg(reads.at(i))));
 }
 
-void TestReadPace::aShortDueStillNaps()
+void TestReadPace::decisions_data()
 {
-    ManualClock clock;
-    ReadPace pace;
-    pace.feedLive = true;
-    pace.lastRead = clock.now().addMSecs(-59990);
-    // 10 ms to go is rounded up to the shortest nap, never a busy loop.
-    QCOMPARE(pace.nap(false, clock.now()), std::optional<double>(ReadPace::shortestNap));
-    QCOMPARE(pace.nap(true, clock.now()), std::nullopt);
-    clock.advance(0.01);
-    QCOMPARE(pace.nap(false, clock.now()), std::nullopt);
-}
-
-void TestReadPace::withStatus_data()
-{
-    QTest::addColumn<bool>("statusNow");
-    QTest::addColumn<bool>("feedLive");
-    QTest::addColumn<bool>("popoverVisible");
-    QTest::addColumn<double>("sinceStatus");
+    QTest::addColumn<Decision>("decision");
     QTest::addColumn<bool>("expected");
 
-    QTest::newRow("asked for: always") << true << true << false << 0.0 << true;
-    QTest::newRow("shown: not before 6 s") << false << true << true << 5.9 << false;
-    QTest::newRow("shown: at 6 s") << false << true << true << 6.0 << true;
-    QTest::newRow("hidden, feed live: not before 60 s") << false << true << false << 59.0 << false;
-    QTest::newRow("hidden, feed live: at 60 s") << false << true << false << 60.0 << true;
-    QTest::newRow("hidden, feed dead: at 30 s") << false << false << false << 30.0 << true;
-    QTest::newRow("hidden, feed dead: not at 29 s") << false << false << false << 29.0 << false;
+    const auto row
+        = [](const char* name, Decision decision, bool expected) { QTest::newRow(name) << decision << expected; };
+    const auto withStatus = [](bool statusNow, bool feedLive, bool shown, double sinceStatus) {
+        return Decision([=](const ManualClock& c) {
+            return paceOf(c, feedLive, shown, sinceStatus).withStatus(statusNow, c.now());
+        });
+    };
+    row("status asked for: always", withStatus(true, true, false, 0), true);
+    row("status shown: not before 6 s", withStatus(false, true, true, 5.9), false);
+    row("status shown: at 6 s", withStatus(false, true, true, 6), true);
+    row("status hidden, feed live: not before 60 s", withStatus(false, true, false, 59), false);
+    row("status hidden, feed live: at 60 s", withStatus(false, true, false, 60), true);
+    row("status hidden, feed dead: at 30 s", withStatus(false, false, false, 30), true);
+    row("status hidden, feed dead: not at 29 s", withStatus(false, false, false, 29), false);
+
+    const auto believed = [](std::optional<double> heardAgo) {
+        return Decision([=](const ManualClock& c) {
+            return ReadPace::feedBelieved(heardAgo ? std::optional(ago(c, *heardAgo)) : std::nullopt, c.now());
+        });
+    };
+    row("feed heard 29.9 s ago: believed", believed(29.9), true);
+    row("feed heard 30 s ago: no longer", believed(30), false);
+    row("feed never heard: not believed", believed(std::nullopt), false);
+
+    const auto nudge = [](bool incomplete, int reading, double sinceNudge) {
+        return Decision([=](const ManualClock& c) {
+            return ReadPace::nudgeWanted(incomplete, reading, ago(c, sinceNudge), c.now());
+        });
+    };
+    row("nudge: incomplete picture, idle, long since", nudge(true, 0, 100), true);
+    row("nudge: complete picture, never", nudge(false, 0, 100), false);
+    row("nudge: a read under way brings the picture", nudge(true, 1, 100), false);
+    row("nudge: nudged 1.9 s ago", nudge(true, 0, 1.9), false);
+    row("nudge: nudged 2 s ago", nudge(true, 0, 2), true);
+
+    const auto usage = [](const QString& source, std::optional<double> observedAgo, double sinceAsk) {
+        return Decision([=](const ManualClock& c) {
+            const std::optional<Usage> held = source.isNull() ? std::nullopt : usageOf(c, source, observedAgo);
+            return ReadPace::usageRefreshWanted(held, ago(c, sinceAsk), c.now());
+        });
+    };
+    row("usage: stale source", usage(u"stale"_s, std::nullopt, 1000), true);
+    row("usage: observed 301 s ago", usage(u"official"_s, 301, 1000), true);
+    row("usage: observed 299 s ago", usage(u"official"_s, 299, 1000), false);
+    row("usage: no observation time and not stale", usage(u"official"_s, std::nullopt, 1000), false);
+    row("usage: stale, but asked 200 s ago", usage(u"stale"_s, std::nullopt, 200), false);
+    row("usage: stale, asked 300 s ago", usage(u"stale"_s, std::nullopt, 300), true);
+    row("usage: none at all", usage(QString(), std::nullopt, 1000), false);
+
+    const auto look = [](bool serviceSaysNo, bool looking, std::optional<double> lookedAgo) {
+        return Decision([=](const ManualClock& c) {
+            return ReadPace::claudeLookDue(
+                serviceSaysNo, looking, lookedAgo ? std::optional(ago(c, *lookedAgo)) : std::nullopt, c.now());
+        });
+    };
+    row("Claude look: the service says none and nobody looked yet", look(true, false, std::nullopt), true);
+    row("Claude look: the service finds it", look(false, false, std::nullopt), false);
+    row("Claude look: one under way", look(true, true, std::nullopt), false);
+    row("Claude look: looked 5 minutes ago", look(true, false, 300), false);
+    row("Claude look: looked over ten minutes ago", look(true, false, 601), true);
+
+    // 10 ms to go is rounded up to the shortest nap, never a busy loop.
+    const auto naps = [](double sinceRead, bool readNow) {
+        return Decision([=](const ManualClock& c) {
+            ReadPace pace;
+            pace.feedLive = true;
+            pace.lastRead = ago(c, sinceRead);
+            return pace.nap(readNow, c.now()) == std::optional<double>(ReadPace::shortestNap);
+        });
+    };
+    row("10 ms before due: the shortest nap", naps(59.99, false), true);
+    row("asked to read now: no nap", naps(59.99, true), false);
 }
 
-void TestReadPace::withStatus()
+void TestReadPace::decisions()
 {
-    QFETCH(bool, statusNow);
-    QFETCH(bool, feedLive);
-    QFETCH(bool, popoverVisible);
-    QFETCH(double, sinceStatus);
+    QFETCH(Decision, decision);
     ManualClock clock;
-    ReadPace pace;
-    pace.feedLive = feedLive;
-    pace.popoverVisible = popoverVisible;
-    pace.lastStatus = ago(clock, sinceStatus);
-    QTEST(pace.withStatus(statusNow, clock.now()), "expected");
-}
-
-void TestReadPace::feedBelieved_data()
-{
-    QTest::addColumn<double>("heardAgo");
-    QTest::addColumn<bool>("believed");
-
-    QTest::newRow("heard 29.9 s ago") << 29.9 << true;
-    QTest::newRow("heard 30 s ago: no longer") << 30.0 << false;
-    QTest::newRow("never heard") << -1.0 << false;
-}
-
-void TestReadPace::feedBelieved()
-{
-    QFETCH(double, heardAgo);
-    ManualClock clock;
-    const std::optional<QDateTime> heardAt = heardAgo < 0 ? std::nullopt : std::optional(ago(clock, heardAgo));
-    QTEST(ReadPace::feedBelieved(heardAt, clock.now()), "believed");
-}
-
-void TestReadPace::nudge_data()
-{
-    QTest::addColumn<bool>("incomplete");
-    QTest::addColumn<int>("reading");
-    QTest::addColumn<double>("sinceNudge");
-    QTest::addColumn<bool>("wanted");
-
-    QTest::newRow("incomplete picture, idle, long since") << true << 0 << 100.0 << true;
-    QTest::newRow("complete picture: never") << false << 0 << 100.0 << false;
-    QTest::newRow("a read under way: it brings the picture") << true << 1 << 100.0 << false;
-    QTest::newRow("nudged 1.9 s ago") << true << 0 << 1.9 << false;
-    QTest::newRow("nudged 2 s ago") << true << 0 << 2.0 << true;
-}
-
-void TestReadPace::nudge()
-{
-    QFETCH(bool, incomplete);
-    QFETCH(int, reading);
-    QFETCH(double, sinceNudge);
-    ManualClock clock;
-    QTEST(ReadPace::nudgeWanted(incomplete, reading, ago(clock, sinceNudge), clock.now()), "wanted");
-}
-
-void TestReadPace::usageRefresh_data()
-{
-    QTest::addColumn<QString>("source");
-    QTest::addColumn<double>("observedAgo");
-    QTest::addColumn<double>("sinceAsk");
-    QTest::addColumn<bool>("wanted");
-
-    const double none = -1;
-    QTest::newRow("stale source") << "stale" << none << 1000.0 << true;
-    QTest::newRow("observed 301 s ago") << "official" << 301.0 << 1000.0 << true;
-    QTest::newRow("observed 299 s ago") << "official" << 299.0 << 1000.0 << false;
-    QTest::newRow("no observation time and not stale") << "official" << none << 1000.0 << false;
-    QTest::newRow("stale, but asked 200 s ago") << "stale" << none << 200.0 << false;
-    QTest::newRow("stale, asked 300 s ago") << "stale" << none << 300.0 << true;
-    QTest::newRow("no usage at all") << QString() << none << 1000.0 << false;
-}
-
-void TestReadPace::usageRefresh()
-{
-    QFETCH(QString, source);
-    QFETCH(double, observedAgo);
-    QFETCH(double, sinceAsk);
-    ManualClock clock;
-    std::optional<Usage> usage;
-    if (!source.isNull()) {
-        usage.emplace();
-        usage->source = source;
-        if (observedAgo >= 0)
-            usage->observedAt = FlexDate::fromDateTime(ago(clock, observedAgo));
-    }
-    QTEST(ReadPace::usageRefreshWanted(usage, ago(clock, sinceAsk), clock.now()), "wanted");
-}
-
-void TestReadPace::claudeLook_data()
-{
-    QTest::addColumn<bool>("serviceSaysNo");
-    QTest::addColumn<bool>("looking");
-    QTest::addColumn<double>("lookedAgo");
-    QTest::addColumn<bool>("due");
-
-    const double never = -1;
-    QTest::newRow("the service says none and nobody looked yet") << true << false << never << true;
-    QTest::newRow("the service finds Claude Code: no look") << false << false << never << false;
-    QTest::newRow("a look under way") << true << true << never << false;
-    QTest::newRow("looked 5 minutes ago") << true << false << 300.0 << false;
-    QTest::newRow("looked over ten minutes ago") << true << false << 601.0 << true;
-}
-
-void TestReadPace::claudeLook()
-{
-    QFETCH(bool, serviceSaysNo);
-    QFETCH(bool, looking);
-    QFETCH(double, lookedAgo);
-    ManualClock clock;
-    const std::optional<QDateTime> lookedAt = lookedAgo < 0 ? std::nullopt : std::optional(ago(clock, lookedAgo));
-    QTEST(ReadPace::claudeLookDue(serviceSaysNo, looking, lookedAt, clock.now()), "due");
+    QTEST(decision(clock), "expected");
 }
 
 QTEST_GUILESS_MAIN(TestReadPace)
