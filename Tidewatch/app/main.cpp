@@ -1,10 +1,10 @@
+#include "app/OneShot.h"
 #include "entry/CommandLine.h"
 #include "entry/Environment.h"
-#include "app/OneShot.h"
 #include "model/AppModel.h"
+#include "platform/Platform.h"
 #include "setup/MoveToApplications.h"
 #include "surface/BundledFonts.h"
-#include "platform/Platform.h"
 #include "surface/IconsetRender.h"
 #include "surface/MenuPanel.h"
 #include "surface/PopoverRender.h"
@@ -71,11 +71,10 @@ int startApplication(const CommandLine& line, int& argc, char** argv)
     // A second launch of the real one shows this one's panel instead.
     const Environment& environment = Environment::current();
     MenuPanel* shownPanel = nullptr;
-    if (!environment.isTestCopy() && !line.moved
-        && platform::handOverToRunningInstance(&application, [&shownPanel] {
-               if (shownPanel)
-                   shownPanel->open(QRect());
-           }))
+    if (!environment.isTestCopy() && !line.moved && platform::handOverToRunningInstance(&application, [&shownPanel] {
+            if (shownPanel)
+                shownPanel->open(QRect());
+        }))
         return 0;
     platform::becomeAccessory();
     if (MoveToApplications::offerAtStart(environment))

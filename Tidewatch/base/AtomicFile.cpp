@@ -26,8 +26,10 @@ std::optional<QString> writeFileAtomically(const QString& path, const QByteArray
     if (fd < 0)
         return failure(path);
     // mkstemp makes it 0600; a wider mode is given only when asked, an existing file's mode is kept otherwise.
-    struct stat existing {};
-    const int wanted = mode ? *mode : (::stat(target.constData(), &existing) == 0 ? int(existing.st_mode & 07777) : 0644);
+    struct stat existing {
+    };
+    const int wanted
+        = mode ? *mode : (::stat(target.constData(), &existing) == 0 ? int(existing.st_mode & 07777) : 0644);
     const auto abandon = [&] {
         const int saved = errno;
         ::close(fd);

@@ -9,5 +9,5 @@
 /// never half: beside the target first, flushed to disk, then swapped in one
 /// rename. With a mode, the file never exists with looser permissions.
 /// Gives the failure's sentence, or none.
-std::optional<QString> writeFileAtomically(const QString& path, const QByteArray& contents,
-                                           std::optional<int> mode = std::nullopt);
+std::optional<QString> writeFileAtomically(
+    const QString& path, const QByteArray& contents, std::optional<int> mode = std::nullopt);

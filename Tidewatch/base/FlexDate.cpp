@@ -6,7 +6,6 @@
 
 namespace {
 
-
 // The range of a JavaScript Date, which is what the service can send.
 constexpr double kLimitMSecs = 8.64e15;
 constexpr double kMillisecondsAbove = 1e11;

@@ -6,8 +6,7 @@
 #include <variant>
 
 /// A value, or the finished sentence that says why there is none.
-template <class T>
-class Outcome
+template <class T> class Outcome
 {
 public:
     Outcome(T value)

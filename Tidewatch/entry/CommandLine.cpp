@@ -49,16 +49,19 @@ std::optional<double> parseSeconds(const std::optional<QString>& text)
 const QStringList& CommandLine::runStepNames()
 {
     static const QStringList names = {
-        QStringLiteral("service"),  QStringLiteral("integration"), QStringLiteral("tailscale"),
-        QStringLiteral("uninstall-service"), QStringLiteral("backpack"), QStringLiteral("uninstall-backpack"),
+        QStringLiteral("service"),
+        QStringLiteral("integration"),
+        QStringLiteral("tailscale"),
+        QStringLiteral("uninstall-service"),
+        QStringLiteral("backpack"),
+        QStringLiteral("uninstall-backpack"),
     };
     return names;
 }
 
 QString CommandLine::runStepUsage()
 {
-    return QStringLiteral("Usage: Tidewatch --run-step <") + runStepNames().join(QLatin1Char('|'))
-        + QLatin1Char('>');
+    return QStringLiteral("Usage: Tidewatch --run-step <") + runStepNames().join(QLatin1Char('|')) + QLatin1Char('>');
 }
 
 CommandLine CommandLine::scan(const QStringList& list)

@@ -10,28 +10,28 @@
 /// value is the element right behind it, and unknown arguments are ignored.
 struct CommandLine {
     enum class Work {
-        Normal,            ///< the menu-bar application
-        SelfTest,          ///< --selftest: a setup dry run in words
-        RunStep,           ///< --run-step <name>
-        RunStepUsage,      ///< --run-step with nothing behind it
-        RenderIconset,     ///< --render-iconset <folder>
-        NodeDownload,      ///< --selftest-node-download <folder>
-        SdkFetch,          ///< --selftest-sdk-fetch [folder] [--node <path>]
-        Stream,            ///< --selftest-stream
-        BackpackScripts,   ///< --backpack-scripts
-        WindowCapture,     ///< --window-capture-selftest
-        Snapshots,         ///< --snapshots <folder>
-        FeedSelfTest,      ///< --feed-selftest [seconds] [--sign-in] [--open]
+        Normal, ///< the menu-bar application
+        SelfTest, ///< --selftest: a setup dry run in words
+        RunStep, ///< --run-step <name>
+        RunStepUsage, ///< --run-step with nothing behind it
+        RenderIconset, ///< --render-iconset <folder>
+        NodeDownload, ///< --selftest-node-download <folder>
+        SdkFetch, ///< --selftest-sdk-fetch [folder] [--node <path>]
+        Stream, ///< --selftest-stream
+        BackpackScripts, ///< --backpack-scripts
+        WindowCapture, ///< --window-capture-selftest
+        Snapshots, ///< --snapshots <folder>
+        FeedSelfTest, ///< --feed-selftest [seconds] [--sign-in] [--open]
         LensGuideSelfTest, ///< --lens-guide-selftest <folder>
-        RenderLensGuide,   ///< --render-lens-guide <folder>
-        RenderPopover,     ///< --render-popover <folder> [--live]
+        RenderLensGuide, ///< --render-lens-guide <folder>
+        RenderPopover, ///< --render-popover <folder> [--live]
     };
 
     Work work = Work::Normal;
     /// The switch's value: a step name, a folder; none where the switch takes none or it was left out.
     std::optional<QString> value;
     std::optional<QString> nodePath; ///< --node, for the SDK fetch check
-    double seconds = 0;              ///< how long the feed self-check listens
+    double seconds = 0; ///< how long the feed self-check listens
     bool signIn = false;
     bool open = false;
     bool live = false;

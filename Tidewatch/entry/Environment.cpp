@@ -75,7 +75,8 @@ struct FileIdentity {
 
 std::optional<FileIdentity> identityOf(const QString& path)
 {
-    struct stat info {};
+    struct stat info {
+    };
     if (::stat(QFile::encodeName(path).constData(), &info) != 0)
         return std::nullopt;
     return FileIdentity{info.st_dev, info.st_ino};
@@ -252,7 +253,8 @@ std::optional<QString> Environment::bundledDaemonFolder() const
         return std::nullopt;
     const QString daemon = resources + QStringLiteral("/daemon");
     // `node src/main` resolves the entry file by its extension.
-    if (!QFileInfo::exists(daemon + QStringLiteral("/src/main.js")) && !QFileInfo::exists(daemon + QStringLiteral("/src/main")))
+    if (!QFileInfo::exists(daemon + QStringLiteral("/src/main.js"))
+        && !QFileInfo::exists(daemon + QStringLiteral("/src/main")))
         return std::nullopt;
     return daemon;
 }

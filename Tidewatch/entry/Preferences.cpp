@@ -7,8 +7,8 @@ Preferences::Preferences(const Environment& environment)
 {
     const QString file = platform::preferencesFile(m_domain, environment.home(), environment.variables());
     if (file.isEmpty()) {
-        const QString application = environment.isTestCopy() ? QStringLiteral("tidewatch.test")
-                                                               : QStringLiteral("tidewatch");
+        const QString application
+            = environment.isTestCopy() ? QStringLiteral("tidewatch.test") : QStringLiteral("tidewatch");
         m_settings = std::make_unique<QSettings>(QStringLiteral("harbourlab.com"), application);
     } else {
         m_settings = std::make_unique<QSettings>(file, QSettings::IniFormat);

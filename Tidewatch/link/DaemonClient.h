@@ -30,8 +30,7 @@ class DaemonClient : public QObject
 public:
     enum class Method { Get, Post, Put, Delete };
 
-    template <class T>
-    using Callback = std::function<void(DaemonResult<T>)>;
+    template <class T> using Callback = std::function<void(DaemonResult<T>)>;
 
     explicit DaemonClient(const Environment& environment = Environment::current(), QObject* parent = nullptr);
     ~DaemonClient() override;
@@ -39,24 +38,24 @@ public:
     /// Any call on the local port. A body-less POST or PUT sends "{}"; GET and
     /// DELETE send neither body nor content type. The 2xx reply's bytes come back.
     void request(Method method, const QString& path, std::optional<QJsonObject> body, double timeoutSeconds,
-                 Callback<QByteArray> done);
+        Callback<QByteArray> done);
 
     /// request() with the reply decoded tolerantly as T; a reply that doesn't
     /// read is a decoding failure naming the call.
     template <class T>
-    void call(Method method, const QString& path, std::optional<QJsonObject> body, double timeoutSeconds,
-              Callback<T> done)
+    void call(
+        Method method, const QString& path, std::optional<QJsonObject> body, double timeoutSeconds, Callback<T> done)
     {
         const QString name = methodName(method) + QLatin1Char(' ') + path;
         request(method, path, std::move(body), timeoutSeconds,
-                [name, done = std::move(done)](DaemonResult<QByteArray> reply) {
-                    if (!reply.ok())
-                        return done(reply.error());
-                    std::optional<T> decoded = decodeReply<T>(reply.value());
-                    if (!decoded)
-                        return done(DaemonError::decoding(name));
-                    done(std::move(*decoded));
-                });
+            [name, done = std::move(done)](DaemonResult<QByteArray> reply) {
+                if (!reply.ok())
+                    return done(reply.error());
+                std::optional<T> decoded = decodeReply<T>(reply.value());
+                if (!decoded)
+                    return done(DaemonError::decoding(name));
+                done(std::move(*decoded));
+            });
     }
 
     /// The health probe on the API port, without a token. Gives a Health only
@@ -72,9 +71,8 @@ public:
     static std::optional<Health> healthBlocking(const Environment& environment, double timeoutSeconds);
 
     /// A blocking request(), for one-shot work on a worker thread.
-    static DaemonResult<QByteArray> requestBlocking(const Environment& environment, Method method,
-                                                    const QString& path, std::optional<QJsonObject> body,
-                                                    double timeoutSeconds);
+    static DaemonResult<QByteArray> requestBlocking(const Environment& environment, Method method, const QString& path,
+        std::optional<QJsonObject> body, double timeoutSeconds);
 
     /// The admin key from its file, read afresh: none when the file can't be
     /// read or holds only blanks.
@@ -89,24 +87,20 @@ public:
     static std::optional<DaemonError> failureFor(int httpStatus, const QByteArray& body);
 
 private:
-    template <class T>
-    static std::optional<T> decodeReply(const QByteArray& body);
+    template <class T> static std::optional<T> decodeReply(const QByteArray& body);
 
     void send(Method method, const QString& path, const QByteArray* body, const QString& token, double timeoutSeconds,
-              Callback<QByteArray> done);
+        Callback<QByteArray> done);
 
     Environment m_environment;
     QNetworkAccessManager* m_network;
 };
 
-template <class T>
-std::optional<T> DaemonClient::decodeReply(const QByteArray& body)
+template <class T> std::optional<T> DaemonClient::decodeReply(const QByteArray& body)
 {
     return decodeDocument<T>(body);
 }
 
-template <>
-std::optional<Ignored> DaemonClient::decodeReply<Ignored>(const QByteArray& body);
+template <> std::optional<Ignored> DaemonClient::decodeReply<Ignored>(const QByteArray& body);
 
-template <>
-std::optional<FlexList<Device>> DaemonClient::decodeReply<FlexList<Device>>(const QByteArray& body);
+template <> std::optional<FlexList<Device>> DaemonClient::decodeReply<FlexList<Device>>(const QByteArray& body);

@@ -10,8 +10,8 @@ DaemonError DaemonError::decoding(QString request)
     return {Kind::Decoding, 0, std::nullopt, std::move(request), std::nullopt, std::nullopt};
 }
 
-DaemonError DaemonError::detail(int status, std::optional<QString> code, QString message,
-                                std::optional<QString> field, std::optional<QJsonValue> run)
+DaemonError DaemonError::detail(int status, std::optional<QString> code, QString message, std::optional<QString> field,
+    std::optional<QJsonValue> run)
 {
     return {Kind::Detail, status, std::move(code), std::move(message), std::move(field), std::move(run)};
 }

@@ -10,13 +10,13 @@
 /// fixed opening of their own.
 struct DaemonError {
     enum class Kind {
-        Server,       ///< the service refused, in its own words
-        Decoding,     ///< a success reply the app couldn't read
-        Detail,       ///< a refusal that names a field or carries a failed run
-        NotRunning,   ///< nothing answers on the port
-        NoToken,      ///< the admin key file is missing or empty
+        Server, ///< the service refused, in its own words
+        Decoding, ///< a success reply the app couldn't read
+        Detail, ///< a refusal that names a field or carries a failed run
+        NotRunning, ///< nothing answers on the port
+        NoToken, ///< the admin key file is missing or empty
         Unauthorized, ///< the service didn't accept the admin key
-        Transport,    ///< any other failure of the connection, in the network stack's words
+        Transport, ///< any other failure of the connection, in the network stack's words
     };
 
     Kind kind = Kind::NotRunning;
@@ -31,7 +31,7 @@ struct DaemonError {
     static DaemonError server(int status, std::optional<QString> code, QString message);
     static DaemonError decoding(QString request);
     static DaemonError detail(int status, std::optional<QString> code, QString message, std::optional<QString> field,
-                              std::optional<QJsonValue> run);
+        std::optional<QJsonValue> run);
     static DaemonError notRunning();
     static DaemonError noToken();
     static DaemonError unauthorized();

@@ -6,8 +6,7 @@
 #include <variant>
 
 /// What a call to the service gives back: the decoded reply or the failure.
-template <class T>
-class DaemonResult
+template <class T> class DaemonResult
 {
 public:
     DaemonResult(T value)

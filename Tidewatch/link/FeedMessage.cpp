@@ -8,8 +8,7 @@ namespace Feed {
 
 namespace {
 
-template <class T>
-std::optional<Message> record(const QJsonObject& envelope, QLatin1StringView key)
+template <class T> std::optional<Message> record(const QJsonObject& envelope, QLatin1StringView key)
 {
     if (std::optional<T> value = T::fromJson(envelope.value(key)))
         return Message(std::move(*value));
@@ -73,7 +72,8 @@ std::optional<Message> readEnvelope(QByteArrayView text)
     if (type == QLatin1StringView("devices"))
         return Message(DevicesChanged{});
     if (type == QLatin1StringView("providers")) {
-        std::optional<QList<Provider>> providers = Lenient::records<Provider>(envelope.value(QLatin1StringView("providers")));
+        std::optional<QList<Provider>> providers
+            = Lenient::records<Provider>(envelope.value(QLatin1StringView("providers")));
         if (!providers)
             return std::nullopt;
         return Message(ProvidersChange{std::move(*providers)});

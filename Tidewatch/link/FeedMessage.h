@@ -60,14 +60,14 @@ struct DevicesChanged {
 };
 
 using Message = std::variant<Snapshot, Session, Approval, Resolved, Usage, Account, BatteryChange, Awake, GuideState,
-                             GuideShow, SttState, ProvidersChange, CodexChange, DevicesChanged>;
+    GuideShow, SttState, ProvidersChange, CodexChange, DevicesChanged>;
 
 /// What a text frame asks of the feed, decided by its first bytes before any parsing.
 struct Frame {
     enum class Kind {
-        Ping,    ///< answer with a pong; nothing reaches the model
-        Window,  ///< a window picture request, handed on untouched
-        Speech,  ///< the speaking state, handed on untouched
+        Ping, ///< answer with a pong; nothing reaches the model
+        Window, ///< a window picture request, handed on untouched
+        Speech, ///< the speaking state, handed on untouched
         Message, ///< a change for the model; `message` is none when it didn't read or isn't known
     };
     Kind kind = Kind::Message;

@@ -10,7 +10,7 @@
 namespace {
 
 constexpr qint64 kMaxMessageBytes = qint64(64) * 1024 * 1024; // a whole snapshot can be large
-constexpr int kCloseGraceMs = 2000;                   // a silent peer gets this long to answer a close
+constexpr int kCloseGraceMs = 2000; // a silent peer gets this long to answer a close
 
 int milliseconds(double seconds)
 {

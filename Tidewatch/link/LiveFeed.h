@@ -43,8 +43,8 @@ public:
         std::optional<Feed::Message> message;
     };
 
-    explicit LiveFeed(Environment environment, const Clock& clock = Clock::system(), Timing timing = {},
-                      QObject* parent = nullptr);
+    explicit LiveFeed(
+        Environment environment, const Clock& clock = Clock::system(), Timing timing = {}, QObject* parent = nullptr);
     ~LiveFeed() override;
 
     void setSink(std::function<void(const Event&)> sink) { m_sink = std::move(sink); }

@@ -66,8 +66,7 @@ AgentsInUse agentsInUse(const Inputs& inputs)
     return agents;
 }
 
-std::optional<SetupStep> setupGap(const AgentsInUse& agents, const std::optional<LocalStatus>& status,
-                                  bool isTestCopy)
+std::optional<SetupStep> setupGap(const AgentsInUse& agents, const std::optional<LocalStatus>& status, bool isTestCopy)
 {
     if (!status)
         return std::nullopt;

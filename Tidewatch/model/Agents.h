@@ -33,7 +33,6 @@ std::optional<Codex> trustedCodex(const Inputs& inputs);
 AgentsInUse agentsInUse(const Inputs& inputs);
 
 /// The step of Setup the user should go to next, or none.
-std::optional<SetupStep> setupGap(const AgentsInUse& agents, const std::optional<LocalStatus>& status,
-                                  bool isTestCopy);
+std::optional<SetupStep> setupGap(const AgentsInUse& agents, const std::optional<LocalStatus>& status, bool isTestCopy);
 
 } // namespace Agents

@@ -35,8 +35,8 @@ QList<Approval> openApprovals(const std::optional<Snapshot>& snapshot, const std
     return {};
 }
 
-QList<Approval> waitingApprovals(const std::optional<Snapshot>& snapshot, const std::optional<LocalStatus>& status,
-                                 const AnsweredMap& answered)
+QList<Approval> waitingApprovals(
+    const std::optional<Snapshot>& snapshot, const std::optional<LocalStatus>& status, const AnsweredMap& answered)
 {
     QList<Approval> waiting;
     for (const Approval& approval : openApprovals(snapshot, status)) {
@@ -48,7 +48,7 @@ QList<Approval> waitingApprovals(const std::optional<Snapshot>& snapshot, const 
 }
 
 QList<NeedsYouItem> needsYou(const std::optional<Snapshot>& snapshot, const std::optional<LocalStatus>& status,
-                             const AnsweredMap& answered, const QDateTime& now)
+    const AnsweredMap& answered, const QDateTime& now)
 {
     QList<NeedsYouItem> items;
     for (const Answered& done : answered) {
@@ -57,11 +57,11 @@ QList<NeedsYouItem> needsYou(const std::optional<Snapshot>& snapshot, const std:
     }
     // The map has no order of its own; the click's moment gives a stable one before the sort.
     std::sort(items.begin(), items.end(),
-              [](const NeedsYouItem& a, const NeedsYouItem& b) { return a.answer()->at < b.answer()->at; });
+        [](const NeedsYouItem& a, const NeedsYouItem& b) { return a.answer()->at < b.answer()->at; });
     for (const Approval& approval : waitingApprovals(snapshot, status, answered))
         items << NeedsYouItem::waiting(approval);
     std::stable_sort(items.begin(), items.end(),
-                     [](const NeedsYouItem& a, const NeedsYouItem& b) { return before(a.approval(), b.approval()); });
+        [](const NeedsYouItem& a, const NeedsYouItem& b) { return before(a.approval(), b.approval()); });
     return items;
 }
 

@@ -26,13 +26,13 @@ using AnsweredMap = QHash<QString, Answered>;
 QList<Approval> openApprovals(const std::optional<Snapshot>& snapshot, const std::optional<LocalStatus>& status);
 
 /// The open approvals not yet answered here, tool requests first, oldest first.
-QList<Approval> waitingApprovals(const std::optional<Snapshot>& snapshot, const std::optional<LocalStatus>& status,
-                                 const AnsweredMap& answered);
+QList<Approval> waitingApprovals(
+    const std::optional<Snapshot>& snapshot, const std::optional<LocalStatus>& status, const AnsweredMap& answered);
 
 /// The waiting approvals and the answers of the last 1.6 seconds, in one
 /// order, so an answered row folds where it stood.
 QList<NeedsYouItem> needsYou(const std::optional<Snapshot>& snapshot, const std::optional<LocalStatus>& status,
-                             const AnsweredMap& answered, const QDateTime& now);
+    const AnsweredMap& answered, const QDateTime& now);
 
 /// The answers still worth keeping: young ones, and those the service still lists.
 AnsweredMap pruned(const AnsweredMap& answered, const QList<Approval>& open, const QDateTime& now);

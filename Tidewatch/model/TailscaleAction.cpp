@@ -77,8 +77,8 @@ QString phoneAddress(const LocalStatus& status)
 {
     if (status.tailscale && nonEmpty(status.tailscale->url))
         return withoutTrailingSlash(*status.tailscale->url);
-    const bool builtInOn = status.tsnet
-        && (status.tsnet->mode == QStringLiteral("builtIn") || status.tsnet->enabled.value_or(false));
+    const bool builtInOn
+        = status.tsnet && (status.tsnet->mode == QStringLiteral("builtIn") || status.tsnet->enabled.value_or(false));
     if (builtInOn && nonEmpty(status.tsnet->url))
         return *status.tsnet->url;
     return {};

@@ -10,14 +10,14 @@
 /// local status; every surface that speaks of the phone reads this.
 struct TailscaleAction {
     enum class Kind {
-        OpenApp,        ///< the app is installed but not running, or signed out (`loggedOut`)
-        Ready,          ///< phone access is on at `url`
-        SignInBuiltIn,  ///< the built-in node waits for a sign-in at `url`
+        OpenApp, ///< the app is installed but not running, or signed out (`loggedOut`)
+        Ready, ///< phone access is on at `url`
+        SignInBuiltIn, ///< the built-in node waits for a sign-in at `url`
         BuiltInWaiting, ///< the built-in node is on its way; `detail` says how
-        ReadyBuiltIn,   ///< the built-in node serves at `url`
-        Install,        ///< no Tailscale on this Mac
-        EnableHTTPS,    ///< the tailnet has no HTTPS certificates
-        TurnOnServe,    ///< all is ready but serving is off
+        ReadyBuiltIn, ///< the built-in node serves at `url`
+        Install, ///< no Tailscale on this Mac
+        EnableHTTPS, ///< the tailnet has no HTTPS certificates
+        TurnOnServe, ///< all is ready but serving is off
     };
 
     Kind kind = Kind::Install;

@@ -14,8 +14,8 @@ QString executablePath();
 /// Folders that belong to the real install. They never follow a test copy's
 /// variables: they are the yardstick of isolation.
 struct RealFolders {
-    QString support;      ///< where the service's support files live
-    QString logs;         ///< where the service logs
+    QString support; ///< where the service's support files live
+    QString logs; ///< where the service logs
     QString serviceUnits; ///< where the service manager reads its job files
 };
 RealFolders realFolders(const QString& home, const QHash<QString, QString>& variables);
@@ -29,8 +29,7 @@ QString resourceFolder();
 
 /// Path of the preferences file for a domain ("com.harbourlab.tidewatch").
 /// Empty means the system's own store (user defaults on macOS).
-QString preferencesFile(const QString& domain, const QString& home,
-                        const QHash<QString, QString>& variables);
+QString preferencesFile(const QString& domain, const QString& home, const QHash<QString, QString>& variables);
 
 /// What a person calls this machine: "Mac" on macOS, "computer" elsewhere.
 QString machineNoun();

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "entry/Environment.h"
 #include "base/Shell.h"
+#include "entry/Environment.h"
 
 #include <QString>
 #include <QStringList>
@@ -42,7 +42,7 @@ State state(const QString& daemonFolder);
 Outcome ensure(const Environment& environment, const QString& daemonFolder, const QString& nodePath);
 /// Always fetches.
 Outcome fetch(const Environment& environment, const QString& daemonFolder, const QString& nodePath,
-              double limitSeconds = timeLimit);
+    double limitSeconds = timeLimit);
 /// Takes over a working SDK from the copy being replaced. Best effort.
 void carryOver(const QString& oldFolder, const QString& newFolder);
 
@@ -60,6 +60,6 @@ QStringList arguments(const QString& cacheFolder);
 Shell::Environment environment(const QString& nodePath);
 /// The sentence for a finished npm run that didn't leave the pinned SDK.
 QString sentence(const ShellResult& result, const std::optional<QString>& pinned, double limitSeconds,
-                 const QString& daemonFolderForPeople);
+    const QString& daemonFolderForPeople);
 
 } // namespace ClaudeSDK

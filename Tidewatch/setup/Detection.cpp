@@ -63,8 +63,8 @@ bool NodeCandidate::meetsFloor() const
 Detection::Places Detection::Places::forThisSystem()
 {
     return {platform::loginShell(), platform::systemToolFolders(),
-            {QStringLiteral("/usr/local/bin/tailscale"), QStringLiteral("/opt/homebrew/bin/tailscale"),
-             QStringLiteral("/usr/bin/tailscale")}};
+        {QStringLiteral("/usr/local/bin/tailscale"), QStringLiteral("/opt/homebrew/bin/tailscale"),
+            QStringLiteral("/usr/bin/tailscale")}};
 }
 
 Detection::Detection(Environment environment, Places places)
@@ -105,8 +105,8 @@ std::optional<NodeCandidate> Detection::probeNode(const QString& path, const QSt
 {
     if (!isExecutableFile(path))
         return std::nullopt;
-    const ShellResult result = Shell::run(path, {QStringLiteral("--version")}, std::nullopt, QString(),
-                                          kNodeVersionLimit);
+    const ShellResult result
+        = Shell::run(path, {QStringLiteral("--version")}, std::nullopt, QString(), kNodeVersionLimit);
     NodeCandidate candidate{path, source, std::nullopt};
     if (!result.timedOut && result.status == 0)
         candidate.version = result.out;
@@ -125,8 +125,8 @@ QList<NodeCandidate> Detection::nodeCandidates() const
     if (note.open(QIODevice::ReadOnly)) {
         const QString recorded = QString::fromUtf8(note.readAll()).trimmed();
         if (!recorded.isEmpty())
-            places.append({recorded, recorded.contains(QLatin1StringView("/.nvm/")) ? QStringLiteral("nvm")
-                                                                                    : QStringLiteral("recorded")});
+            places.append({recorded,
+                recorded.contains(QLatin1StringView("/.nvm/")) ? QStringLiteral("nvm") : QStringLiteral("recorded")});
     } else if (const auto nvm = nvmVersions(); !nvm.isEmpty()) {
         // An nvm Node.js is taken only when nothing was recorded at all.
         places.append({nvm.first().second + QStringLiteral("/bin/node"), QStringLiteral("nvm")});
@@ -156,7 +156,7 @@ bool Detection::isStableNode(const QString& path) const
     if (path.startsWith(m_environment.nodeFolder() + QLatin1Char('/')))
         return true;
     return std::any_of(m_places.systemFolders.begin(), m_places.systemFolders.end(),
-                       [&](const platform::ToolFolder& system) { return path == system.folder + QStringLiteral("/node"); });
+        [&](const platform::ToolFolder& system) { return path == system.folder + QStringLiteral("/node"); });
 }
 
 ServiceNodeChoice Detection::chooseServiceNode(const std::optional<QString>& installedServiceNode) const
@@ -165,7 +165,7 @@ ServiceNodeChoice Detection::chooseServiceNode(const std::optional<QString>& ins
     choice.all = nodeCandidates();
     if (installedServiceNode) {
         const QString label = isStableNode(*installedServiceNode) ? QStringLiteral("the service’s")
-                                                                   : QStringLiteral("the service’s (nvm)");
+                                                                  : QStringLiteral("the service’s (nvm)");
         // A working service is left on what it runs on.
         if (std::optional<NodeCandidate> current = probeNode(*installedServiceNode, label);
             current && current->meetsFloor()) {
@@ -206,8 +206,8 @@ std::optional<QString> Detection::pathFromShellOutput(const QString& output)
 
 std::optional<QString> Detection::viaLoginShell(const QString& name) const
 {
-    const ShellResult result = Shell::run(m_places.loginShell, {QStringLiteral("-lc"), QStringLiteral("command -v ") + name},
-                                          std::nullopt, QString(), kToolLimit);
+    const ShellResult result = Shell::run(m_places.loginShell,
+        {QStringLiteral("-lc"), QStringLiteral("command -v ") + name}, std::nullopt, QString(), kToolLimit);
     if (result.timedOut || result.status != 0)
         return std::nullopt;
     // Only the last path-like line counts: a greeting that looks like a path is not tried.
@@ -222,7 +222,8 @@ std::pair<std::optional<bool>, std::optional<QString>> Detection::readClaudeSign
     const QString home = m_environment.home();
     QFile settings(home + QStringLiteral("/.claude/settings.json"));
     if (settings.open(QIODevice::ReadOnly)) {
-        const QJsonValue helper = QJsonDocument::fromJson(settings.readAll()).object().value(QLatin1StringView("apiKeyHelper"));
+        const QJsonValue helper
+            = QJsonDocument::fromJson(settings.readAll()).object().value(QLatin1StringView("apiKeyHelper"));
         if (helper.isString() && !helper.toString().isEmpty())
             return {true, std::nullopt};
     }
@@ -256,8 +257,8 @@ ClaudeDetection Detection::detectClaude() const
         detection.foundBy = foundByForPath(*found);
     }
     if (detection.path) {
-        const ShellResult result = Shell::run(*detection.path, {QStringLiteral("--version")}, std::nullopt,
-                                              QString(), kToolLimit);
+        const ShellResult result
+            = Shell::run(*detection.path, {QStringLiteral("--version")}, std::nullopt, QString(), kToolLimit);
         if (!result.timedOut && result.status == 0 && !result.out.isEmpty())
             detection.version = result.out.section(QLatin1Char(' '), 0, 0, QString::SectionSkipEmpty);
     }

@@ -10,8 +10,7 @@ namespace Fetch {
 
 namespace {
 
-Reply run(const QUrl& url, double timeoutSeconds, QFile* sink,
-          const std::function<void(qint64, qint64)>& progress)
+Reply run(const QUrl& url, double timeoutSeconds, QFile* sink, const std::function<void(qint64, qint64)>& progress)
 {
     QNetworkAccessManager network;
     network.setCache(nullptr);
@@ -26,11 +25,10 @@ Reply run(const QUrl& url, double timeoutSeconds, QFile* sink,
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
     if (sink) {
         QObject::connect(reply, &QNetworkReply::readyRead, &loop, [reply, sink] { sink->write(reply->readAll()); });
-        QObject::connect(reply, &QNetworkReply::downloadProgress, &loop,
-                         [&progress](qint64 written, qint64 expected) {
-                             if (progress)
-                                 progress(written, expected);
-                         });
+        QObject::connect(reply, &QNetworkReply::downloadProgress, &loop, [&progress](qint64 written, qint64 expected) {
+            if (progress)
+                progress(written, expected);
+        });
     }
     bool timedOut = false;
     QTimer::singleShot(std::max(1, int(timeoutSeconds * 1000)), &loop, [&] {
@@ -61,8 +59,8 @@ Reply get(const QUrl& url, double timeoutSeconds)
     return run(url, timeoutSeconds, nullptr, {});
 }
 
-Reply download(const QUrl& url, const QString& path, double timeoutSeconds,
-               const std::function<void(qint64, qint64)>& progress)
+Reply download(
+    const QUrl& url, const QString& path, double timeoutSeconds, const std::function<void(qint64, qint64)>& progress)
 {
     QFile sink(path);
     if (!sink.open(QIODevice::WriteOnly | QIODevice::Truncate))

@@ -24,6 +24,6 @@ Reply get(const QUrl& url, double timeoutSeconds);
 /// Streams the body into `path` (never all in memory). progress gets bytes
 /// written and expected (-1 when unknown).
 Reply download(const QUrl& url, const QString& path, double timeoutSeconds,
-               const std::function<void(qint64 written, qint64 expected)>& progress);
+    const std::function<void(qint64 written, qint64 expected)>& progress);
 
 } // namespace Fetch

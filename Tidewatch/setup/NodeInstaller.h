@@ -1,7 +1,7 @@
 #pragma once
 
-#include "entry/Environment.h"
 #include "base/Outcome.h"
+#include "entry/Environment.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -61,7 +61,7 @@ struct Observer {
 
 /// Installs into nodeFolder and gives the new binary's path. Blocks: run it off the main thread.
 /// tar: the unpacking program; empty takes the one of OutsideTools.
-Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Observer& observer,
-                         const QString& tar = QString());
+Outcome<QString> install(
+    const QString& nodeFolder, const QUrl& site, const Observer& observer, const QString& tar = QString());
 
 } // namespace NodeInstaller

@@ -86,9 +86,8 @@ std::optional<int> integer(const QString& text)
 QString servicePath(const QString& nodePath, const QString& home)
 {
     const QStringList folders{QFileInfo(nodePath).path(), home + QStringLiteral("/.local/bin"),
-                              QStringLiteral("/opt/homebrew/bin"), QStringLiteral("/usr/local/bin"),
-                              QStringLiteral("/usr/bin"), QStringLiteral("/bin"), QStringLiteral("/usr/sbin"),
-                              QStringLiteral("/sbin")};
+        QStringLiteral("/opt/homebrew/bin"), QStringLiteral("/usr/local/bin"), QStringLiteral("/usr/bin"),
+        QStringLiteral("/bin"), QStringLiteral("/usr/sbin"), QStringLiteral("/sbin")};
     QStringList unique;
     for (const QString& folder : folders) {
         if (!unique.contains(folder))
@@ -100,8 +99,7 @@ QString servicePath(const QString& nodePath, const QString& home)
 QHash<QString, QString> serviceVariables(const Environment& environment, const QString& nodePath)
 {
     QHash<QString, QString> variables{{QStringLiteral("PATH"), servicePath(nodePath, environment.home())},
-                                      {QStringLiteral("HOME"), environment.home()},
-                                      {QStringLiteral("LANG"), QStringLiteral("en_US.UTF-8")}};
+        {QStringLiteral("HOME"), environment.home()}, {QStringLiteral("LANG"), QStringLiteral("en_US.UTF-8")}};
     variables.insert(environment.serviceEnvironment());
     return variables;
 }
@@ -109,22 +107,26 @@ QHash<QString, QString> serviceVariables(const Environment& environment, const Q
 Spec specFor(const Environment& environment, const QString& nodePath)
 {
     return {environment.serviceLabel(), nodePath, environment.daemonFolder(), environment.daemonLog(),
-            serviceVariables(environment, nodePath)};
+        serviceVariables(environment, nodePath)};
 }
 
 QString launchAgentPlist(const Spec& spec)
 {
-    const auto string = [](const QString& value) { return QStringLiteral("<string>") + xmlEscaped(value) + QStringLiteral("</string>"); };
+    const auto string = [](const QString& value) {
+        return QStringLiteral("<string>") + xmlEscaped(value) + QStringLiteral("</string>");
+    };
     QStringList lines{
         QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>"),
-        QStringLiteral("<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">"),
+        QStringLiteral("<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+                       "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">"),
         QStringLiteral("<plist version=\"1.0\">"),
         QStringLiteral("<dict>"),
         QStringLiteral("\t<key>EnvironmentVariables</key>"),
         QStringLiteral("\t<dict>"),
     };
     for (const QString& key : sortedKeys(spec.variables))
-        lines << QStringLiteral("\t\t<key>") + xmlEscaped(key) + QStringLiteral("</key>") << QStringLiteral("\t\t") + string(spec.variables.value(key));
+        lines << QStringLiteral("\t\t<key>") + xmlEscaped(key) + QStringLiteral("</key>")
+              << QStringLiteral("\t\t") + string(spec.variables.value(key));
     lines << QStringLiteral("\t</dict>") << QStringLiteral("\t<key>KeepAlive</key>") << QStringLiteral("\t<true/>")
           << QStringLiteral("\t<key>Label</key>") << QStringLiteral("\t") + string(spec.label)
           << QStringLiteral("\t<key>ProcessType</key>") << QStringLiteral("\t<string>Interactive</string>")
@@ -181,8 +183,8 @@ std::optional<QString> nodePathOf(const QString& jobText)
         }
         return std::nullopt;
     }
-    static const QRegularExpression execStart(QStringLiteral("^ExecStart=(\"(?:[^\"\\\\]|\\\\.)*\"|\\S+)"),
-                                              QRegularExpression::MultilineOption);
+    static const QRegularExpression execStart(
+        QStringLiteral("^ExecStart=(\"(?:[^\"\\\\]|\\\\.)*\"|\\S+)"), QRegularExpression::MultilineOption);
     const QRegularExpressionMatch match = execStart.match(jobText);
     if (!match.hasMatch())
         return std::nullopt;

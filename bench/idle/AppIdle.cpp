@@ -5,9 +5,9 @@
 
 #include "AppIdle.h"
 
+#include "../BenchSupport.h"
 #include "ScratchFolder.h"
 #include "ServiceProcess.h"
-#include "../BenchSupport.h"
 #include "base/Clock.h"
 #include "model/AppModel.h"
 #include "surface/StatusItemController.h"
@@ -48,8 +48,7 @@ QJsonObject session(int index)
     return QJsonObject{{QStringLiteral("id"), QStringLiteral("s%1").arg(index)},
         {QStringLiteral("title"), QStringLiteral("Tidy the release notes %1").arg(index)},
         {QStringLiteral("cwd"), QStringLiteral("/home/someone/projects/p%1").arg(index % 40)},
-        {QStringLiteral("state"), QStringLiteral("idle")},
-        {QStringLiteral("lastActivityAt"), 1760000000000.0 + index}};
+        {QStringLiteral("state"), QStringLiteral("idle")}, {QStringLiteral("lastActivityAt"), 1760000000000.0 + index}};
 }
 
 } // namespace
@@ -91,8 +90,8 @@ int runAppIdle(double seconds)
     std::printf("idle for %.0f s, panel closed          %12s %14s\n", seconds, "CPU ms/s", "wakes/s");
     std::printf("  bare event loop                      %12.3f %14.2f\n", bareCpu / seconds * 1000,
         double(bareWakes) / seconds);
-    std::printf("  app against an idle service          %12.3f %14.2f\n", appCpu / seconds * 1000,
-        double(appWakes) / seconds);
+    std::printf(
+        "  app against an idle service          %12.3f %14.2f\n", appCpu / seconds * 1000, double(appWakes) / seconds);
 
     const double before = residentMegabytes();
     for (int i = 0; i < 500; ++i)
@@ -102,7 +101,7 @@ int runAppIdle(double seconds)
         return 1;
     }
     runFor(seconds);
-    std::printf("resident memory: %.1f MB idle, %.1f MB with 500 sessions after %.0f s\n", before,
-        residentMegabytes(), seconds);
+    std::printf("resident memory: %.1f MB idle, %.1f MB with 500 sessions after %.0f s\n", before, residentMegabytes(),
+        seconds);
     return 0;
 }

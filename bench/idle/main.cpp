@@ -9,8 +9,8 @@
 // Options: --seconds N (each timed state, default 10), --ticks N (default 100000).
 // With --app: the whole app against the real service instead (AppIdle.cpp).
 
-#include "AppIdle.h"
 #include "../BenchSupport.h"
+#include "AppIdle.h"
 #include "base/Clock.h"
 #include "surface/MenuBarFrames.h"
 #include "surface/MenuBarIconAnimator.h"

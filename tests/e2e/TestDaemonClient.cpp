@@ -286,7 +286,7 @@ void TestDaemonClient::wrongTokenIsUnauthorized()
     QVERIFY(result && !result->ok());
     QCOMPARE(result->error().kind, DaemonError::Kind::Unauthorized);
     QCOMPARE(result->error().errorDescription(),
-             QStringLiteral("The background service didn’t accept Tidewatch’s admin key. Restart it from Setup."));
+        QStringLiteral("The background service didn’t accept Tidewatch’s admin key. Restart it from Setup."));
 
     // The key is read at every call: the next one goes through again.
     const auto after = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
@@ -306,7 +306,7 @@ void TestDaemonClient::emptyTokenFileAndThenNoService()
     QVERIFY(up && !up->ok());
     QCOMPARE(up->error().kind, DaemonError::Kind::NoToken);
     QCOMPARE(up->error().errorDescription(),
-             QStringLiteral("Tidewatch couldn’t read its admin key. Restart the background service from Setup."));
+        QStringLiteral("Tidewatch couldn’t read its admin key. Restart the background service from Setup."));
 
     // Once the service is gone, both clients say it isn't running.
     QCOMPARE(m_service->stop(), 0);

@@ -296,8 +296,7 @@ void TestServiceInstaller::failuresLeaveTheirSentence()
     Rig rig;
     QVERIFY2(rig.site.isValid(), qPrintable(rig.site.problem()));
     const QHash<QString, std::function<void()>> siteFaults{{"tampered", [&] { rig.site.tamperWithArchive(); }},
-        {"no checksum", [&] { rig.site.dropChecksumLine(); }},
-        {"index", [&] { rig.site.breakIndex(); }}};
+        {"no checksum", [&] { rig.site.dropChecksumLine(); }}, {"index", [&] { rig.site.breakIndex(); }}};
     if (siteFaults.contains(fault)) {
         siteFaults.value(fault)();
         rig.node = Node::Site;

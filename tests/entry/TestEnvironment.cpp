@@ -107,32 +107,28 @@ void TestEnvironment::copies_data()
     QTest::newRow("a port that doesn't parse still makes a test copy")
         << Variables{{api, QStringLiteral("abc")}} << true << false << kSupportSentence;
     QTest::newRow("folder and ports of its own are isolated")
-        << Variables{{support, test}, {api, QStringLiteral("47371")}, {local, QStringLiteral("47372")}} << true
-        << true << QString();
+        << Variables{{support, test}, {api, QStringLiteral("47371")}, {local, QStringLiteral("47372")}} << true << true
+        << QString();
     QTest::newRow("equal ports are not isolated")
-        << Variables{{support, test}, {api, QStringLiteral("47371")}, {local, QStringLiteral("47371")}} << true
-        << false << kPortSentence;
+        << Variables{{support, test}, {api, QStringLiteral("47371")}, {local, QStringLiteral("47371")}} << true << false
+        << kPortSentence;
     QTest::newRow("the real install's ports are not isolated")
-        << Variables{{support, test}, {api, QStringLiteral("47322")}, {local, QStringLiteral("47372")}} << true
-        << false << kPortSentence;
+        << Variables{{support, test}, {api, QStringLiteral("47322")}, {local, QStringLiteral("47372")}} << true << false
+        << kPortSentence;
     QTest::newRow("a missing port is not isolated")
         << Variables{{support, test}, {api, QStringLiteral("47371")}} << true << false << kPortSentence;
-    QTest::newRow("logs set without a support folder speak of the support folder")
-        << Variables{{logs, test + QStringLiteral("/logs")}, {api, QStringLiteral("47371")},
-                     {local, QStringLiteral("47372")}}
-        << true << false << kSupportSentence;
-    QTest::newRow("the real support folder spelt in other case")
-        << Variables{{support, QStringLiteral("$HOME/.LOCAL/share/tidewatch")}, {api, QStringLiteral("47371")},
-                     {local, QStringLiteral("47372")}}
-        << true << false << kSupportSentence;
-    QTest::newRow("the real log folder with a test support folder")
-        << Variables{{support, test}, {logs, QStringLiteral("$HOME/.local/state/Tidewatch/logs")},
-                     {api, QStringLiteral("47371")}, {local, QStringLiteral("47372")}}
-        << true << false << kLogSentence;
-    QTest::newRow("a log folder that contains the real one")
-        << Variables{{support, test}, {logs, QStringLiteral("$HOME/.local/state")}, {api, QStringLiteral("47371")},
-                     {local, QStringLiteral("47372")}}
-        << true << false << kLogSentence;
+    QTest::newRow("logs set without a support folder speak of the support folder") << Variables{
+        {logs, test + QStringLiteral("/logs")}, {api, QStringLiteral("47371")},
+        {local, QStringLiteral("47372")}} << true << false << kSupportSentence;
+    QTest::newRow("the real support folder spelt in other case") << Variables{
+        {support, QStringLiteral("$HOME/.LOCAL/share/tidewatch")}, {api, QStringLiteral("47371")},
+        {local, QStringLiteral("47372")}} << true << false << kSupportSentence;
+    QTest::newRow("the real log folder with a test support folder") << Variables{{support, test},
+        {logs, QStringLiteral("$HOME/.local/state/Tidewatch/logs")}, {api, QStringLiteral("47371")},
+        {local, QStringLiteral("47372")}} << true << false << kLogSentence;
+    QTest::newRow("a log folder that contains the real one") << Variables{{support, test},
+        {logs, QStringLiteral("$HOME/.local/state")}, {api, QStringLiteral("47371")}, {local, QStringLiteral("47372")}}
+                                                             << true << false << kLogSentence;
 }
 
 void TestEnvironment::copies()
@@ -188,8 +184,8 @@ void TestEnvironment::testCopyFolders()
 {
     const QString support = m_scratch->path() + QStringLiteral("/test/support");
     const Environment environment = make({{QStringLiteral("TIDEWATCH_SUPPORT"), support + QStringLiteral("/")},
-                                          {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47371")},
-                                          {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47372")}});
+        {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47371")},
+        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47372")}});
     QCOMPARE(environment.supportFolder(), support);
     QCOMPARE(environment.logFolder(), support + QStringLiteral("/logs"));
     QCOMPARE(environment.daemonLog(), support + QStringLiteral("/logs/daemon.log"));
@@ -222,7 +218,7 @@ void TestEnvironment::realCopyFolders()
 
     // XDG folders move the real install, and only with absolute paths.
     const Environment xdg = make({{QStringLiteral("XDG_DATA_HOME"), QStringLiteral("/srv/data")},
-                                  {QStringLiteral("XDG_STATE_HOME"), QStringLiteral("state")}});
+        {QStringLiteral("XDG_STATE_HOME"), QStringLiteral("state")}});
     QCOMPARE(xdg.realSupportFolder(), QStringLiteral("/srv/data/Tidewatch"));
     QCOMPARE(xdg.realLogFolder(), realLogs());
 }
@@ -232,13 +228,13 @@ void TestEnvironment::serviceEnvironment()
     QVERIFY(make({}).serviceEnvironment().isEmpty());
     const QString support = m_scratch->path() + QStringLiteral("/test/support");
     const Environment environment = make({{QStringLiteral("TIDEWATCH_SUPPORT"), support},
-                                          {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("+47371")},
-                                          {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47372")},
-                                          {QStringLiteral("TIDEWATCH_NO_MOVE"), QString()}});
+        {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("+47371")},
+        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47372")},
+        {QStringLiteral("TIDEWATCH_NO_MOVE"), QString()}});
     const Variables expected{{QStringLiteral("TIDEWATCH_SUPPORT"), support},
-                             {QStringLiteral("TIDEWATCH_LOGS"), support + QStringLiteral("/logs")},
-                             {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47371")},
-                             {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47372")}};
+        {QStringLiteral("TIDEWATCH_LOGS"), support + QStringLiteral("/logs")},
+        {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47371")},
+        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47372")}};
     QCOMPARE(environment.serviceEnvironment(), expected);
 }
 

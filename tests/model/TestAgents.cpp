@@ -88,8 +88,7 @@ void TestAgents::agentsInUse_data()
         << QByteArray(R"({"claude":{"available":false},"sessions":[{"id":"s"}]})") << QByteArray() << false << noLook
         << "claude leads";
     QTest::newRow("the status's path says it is here")
-        << QByteArray() << QByteArray(R"({"claude":{"path":"/usr/bin/claude"}})") << false << noLook
-        << "claude leads";
+        << QByteArray() << QByteArray(R"({"claude":{"path":"/usr/bin/claude"}})") << false << noLook << "claude leads";
     QTest::newRow("installed hooks say it is here")
         << QByteArray() << QByteArray(R"({"claude":{"path":null},"hooks":{"installed":true}})") << false << noLook
         << "claude leads";
@@ -97,10 +96,10 @@ void TestAgents::agentsInUse_data()
         << QByteArray() << QByteArray(R"({"claude":{"path":null}})") << false << 0 << "none leads, no agent";
     QTest::newRow("a look that found it wins over the service's word")
         << QByteArray(R"({"claude":{"available":false}})") << QByteArray() << false << 1 << "claude leads";
-    QTest::newRow("no look yet counts as here") << QByteArray(R"({"claude":{"available":false}})") << QByteArray()
-                                                << false << noLook << "claude leads";
-    QTest::newRow("a sample looks at nothing") << QByteArray(R"({"claude":{"available":false}})") << QByteArray()
-                                               << true << 1 << "none leads, no agent";
+    QTest::newRow("no look yet counts as here")
+        << QByteArray(R"({"claude":{"available":false}})") << QByteArray() << false << noLook << "claude leads";
+    QTest::newRow("a sample looks at nothing")
+        << QByteArray(R"({"claude":{"available":false}})") << QByteArray() << true << 1 << "none leads, no agent";
 }
 
 void TestAgents::agentsInUse()
@@ -144,16 +143,18 @@ void TestAgents::setupGap_data()
         << int(SetupStep::Tailscale);
     QTest::newRow("no agent at all: install one") << "" << unpaired << false << int(SetupStep::Claude);
     QTest::newRow("a test copy without agents goes on to the phone") << "" << unpaired << true << int(SetupStep::Phone);
-    QTest::newRow("no Claude Code and Codex off: Codex's step") << "codex-off" << unpaired << false
-                                                                 << int(SetupStep::Codex);
-    QTest::newRow("nothing reaches the phone: phone access") << "claude" << unpaired << false
-                                                              << int(SetupStep::Tailscale);
+    QTest::newRow("no Claude Code and Codex off: Codex's step")
+        << "codex-off" << unpaired << false << int(SetupStep::Codex);
+    QTest::newRow("nothing reaches the phone: phone access")
+        << "claude" << unpaired << false << int(SetupStep::Tailscale);
     QTest::newRow("a LAN address is a route: pair instead")
-        << "claude" << QByteArray(R"({"tailscale":{"installed":false},"lan":{"port":47323,"addresses":["192.168.1.24"]}})")
-        << false << int(SetupStep::Phone);
+        << "claude"
+        << QByteArray(R"({"tailscale":{"installed":false},"lan":{"port":47323,"addresses":["192.168.1.24"]}})") << false
+        << int(SetupStep::Phone);
     QTest::newRow("the built-in node up: pair")
-        << "claude" << QByteArray(R"({"tsnet":{"mode":"builtIn","url":"https://m.ts.net","helper":{"state":"Running"}}})")
-        << false << int(SetupStep::Phone);
+        << "claude"
+        << QByteArray(R"({"tsnet":{"mode":"builtIn","url":"https://m.ts.net","helper":{"state":"Running"}}})") << false
+        << int(SetupStep::Phone);
     QTest::newRow("a paired phone: nothing left")
         << "claude" << QByteArray(R"({"tailscale":{"installed":false},"devices":[{"id":"d1"}]})") << false << none;
     QTest::newRow("an older service's bare device count counts too")

@@ -11,7 +11,7 @@ namespace {
 const QDateTime kNow = Fixture::now();
 
 Approval approval(const QString& id, const QString& kind, std::optional<double> createdSecondsAgo,
-                  const QString& sessionId = QString())
+    const QString& sessionId = QString())
 {
     Approval made;
     made.id = id;
@@ -68,14 +68,12 @@ void TestAttention::order_data()
     QTest::addColumn<QList<Approval>>("approvals");
     QTest::addColumn<QStringList>("expected");
 
-    QTest::newRow("a question comes after tools, whatever its age")
-        << QList<Approval>{approval("q", "question", 500), approval("t1", "tool", 10), approval("t2", "", 20)}
-        << QStringList{"t2", "t1", "q"};
+    QTest::newRow("a question comes after tools, whatever its age") << QList<Approval>{approval("q", "question", 500),
+        approval("t1", "tool", 10), approval("t2", "", 20)} << QStringList{"t2", "t1", "q"};
     QTest::newRow("a plan ranks with questions, oldest first among them")
         << QList<Approval>{approval("p", "plan", 5), approval("q", "question", 50)} << QStringList{"q", "p"};
-    QTest::newRow("no date counts as the distant past")
-        << QList<Approval>{approval("dated", "tool", 1000), approval("undated", "tool", std::nullopt)}
-        << QStringList{"undated", "dated"};
+    QTest::newRow("no date counts as the distant past") << QList<Approval>{approval("dated", "tool", 1000),
+        approval("undated", "tool", std::nullopt)} << QStringList{"undated", "dated"};
     QTest::newRow("equal keys keep the service's order")
         << QList<Approval>{approval("b", "tool", 30), approval("a", "tool", 30), approval("c", "tool", 30)}
         << QStringList{"b", "a", "c"};

@@ -36,25 +36,29 @@ public:
     void npm(const QString& version, int status = 0, const QByteArray& output = {}) const
     {
         const QString folder = QStringLiteral("node_modules/@anthropic-ai/claude-agent-sdk");
-        QString script = QStringLiteral("#!/bin/sh\necho \"$PWD|$*|$npm_config_update_notifier\" >> '%1'\n").arg(calls());
+        QString script
+            = QStringLiteral("#!/bin/sh\necho \"$PWD|$*|$npm_config_update_notifier\" >> '%1'\n").arg(calls());
         if (!version.isEmpty()) {
-            script += QStringLiteral("mkdir -p %1 && echo '{\"name\":\"@anthropic-ai/claude-agent-sdk\",\"version\":\"%2\","
-                                     "\"exports\":{\".\":{\"import\":\"./sdk.mjs\"}}}' > %1/package.json && touch %1/sdk.mjs\n")
+            script += QStringLiteral(
+                "mkdir -p %1 && echo '{\"name\":\"@anthropic-ai/claude-agent-sdk\",\"version\":\"%2\","
+                "\"exports\":{\".\":{\"import\":\"./sdk.mjs\"}}}' > %1/package.json && touch %1/sdk.mjs\n")
                           .arg(folder, version);
         }
         m_scratch.write(QStringLiteral("npm-output"), output);
-        script += QStringLiteral("cat '%1'\nexit %2\n").arg(m_scratch.path() + QStringLiteral("/npm-output")).arg(status);
+        script
+            += QStringLiteral("cat '%1'\nexit %2\n").arg(m_scratch.path() + QStringLiteral("/npm-output")).arg(status);
         m_scratch.write(QStringLiteral("node/bin/npm"), script.toUtf8(), 0755);
     }
     Environment environment() const
     {
-        return Environment({{QStringLiteral("TIDEWATCH_SUPPORT"), m_scratch.path() + QStringLiteral("/support")}},
-                           m_scratch.path());
+        return Environment(
+            {{QStringLiteral("TIDEWATCH_SUPPORT"), m_scratch.path() + QStringLiteral("/support")}}, m_scratch.path());
     }
     QStringList npmCalls() const
     {
         QFile file(calls());
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts) : QStringList();
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts)
+                                              : QStringList();
     }
 
 private:
@@ -88,30 +92,34 @@ void TestClaudeSDK::sentences_data()
     QTest::addColumn<bool>("timedOut");
     QTest::addColumn<QString>("sentence");
 
-    QTest::newRow("a refused registry is offline")
-        << Fixture::sample("npm-econnrefused.txt") << 1 << false
-        << "Tidewatch couldn’t reach npm: this computer looks offline (or a proxy is in the way). Fetch it again once it’s online.";
-    QTest::newRow("a missing package is npm's own words, cut at 160")
-        << Fixture::sample("npm-e404.txt") << 1 << false
-        << QStringLiteral("npm stopped with an error (")
-               + QStringLiteral("E404: 404 Not Found - GET https://registry.npmjs.org/@anthropic-ai%2fclaude-agent-sdk-does-not-exist-xyz").left(160)
-               + QStringLiteral("). Fetch it again in a moment.");
-    QTest::newRow("time ran out") << QByteArray("ECONNREFUSED") << -1 << true
-                                  << "npm didn’t finish within 3 minutes. Check the internet connection, then fetch it again.";
-    QTest::newRow("a changed download") << QByteArray("npm ERR! code EINTEGRITY\n") << 1 << false
-                                        << "The download didn’t match the checksum in the service’s package lock, so npm "
-                                           "threw it away. Fetch it again; if it keeps happening, your network may be "
-                                           "altering downloads.";
-    QTest::newRow("no right to write") << QByteArray("npm error code EACCES\n") << 243 << false
-                                       << "npm wasn’t allowed to write in Tidewatch’s folder (~/app/daemon). Fetch it again; "
-                                          "if it keeps happening, check that folder’s owner.";
-    QTest::newRow("success without the package") << QByteArray() << 0 << false
-                                                 << "npm finished, but Claude Code’s SDK 1.2.0 isn’t in the service’s folder.";
-    QTest::newRow("a failure that says nothing") << QByteArray() << 1 << false
-                                                 << "npm stopped with an error (exit 1). Fetch it again in a moment.";
+    QTest::newRow("a refused registry is offline") << Fixture::sample("npm-econnrefused.txt") << 1 << false
+                                                   << "Tidewatch couldn’t reach npm: this computer looks offline (or a "
+                                                      "proxy is in the way). Fetch it again once it’s online.";
+    QTest::newRow("a missing package is npm's own words, cut at 160") << Fixture::sample("npm-e404.txt") << 1 << false
+                                                                      << QStringLiteral("npm stopped with an error (")
+            + QStringLiteral("E404: 404 Not Found - GET "
+                             "https://registry.npmjs.org/@anthropic-ai%2fclaude-agent-sdk-does-not-exist-xyz")
+                  .left(160)
+            + QStringLiteral("). Fetch it again in a moment.");
+    QTest::newRow("time ran out")
+        << QByteArray("ECONNREFUSED") << -1 << true
+        << "npm didn’t finish within 3 minutes. Check the internet connection, then fetch it again.";
+    QTest::newRow("a changed download")
+        << QByteArray("npm ERR! code EINTEGRITY\n") << 1 << false
+        << "The download didn’t match the checksum in the service’s package lock, so npm "
+           "threw it away. Fetch it again; if it keeps happening, your network may be "
+           "altering downloads.";
+    QTest::newRow("no right to write")
+        << QByteArray("npm error code EACCES\n") << 243 << false
+        << "npm wasn’t allowed to write in Tidewatch’s folder (~/app/daemon). Fetch it again; "
+           "if it keeps happening, check that folder’s owner.";
+    QTest::newRow("success without the package")
+        << QByteArray() << 0 << false << "npm finished, but Claude Code’s SDK 1.2.0 isn’t in the service’s folder.";
+    QTest::newRow("a failure that says nothing")
+        << QByteArray() << 1 << false << "npm stopped with an error (exit 1). Fetch it again in a moment.";
     QTest::newRow("bookkeeping lines are passed over")
-        << QByteArray("npm error errno 1\nnpm error A complete log of this run\nnpm error something broke\n") << 1 << false
-        << "npm stopped with an error (something broke). Fetch it again in a moment.";
+        << QByteArray("npm error errno 1\nnpm error A complete log of this run\nnpm error something broke\n") << 1
+        << false << "npm stopped with an error (something broke). Fetch it again in a moment.";
 }
 
 void TestClaudeSDK::sentences()
@@ -130,22 +138,23 @@ void TestClaudeSDK::installedVersion_data()
     QTest::addColumn<QStringList>("files");
     QTest::addColumn<QString>("version");
 
-    QTest::newRow("main") << QByteArray(R"({"name":"@anthropic-ai/claude-agent-sdk","version":"0.3.1","main":"sdk.js"})")
+    QTest::newRow("main") << QByteArray(
+        R"({"name":"@anthropic-ai/claude-agent-sdk","version":"0.3.1","main":"sdk.js"})")
                           << QStringList{"sdk.js"} << "0.3.1";
     QTest::newRow("exports as a string wins over main")
         << QByteArray(R"({"name":"@anthropic-ai/claude-agent-sdk","version":"1","exports":"./a.mjs","main":"b.js"})")
         << QStringList{"b.js"} << "";
-    QTest::newRow("exports' import condition")
-        << QByteArray(R"({"name":"@anthropic-ai/claude-agent-sdk","version":"2","exports":{".":{"types":"x.d.ts","import":"./e.mjs"}}})")
-        << QStringList{"e.mjs"} << "2";
-    QTest::newRow("no entry named: index.js") << QByteArray(R"({"name":"@anthropic-ai/claude-agent-sdk","version":"3"})")
-                                              << QStringList{"index.js"} << "3";
+    QTest::newRow("exports' import condition") << QByteArray(
+        R"({"name":"@anthropic-ai/claude-agent-sdk","version":"2","exports":{".":{"types":"x.d.ts","import":"./e.mjs"}}})")
+                                               << QStringList{"e.mjs"} << "2";
+    QTest::newRow("no entry named: index.js")
+        << QByteArray(R"({"name":"@anthropic-ai/claude-agent-sdk","version":"3"})") << QStringList{"index.js"} << "3";
     QTest::newRow("the entry file missing is a wreck")
         << QByteArray(R"({"name":"@anthropic-ai/claude-agent-sdk","version":"4"})") << QStringList{} << "";
     QTest::newRow("another package") << QByteArray(R"({"name":"claude-agent-sdk","version":"5"})")
                                      << QStringList{"index.js"} << "";
-    QTest::newRow("a version that isn't text") << QByteArray(R"({"name":"@anthropic-ai/claude-agent-sdk","version":6})")
-                                               << QStringList{"index.js"} << "";
+    QTest::newRow("a version that isn't text")
+        << QByteArray(R"({"name":"@anthropic-ai/claude-agent-sdk","version":6})") << QStringList{"index.js"} << "";
 }
 
 void TestClaudeSDK::installedVersion()
@@ -167,7 +176,8 @@ void TestClaudeSDK::findsNpm()
     QCOMPARE(findNpm(node)->program, node);
     QCOMPARE(findNpm(node)->prefix, QStringList{cli});
     // Homebrew's npm is a link to the script: it runs on this Node.js, not on its first line's.
-    QFile::link(QStringLiteral("../lib/node_modules/npm/bin/npm-cli.js"), scratch.path() + QStringLiteral("/a/bin/npm"));
+    QFile::link(
+        QStringLiteral("../lib/node_modules/npm/bin/npm-cli.js"), scratch.path() + QStringLiteral("/a/bin/npm"));
     QCOMPARE(findNpm(node)->program, node);
     QCOMPARE(findNpm(node)->prefix, QStringList{QFileInfo(cli).canonicalFilePath()});
     const QString plain = scratch.write(QStringLiteral("b/bin/npm"), "#!/bin/sh\n", 0755);
@@ -189,7 +199,7 @@ void TestClaudeSDK::fetchesWithTheFixedArguments()
     QCOMPARE(parts.at(2), QStringLiteral("false"));
     QVERIFY(parts.at(1).contains("--ignore-scripts"));
     QCOMPARE(QFileInfo(machine.environment().supportFolder() + "/npm-cache").permissions() & QFile::ReadOther,
-             QFile::Permissions());
+        QFile::Permissions());
 }
 
 void TestClaudeSDK::wreckIsRemovedAndPinIsChecked()
@@ -201,7 +211,8 @@ void TestClaudeSDK::wreckIsRemovedAndPinIsChecked()
     machine.npm(QString());
     const Outcome outcome = ensure(machine.environment(), machine.daemon(), machine.node());
     QVERIFY(!outcome.ready);
-    QCOMPARE(outcome.failure, QStringLiteral("npm finished, but Claude Code’s SDK 1.2.0 isn’t in the service’s folder."));
+    QCOMPARE(
+        outcome.failure, QStringLiteral("npm finished, but Claude Code’s SDK 1.2.0 isn’t in the service’s folder."));
     QVERIFY(!QFileInfo::exists(machine.daemon() + "/node_modules/@anthropic-ai/claude-agent-sdk"));
     QCOMPARE(lastProblem(), std::optional<QString>(outcome.failure));
 
@@ -224,11 +235,12 @@ void TestClaudeSDK::refusesWithoutLockOrNpm()
 {
     Machine machine;
     const Outcome noNpm = fetch(machine.environment(), machine.daemon(), machine.node());
-    QVERIFY(noNpm.failure.startsWith(QStringLiteral("There’s no npm next to the Node.js the service runs on (~/node/bin/node)")));
+    QVERIFY(noNpm.failure.startsWith(
+        QStringLiteral("There’s no npm next to the Node.js the service runs on (~/node/bin/node)")));
     QFile::remove(machine.daemon() + QStringLiteral("/package-lock.json"));
     QCOMPARE(fetch(machine.environment(), machine.daemon(), machine.node()).failure,
-             QStringLiteral("This copy of the service has no package lock to fetch Claude Code’s SDK with. Rebuild the "
-                            "app with mac/build.sh."));
+        QStringLiteral("This copy of the service has no package lock to fetch Claude Code’s SDK with. Rebuild the "
+                       "app with mac/build.sh."));
 }
 
 void TestClaudeSDK::carriesOver()

@@ -35,25 +35,27 @@ public:
     {
         const QString key = platform::nodeArchive().indexKey;
         m_scratch.write(QStringLiteral("dist/index.json"),
-                        indexOf(entry(QStringLiteral("v23.1.0"), QStringLiteral("false"), key) + QLatin1Char(',')
-                                + entry(kVersion, QStringLiteral("\"Jod\""), key)));
+            indexOf(entry(QStringLiteral("v23.1.0"), QStringLiteral("false"), key) + QLatin1Char(',')
+                + entry(kVersion, QStringLiteral("\"Jod\""), key)));
         const QString folder = QStringLiteral("node-") + kVersion + QLatin1Char('-') + platform::nodeArchive().system;
         m_scratch.write(QStringLiteral("pack/") + folder + QStringLiteral("/bin/node"),
-                        QStringLiteral("#!/bin/sh\necho %1\n").arg(reported).toUtf8(), 0755);
+            QStringLiteral("#!/bin/sh\necho %1\n").arg(reported).toUtf8(), 0755);
         m_file = folder + QStringLiteral(".tar.gz");
         const QString archive = m_scratch.file(QStringLiteral("dist/") + kVersion + QLatin1Char('/') + m_file);
         QProcess::execute(QStringLiteral("/usr/bin/tar"),
-                          {QStringLiteral("-czf"), archive, QStringLiteral("-C"), m_scratch.path() + QStringLiteral("/pack"), folder});
+            {QStringLiteral("-czf"), archive, QStringLiteral("-C"), m_scratch.path() + QStringLiteral("/pack"),
+                folder});
         QFile packed(archive);
         packed.open(QIODevice::ReadOnly);
-        listChecksum(QString::fromLatin1(QCryptographicHash::hash(packed.readAll(), QCryptographicHash::Sha256).toHex()));
+        listChecksum(
+            QString::fromLatin1(QCryptographicHash::hash(packed.readAll(), QCryptographicHash::Sha256).toHex()));
         m_server = std::make_unique<StaticSite>(m_scratch.path());
     }
 
     void listChecksum(const QString& digest)
     {
         m_scratch.write(QStringLiteral("dist/") + kVersion + QStringLiteral("/SHASUMS256.txt"),
-                        (QStringLiteral("0000  node-other.tar.gz\n") + digest + QStringLiteral("  ") + m_file + '\n').toUtf8());
+            (QStringLiteral("0000  node-other.tar.gz\n") + digest + QStringLiteral("  ") + m_file + '\n').toUtf8());
     }
     StaticSite& server() { return *m_server; }
     QString archivePath() const { return QStringLiteral("/dist/") + kVersion + QLatin1Char('/') + m_file; }
@@ -96,7 +98,8 @@ void TestNodeInstaller::releases_data()
 
     const QString key = platform::nodeArchive().indexKey;
     QTest::newRow("the first LTS without this machine's archive gives way to the next")
-        << indexOf(entry("v24.1.0", "\"Krypton\"", "win-x64-zip") + ',' + entry("v22.19.0", "\"Jod\"", key)) << "v22.19.0";
+        << indexOf(entry("v24.1.0", "\"Krypton\"", "win-x64-zip") + ',' + entry("v22.19.0", "\"Jod\"", key))
+        << "v22.19.0";
     QTest::newRow("a release that isn't LTS is passed over")
         << indexOf(entry("v25.0.0", "false", key) + ',' + entry("v22.18.0", "\"Jod\"", key)) << "v22.18.0";
     QTest::newRow("the index's order decides, not the version")
@@ -105,8 +108,8 @@ void TestNodeInstaller::releases_data()
         << indexOf(entry("v22.17.9", "\"Jod\"", key)) << "Couldn’t find a Node.js LTS release for this computer.";
     QTest::newRow("not a list") << QByteArray(R"({"version":"v22.18.0"})")
                                 << "the Node.js site sent an unexpected release list.";
-    QTest::newRow("a list of something else") << QByteArray("[1,2]")
-                                              << "the Node.js site sent an unexpected release list.";
+    QTest::newRow("a list of something else")
+        << QByteArray("[1,2]") << "the Node.js site sent an unexpected release list.";
 }
 
 void TestNodeInstaller::releases()
@@ -116,8 +119,9 @@ void TestNodeInstaller::releases()
     const Outcome<Release> picked = pickRelease(index, QUrl(QStringLiteral("https://site.example")));
     QCOMPARE(picked.ok() ? picked.value().version : picked.sentence(), result);
     if (picked.ok()) {
-        QCOMPARE(picked.value().url.toString(), "https://site.example/dist/" + result + "/node-" + result + '-'
-                                                    + platform::nodeArchive().system + ".tar.gz");
+        QCOMPARE(picked.value().url.toString(),
+            "https://site.example/dist/" + result + "/node-" + result + '-' + platform::nodeArchive().system
+                + ".tar.gz");
     }
 }
 
@@ -183,8 +187,9 @@ void TestNodeInstaller::installs()
     const Outcome<QString> installed = install(nodeFolder, site.server().base(), observer);
     QVERIFY2(installed.ok(), qPrintable(installed.ok() ? QString() : installed.sentence()));
     QCOMPARE(installed.value(), nodeFolder + '/' + kVersion + "/bin/node");
-    QCOMPARE(lines, (QStringList{"resolving the latest LTS…", "verifying SHA-256 against SHASUMS256.txt…",
-                                 "unpacking…", "done: " + kVersion}));
+    QCOMPARE(lines,
+        (QStringList{"resolving the latest LTS…", "verifying SHA-256 against SHASUMS256.txt…", "unpacking…",
+            "done: " + kVersion}));
     QVERIFY(!fractions.isEmpty());
     QCOMPARE(fractions.last(), 1.0);
     QVERIFY(leftovers(nodeFolder).isEmpty());
@@ -203,18 +208,22 @@ void TestNodeInstaller::failures_data()
     QTest::addColumn<bool>("downloaded");
     QTest::addColumn<bool>("targetLeft");
 
-    QTest::newRow("no index") << "index" << "the Node.js site didn’t answer. Check your internet connection and try again."
+    QTest::newRow("no index") << "index"
+                              << "the Node.js site didn’t answer. Check your internet connection and try again."
                               << false << false;
     QTest::newRow("no checksum list costs no download")
-        << "sums" << "Couldn’t get Node.js checksums from the Node.js site." << false << false;
-    QTest::newRow("a missing archive") << "archive" << "the Node.js site answered 404 for the download." << true << false;
+        << "sums"
+        << "Couldn’t get Node.js checksums from the Node.js site." << false << false;
+    QTest::newRow("a missing archive") << "archive"
+                                       << "the Node.js site answered 404 for the download." << true << false;
     QTest::newRow("a tampered archive never reaches tar")
         << "tampered"
         << "The download didn’t match the Node.js site’s checksum, so Tidewatch threw it away. Try again; if it keeps "
            "happening, your network may be altering downloads."
         << true << false;
     QTest::newRow("a binary that reports another version")
-        << "version" << "Node.js was unpacked but doesn’t start: v0.0.1" << true << true;
+        << "version"
+        << "Node.js was unpacked but doesn’t start: v0.0.1" << true << true;
 }
 
 void TestNodeInstaller::failures()

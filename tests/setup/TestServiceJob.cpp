@@ -17,8 +17,9 @@ const QString kAwkwardNode = QStringLiteral("/home/o'neil/My \"Tools\" & <more>/
 Spec spec(const QString& node = QStringLiteral("/usr/bin/node"))
 {
     return {QStringLiteral("com.harbourlab.tidewatch.daemon.test-47371"), node,
-            QStringLiteral("/srv/tw support/app/daemon"), QStringLiteral("/srv/tw support/logs/daemon.log"),
-            {{QStringLiteral("PATH"), QStringLiteral("/usr/bin:/bin")}, {QStringLiteral("HOME"), QStringLiteral("/home/x")}}};
+        QStringLiteral("/srv/tw support/app/daemon"), QStringLiteral("/srv/tw support/logs/daemon.log"),
+        {{QStringLiteral("PATH"), QStringLiteral("/usr/bin:/bin")},
+            {QStringLiteral("HOME"), QStringLiteral("/home/x")}}};
 }
 
 /// The keys of a property list's top dictionary and its ProgramArguments, as a reader sees them.
@@ -38,7 +39,8 @@ QStringList plistKeys(const QString& text, QStringList* arguments)
             lastKey = reader.readElementText();
             if (depth == 1)
                 keys << lastKey;
-        } else if (reader.isStartElement() && reader.name() == QLatin1StringView("string") && lastKey == "ProgramArguments")
+        } else if (reader.isStartElement() && reader.name() == QLatin1StringView("string")
+            && lastKey == "ProgramArguments")
             *arguments << reader.readElementText();
     }
     return reader.hasError() ? QStringList{QStringLiteral("invalid: ") + reader.errorString()} : keys;
@@ -78,11 +80,13 @@ void TestServiceJob::path_data()
 
     const QString rest = QStringLiteral("/opt/homebrew/bin:/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin");
     QTest::newRow("the app's own Node.js leads") << "/s/node/v22.20.0/bin/node"
-                                                  << "/s/node/v22.20.0/bin:/h/.local/bin:" + rest;
+                                                 << "/s/node/v22.20.0/bin:/h/.local/bin:" + rest;
     QTest::newRow("no folder twice when Node.js is Homebrew's")
-        << "/opt/homebrew/bin/node" << "/opt/homebrew/bin:/h/.local/bin:/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin";
-    QTest::newRow("nor when it is the system's") << "/usr/bin/node"
-                                                 << "/usr/bin:/h/.local/bin:/opt/homebrew/bin:/usr/local/bin:/bin:/usr/sbin:/sbin";
+        << "/opt/homebrew/bin/node"
+        << "/opt/homebrew/bin:/h/.local/bin:/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin";
+    QTest::newRow("nor when it is the system's")
+        << "/usr/bin/node"
+        << "/usr/bin:/h/.local/bin:/opt/homebrew/bin:/usr/local/bin:/bin:/usr/sbin:/sbin";
 }
 
 void TestServiceJob::path()
@@ -97,8 +101,8 @@ void TestServiceJob::variablesOfACopy()
     const Environment real({}, QStringLiteral("/h"));
     QCOMPARE(sortedKeys(serviceVariables(real, "/usr/bin/node")), (QStringList{"HOME", "LANG", "PATH"}));
     const Environment test({{QStringLiteral("TIDEWATCH_SUPPORT"), QStringLiteral("/tmp/tw")},
-                            {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47371")}},
-                           QStringLiteral("/h"));
+                               {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47371")}},
+        QStringLiteral("/h"));
     const QHash<QString, QString> variables = serviceVariables(test, "/usr/bin/node");
     QCOMPARE(variables.value("TIDEWATCH_LOGS"), QStringLiteral("/tmp/tw/logs"));
     QCOMPARE(variables.value("TIDEWATCH_API_PORT"), QStringLiteral("47371"));
@@ -111,9 +115,9 @@ void TestServiceJob::plistHasExactlyItsKeys()
 {
     QStringList arguments;
     const QStringList keys = plistKeys(launchAgentPlist(spec(kAwkwardNode)), &arguments);
-    QCOMPARE(keys, (QStringList{"EnvironmentVariables", "KeepAlive", "Label", "ProcessType", "ProgramArguments",
-                                "RunAtLoad", "StandardErrorPath", "StandardOutPath", "ThrottleInterval",
-                                "WorkingDirectory"}));
+    QCOMPARE(keys,
+        (QStringList{"EnvironmentVariables", "KeepAlive", "Label", "ProcessType", "ProgramArguments", "RunAtLoad",
+            "StandardErrorPath", "StandardOutPath", "ThrottleInterval", "WorkingDirectory"}));
     QCOMPARE(arguments, (QStringList{kAwkwardNode, "/srv/tw support/app/daemon/src/main"}));
 }
 
@@ -172,11 +176,14 @@ void TestServiceJob::updates_data()
     QTest::addColumn<bool>("available");
 
     const QString none = QStringLiteral("<none>");
-    QTest::newRow("the same stamp") << "7" << "7" << true << false;
-    QTest::newRow("another stamp, a downgrade too") << "6" << "7" << true << true;
+    QTest::newRow("the same stamp") << "7"
+                                    << "7" << true << false;
+    QTest::newRow("another stamp, a downgrade too") << "6"
+                                                    << "7" << true << true;
     QTest::newRow("installed stamp missing, the app's present") << "7" << none << true << true;
     QTest::newRow("both stamps missing") << none << none << true << false;
-    QTest::newRow("nothing installed to update") << "7" << "6" << false << false;
+    QTest::newRow("nothing installed to update") << "7"
+                                                 << "6" << false << false;
 }
 
 void TestServiceJob::updates()

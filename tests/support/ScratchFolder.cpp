@@ -31,7 +31,8 @@ QString ScratchFolder::write(const QString& relative, const QByteArray& contents
 
 int fileMode(const QString& path)
 {
-    struct stat info {};
+    struct stat info {
+    };
     if (::stat(QFile::encodeName(path).constData(), &info) != 0)
         return -1;
     return int(info.st_mode & 07777);

@@ -39,6 +39,6 @@ void StaticSite::serve(QTcpSocket* socket, const QByteArray& head)
             body = file.readAll();
     }
     socket->write("HTTP/1.1 " + QByteArray::number(status) + " X\r\nContent-Length: " + QByteArray::number(body.size())
-                  + "\r\nConnection: close\r\n\r\n" + body);
+        + "\r\nConnection: close\r\n\r\n" + body);
     socket->disconnectFromHost();
 }

@@ -32,11 +32,11 @@ void TestMenuPanel::placement_data()
     QTest::newRow("near the left edge too") << QRect(0, 0, 20, 24) << screen << 500 << QRect(8, 29, 360, 500);
     QTest::newRow("taller than the screen: the screen's height less 10")
         << QRect(700, 0, 24, 24) << screen << 5000 << QRect(532, 29, 360, 861);
-    QTest::newRow("a short screen still gives 320") << QRect(700, 0, 24, 24) << QRect(0, 24, 1440, 200) << 5000
-                                                    << QRect(532, 29, 360, 320);
+    QTest::newRow("a short screen still gives 320")
+        << QRect(700, 0, 24, 24) << QRect(0, 24, 1440, 200) << 5000 << QRect(532, 29, 360, 320);
     QTest::newRow("a nearly empty page keeps 60") << QRect(700, 0, 24, 24) << screen << 10 << QRect(532, 29, 360, 60);
-    QTest::newRow("an item below the menu bar's area") << QRect(100, 840, 24, 24) << screen << 500
-                                                      << QRect(8, 869, 360, 320);
+    QTest::newRow("an item below the menu bar's area")
+        << QRect(100, 840, 24, 24) << screen << 500 << QRect(8, 869, 360, 320);
 }
 
 void TestMenuPanel::placement()

@@ -7,8 +7,7 @@ AdminRun runAsAdministrator(const QString& script, const QString&, bool)
 {
     // polkit's agent asks for the password; 126 is its answer when the person dismisses it.
     const ShellResult result = Shell::run(QStringLiteral("/usr/bin/pkexec"),
-                                          {QStringLiteral("/bin/sh"), QStringLiteral("-c"), script}, std::nullopt,
-                                          QString(), 300);
+        {QStringLiteral("/bin/sh"), QStringLiteral("-c"), script}, std::nullopt, QString(), 300);
     if (!result.timedOut && result.status == 0)
         return {AdminRun::Result::Done, {}};
     if (!result.timedOut && result.status == 126)

@@ -77,7 +77,7 @@ QString loginShell()
 QList<ToolFolder> systemToolFolders()
 {
     return {{QStringLiteral("/usr/local/bin"), QStringLiteral("/usr/local")},
-            {QStringLiteral("/usr/bin"), QStringLiteral("your system’s packages")}};
+        {QStringLiteral("/usr/bin"), QStringLiteral("your system’s packages")}};
 }
 
 void becomeAccessory()

@@ -3,8 +3,8 @@
 
 #import <Foundation/Foundation.h>
 
-#include <QMetaObject>
 #include <QCoreApplication>
+#include <QMetaObject>
 
 namespace platform {
 
@@ -12,7 +12,7 @@ AdminRun runAsAdministrator(const QString&, const QString& appleScriptSource, bo
 {
     if (!inApp) {
         const ShellResult result = Shell::run(QStringLiteral("/usr/bin/osascript"),
-                                              {QStringLiteral("-e"), appleScriptSource}, std::nullopt, QString(), 300);
+            {QStringLiteral("-e"), appleScriptSource}, std::nullopt, QString(), 300);
         if (!result.timedOut && result.status == 0)
             return {AdminRun::Result::Done, {}};
         if (result.combined().contains(QStringLiteral("-128")))

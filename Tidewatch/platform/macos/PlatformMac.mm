@@ -57,7 +57,7 @@ QString loginShell()
 QList<ToolFolder> systemToolFolders()
 {
     return {{QStringLiteral("/opt/homebrew/bin"), QStringLiteral("Homebrew")},
-            {QStringLiteral("/usr/local/bin"), QStringLiteral("/usr/local")}};
+        {QStringLiteral("/usr/local/bin"), QStringLiteral("/usr/local")}};
 }
 
 void becomeAccessory()
@@ -80,6 +80,8 @@ bool lidSleepNeedsRoot()
     return true;
 }
 
-void drawOffscreenWithoutDisplay() { }
+void drawOffscreenWithoutDisplay()
+{
+}
 
 } // namespace platform
