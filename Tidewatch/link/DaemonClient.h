@@ -43,11 +43,11 @@ public:
     /// request() with the reply decoded tolerantly as T; a reply that doesn't
     /// read is a decoding failure naming the call.
     template <class T>
-    void call(
-        Method method, const QString& path, std::optional<QJsonObject> body, double timeoutSeconds, Callback<T> done)
+    void call(Method method, const QString& path, const std::optional<QJsonObject>& body, double timeoutSeconds,
+        Callback<T> done)
     {
         const QString name = methodName(method) + QLatin1Char(' ') + path;
-        request(method, path, std::move(body), timeoutSeconds,
+        request(method, path, body, timeoutSeconds,
             [name, done = std::move(done)](DaemonResult<QByteArray> reply) {
                 if (!reply.ok())
                     return done(reply.error());

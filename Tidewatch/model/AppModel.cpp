@@ -241,7 +241,7 @@ void AppModel::checkProvider(const QString& providerId, const QString& name)
 void AppModel::signIn(const QString& where)
 {
     run<AccountReply>(
-        ServiceCalls::signIn(where), QStringLiteral("Couldn’t start signing in. "), [this](AccountReply reply) {
+        ServiceCalls::signIn(where), QStringLiteral("Couldn’t start signing in. "), [this](const AccountReply& reply) {
             if (reply.account)
                 setSnapshotField(&Snapshot::account, reply.account);
             m_signInFrom = accountState(m_snapshot);
@@ -289,7 +289,7 @@ void AppModel::readDevices()
 
 void AppModel::refreshUsage()
 {
-    run<UsageReply>(ServiceCalls::refreshUsage(), std::nullopt, [this](UsageReply reply) {
+    run<UsageReply>(ServiceCalls::refreshUsage(), std::nullopt, [this](const UsageReply& reply) {
         if (reply.usage)
             setSnapshotField(&Snapshot::usage, reply.usage);
     });
@@ -304,7 +304,7 @@ void AppModel::setCodexEnabled(bool on)
 
 void AppModel::refreshCodex()
 {
-    run<CodexReply>(ServiceCalls::refreshCodex(), std::nullopt, [this](CodexReply reply) {
+    run<CodexReply>(ServiceCalls::refreshCodex(), std::nullopt, [this](const CodexReply& reply) {
         if (reply.present)
             setSnapshotField(&Snapshot::codex, reply.codex);
     });

@@ -56,7 +56,7 @@ void AppModel::restartService()
     m_source->act([this](ActionCalls&) {
         if (m_restarting || refusedHere())
             return;
-        if (!m_keeper->restart([this](ServiceKeeper::Note note) {
+        if (!m_keeper->restart([this](const ServiceKeeper::Note& note) {
                 assign(m_restarting, false, &AppModel::restartingChanged);
                 afterServiceJob(note);
             }))
@@ -75,7 +75,7 @@ void AppModel::repairService()
                 if (m_repairing)
                     assign(m_repairing, progress, &AppModel::repairingChanged);
             },
-            [this](ServiceKeeper::Note note) {
+            [this](const ServiceKeeper::Note& note) {
                 assign(m_repairing, std::nullopt, &AppModel::repairingChanged);
                 afterServiceJob(note);
             });
@@ -91,7 +91,7 @@ void AppModel::updateService()
     m_source->act([this](ActionCalls&) {
         if (m_updatingService || refusedHere())
             return;
-        if (!m_keeper->update([this](ServiceKeeper::Note note, bool loginItem) {
+        if (!m_keeper->update([this](const ServiceKeeper::Note& note, bool loginItem) {
                 if (!note)
                     assign(m_loginItemEnabled, loginItem, &AppModel::loginItemEnabledChanged);
                 assign(m_updatingService, false, &AppModel::updatingServiceChanged);
@@ -115,14 +115,14 @@ void AppModel::askUninstall()
         dialog.secondary = QStringLiteral("Keep");
         dialog.primary = QStringLiteral("Uninstall");
         dialog.busy = QStringLiteral("Uninstalling…");
-        dialog.confirm = [this](bool deleteData, GlassDialog::Finish finish) {
-            const bool started = m_keeper->uninstall(deleteData, [this, finish](QStringList notes) {
+        dialog.confirm = [this](bool deleteData, const GlassDialog::Finish& finish) {
+            const bool started = m_keeper->uninstall(deleteData, [this, finish](const QStringList& notes) {
                 finish(std::nullopt);
                 GlassDialog end;
                 end.title = Uninstaller::endTitle(notes);
                 end.line = Uninstaller::endText(notes);
                 end.primary = QStringLiteral("Quit");
-                end.confirm = [this](bool, GlassDialog::Finish done) {
+                end.confirm = [this](bool, const GlassDialog::Finish& done) {
                     done(std::nullopt);
                     Q_EMIT quitWanted();
                 };

@@ -21,7 +21,7 @@ bool before(const Approval& left, const Approval& right)
 
 double secondsSince(const QDateTime& at, const QDateTime& now)
 {
-    return at.msecsTo(now) / 1000.0;
+    return double(at.msecsTo(now)) / 1000.0;
 }
 
 } // namespace

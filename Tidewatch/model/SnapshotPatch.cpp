@@ -10,6 +10,8 @@ namespace {
 template <class... Cases> struct Overloaded : Cases... {
     using Cases::operator()...;
 };
+// Spelled out for compilers without C++20's deduction for aggregates (clang before 17).
+template <class... Cases> Overloaded(Cases...) -> Overloaded<Cases...>;
 
 template <class T> bool replace(T& field, const T& value)
 {

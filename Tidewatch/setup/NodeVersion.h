@@ -21,6 +21,7 @@ struct NodeVersion {
 
     QString toString() const;
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 flags the 0 of the defaulted comparison itself
     auto operator<=>(const NodeVersion&) const = default;
 };
 
