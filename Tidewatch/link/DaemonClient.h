@@ -47,15 +47,14 @@ public:
         Callback<T> done)
     {
         const QString name = methodName(method) + QLatin1Char(' ') + path;
-        request(method, path, body, timeoutSeconds,
-            [name, done = std::move(done)](DaemonResult<QByteArray> reply) {
-                if (!reply.ok())
-                    return done(reply.error());
-                std::optional<T> decoded = decodeReply<T>(reply.value());
-                if (!decoded)
-                    return done(DaemonError::decoding(name));
-                done(std::move(*decoded));
-            });
+        request(method, path, body, timeoutSeconds, [name, done = std::move(done)](DaemonResult<QByteArray> reply) {
+            if (!reply.ok())
+                return done(reply.error());
+            std::optional<T> decoded = decodeReply<T>(reply.value());
+            if (!decoded)
+                return done(DaemonError::decoding(name));
+            done(std::move(*decoded));
+        });
     }
 
     /// The health probe on the API port, without a token. Gives a Health only
