@@ -55,9 +55,9 @@ std::optional<QString> stringAt(const QJsonObject& object, QLatin1StringView key
 
 } // namespace
 
-DaemonClient::DaemonClient(const Environment& environment, QObject* parent)
+DaemonClient::DaemonClient(Environment environment, QObject* parent)
     : QObject(parent)
-    , m_environment(environment)
+    , m_environment(std::move(environment))
     , m_network(new QNetworkAccessManager(this))
 {
     m_network->setProxy(QNetworkProxy::NoProxy);
@@ -148,7 +148,7 @@ void DaemonClient::request(Method method, const QString& path, std::optional<QJs
     const std::optional<QString> token = readToken(m_environment);
     if (!token) {
         // Without a key the question is only whether anyone is there to refuse it.
-        health(kNoTokenProbeSeconds, [done = std::move(done)](std::optional<Health> health) {
+        health(kNoTokenProbeSeconds, [done = std::move(done)](const std::optional<Health>& health) {
             done(health ? DaemonError::noToken() : DaemonError::notRunning());
         });
         return;

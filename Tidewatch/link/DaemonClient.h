@@ -32,7 +32,7 @@ public:
 
     template <class T> using Callback = std::function<void(DaemonResult<T>)>;
 
-    explicit DaemonClient(const Environment& environment = Environment::current(), QObject* parent = nullptr);
+    explicit DaemonClient(Environment environment = Environment::current(), QObject* parent = nullptr);
     ~DaemonClient() override;
 
     /// Any call on the local port. A body-less POST or PUT sends "{}"; GET and
