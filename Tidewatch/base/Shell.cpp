@@ -298,6 +298,27 @@ void Shell::runAsync(const QString& executable, const QStringList& arguments,
     });
 }
 
+std::optional<QString> Shell::launch(
+    const QString& executable, const QStringList& arguments, const std::optional<Environment>& environment)
+{
+    const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (devNull < 0)
+        return describe(errno);
+    const Child child
+        = spawn(executable, arguments, environment ? *environment : Shell::environment(), QString(), devNull, devNull);
+    ::close(devNull);
+    if (child.pid < 0)
+        return describe(child.error);
+    const pid_t pid = child.pid;
+    if (!detach([pid] { reap(pid); })) {
+        // Without a reaper it would stay a zombie; the window it opened is not worth that.
+        ::kill(pid, SIGKILL);
+        reap(pid);
+        return describe(EAGAIN);
+    }
+    return std::nullopt;
+}
+
 QString Shell::stripEscapes(const QString& text)
 {
     // Never destroyed: a stream's thread may still be at work while the program exits.

@@ -53,6 +53,13 @@ public:
         const std::optional<Environment>& environment, double timeoutSeconds, QObject* context,
         const std::function<void(const ShellResult&)>& done);
 
+    /// Starts a program that outlives the call, such as a terminal window,
+    /// and doesn't wait for it: its output goes to /dev/null, no time limit
+    /// applies, and it is reaped on a thread of its own when it ends. The
+    /// sentence of a failed start, or none.
+    static std::optional<QString> launch(const QString& executable, const QStringList& arguments,
+        const std::optional<Environment>& environment = std::nullopt);
+
     /// Removes terminal control sequences: CSI (colours, cursor moves) and
     /// OSC (window titles, ended by BEL).
     static QString stripEscapes(const QString& text);

@@ -4,11 +4,14 @@
 #include "model/ActionCalls.h"
 #include "model/Agents.h"
 #include "model/AwakeActions.h"
+#include "model/CodexSignIn.h"
 #include "model/DialogSlot.h"
 #include "model/LiveSource.h"
+#include "model/OffMainThread.h"
 #include "model/SampleSource.h"
 #include "model/SnapshotPatch.h"
 #include "setup/Detection.h"
+#include "setup/OutsideTools.h"
 #include "setup/ServiceKeeper.h"
 
 #include <QTimer>
@@ -83,6 +86,8 @@ void AppModel::setPopoverVisible(bool visible)
         return;
     m_popoverVisible = visible;
     m_source->popoverShown(visible);
+    if (visible && m_codexSignInOpened && serviceUp())
+        refreshCodex();
 }
 
 void AppModel::setFeedLive(bool live)
@@ -308,6 +313,37 @@ void AppModel::refreshCodex()
         if (reply.present)
             setSnapshotField(&Snapshot::codex, reply.codex);
     });
+}
+
+std::optional<Codex> AppModel::trustedCodex() const
+{
+    return Agents::trustedCodex({m_snapshot, m_status, serviceUp(), m_source->isSample(), false, std::nullopt});
+}
+
+void AppModel::signInCodex()
+{
+    if (m_source->isSample() || m_codexBusy)
+        return;
+    const std::optional<Codex> codex = trustedCodex();
+    const std::optional<QString> path = codex ? codex->path : std::nullopt;
+    assign(m_codexBusy, true, &AppModel::codexBusyChanged);
+    assign(m_codexError, std::optional<QString>(), &AppModel::codexErrorChanged);
+    std::function<std::optional<QString>()> work
+        = [environment = m_environment, tools = OutsideTools::current(m_environment).system, path] {
+              return CodexSignIn::open(environment, tools, path);
+          };
+    offMainThread<std::optional<QString>>(this, std::move(work), [this](std::optional<QString> failure) {
+        if (!failure)
+            m_codexSignInOpened = true;
+        assign(m_codexError, failure, &AppModel::codexErrorChanged);
+        assign(m_codexBusy, false, &AppModel::codexBusyChanged);
+    });
+}
+
+void AppModel::applicationBecameActive()
+{
+    if (m_codexSignInOpened && !m_source->isSample())
+        refreshCodex();
 }
 
 void AppModel::setBuiltInTailscale(bool on)

@@ -206,6 +206,23 @@ public:
     void setCodexEnabled(bool on);
     /// Asks the service to look at Codex afresh; a failure passes in silence.
     void refreshCodex();
+
+    // Codex's sign-in, which runs in a terminal window of its own.
+
+    /// The Codex record to believe; none while the service is down.
+    std::optional<Codex> trustedCodex() const;
+    /// Opens a terminal window running codex login on a script of our own.
+    /// Once it opened, Codex is looked at again whenever the app comes to
+    /// the front or the panel opens, so the signed-in account shows.
+    void signInCodex();
+    /// The terminal for Codex's sign-in is being opened.
+    bool codexBusy() const { return m_codexBusy; }
+    /// Why the terminal for Codex's sign-in didn't open.
+    const std::optional<QString>& codexError() const { return m_codexError; }
+    /// A terminal for Codex's sign-in was opened in this run.
+    bool codexSignInOpened() const { return m_codexSignInOpened; }
+    /// The application came to the front.
+    void applicationBecameActive();
     void setBuiltInTailscale(bool on);
     void setBrowseOutsideProjects(bool on);
     /// Signs the built-in Tailscale node out.
@@ -254,6 +271,8 @@ Q_SIGNALS:
     void updatingServiceChanged();
     void repairingChanged();
     void loginItemEnabledChanged();
+    void codexBusyChanged();
+    void codexErrorChanged();
     /// The uninstall has ended and been told: the app is to quit.
     void quitWanted();
     /// The panel should open again, after the system's dialog took it away.
@@ -332,6 +351,9 @@ private:
     std::optional<ServiceInstaller::Progress> m_repairing;
     bool m_loginItemEnabled = false;
     bool m_popoverVisible = false;
+    bool m_codexBusy = false;
+    std::optional<QString> m_codexError;
+    bool m_codexSignInOpened = false;
     /// The account's state when the sign-in began; a move away from it ends `signingIn`.
     std::optional<QString> m_signInFrom;
 

@@ -13,6 +13,11 @@ namespace platform {
 /// systemd's user instance through systemctl --user.
 enum class ServiceManagerKind { Launchd, Systemd };
 
+/// How a terminal window is opened on a script: macOS opens a .command file
+/// with open, which hands it to Terminal; elsewhere a terminal emulator runs
+/// the script named after -e.
+enum class TerminalKind { CommandFile, Emulator };
+
 /// The absolute paths of the outside programs the installers run, as this
 /// system has them. An empty path is a tool the system doesn't need.
 struct SystemTools {
@@ -23,6 +28,9 @@ struct SystemTools {
     /// Clears the quarantine mark of a downloaded copy; macOS only.
     QString xattr;
     QString tar;
+    TerminalKind terminalKind = TerminalKind::Emulator;
+    /// open on macOS; $TERMINAL, else x-terminal-emulator, elsewhere.
+    QString terminal;
 
     bool operator==(const SystemTools&) const = default;
 };

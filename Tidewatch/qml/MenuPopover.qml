@@ -161,6 +161,15 @@ Rectangle {
         Label { text: root.page.more || ""; monospaced: true; size: 10; color: "#7A7468" }
         Label { text: root.page.empty || ""; size: 12; strong: true; color: "#B5B0A6"; width: parent.width }
 
+        Item {
+            // The usage section's heading, with its note on the right.
+            readonly property var usage: root.page.usage || ({})
+            visible: !!usage.shown
+            width: parent.width
+            implicitHeight: 16
+            Label { text: parent.usage.heading || ""; size: 10; color: "#7A7468"; font.letterSpacing: 1.8 }
+            Label { anchors.right: parent.right; text: parent.usage.note || ""; size: 10; color: "#7A7468" }
+        }
         Card {
             visible: !!root.page.account
             Label { text: root.page.account ? root.page.account.title : ""; strong: true; color: root.page.account ? root.page.account.ink : "#B5B0A6"; width: parent.width }
@@ -173,15 +182,10 @@ Rectangle {
             }
         }
 
-        Column {
-            width: parent.width
-            spacing: 10
-            visible: (root.page.meters || []).length > 0
-            Repeater {
-                model: root.page.meters || []
-                MeterRow { required property var modelData; reading: modelData }
-            }
-            Label { text: root.page.usageNote || ""; size: 10; color: "#7A7468"; width: parent.width }
+        UsageSection {
+            usage: root.page.usage || ({})
+            onSignInCodex: root.popover.signInCodex()
+            onDismissCodexCard: root.popover.dismissCodexCard()
         }
 
         AwakeSection {

@@ -44,6 +44,7 @@ OutsideTools OutsideTools::current(const Environment& environment)
     takeText(preferences, "lsof", tools.system.lsof);
     takeText(preferences, "xattr", tools.system.xattr);
     takeText(preferences, "tar", tools.system.tar);
+    takeText(preferences, "terminal", tools.system.terminal);
     const QString manager = preferences.text(QStringLiteral("outsideTools/serviceManager"));
     if (manager == QLatin1StringView("launchd"))
         tools.system.manager = platform::ServiceManagerKind::Launchd;

@@ -30,6 +30,13 @@ MenuPanel::MenuPanel(AppModel& model, const Clock& clock, QObject* parent)
 {
     // The system's password dialog takes the panel away; it comes back after.
     connect(&m_model, &AppModel::panelWanted, this, [this] { open(m_anchor); });
+    // Coming back from a terminal window is when a sign-in there may have finished.
+    if (auto* application = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
+        connect(application, &QGuiApplication::applicationStateChanged, this, [this](Qt::ApplicationState state) {
+            if (state == Qt::ApplicationActive)
+                m_model.applicationBecameActive();
+        });
+    }
 }
 
 MenuPanel::~MenuPanel() = default;

@@ -26,6 +26,8 @@ PopoverModel::PopoverModel(AppModel& model, DismissedNotices& dismissed, const C
              &AppModel::deviceListChanged, &AppModel::claudeLookChanged, &AppModel::serviceUpdateChanged,
              &AppModel::restartingChanged, &AppModel::updatingServiceChanged, &AppModel::repairingChanged})
         connect(&m_model, changed, this, &PopoverModel::queueRefresh);
+    for (auto changed : {&AppModel::codexBusyChanged, &AppModel::codexErrorChanged})
+        connect(&m_model, changed, this, &PopoverModel::queueRefresh);
     connect(&m_dismissed, &DismissedNotices::changed, this, &PopoverModel::queueRefresh);
     refresh();
 }
@@ -174,4 +176,15 @@ void PopoverModel::dialogSecondary()
 void PopoverModel::quit()
 {
     QCoreApplication::quit();
+}
+
+void PopoverModel::signInCodex()
+{
+    m_model.signInCodex();
+}
+
+void PopoverModel::dismissCodexCard()
+{
+    if (const std::optional<Notice> card = PopoverPage::codexCardNotice(m_model, m_clock.now()))
+        m_dismissed.dismiss(*card);
 }

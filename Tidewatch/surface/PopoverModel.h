@@ -45,6 +45,9 @@ public:
     Q_INVOKABLE void cancelDialog();
     Q_INVOKABLE void dialogSecondary();
     Q_INVOKABLE void quit();
+    /// Codex's card: its sign-in in a terminal window, and its dismissal.
+    Q_INVOKABLE void signInCodex();
+    Q_INVOKABLE void dismissCodexCard();
 
 Q_SIGNALS:
     void pageChanged();

@@ -16,6 +16,7 @@
 #include "surface/words/SessionTitle.h"
 #include "surface/words/SmallPrint.h"
 #include "surface/words/StateLine.h"
+#include "surface/words/UsageSection.h"
 #include "surface/words/UsageWords.h"
 
 #include <QVariantList>
@@ -147,6 +148,43 @@ QVariantMap meter(const Meter& meter, const Inputs& in)
         {u"spoken"_s, meter.reading.sentence(in.now, in.locale)}};
 }
 
+QVariantList meterList(const QList<Meter>& meters, const Inputs& in)
+{
+    QVariantList list;
+    for (const Meter& m : meters)
+        list << meter(m, in);
+    return list;
+}
+
+QVariantMap usageSection(const Inputs& in, const AgentsInUse& agents)
+{
+    const AppModel& model = in.model;
+    const std::optional<Snapshot>& snapshot = model.snapshot();
+    const std::optional<Usage> usage = snapshot ? snapshot->usage : std::nullopt;
+    const Account* account = snapshot && snapshot->account ? &*snapshot->account : nullptr;
+    const std::optional<Codex> codex = model.trustedCodex();
+    const UsageSection section = UsageSection::build({usage, account, codex, agents, in.now, in.locale});
+    QVariantMap map{{u"shown"_s, section.shown}, {u"heading"_s, UsageWords::heading().toUpper()},
+        {u"note"_s, text(section.note)}, {u"claudeLine"_s, text(section.claudeLine)},
+        {u"claudeMeters"_s, meterList(section.claudeMeters, in)}, {u"probeLine"_s, text(section.probeLine)},
+        {u"codexLeadLine"_s, text(section.codexLeadLine)}, {u"codexMeters"_s, meterList(section.codexMeters, in)},
+        {u"codexLimitedLine"_s, text(section.codexLimitedLine)},
+        {u"codexError"_s, section.codex ? text(model.codexError()) : QVariant(QString())}};
+    if (const std::optional<Notice> card = codexCardNotice(model, in.now); card && in.dismissed.visible(*card)) {
+        map.insert(u"codexCard"_s,
+            QVariantMap{{u"id"_s, card->id}, {u"ink"_s, inkHex(toneInk(card->tone))}, {u"title"_s, card->title},
+                {u"line"_s, text(card->line)}, {u"action"_s, text(card->action)}, {u"busy"_s, card->busy},
+                {u"help"_s, text(noticeHelp(*card))}});
+    }
+    if (section.codexLine) {
+        map.insert(u"codexLine"_s,
+            QVariantMap{{u"text"_s, section.codexLine->text}, {u"label"_s, section.codexLine->label},
+                {u"ink"_s, inkHex(section.codexLine->ink)}, {u"opacity"_s, section.codexLine->opacity},
+                {u"spoken"_s, section.codexLine->spoken}});
+    }
+    return map;
+}
+
 QVariantMap awake(const Awake& record, const Inputs& in, const std::optional<Battery>& battery)
 {
     QVariantList modes;
@@ -246,24 +284,7 @@ void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
                     {u"action"_s, text(content->action)}, {u"help"_s, content->help}});
         }
     }
-    QVariantList meters;
-    const std::optional<Codex> codex = Agents::trustedCodex(
-        {model.snapshot(), model.status(), model.serviceUp(), model.isSample(), false, std::nullopt});
-    const bool both = agents.codexBeside();
-    if (agents.claude || !codex) {
-        for (const Meter& m : UsageWords::claudeMeters(snapshot.usage, in.now, both))
-            meters << meter(m, in);
-    }
-    if (codex && (both || !agents.claude)) {
-        for (const Meter& m : UsageWords::codexMeters(*codex, in.now, both))
-            meters << meter(m, in);
-    }
-    page.insert(u"meters"_s, meters);
-    if (snapshot.usage) {
-        if (const std::optional<QString> note
-            = UsageWords::claudeNote(*snapshot.usage, snapshot.account ? &*snapshot.account : nullptr))
-            page.insert(u"usageNote"_s, *note);
-    }
+    page.insert(u"usage"_s, usageSection(in, agents));
 
     if (snapshot.mac && snapshot.mac->awake)
         page.insert(u"awake"_s, awake(*snapshot.mac->awake, in, snapshot.mac->battery));
@@ -281,6 +302,31 @@ QList<Notice> currentNotices(const AppModel& model, const QDateTime& now)
     inputs.updatingService = model.updatingService();
     inputs.setupGap = Agents::setupGap(model.agentsInUse(), model.status(), model.environment().isTestCopy());
     return buildNotices(inputs, now);
+}
+
+std::optional<Notice> codexCardNotice(const AppModel& model, const QDateTime& now)
+{
+    const std::optional<Codex> codex = model.trustedCodex();
+    if (!codex)
+        return std::nullopt;
+    const std::optional<Usage> usage = model.snapshot() ? model.snapshot()->usage : std::nullopt;
+    const UsageSection section = UsageSection::build({usage, nullptr, codex, model.agentsInUse(), now, QLocale::c()});
+    if (!section.codexCard)
+        return std::nullopt;
+    const CodexAccountCardWords& words = *section.codexCard;
+    Notice notice;
+    notice.id = QString::fromLatin1(UsageSection::kCodexCardId);
+    notice.tone = Tone::Amber;
+    notice.title = words.title;
+    notice.line = words.line;
+    notice.help = words.help;
+    notice.key = words.key;
+    // Setup has no window to open yet, so only the sign-in has a button.
+    if (words.act == CodexAccountCardWords::Act::SignIn) {
+        notice.action = words.action;
+        notice.busy = model.codexBusy();
+    }
+    return notice;
 }
 
 QVariantMap build(const Inputs& in)

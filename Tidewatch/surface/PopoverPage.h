@@ -34,4 +34,8 @@ QVariantMap build(const Inputs& inputs);
 /// The notices the model's state calls for now, dismissed ones included.
 QList<Notice> currentNotices(const AppModel& model, const QDateTime& now);
 
+/// Codex's account card, as a notice that can be dismissed; none when
+/// Codex's trouble shows as a line, or there is none.
+std::optional<Notice> codexCardNotice(const AppModel& model, const QDateTime& now);
+
 } // namespace PopoverPage

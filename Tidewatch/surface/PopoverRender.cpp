@@ -158,25 +158,25 @@ QStringList textTwin(QQuickItem* root)
         QString text;
     };
     QList<Spoken> lines;
-    const std::function<void(QQuickItem*)> walk = [&](QQuickItem* item) {
+    // `name` is the spoken name of the control the item stands in, if any.
+    const std::function<void(QQuickItem*, const QString&)> walk = [&](QQuickItem* item, const QString& name) {
         if (!item->isVisible() || item->opacity() <= 0)
             return;
         const QPointF at = item->mapToScene(QPointF(0, 0));
-        // A control speaks its own name; the words drawn inside it would say it twice.
+        // A control speaks its name first; the words drawn inside it follow, but not those that only repeat it.
         const QString spoken = item->property("spoken").toString();
-        if (!spoken.isEmpty()) {
+        if (!spoken.isEmpty())
             lines.append({at.y(), at.x(), spoken});
-            return;
-        }
-        if (item->inherits("QQuickText")) {
+        const QString within = spoken.isEmpty() ? name : spoken;
+        if (spoken.isEmpty() && item->inherits("QQuickText")) {
             const QString text = item->property("text").toString().trimmed();
-            if (!text.isEmpty())
+            if (!text.isEmpty() && text != within)
                 lines.append({at.y(), at.x(), text});
         }
         for (QQuickItem* child : item->childItems())
-            walk(child);
+            walk(child, within);
     };
-    walk(root);
+    walk(root, QString());
     std::stable_sort(lines.begin(), lines.end(),
         [](const Spoken& a, const Spoken& b) { return qRound(a.y) != qRound(b.y) ? a.y < b.y : a.x < b.x; });
     QStringList twin;

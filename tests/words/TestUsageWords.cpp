@@ -1,6 +1,7 @@
 #include "link/Account.h"
 #include "link/Codex.h"
 #include "link/Usage.h"
+#include "surface/words/UsageSection.h"
 #include "surface/words/UsageWords.h"
 
 #include "Fixture.h"
@@ -106,8 +107,58 @@ QString sentence(const QStringList& in)
     return reading.sentence(now(), locale) + u" | "_s + MeterWords::look(reading, now(), locale).tagText;
 }
 
+/// "claude", "codex", "both" or "too old": which agents are here.
+AgentsInUse agents(const QString& words)
+{
+    AgentsInUse agents;
+    agents.claude = words == u"claude"_s || words == u"both"_s;
+    agents.codexAvailable = words != u"claude"_s && words != u"too old"_s;
+    agents.codexHere = words != u"claude"_s;
+    agents.codexEnabled = agents.codexHere;
+    return agents;
+}
+
+QString optional(const std::optional<QString>& words)
+{
+    return words.value_or(kNone);
+}
+
+QString keys(const QList<Meter>& meters)
+{
+    QStringList said;
+    for (const Meter& meter : meters)
+        said << meter.key();
+    return said.isEmpty() ? kNone : said.join(u" + "_s);
+}
+
+/// The agents ; usage ; the account's state ; Codex → the section's parts, in order.
+QString wholeSection(const QStringList& in)
+{
+    Account account;
+    account.state = in.value(2);
+    const std::optional<Usage> read = usage(in.value(1));
+    const std::optional<Codex> codex
+        = in.value(3).isEmpty() ? std::nullopt : std::optional<Codex>(Fixture::record<Codex>(in.value(3).toUtf8()));
+    const UsageSection built
+        = UsageSection::build({read, in.value(2).isEmpty() ? nullptr : &account, codex, agents(in.at(0)), now(), kUs});
+    if (!built.shown)
+        return u"not shown"_s;
+    QStringList parts{optional(built.note)};
+    if (built.claude)
+        parts << optional(built.claudeLine) + u", "_s + keys(built.claudeMeters) + u", "_s + optional(built.probeLine);
+    if (built.codex) {
+        parts << (built.codexCard ? u"card "_s + built.codexCard->title
+                                  : (built.codexLine ? u"line "_s + built.codexLine->spoken : kNone))
+                + u", "_s + optional(built.codexLeadLine) + u", "_s + keys(built.codexMeters) + u", "_s
+                + optional(built.codexLimitedLine);
+    }
+    return parts.join(u" | "_s);
+}
+
 QString render(const QString& section, const QStringList& in)
 {
+    if (section == u"section"_s)
+        return wholeSection(in);
     if (section == u"meters"_s)
         return meters(UsageWords::claudeMeters(usage(in.at(0)), now(), in.value(1) == u"brand"_s));
     if (section == u"limitSentence"_s)

@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QStandardPaths>
 
 #include <cerrno>
 #include <cstdio>
@@ -37,6 +38,18 @@ QString desktopWord(QString word)
     return QLatin1Char('"') + word + QLatin1Char('"');
 }
 
+// The person's own choice of terminal wins over the system's default, when it is there to run.
+QString chosenTerminal()
+{
+    const QString named = qEnvironmentVariable("TERMINAL").trimmed();
+    const QString found = named.isEmpty() || named.size() > 4096 ? QString()
+        : QDir::isAbsolutePath(named)                            ? named
+                                                                 : QStandardPaths::findExecutable(named);
+    if (!found.isEmpty() && QFileInfo(found).isExecutable())
+        return found;
+    return QStringLiteral("/usr/bin/x-terminal-emulator");
+}
+
 } // namespace
 
 SystemTools systemTools()
@@ -47,6 +60,8 @@ SystemTools systemTools()
     tools.systemctl = QStringLiteral("/usr/bin/systemctl");
     tools.lsof = QStringLiteral("/usr/bin/lsof");
     tools.tar = QStringLiteral("/usr/bin/tar");
+    tools.terminalKind = TerminalKind::Emulator;
+    tools.terminal = chosenTerminal();
     return tools;
 }
 

@@ -23,6 +23,8 @@ SystemTools systemTools()
     tools.lsof = QStringLiteral("/usr/sbin/lsof");
     tools.xattr = QStringLiteral("/usr/bin/xattr");
     tools.tar = QStringLiteral("/usr/bin/tar");
+    tools.terminalKind = TerminalKind::CommandFile;
+    tools.terminal = QStringLiteral("/usr/bin/open");
     return tools;
 }
 

@@ -2,6 +2,9 @@
 
 #include "text/TimeWords.h"
 
+#include <tuple>
+#include <utility>
+
 using namespace Qt::StringLiterals;
 
 namespace UsageWords {
@@ -18,12 +21,28 @@ bool limited(const Codex& codex)
     return codex.usage && codex.usage->limited;
 }
 
-QString accountState(const Account* account)
+/// What stale numbers are called, by the account's state: the heading's note and the line.
+std::pair<QString, QString> staleWords(const Account* account)
 {
-    return account ? account->state : QString();
+    static const QList<std::tuple<QString, QString, QString>> words{
+        {u"logged_out"_s, u"while signed out"_s, u"Not measured while signed out."_s},
+        {u"no_subscription"_s, u"without a plan"_s, u"Not measured without a plan."_s},
+        {u"on_hold"_s, u"while on hold"_s, u"Not measured while the account is on hold."_s},
+    };
+    const QString state = account ? account->state : QString();
+    for (const auto& [named, note, line] : words) {
+        if (named == state)
+            return {note, line};
+    }
+    return {u"not measured"_s, u"Not measured right now."_s};
 }
 
 } // namespace
+
+QString heading()
+{
+    return u"Usage"_s;
+}
 
 QList<Meter> claudeMeters(const std::optional<Usage>& usage, const QDateTime& now, bool brand)
 {
@@ -72,16 +91,8 @@ QList<Meter> codexMeters(const Codex& codex, const QDateTime& now, bool brand)
 
 std::optional<QString> claudeNote(const Usage& usage, const Account* account)
 {
-    if (usage.source == u"stale"_s) {
-        const QString state = accountState(account);
-        if (state == u"logged_out"_s)
-            return u"while signed out"_s;
-        if (state == u"no_subscription"_s)
-            return u"without a plan"_s;
-        if (state == u"on_hold"_s)
-            return u"while on hold"_s;
-        return u"not measured"_s;
-    }
+    if (usage.source == u"stale"_s)
+        return staleWords(account).first;
     if (!usage.fiveHour && !usage.sevenDay)
         return u"waiting for numbers"_s;
     return std::nullopt;
@@ -102,14 +113,7 @@ std::optional<QString> staleLine(const Usage& usage, const Account* account)
 {
     if (usage.source != u"stale"_s)
         return std::nullopt;
-    const QString state = accountState(account);
-    if (state == u"logged_out"_s)
-        return u"Not measured while signed out."_s;
-    if (state == u"no_subscription"_s)
-        return u"Not measured without a plan."_s;
-    if (state == u"on_hold"_s)
-        return u"Not measured while the account is on hold."_s;
-    return u"Not measured right now."_s;
+    return staleWords(account).second;
 }
 
 std::optional<QString> claudeWaitingLine(const Usage& usage)

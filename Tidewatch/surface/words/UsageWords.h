@@ -29,6 +29,9 @@ struct Meter {
 
 namespace UsageWords {
 
+/// The section's heading, "Usage"; shown in capitals.
+QString heading();
+
 /// Claude Code's meters: the 5-hour and weekly windows with their pace, then
 /// a week per model. `brand` puts "Claude" on the windows, for when Codex is
 /// in use beside it.

@@ -45,7 +45,7 @@ bool LiveModel::startModel(LiveFeed::Timing timing, bool settle)
 {
     m_model = std::make_unique<AppModel>(service.environment(), Clock::system(), timing);
     // This machine's own Claude Code is none of the test's business.
-    m_model->setClaudeLook([] { return true; });
+    m_model->setClaudeLook([here = m_claudeHere] { return here; });
     m_model->start();
     if (!settle)
         return true;

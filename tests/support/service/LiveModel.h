@@ -34,6 +34,8 @@ public:
     /// Makes and starts the model; with settle, waits until it has read once
     /// and hears the feed (false when it didn't in 15 s).
     bool startModel(LiveFeed::Timing timing = {}, bool settle = true);
+    /// What the model's own look for Claude Code finds, from the next startModel() on.
+    void setClaudeHere(bool here) { m_claudeHere = here; }
     /// The model the last startModel() made.
     AppModel& model() const { return *m_model; }
     void stopModel() { m_model.reset(); }
@@ -46,4 +48,5 @@ public:
 
 private:
     std::unique_ptr<AppModel> m_model;
+    bool m_claudeHere = true;
 };
