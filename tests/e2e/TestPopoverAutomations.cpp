@@ -131,14 +131,15 @@ void TestPopoverAutomations::resumeAndAnswerChangeTheService()
 
     // Resume: the line moves on at once, the service is resumed, and the read after settles the choice.
     popover.resumeAutomations();
-    QCOMPARE(model.automationsPausedChoice(), std::optional<bool>(false));
+    QVERIFY(model.automationsPausedChoice() == std::optional<bool>(false));
     QTRY_COMPARE(line(popover), u"2 automations running"_s);
-    QTRY_COMPARE(kept(live)[u"paused"_s], QJsonValue(false));
+    QTRY_VERIFY(kept(live).value(u"paused"_s) == QJsonValue(false));
     QTRY_VERIFY(!model.automationsPausedChoice());
     QVERIFY(!model.automations()->paused);
 
-    std::optional<PopoverRender::Rendered> rendered = PopoverRender::render(model, Clock::system(), nullptr);
-    QVERIFY(rendered);
+    QString error;
+    std::optional<PopoverRender::Rendered> rendered = PopoverRender::render(model, Clock::system(), &error);
+    QVERIFY2(rendered, qPrintable(error));
     const qsizetype running = rendered->twin.indexOf(u"2 automations running"_s);
     QVERIFY2(running >= 0, qPrintable(rendered->twin.join(u'\n')));
     QVERIFY(!rendered->twin.contains(u"Resume"_s));
