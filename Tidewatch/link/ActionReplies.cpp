@@ -41,3 +41,11 @@ std::optional<AwakeReply> AwakeReply::fromJson(const QJsonValue& value)
         return std::nullopt;
     return AwakeReply{fields->record<Awake>(QLatin1StringView("awake"))};
 }
+
+std::optional<PausedReply> PausedReply::fromJson(const QJsonValue& value)
+{
+    const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
+    if (!fields)
+        return std::nullopt;
+    return PausedReply{fields->boolean(QLatin1StringView("paused"))};
+}

@@ -50,3 +50,10 @@ struct AwakeReply {
     static std::optional<AwakeReply> fromJson(const QJsonValue& value);
     bool operator==(const AwakeReply&) const = default;
 };
+
+/// `{paused}`, after every automation was paused or resumed.
+struct PausedReply {
+    std::optional<bool> paused;
+    static std::optional<PausedReply> fromJson(const QJsonValue& value);
+    bool operator==(const PausedReply&) const = default;
+};

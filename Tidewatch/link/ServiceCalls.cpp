@@ -119,4 +119,16 @@ ServiceCall<LocalStatus> signOutTailscale()
     return {Method::Post, QStringLiteral("/local/tsnet/logout"), std::nullopt, 8};
 }
 
+ServiceCall<PausedReply> setAutomationsPaused(bool paused)
+{
+    return {Method::Post, QStringLiteral("/v1/automations/paused"), one(QLatin1StringView("paused"), paused), 10};
+}
+
+ServiceCall<WFRunReply> answerAsk(const QString& runId, const QString& stepId, const QString& answer)
+{
+    return {Method::Post,
+        QStringLiteral("/v1/automations/runs/") + DaemonClient::pathSegment(runId) + QStringLiteral("/answer"),
+        QJsonObject{{QStringLiteral("stepId"), stepId}, {QStringLiteral("answer"), answer}}, 10};
+}
+
 } // namespace ServiceCalls

@@ -2,6 +2,7 @@
 
 #include "link/ActionReplies.h"
 #include "link/DaemonClient.h"
+#include "link/WFRun.h"
 
 #include <QJsonObject>
 #include <QString>
@@ -52,5 +53,10 @@ ServiceCall<AwakeReply> setAwake(const QJsonObject& change);
 enum class Setting { Codex, BuiltInTailscale, BrowseOutsideProjects };
 ServiceCall<Ignored> setSetting(Setting setting, bool on);
 ServiceCall<LocalStatus> signOutTailscale();
+
+/// Pauses every automation, or lets them start by themselves again.
+ServiceCall<PausedReply> setAutomationsPaused(bool paused);
+/// Answers the run that waits at the ask step `stepId`; `answer` is one of the step's answers.
+ServiceCall<WFRunReply> answerAsk(const QString& runId, const QString& stepId, const QString& answer);
 
 } // namespace ServiceCalls

@@ -3,6 +3,7 @@
 #include "link/ActionReplies.h"
 #include "model/ActionCalls.h"
 #include "model/Agents.h"
+#include "model/AutomationActions.h"
 #include "model/AwakeActions.h"
 #include "model/CodexSignIn.h"
 #include "model/DialogSlot.h"
@@ -39,6 +40,7 @@ AppModel::AppModel(
     , m_clock(clock)
     , m_awake(new AwakeActions(m_environment, this))
     , m_dialogs(new DialogSlot(this))
+    , m_automations(new AutomationActions(this))
 {
     m_lookForClaude = [detection = Detection(m_environment)] { return detection.detectClaude().path.has_value(); };
     m_buildInstaller = [environment = m_environment] { return ServiceInstaller::forCopy(environment); };
@@ -59,6 +61,15 @@ AppModel::AppModel(
     connect(m_dialogs, &DialogSlot::dialogChanged, this, &AppModel::dialogChanged);
     connect(m_dialogs, &DialogSlot::workingChanged, this, &AppModel::dialogWorkingChanged);
     connect(m_dialogs, &DialogSlot::failed, this, note);
+    connect(m_automations, &AutomationActions::pausedChoiceChanged, this, &AppModel::automationsPausedChoiceChanged);
+    connect(m_automations, &AutomationActions::failed, this, note);
+    connect(m_automations, &AutomationActions::readWanted, this, [this](bool withStatus) {
+        // The read after the service took a pause or resume is the word that confirms it.
+        if (withStatus)
+            m_source->read(true, [this] { m_automations->clearPausedChoice(); });
+        else
+            read(false);
+    });
 }
 
 AppModel::~AppModel() = default;
@@ -419,4 +430,33 @@ void AppModel::setupBackpack()
 void AppModel::removeBackpack()
 {
     m_source->act([this](ActionCalls&) { m_awake->removeBackpack(); });
+}
+
+// MARK: Automations
+
+std::optional<AutomationsState> AppModel::automations() const
+{
+    std::optional<AutomationsState> state;
+    if (m_snapshot && m_snapshot->automations)
+        state = AutomationsState::fromSnapshot(*m_snapshot->automations);
+    else if (m_status && m_status->automations)
+        state = AutomationsState::fromStatus(*m_status->automations);
+    if (state && m_automations->pausedChoice())
+        state->paused = *m_automations->pausedChoice();
+    return state;
+}
+
+const std::optional<bool>& AppModel::automationsPausedChoice() const
+{
+    return m_automations->pausedChoice();
+}
+
+void AppModel::setAutomationsPaused(bool paused)
+{
+    m_source->act([this, paused](ActionCalls& calls) { m_automations->setPaused(calls, paused); });
+}
+
+void AppModel::answerAsk(const WFAskItem& ask, const QString& answer)
+{
+    m_source->act([this, &ask, &answer](ActionCalls& calls) { m_automations->answer(calls, ask, answer); });
 }

@@ -16,6 +16,7 @@
 #include "model/ModelSource.h"
 #include "model/Note.h"
 #include "setup/ServiceInstaller.h"
+#include "workflows/AutomationsState.h"
 
 #include <QDateTime>
 #include <QObject>
@@ -25,6 +26,7 @@
 #include <memory>
 #include <optional>
 
+class AutomationActions;
 class AwakeActions;
 class ServiceKeeper;
 
@@ -191,6 +193,17 @@ public:
     void setupBackpack();
     void removeBackpack();
 
+    /// What the app knows of automations, from the snapshot when it has them
+    /// and the local status otherwise, with a pause or resume under way
+    /// already in place; none when neither says.
+    std::optional<AutomationsState> automations() const;
+    /// Paused or not, as picked here and not yet confirmed by a read of the status.
+    const std::optional<bool>& automationsPausedChoice() const;
+    /// Pauses every automation, or lets them start by themselves again.
+    void setAutomationsPaused(bool paused);
+    /// Sends `answer` for a run waiting at an ask; the state is read at once after.
+    void answerAsk(const WFAskItem& ask, const QString& answer);
+
     /// Puts up a dialog in the one slot, replacing whatever was there.
     void showDialog(GlassDialog dialog) { m_dialogs->show(std::move(dialog)); }
     /// The primary button: the dialog stays, working, until its work ends;
@@ -265,6 +278,7 @@ Q_SIGNALS:
     void claudeLookChanged();
     void dialogChanged();
     void awakeChoiceChanged();
+    void automationsPausedChoiceChanged();
     void backpackBusyChanged();
     void serviceUpdateChanged();
     void restartingChanged();
@@ -330,6 +344,7 @@ private:
     ServiceKeeper* m_keeper;
     AwakeActions* m_awake;
     DialogSlot* m_dialogs;
+    AutomationActions* m_automations;
 
     // Observable.
     std::optional<Health> m_health;

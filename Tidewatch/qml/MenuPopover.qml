@@ -94,6 +94,7 @@ Rectangle {
                 notice: modelData
                 onDismissed: function (id) { root.popover.dismissNotice(id) }
                 onActed: function (id) { root.popover.noticeAction(id) }
+                onChose: function (id, choice) { root.popover.chooseNotice(id, choice) }
             }
         }
         Row {
@@ -160,6 +161,12 @@ Rectangle {
         }
         Label { text: root.page.more || ""; monospaced: true; size: 10; color: "#7A7468" }
         Label { text: root.page.empty || ""; size: 12; strong: true; color: "#B5B0A6"; width: parent.width }
+        AutomationsLine {
+            visible: !!root.page.automations
+            automations: root.page.automations || ({})
+            onOpen: function (sessionId) { root.popover.openTerminal(sessionId) }
+            onResume: root.popover.resumeAutomations()
+        }
 
         Item {
             // The usage section's heading, with its note on the right.

@@ -1,11 +1,13 @@
 import QtQuick
 
-// A notice: its title in its tone, a sentence, and the one thing to do. Dragged right, it goes.
+// A notice: its title in its tone, a sentence, and the one thing to do, or a
+// row of choices with a live figure beside it. Dragged right, it goes.
 Card {
     id: card
     property var notice: ({})
     signal dismissed(string id)
     signal acted(string id)
+    signal chose(string id, string choice)
     edge: Qt.rgba(0.96, 0.95, 0.92, 0.11)
 
     Row {
@@ -21,6 +23,25 @@ Card {
         busy: !!card.notice.busy
         visible: title.length > 0
         onPressed: card.acted(card.notice.id)
+    }
+    Row {
+        visible: (card.notice.choices || []).length > 0
+        spacing: 8
+        Repeater {
+            model: card.notice.choices || []
+            GlassButton {
+                required property string modelData
+                title: modelData
+                onPressed: card.chose(card.notice.id, modelData)
+            }
+        }
+        Label {
+            text: card.notice.figure || ""
+            monospaced: true
+            size: 10
+            color: "#E8B341"
+            anchors.verticalCenter: parent.verticalCenter
+        }
     }
 
     DragHandler {

@@ -18,13 +18,14 @@ PopoverModel::PopoverModel(AppModel& model, DismissedNotices& dismissed, const C
 {
     m_tick->setInterval(1000);
     connect(m_tick, &QTimer::timeout, this, &PopoverModel::refresh);
-    for (auto changed : {&AppModel::snapshotChanged, &AppModel::statusChanged, &AppModel::healthChanged,
-             &AppModel::answeredChanged, &AppModel::noteChanged, &AppModel::feedLiveChanged,
-             &AppModel::firstPollDoneChanged, &AppModel::serviceInstalledChanged, &AppModel::serviceNodeGoneChanged,
-             &AppModel::lastErrorChanged, &AppModel::signingInChanged, &AppModel::dialogChanged,
-             &AppModel::dialogWorkingChanged, &AppModel::awakeChoiceChanged, &AppModel::backpackBusyChanged,
-             &AppModel::deviceListChanged, &AppModel::claudeLookChanged, &AppModel::serviceUpdateChanged,
-             &AppModel::restartingChanged, &AppModel::updatingServiceChanged, &AppModel::repairingChanged})
+    for (auto changed :
+        {&AppModel::snapshotChanged, &AppModel::statusChanged, &AppModel::healthChanged, &AppModel::answeredChanged,
+            &AppModel::noteChanged, &AppModel::feedLiveChanged, &AppModel::firstPollDoneChanged,
+            &AppModel::serviceInstalledChanged, &AppModel::serviceNodeGoneChanged, &AppModel::lastErrorChanged,
+            &AppModel::signingInChanged, &AppModel::dialogChanged, &AppModel::dialogWorkingChanged,
+            &AppModel::awakeChoiceChanged, &AppModel::backpackBusyChanged, &AppModel::deviceListChanged,
+            &AppModel::claudeLookChanged, &AppModel::serviceUpdateChanged, &AppModel::restartingChanged,
+            &AppModel::updatingServiceChanged, &AppModel::repairingChanged, &AppModel::automationsPausedChoiceChanged})
         connect(&m_model, changed, this, &PopoverModel::queueRefresh);
     for (auto changed : {&AppModel::codexBusyChanged, &AppModel::codexErrorChanged})
         connect(&m_model, changed, this, &PopoverModel::queueRefresh);
@@ -125,6 +126,19 @@ void PopoverModel::dismissNotice(const QString& id)
         if (notice.id == id)
             m_dismissed.dismiss(notice);
     }
+}
+
+void PopoverModel::chooseNotice(const QString& id, const QString& choice)
+{
+    for (const Notice& notice : PopoverPage::currentNotices(m_model, m_clock.now())) {
+        if (notice.id == id && notice.ask && notice.choices.contains(choice))
+            m_model.answerAsk(*notice.ask, choice);
+    }
+}
+
+void PopoverModel::resumeAutomations()
+{
+    m_model.setAutomationsPaused(false);
 }
 
 void PopoverModel::undoDismiss()

@@ -35,6 +35,10 @@ public:
     Q_INVOKABLE void noticeAction(const QString& id);
     /// The service-down card's button, by the act the page gave it.
     Q_INVOKABLE void serviceAction(const QString& act);
+    /// A choice of a notice's choice row, by the notice's id: an answer to an ask.
+    Q_INVOKABLE void chooseNotice(const QString& id, const QString& choice);
+    /// The automations line's button, shown while they are paused.
+    Q_INVOKABLE void resumeAutomations();
     Q_INVOKABLE void undoDismiss();
     Q_INVOKABLE void signIn();
     Q_INVOKABLE void setAwake(const QString& mode);

@@ -18,6 +18,7 @@
 #include "surface/words/StateLine.h"
 #include "surface/words/UsageSection.h"
 #include "surface/words/UsageWords.h"
+#include "workflows/AutomationWords.h"
 
 #include <QVariantList>
 
@@ -61,9 +62,34 @@ QVariantList notices(const Inputs& in)
     for (const Notice& notice : in.dismissed.visibleOf(currentNotices(in.model, in.now))) {
         list << QVariantMap{{u"id"_s, notice.id}, {u"ink"_s, inkHex(toneInk(notice.tone))}, {u"title"_s, notice.title},
             {u"line"_s, text(notice.line)}, {u"action"_s, text(notice.action)}, {u"busy"_s, notice.busy},
-            {u"help"_s, text(noticeHelp(notice))}};
+            {u"help"_s, text(noticeHelp(notice))}, {u"choices"_s, notice.choices},
+            {u"figure"_s, text(noticeFigure(notice, in.now))}};
     }
     return list;
+}
+
+// The one line about automations, with what a click on it does: resume them
+// all while paused, or open the terminal of the one run at work.
+std::optional<QVariantMap> automationsLine(const Inputs& in)
+{
+    const std::optional<AutomationsState> state = in.model.automations();
+    if (!state)
+        return std::nullopt;
+    const std::optional<AutomationWords::Line> line = AutomationWords::line(*state, in.now, in.locale);
+    if (!line)
+        return std::nullopt;
+    static const QStringList kinds{u"paused"_s, u"running"_s, u"next"_s, u"ready"_s};
+    QVariantMap map{{u"kind"_s, kinds.at(int(line->kind))}, {u"text"_s, line->text},
+        {u"figure"_s, line->figure ? line->figure->text : QString()},
+        {u"glyph"_s,
+            !line->figure ? QString()
+                          : (line->figure->glyph == AutomationWords::Glyph::Timer ? u"timer"_s : u"clock"_s)},
+        {u"tag"_s, text(line->tag)}, {u"needsYou"_s, line->needsYou}, {u"help"_s, line->help},
+        {u"action"_s, text(line->action)}, {u"actionHelp"_s, line->action ? AutomationWords::resumeHelp() : QString()},
+        {u"sessionId"_s, QString()}};
+    if (line->kind == AutomationWords::Kind::Running && state->running.size() == 1)
+        map.insert(u"sessionId"_s, text(state->running.first().sessionId));
+    return map;
 }
 
 QVariantList buttons(const Approval& approval)
@@ -273,6 +299,8 @@ void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
         text(SessionWords::moreRows(std::max<qsizetype>(0, ordered.size() - kShownRows), phonePaired(model.status()))));
     if (ordered.isEmpty())
         page.insert(u"empty"_s, SessionWords::emptyList(agents));
+    if (const std::optional<QVariantMap> line = automationsLine(in))
+        page.insert(u"automations"_s, *line);
 
     // The account, then the usage windows.
     if (snapshot.account) {
@@ -298,6 +326,8 @@ QList<Notice> currentNotices(const AppModel& model, const QDateTime& now)
     inputs.serviceUp = model.serviceUp();
     inputs.lastError = model.lastError();
     inputs.restarting = model.restarting();
+    if (const std::optional<AutomationsState> automations = model.automations())
+        inputs.asks = automations->asks;
     inputs.serviceUpdate = model.serviceUpdate();
     inputs.updatingService = model.updatingService();
     inputs.setupGap = Agents::setupGap(model.agentsInUse(), model.status(), model.environment().isTestCopy());

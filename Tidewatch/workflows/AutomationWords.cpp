@@ -111,4 +111,9 @@ QString foldedWords()
     return u"started by an automation"_s;
 }
 
+QString resumeHelp()
+{
+    return QStringLiteral("Automations start by themselves again");
+}
+
 } // namespace AutomationWords

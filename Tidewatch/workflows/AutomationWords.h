@@ -49,6 +49,9 @@ QString settingsLine(const AutomationsState& state, const QDateTime& now, const 
 /// with the weekday before it on any other.
 QString time(const FlexDate& date, const QDateTime& now, const QLocale& locale);
 
+/// The tool tip of the line's "Resume".
+QString resumeHelp();
+
 /// The chip of a session an automation started: "Auto".
 QString chip();
 /// The chip's tool tip, naming the automation when it has a name.

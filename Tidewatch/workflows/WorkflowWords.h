@@ -1,5 +1,7 @@
 #pragma once
 
+#include "link/DaemonError.h"
+#include "link/WFRun.h"
 #include "workflows/WFAskItem.h"
 
 #include <QDateTime>
@@ -16,5 +18,21 @@ QString clip(const QString& text, qsizetype max);
 /// The default answer and the time left to it: "Skip in 9m", and in the last
 /// two minutes in seconds, "Skip in 90s". None without a default.
 std::optional<QString> countdown(const WFAskItem& ask, const QDateTime& now);
+
+/// Who answered an ask, and what: "Answered Approve on your glasses".
+/// `by` is "mac", "glasses", "timeout", or another surface's word.
+QString answerWords(const QString& text, const std::optional<QString>& by);
+
+/// A run that came back with a refused answer: "It was answered already: "
+/// and the words of its first answered step, or "It was answered already.".
+QString alreadyAnswered(const std::optional<WFRun>& run);
+
+/// The sentence for one of the service's automation codes, such as
+/// "bad_answer"; none for a code this app has no sentence for.
+std::optional<QString> codeSentence(const QString& code);
+
+/// The note of an answer that didn't go: "Couldn’t send your answer. " and
+/// why, told gently when someone else answered first.
+QString answerFailure(const DaemonError& error);
 
 } // namespace WorkflowWords

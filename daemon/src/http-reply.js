@@ -1,5 +1,5 @@
 // How every answer leaves the service: JSON in UTF-8, never cached, and
-// failures in one shape, {"error":{"code","message"[,"field"]}}, whose
+// failures in one shape, {"error":{"code","message"[,"field"][,"run"]}}, whose
 // message is a finished sentence the app may show as it stands.
 
 export const JSON_TYPE = 'application/json; charset=utf-8';
@@ -13,13 +13,15 @@ export class HttpError extends Error {
    * @param {Object} [extra]
    * @param {string} [extra.field] The one field of the request at fault
    * @param {Object} [extra.headers] Headers to add to the reply
+   * @param {Object} [extra.run] The automation run the refused request was about, as it stands now
    */
-  constructor(status, code, message, { field, headers } = {}) {
+  constructor(status, code, message, { field, headers, run } = {}) {
     super(message);
     this.status = status;
     this.code = code;
     this.field = field;
     this.headers = headers;
+    this.run = run;
   }
 }
 
@@ -69,5 +71,6 @@ export function sendJson(res, status, value, headers) {
 export function sendError(res, error) {
   const inner = { code: error.code, message: error.message };
   if (error.field !== undefined) inner.field = error.field;
+  if (error.run !== undefined) inner.run = error.run;
   sendJson(res, error.status, { error: inner }, error.headers);
 }

@@ -3,6 +3,7 @@
 // /qa interface.
 
 import { addActionRoutes } from './action-routes.js';
+import { addAutomationsRoutes } from './automations-routes.js';
 import { addAwakeRoutes, addPowerQaRoutes } from './awake/awake-routes.js';
 import { addClaudeRoutes } from './claude/claude-routes.js';
 import { addIntegrationRoutes } from './integration.js';
@@ -32,6 +33,7 @@ export function localRoutes({ state, faults, feed, health, keeper, codex, claude
     .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
     .add('GET', '/local/devices', () => state.devices());
   addActionRoutes(router, { state, codex });
+  addAutomationsRoutes(router, { state });
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });
   if (claude) addClaudeRoutes(router, { claude });

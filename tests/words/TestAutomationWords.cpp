@@ -88,6 +88,8 @@ QString render(const QString& section, const QStringList& in)
         return QStringList{AutomationWords::chip(), AutomationWords::chipHelp(ref), AutomationWords::foldedWords()}
             .join(u" | "_s);
     }
+    if (section == u"resume"_s)
+        return AutomationWords::resumeHelp();
     return u"no words for the section "_s + section;
 }
 
