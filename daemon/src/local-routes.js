@@ -1,8 +1,9 @@
-// The routes of the local port, every one behind the admin token: the
-// whole-state reads and the actions the app makes, and in a test copy the
-// /qa interface.
+// The routes of the local port, every one behind the admin token but the
+// testing checklist's page: the whole-state reads and the actions the app
+// makes, and in a test copy the /qa interface.
 
 import { addActionRoutes } from './action-routes.js';
+import { addChecklistRoute } from './checklist.js';
 import { addAwakeRoutes, addPowerQaRoutes } from './awake/awake-routes.js';
 import { addClaudeRoutes } from './claude/claude-routes.js';
 import { addIntegrationRoutes } from './integration.js';
@@ -31,6 +32,7 @@ export function localRoutes({ state, faults, feed, health, keeper, codex, claude
     // is current already, so it changes nothing yet.
     .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
     .add('GET', '/local/devices', () => state.devices());
+  addChecklistRoute(router, { state });
   addActionRoutes(router, { state, codex });
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });
