@@ -29,7 +29,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-const QString kWords = QStringLiteral(TIDEWATCH_TEST_DATA "/words/popover-notices.txt");
+const QString kWords = QStringLiteral("popover-notices.txt");
 const QString kSdkFile = u"/sdk-0.0.7.tgz"_s;
 
 /// The golden lines of a case, by its section and input.
@@ -37,12 +37,13 @@ QStringList expected(const QString& section, const QString& input)
 {
     for (const Golden::Row& row : Golden::read(kWords)) {
         if (row.section == section && row.input == input)
-            return row.expected.split(u"\\n"_s);
+            return row.expected.split(u'\n');
     }
     qFatal("no golden case %s / %s", qPrintable(section), qPrintable(input));
+    return {};
 }
 
-/// The lines, in order, found consecutively in the twin; empty when they are.
+/// The lines stand one right after another somewhere in the twin.
 bool containsRun(const QStringList& twin, const QStringList& lines)
 {
     for (qsizetype at = twin.indexOf(lines.first()); at >= 0; at = twin.indexOf(lines.first(), at + 1)) {
