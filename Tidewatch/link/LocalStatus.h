@@ -29,6 +29,9 @@ struct TailscaleStatus {
     /// When this Mac's key runs out.
     std::optional<FlexDate> keyExpiry;
 
+    /// The admin console's page of machines, where a machine's key expiry is turned off.
+    static inline const QString adminConsole = QStringLiteral("https://login.tailscale.com/admin/machines");
+
     static std::optional<TailscaleStatus> fromJson(const QJsonValue& value);
     bool operator==(const TailscaleStatus&) const = default;
 };

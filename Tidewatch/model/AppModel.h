@@ -15,6 +15,7 @@
 #include "model/GlassDialog.h"
 #include "model/ModelSource.h"
 #include "model/Note.h"
+#include "setup/ClaudeSDK.h"
 #include "setup/ServiceInstaller.h"
 #include "workflows/AutomationsState.h"
 
@@ -53,6 +54,7 @@ class AppModel : public QObject
     Q_PROPERTY(bool serviceUpdate READ serviceUpdate NOTIFY serviceUpdateChanged)
     Q_PROPERTY(bool restarting READ restarting NOTIFY restartingChanged)
     Q_PROPERTY(bool updatingService READ updatingService NOTIFY updatingServiceChanged)
+    Q_PROPERTY(bool fetchingSDK READ fetchingSDK NOTIFY fetchingSDKChanged)
 
 public:
     /// The last local look for Claude Code's binary.
@@ -143,6 +145,13 @@ public:
     bool updatingService() const { return m_updatingService; }
     /// Where a repair stands, while one runs.
     const std::optional<ServiceInstaller::Progress>& repairing() const { return m_repairing; }
+    /// Claude Code's SDK in the installed service's folder; none while no service is installed there.
+    const std::optional<ClaudeSDK::State>& claudeSDK() const { return m_claudeSDK; }
+    bool fetchingSDK() const { return m_fetchingSDK; }
+    /// The last fetch from here failed, and nothing has fetched it since.
+    bool sdkFetchFailed() const { return m_sdkFetchFailed; }
+    /// The SDK's state has been read once, whatever it found.
+    bool sdkLooked() const { return m_sdkLooked; }
     /// Open at Login is on, as last read.
     bool loginItemEnabled() const { return m_loginItemEnabled; }
     /// The open dialog; a new one replaces it.
@@ -250,6 +259,11 @@ public:
     void repairService();
     /// Installs the newer service that came with the app.
     void updateService();
+    /// Fetches Claude Code's SDK into the installed service's folder with
+    /// the npm of the Node.js it runs on; a failure's sentence goes to the note line.
+    void fetchSDK();
+    /// Reads the SDK's state in the installed service's folder again.
+    void checkSDK();
     /// Asks first, in a dialog, whether to take Tidewatch off this machine;
     /// the closing dialog tells how it went and quits the app.
     void askUninstall();
@@ -284,6 +298,8 @@ Q_SIGNALS:
     void restartingChanged();
     void updatingServiceChanged();
     void repairingChanged();
+    void claudeSDKChanged();
+    void fetchingSDKChanged();
     void loginItemEnabledChanged();
     void codexBusyChanged();
     void codexErrorChanged();
@@ -364,6 +380,10 @@ private:
     bool m_restarting = false;
     bool m_updatingService = false;
     std::optional<ServiceInstaller::Progress> m_repairing;
+    std::optional<ClaudeSDK::State> m_claudeSDK;
+    bool m_fetchingSDK = false;
+    bool m_sdkFetchFailed = false;
+    bool m_sdkLooked = false;
     bool m_loginItemEnabled = false;
     bool m_popoverVisible = false;
     bool m_codexBusy = false;

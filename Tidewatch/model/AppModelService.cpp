@@ -48,6 +48,7 @@ void AppModel::afterServiceJob(const std::optional<QString>& note)
     if (note)
         showNote(*note);
     checkServiceUpdate();
+    checkSDK();
     read(true);
 }
 

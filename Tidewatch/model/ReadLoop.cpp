@@ -43,6 +43,7 @@ void ReadLoop::start()
     m_readNow = true;
     m_statusNow = true;
     m_model.checkServiceUpdate();
+    m_model.checkSDK();
     turn();
 }
 

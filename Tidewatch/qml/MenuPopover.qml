@@ -184,8 +184,9 @@ Rectangle {
             GlassButton {
                 title: root.page.account ? root.page.account.action : ""
                 help: root.page.account ? root.page.account.help : ""
+                busy: !!(root.page.account && root.page.account.busy)
                 visible: title.length > 0
-                onPressed: root.popover.signIn()
+                onPressed: root.popover.accountAction()
             }
         }
 
@@ -210,7 +211,12 @@ Rectangle {
             visible: root.page.state === "main"
             Repeater {
                 model: root.page.quick || []
-                GlassButton { required property var modelData; title: modelData.title; help: modelData.help }
+                GlassButton {
+                    required property var modelData
+                    title: modelData.title
+                    help: modelData.help
+                    onPressed: root.popover.quickAction(modelData.id)
+                }
             }
         }
 
@@ -224,11 +230,6 @@ Rectangle {
                 title: root.page.footer ? root.page.footer.quit : ""
                 help: root.page.footer ? root.page.footer.quitHelp : ""
                 onPressed: root.popover.quit()
-            }
-            GlassButton {
-                anchors.right: parent.right
-                title: root.page.footer ? root.page.footer.settings : ""
-                help: root.page.footer ? root.page.footer.settingsHelp : ""
             }
         }
     }

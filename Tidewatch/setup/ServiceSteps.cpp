@@ -19,8 +19,6 @@ constexpr double kServeLimit = 45;
 constexpr double kStatusLimit = 6;
 constexpr qint64 kKeyWarning = 1209600; // 14 days, in seconds
 
-const QString kKeyConsole = QStringLiteral("https://login.tailscale.com/admin/machines");
-
 QString installedWord(bool installed)
 {
     return installed ? QStringLiteral("installed") : QStringLiteral("NOT installed");
@@ -150,7 +148,7 @@ Report tailscaleReport(const LocalStatus& status, const QDateTime& now)
                 report.lines << QStringLiteral("Note: ") + machine::thisMachines()
                         + QStringLiteral(" Tailscale key expires ")
                         + expiry.toUTC().toString(QStringLiteral("yyyy-MM-dd"))
-                        + QStringLiteral("; disable key expiry at ") + kKeyConsole;
+                        + QStringLiteral("; disable key expiry at ") + TailscaleStatus::adminConsole;
             }
         }
         return report;

@@ -4,10 +4,13 @@
 #include "base/UserAccount.h"
 #include "model/AppModel.h"
 #include "surface/PopoverPage.h"
+#include "surface/words/ModelChip.h"
 #include "surface/words/RowAction.h"
 
 #include <QCoreApplication>
+#include <QDesktopServices>
 #include <QTimer>
+#include <QUrl>
 
 PopoverModel::PopoverModel(AppModel& model, DismissedNotices& dismissed, const Clock& clock, QObject* parent)
     : QObject(parent)
@@ -18,14 +21,14 @@ PopoverModel::PopoverModel(AppModel& model, DismissedNotices& dismissed, const C
 {
     m_tick->setInterval(1000);
     connect(m_tick, &QTimer::timeout, this, &PopoverModel::refresh);
-    for (auto changed :
-        {&AppModel::snapshotChanged, &AppModel::statusChanged, &AppModel::healthChanged, &AppModel::answeredChanged,
-            &AppModel::noteChanged, &AppModel::feedLiveChanged, &AppModel::firstPollDoneChanged,
-            &AppModel::serviceInstalledChanged, &AppModel::serviceNodeGoneChanged, &AppModel::lastErrorChanged,
-            &AppModel::signingInChanged, &AppModel::dialogChanged, &AppModel::dialogWorkingChanged,
-            &AppModel::awakeChoiceChanged, &AppModel::backpackBusyChanged, &AppModel::deviceListChanged,
-            &AppModel::claudeLookChanged, &AppModel::serviceUpdateChanged, &AppModel::restartingChanged,
-            &AppModel::updatingServiceChanged, &AppModel::repairingChanged, &AppModel::automationsPausedChoiceChanged})
+    for (auto changed : {&AppModel::snapshotChanged, &AppModel::statusChanged, &AppModel::healthChanged,
+             &AppModel::answeredChanged, &AppModel::noteChanged, &AppModel::feedLiveChanged,
+             &AppModel::firstPollDoneChanged, &AppModel::serviceInstalledChanged, &AppModel::serviceNodeGoneChanged,
+             &AppModel::lastErrorChanged, &AppModel::signingInChanged, &AppModel::dialogChanged,
+             &AppModel::dialogWorkingChanged, &AppModel::awakeChoiceChanged, &AppModel::backpackBusyChanged,
+             &AppModel::deviceListChanged, &AppModel::claudeLookChanged, &AppModel::serviceUpdateChanged,
+             &AppModel::restartingChanged, &AppModel::updatingServiceChanged, &AppModel::repairingChanged,
+             &AppModel::automationsPausedChoiceChanged, &AppModel::claudeSDKChanged, &AppModel::fetchingSDKChanged})
         connect(&m_model, changed, this, &PopoverModel::queueRefresh);
     for (auto changed : {&AppModel::codexBusyChanged, &AppModel::codexErrorChanged})
         connect(&m_model, changed, this, &PopoverModel::queueRefresh);
@@ -83,6 +86,10 @@ void PopoverModel::noticeAction(const QString& id)
         m_model.restartService();
     else if (id == u"update")
         m_model.updateService();
+    else if (id == u"sdk")
+        m_model.fetchSDK();
+    else if (id == u"key")
+        QDesktopServices::openUrl(QUrl(TailscaleStatus::adminConsole));
 }
 
 void PopoverModel::serviceAction(const QString& act)
@@ -111,10 +118,12 @@ void PopoverModel::rowAction(const QString& sessionId, int act)
     case RowAction::Act::CancelResume:
         m_model.setAutoContinue(sessionId, false);
         return;
+    case RowAction::Act::TryAgain:
+        checkProviderOf(sessionId);
+        return;
     case RowAction::Act::TopUp:
     case RowAction::Act::FixKey:
-    case RowAction::Act::TryAgain:
-        // The providers' window owns these; until it opens from here the row's help says where to go.
+        // The providers' window owns these; the page draws no button for them.
         return;
     }
 }
@@ -149,6 +158,36 @@ void PopoverModel::undoDismiss()
 void PopoverModel::signIn()
 {
     m_model.signIn();
+}
+
+void PopoverModel::accountAction()
+{
+    const QVariantMap account = m_page.value(QStringLiteral("account")).toMap();
+    const QString act = account.value(QStringLiteral("act")).toString();
+    if (act == PopoverPage::kAccountOpen)
+        QDesktopServices::openUrl(QUrl(account.value(QStringLiteral("url")).toString()));
+    else if (act == PopoverPage::kAccountSignIn)
+        m_model.signIn();
+}
+
+void PopoverModel::quickAction(const QString& id)
+{
+    if (id == u"checklist")
+        QDesktopServices::openUrl(QUrl(m_model.environment().localBase() + QStringLiteral("/checklist")));
+}
+
+void PopoverModel::checkProviderOf(const QString& sessionId)
+{
+    if (!m_model.snapshot())
+        return;
+    const Snapshot& snapshot = *m_model.snapshot();
+    for (const Session& session : snapshot.sessions.items) {
+        if (session.id != sessionId)
+            continue;
+        if (const Provider* provider = SessionWords::providerOf(session, snapshot.providers.items))
+            m_model.checkProvider(provider->id, provider->name);
+        return;
+    }
 }
 
 void PopoverModel::setAwake(const QString& mode)

@@ -41,6 +41,10 @@ public:
     Q_INVOKABLE void resumeAutomations();
     Q_INVOKABLE void undoDismiss();
     Q_INVOKABLE void signIn();
+    /// The account card's button, by the act the page gave it.
+    Q_INVOKABLE void accountAction();
+    /// A quick action's button, by its id.
+    Q_INVOKABLE void quickAction(const QString& id);
     Q_INVOKABLE void setAwake(const QString& mode);
     Q_INVOKABLE void extendBackpack();
     Q_INVOKABLE void setMinBattery(int percent);
@@ -60,6 +64,8 @@ Q_SIGNALS:
 
 private:
     void queueRefresh();
+    /// Asks the service to try the provider of a session's row again.
+    void checkProviderOf(const QString& sessionId);
 
     AppModel& m_model;
     DismissedNotices& m_dismissed;

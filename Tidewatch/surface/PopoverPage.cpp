@@ -56,13 +56,35 @@ QVariantMap pill(const AppModel& model, const QDateTime& now)
     return {{u"dot"_s, inkHex(look.dot)}, {u"glow"_s, look.glow}, {u"word"_s, look.word}, {u"help"_s, look.help}};
 }
 
+/// The row's buttons that work from the panel; the rest belong to the providers' window.
+bool rowActionActs(RowAction::Act act)
+{
+    return act != RowAction::Act::TopUp && act != RowAction::Act::FixKey;
+}
+
+/// The page's word for the card's button, empty where the button has nothing to open yet.
+QString accountAct(const AccountContent& content)
+{
+    if (!content.action || !content.act)
+        return {};
+    switch (*content.act) {
+    case AccountContent::Act::Open:
+        return content.url.isValid() ? kAccountOpen.toString() : QString();
+    case AccountContent::Act::SignIn:
+        return kAccountSignIn.toString();
+    case AccountContent::Act::Setup:
+        break;
+    }
+    return {};
+}
+
 QVariantList notices(const Inputs& in)
 {
     QVariantList list;
     for (const Notice& notice : in.dismissed.visibleOf(currentNotices(in.model, in.now))) {
         list << QVariantMap{{u"id"_s, notice.id}, {u"ink"_s, inkHex(toneInk(notice.tone))}, {u"title"_s, notice.title},
-            {u"line"_s, text(notice.line)}, {u"action"_s, text(notice.action)}, {u"busy"_s, notice.busy},
-            {u"help"_s, text(noticeHelp(notice))}, {u"choices"_s, notice.choices},
+            {u"line"_s, text(notice.line)}, {u"action"_s, noticeActs(notice.id) ? text(notice.action) : QString()},
+            {u"busy"_s, notice.busy}, {u"help"_s, text(noticeHelp(notice))}, {u"choices"_s, notice.choices},
             {u"figure"_s, text(noticeFigure(notice, in.now))}};
     }
     return list;
@@ -153,8 +175,11 @@ QVariantMap row(const Session& session, const QList<Approval>& open, const Snaps
             print << *part;
     }
     QVariantList actions;
-    for (const RowAction& action : SessionWords::actions(session, provider, account, in.now, in.locale, false))
+    for (const RowAction& action : SessionWords::actions(session, provider, account, in.now, in.locale, false)) {
+        if (!rowActionActs(action.act))
+            continue;
         actions << QVariantMap{{u"act"_s, int(action.act)}, {u"title"_s, action.title}, {u"help"_s, action.help}};
+    }
     return {{u"id"_s, session.id}, {u"title"_s, SessionWords::title(session)},
         {u"place"_s, text(SessionWords::place(session, in.home))}, {u"chip"_s, SessionWords::chip(session, provider)},
         {u"mode"_s, text(SessionWords::modeTag(session.permissionMode))}, {u"stamp"_s, stamp.hex},
@@ -306,16 +331,39 @@ void addMainPage(QVariantMap& page, const Inputs& in, const AgentsInUse& agents)
     if (snapshot.account) {
         if (const std::optional<AccountContent> content
             = AccountWords::content(*snapshot.account, in.now, in.locale, model.signingIn(), agents.codexBeside())) {
+            const QString act = accountAct(*content);
             page.insert(u"account"_s,
                 QVariantMap{{u"title"_s, content->title}, {u"detail"_s, text(content->detail)},
                     {u"ink"_s, inkHex(content->amber ? Ink::Amber : Ink::Secondary)},
-                    {u"action"_s, text(content->action)}, {u"help"_s, content->help}});
+                    {u"action"_s, act.isEmpty() ? QString() : text(content->action)}, {u"act"_s, act},
+                    {u"url"_s, content->url.toString()}, {u"busy"_s, content->busy}, {u"help"_s, content->help}});
         }
     }
     page.insert(u"usage"_s, usageSection(in, agents));
 
     if (snapshot.mac && snapshot.mac->awake)
         page.insert(u"awake"_s, awake(*snapshot.mac->awake, in, snapshot.mac->battery));
+}
+
+/// The SDK, Codex's age and the Tailscale key, as the notices read them.
+void addSetupFacts(NoticeInputs& inputs, const AppModel& model)
+{
+    // The SDK serves Claude Code's sessions alone: without Claude Code its state says nothing to the user.
+    const std::optional<ClaudeSDK::State>& sdk = model.claudeSDK();
+    if (sdk && !sdk->isCurrent() && model.agentsInUse().claude)
+        inputs.sdk = sdk->installed ? NoticeInputs::Sdk::OutOfDate : NoticeInputs::Sdk::Missing;
+    inputs.sdkFetchFailed = model.sdkFetchFailed();
+    inputs.fetchingSDK = model.fetchingSDK();
+
+    const std::optional<Codex> codex = Agents::trustedCodex(
+        {model.snapshot(), model.status(), model.serviceUp(), model.isSample(), false, std::nullopt});
+    inputs.codexTooOld = codex && !codex->available && codex->problem && !codex->problem->trimmed().isEmpty();
+
+    const std::optional<LocalStatus>& status = model.status();
+    // The built-in node renews its own key; only the Tailscale app's can run out.
+    const bool builtIn = status && status->tsnet && status->tsnet->mode == u"builtIn";
+    if (status && status->tailscale && !builtIn)
+        inputs.keyExpiry = status->tailscale->keyExpiry;
 }
 
 } // namespace
@@ -331,6 +379,7 @@ QList<Notice> currentNotices(const AppModel& model, const QDateTime& now)
     inputs.serviceUpdate = model.serviceUpdate();
     inputs.updatingService = model.updatingService();
     inputs.setupGap = Agents::setupGap(model.agentsInUse(), model.status(), model.environment().isTestCopy());
+    addSetupFacts(inputs, model);
     return buildNotices(inputs, now);
 }
 
@@ -357,6 +406,12 @@ std::optional<Notice> codexCardNotice(const AppModel& model, const QDateTime& no
         notice.busy = model.codexBusy();
     }
     return notice;
+}
+
+bool noticeActs(const QString& id)
+{
+    // Setup, voice and pairing open windows that the panel can't show yet.
+    return id == u"error" || id == u"update" || id == u"sdk" || id == u"key";
 }
 
 QVariantMap build(const Inputs& in)
@@ -389,15 +444,10 @@ QVariantMap build(const Inputs& in)
         QVariantMap{
             {u"quitHelp"_s,
                 u"Quit Tidewatch. The background service keeps running, so your phone still reaches "_s + agentsWord},
-            {u"settingsHelp"_s, u"Shows connection settings"_s}, {u"quit"_s, u"Quit"_s},
-            {u"settings"_s, u"Settings"_s}});
+            {u"quit"_s, u"Quit"_s}});
     page.insert(u"quick"_s,
-        QVariantList{QVariantMap{{u"id"_s, u"pair"_s}, {u"title"_s, u"Pair another phone"_s},
-                         {u"help"_s,
-                             u"Show a pairing code. Each code works once, and every time you get a new one, "
-                             u"so you can pair more than one device."_s}},
-            QVariantMap{{u"id"_s, u"checklist"_s}, {u"title"_s, u"Testing checklist"_s},
-                {u"help"_s, u"The testing checklist, in your browser"_s}}});
+        QVariantList{QVariantMap{{u"id"_s, u"checklist"_s}, {u"title"_s, u"Testing checklist"_s},
+            {u"help"_s, u"The testing checklist, in your browser"_s}}});
     if (model.dialog())
         page.insert(u"dialog"_s, dialog(*model.dialog(), model.dialogWorking()));
     return page;

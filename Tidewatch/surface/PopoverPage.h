@@ -38,4 +38,11 @@ QList<Notice> currentNotices(const AppModel& model, const QDateTime& now);
 /// Codex's trouble shows as a line, or there is none.
 std::optional<Notice> codexCardNotice(const AppModel& model, const QDateTime& now);
 
+/// The notice's button can do its work from the panel now; one that can't isn't drawn.
+bool noticeActs(const QString& id);
+
+/// What the account card's button does, by the page's word for it.
+inline constexpr QStringView kAccountOpen = u"open";
+inline constexpr QStringView kAccountSignIn = u"signIn";
+
 } // namespace PopoverPage

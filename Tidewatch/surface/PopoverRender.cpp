@@ -233,7 +233,9 @@ int renderPopover(const QString& folder, bool live)
         const Environment& environment = Environment::current();
         AppModel model(environment, Clock::system());
         model.start();
-        waitFor([&model] { return model.firstPollDone() && (model.snapshot() || !model.serviceUp()); }, 20000);
+        waitFor(
+            [&model] { return model.firstPollDone() && (model.snapshot() || !model.serviceUp()) && model.sdkLooked(); },
+            20000);
         if (!model.firstPollDone()) {
             say(u"render failed: the service was never read."_s);
             return 1;

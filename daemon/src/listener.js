@@ -1,6 +1,6 @@
 // One loopback HTTP listener and the road every request takes on it:
 // planted faults first, then the admin token (where the listener asks for
-// it), then the route table. Both the API port and the local port are one of
+// it, unless the route is an open page), then the route table. Both the API port and the local port are one of
 // these; the API port's feed hangs on the same server's upgrade event.
 
 import http from 'node:http';
@@ -74,12 +74,12 @@ export function readTarget(target) {
 
 async function respond(req, res, { path, url }, { router, log, token }) {
   try {
-    if (token !== undefined && !bearerMatches(req.headers.authorization, token)) {
+    const found = router.find(req.method, path);
+    if (token !== undefined && !found?.open && !bearerMatches(req.headers.authorization, token)) {
       throw new HttpError(401, 'unauthorized', 'This request needs the admin token, sent as “Authorization: Bearer <token>”.', {
         headers: { 'WWW-Authenticate': 'Bearer' },
       });
     }
-    const found = router.find(req.method, path);
     if (found === null) throw new HttpError(404, 'not_found', `Nothing here answers ${req.method} ${path}.`);
     if (found.allowed) {
       throw new HttpError(

@@ -1,9 +1,10 @@
-// The routes of the local port, every one behind the admin token: the
-// whole-state reads and the actions the app makes, and in a test copy the
-// /qa interface.
+// The routes of the local port, every one behind the admin token but the
+// testing checklist's page: the whole-state reads and the actions the app
+// makes, and in a test copy the /qa interface.
 
 import { addActionRoutes } from './action-routes.js';
 import { addAutomationsRoutes } from './automations-routes.js';
+import { addChecklistRoute } from './checklist.js';
 import { addAwakeRoutes, addPowerQaRoutes } from './awake/awake-routes.js';
 import { addClaudeRoutes } from './claude/claude-routes.js';
 import { addIntegrationRoutes } from './integration.js';
@@ -32,6 +33,7 @@ export function localRoutes({ state, faults, feed, health, keeper, codex, claude
     // is current already, so it changes nothing yet.
     .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
     .add('GET', '/local/devices', () => state.devices());
+  addChecklistRoute(router, { state });
   addActionRoutes(router, { state, codex });
   addAutomationsRoutes(router, { state });
   addSettingsRoutes(router, { state });

@@ -40,7 +40,7 @@ void TestPopoverRender::samplesReadInOrder_data()
     QTest::addColumn<QStringList>("absent");
 
     QTest::newRow("checking says only that") << "checking" << QStringList{"Checking the background service…"}
-                                             << QStringList{"SESSIONS", "Pair another phone"};
+                                             << QStringList{"SESSIONS", "Testing checklist"};
     QTest::newRow("a service that is down is the whole page")
         << "service-down"
         << QStringList{"The background service isn’t answering.",
@@ -60,6 +60,9 @@ void TestPopoverRender::samplesReadInOrder_data()
         << QStringList{"Allow"};
     QTest::newRow("an answer folds in place")
         << "folded-answer" << QStringList{"Allowed", "Ship the hotfix"} << QStringList{"Allow", "1 WAITING"};
+    QTest::newRow("a button with nothing to open yet isn't drawn")
+        << "idle" << QStringList{"Pair your phone to get started", "Testing checklist", "Quit"}
+        << QStringList{"Pair", "Pair another phone", "Settings"};
     QTest::newRow("a quiet page") << "idle" << QStringList{"SESSIONS", "all quiet", "Tidy the release notes", "Done"}
                                   << QStringList{"1 WAITING"};
     QTest::newRow("the session limit, and the week's pace")
