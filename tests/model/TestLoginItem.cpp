@@ -141,7 +141,8 @@ void TestLoginItem::theSwitchGoesThroughTheModel_data()
     QTest::newRow("off: the entry goes, and the wish with it") << false << true << false << false << false << false;
     QTest::newRow("on again changes nothing but stays on") << false << true << true << true << true << true;
     QTest::newRow("on in a test copy touches nothing") << true << false << true << false << false << false;
-    QTest::newRow("off in a test copy leaves the person's entry") << true << true << false << true << false << false;
+    QTest::newRow("off in a test copy leaves the person's entry and its own wish")
+        << true << true << false << true << false << true;
 }
 
 void TestLoginItem::theSwitchGoesThroughTheModel()
