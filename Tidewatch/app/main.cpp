@@ -1,3 +1,4 @@
+#include "app/DebugCapture.h"
 #include "app/OneShot.h"
 #include "entry/CommandLine.h"
 #include "entry/Environment.h"
@@ -17,6 +18,7 @@
 #include <QGuiApplication>
 
 #include <cstdio>
+#include <optional>
 
 namespace {
 
@@ -77,8 +79,6 @@ int startApplication(const CommandLine& line, int& argc, char** argv)
         }))
         return 0;
     platform::becomeAccessory();
-    if (MoveToApplications::offerAtStart(environment))
-        return 0;
 
     AppModel model(environment, Clock::system());
     QObject::connect(&model, &AppModel::quitWanted, &application, &QCoreApplication::quit);
@@ -91,6 +91,16 @@ int startApplication(const CommandLine& line, int& argc, char** argv)
     model.start();
     if (line.popoverSelfTestReport)
         return runPopoverSelfTest(model, panel, *line.popoverSelfTestReport);
+
+    std::optional<DebugCapture> capture;
+    if (const std::optional<QString> folder = environment.debugCaptureFolder()) {
+        capture.emplace(model, panel, statusItem, Clock::system(), *folder);
+        capture->start();
+    }
+    // The move comes after the status item, so the person sees what asks to be moved.
+    if (MoveToApplications::offerAtStart(environment))
+        return 0;
+    // The setup window opens here, once there is one, when setupCompleted is false.
     return application.exec();
 }
 

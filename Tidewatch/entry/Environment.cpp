@@ -278,3 +278,11 @@ QString Environment::preferencesDomain() const
 {
     return m_testCopy ? QStringLiteral("com.harbourlab.tidewatch.test") : QStringLiteral("com.harbourlab.tidewatch");
 }
+
+std::optional<QString> Environment::debugCaptureFolder() const
+{
+    const QString name = QStringLiteral("TIDEWATCH_DEBUG_CAPTURE");
+    if (!hasVariable(name))
+        return std::nullopt;
+    return variable(name);
+}

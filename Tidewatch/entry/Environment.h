@@ -73,6 +73,10 @@ public:
     QString debugPage() const { return localBase() + QStringLiteral("/qa"); }
     QString feedUrl() const;
 
+    /// Where the debug capture tour writes, when TIDEWATCH_DEBUG_CAPTURE is
+    /// present; an empty value counts, as the working folder.
+    std::optional<QString> debugCaptureFolder() const;
+
     /// "com.harbourlab.tidewatch", or the test suite's domain in a test copy.
     QString preferencesDomain() const;
 

@@ -12,10 +12,13 @@
 #include "model/SampleSource.h"
 #include "model/SnapshotPatch.h"
 #include "setup/Detection.h"
+#include "setup/LoginItem.h"
 #include "setup/OutsideTools.h"
 #include "setup/ServiceKeeper.h"
 
 #include <QTimer>
+
+#include <cstdio>
 
 namespace {
 
@@ -78,6 +81,9 @@ AppModel::~AppModel() = default;
 
 void AppModel::start()
 {
+    m_source->act([this](ActionCalls&) {
+        assign(m_loginItemEnabled, LoginItem::reconcile(m_environment), &AppModel::loginItemEnabledChanged);
+    });
     m_source->start();
 }
 
@@ -380,6 +386,20 @@ void AppModel::signOutTailscale()
         assign(m_status, std::move(status), &AppModel::statusChanged);
         // The node takes a moment to settle; the read after shows where it went.
         QTimer::singleShot(kAfterSignOutMs, this, [this] { read(true); });
+    });
+}
+
+// MARK: Open at Login
+
+void AppModel::setLoginItem(bool on)
+{
+    m_source->act([this, on](ActionCalls&) {
+        const LoginItem::Change change = LoginItem::set(m_environment, on);
+        if (change.failure) {
+            std::fputs(qPrintable(LoginItem::failureLine(*change.failure) + u'\n'), stdout);
+            std::fflush(stdout);
+        }
+        assign(m_loginItemEnabled, change.enabled, &AppModel::loginItemEnabledChanged);
     });
 }
 

@@ -89,7 +89,8 @@ public:
     /// Puts a picture into a sample instance; a live one ignores it.
     void showPicture(const Picture& picture);
 
-    /// Starts the feed and the read loop, whose first read comes at once.
+    /// Registers again the login item the person wants and the system lost,
+    /// then starts the feed and the read loop, whose first read comes at once.
     /// Calling it again does nothing more.
     void start();
     /// The popover opened or closed: opening reads at once (status included)
@@ -249,6 +250,9 @@ public:
     void setBrowseOutsideProjects(bool on);
     /// Signs the built-in Tailscale node out.
     void signOutTailscale();
+    /// Open at Login on or off, remembered as the person's wish; a test copy
+    /// never touches the item. A failure goes to the output, never the screen.
+    void setLoginItem(bool on);
 
     // The service itself. Each is refused with the copy's sentence where it
     // may not manage a service, runs off the main thread, and reads after.

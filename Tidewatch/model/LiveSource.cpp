@@ -1,6 +1,6 @@
 #include "model/LiveSource.h"
 
-#include "platform/Services.h"
+#include "setup/LoginItem.h"
 
 LiveSource::LiveSource(AppModel& model, const Environment& environment, const Clock& clock, LiveFeed::Timing feedTiming,
     ActionCalls::Notes notes)
@@ -20,6 +20,5 @@ LiveSource::~LiveSource()
 
 bool LiveSource::loginItemEnabled() const
 {
-    // A test copy never has the person's login item.
-    return !m_environment.isTestCopy() && platform::loginItemEnabled();
+    return LoginItem::isEnabled(m_environment);
 }

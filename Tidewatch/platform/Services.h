@@ -47,6 +47,9 @@ bool loginItemEnabled();
 /// Registers the running program; the failure's words, or none.
 std::optional<QString> registerLoginItem();
 std::optional<QString> unregisterLoginItem();
+/// The running program is one a login item can open: a bundle ending in
+/// ".app" on macOS, any program on Linux.
+bool programCanOpenAtLogin();
 
 /// The running application bundle's path when the program runs from one
 /// ("…/Tidewatch.app"); empty where there are no bundles.

@@ -5,6 +5,7 @@
 #include "entry/Preferences.h"
 #include "link/DaemonClient.h"
 #include "setup/ClaudeSDK.h"
+#include "setup/LoginItem.h"
 #include "setup/NodeInstaller.h"
 #include "setup/ServiceJob.h"
 #include "text/Machine.h"
@@ -192,10 +193,8 @@ Outcome<Health> ServiceInstaller::installAll(const ProgressSink& progress)
     Outcome<Health> installed = install(nodePath, progress);
     if (installed.ok() && firstInstall && !m_parts.environment.isTestCopy()) {
         // An update or repair leaves the login item alone, so a person's choice stands.
-        const QString bundle = platform::applicationBundle();
-        if ((bundle.isEmpty() || bundle.endsWith(QLatin1StringView(".app"))) && !platform::loginItemEnabled())
-            platform::registerLoginItem();
         Preferences(m_parts.environment).setFlag(Preferences::loginItemWanted, true);
+        LoginItem::reconcile(m_parts.environment);
     }
     return installed;
 }

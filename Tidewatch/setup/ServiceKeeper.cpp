@@ -1,6 +1,6 @@
 #include "setup/ServiceKeeper.h"
 
-#include "platform/Services.h"
+#include "setup/LoginItem.h"
 #include "setup/Uninstaller.h"
 
 #include <QThread>
@@ -72,7 +72,7 @@ bool ServiceKeeper::update(std::function<void(Note, bool)> done)
             const Note note = updateOpening + installed.sentence();
             return [done, note] { done(note, false); };
         }
-        const bool loginItem = !installer.environment().isTestCopy() && platform::loginItemEnabled();
+        const bool loginItem = LoginItem::isEnabled(installer.environment());
         return [done, loginItem] { done(std::nullopt, loginItem); };
     });
     return true;

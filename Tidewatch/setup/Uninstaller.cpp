@@ -6,6 +6,7 @@
 #include "link/LocalStatus.h"
 #include "platform/Platform.h"
 #include "platform/Services.h"
+#include "setup/LoginItem.h"
 #include "text/Machine.h"
 
 #include <QDir>
@@ -116,7 +117,7 @@ QStringList Uninstaller::run(bool deleteData)
 
     if (!environment.isTestCopy()) {
         if (const std::optional<QString> failure = m_hands.unregisterLoginItem())
-            m_hands.say(QStringLiteral("Tidewatch: login item change failed: ") + *failure);
+            m_hands.say(LoginItem::failureLine(*failure));
         Preferences(environment).setFlag(Preferences::loginItemWanted, false);
     }
 

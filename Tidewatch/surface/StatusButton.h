@@ -36,6 +36,9 @@ public:
     /// A title stands beside the icon: the item's length follows its content
     /// rather than staying square.
     virtual void setWide(bool wide) = 0;
+    /// The item's place on the screen in global coordinates; empty when it
+    /// has none there, or the system won't tell.
+    virtual QRect place() const { return {}; }
 
 Q_SIGNALS:
     /// Left or right button, alike. `anchor` is the item's place on the

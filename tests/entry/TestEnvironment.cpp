@@ -47,6 +47,8 @@ private Q_SLOTS:
     void supportFolderIsPrivate();
     void supportFolderFailureIsASentence();
     void preferencesStayInTheirDomain();
+    void debugCaptureFolder_data();
+    void debugCaptureFolder();
 
 private:
     Environment make(Variables variables) const { return Environment(std::move(variables), m_home); }
@@ -275,6 +277,28 @@ void TestEnvironment::preferencesStayInTheirDomain()
     }
     QVERIFY(Preferences(make(test)).flag(Preferences::setupCompleted));
     QVERIFY(!Preferences(make(base)).flag(Preferences::setupCompleted));
+}
+
+void TestEnvironment::debugCaptureFolder_data()
+{
+    QTest::addColumn<Variables>("variables");
+    QTest::addColumn<bool>("captures");
+    QTest::addColumn<QString>("folder");
+
+    const QString name = QStringLiteral("TIDEWATCH_DEBUG_CAPTURE");
+    QTest::newRow("absent: no tour") << Variables{} << false << QString();
+    QTest::newRow("a folder, taken as written")
+        << Variables{{name, QStringLiteral("/tmp/tour")}} << true << QStringLiteral("/tmp/tour");
+    QTest::newRow("an empty value counts") << Variables{{name, QString()}} << true << QString();
+}
+
+void TestEnvironment::debugCaptureFolder()
+{
+    QFETCH(Variables, variables);
+    const Environment environment = make(variables);
+    QTEST(environment.debugCaptureFolder().has_value(), "captures");
+    QTEST(environment.debugCaptureFolder().value_or(QString()), "folder");
+    QVERIFY2(!environment.isTestCopy(), "the tour alone makes no test copy");
 }
 
 QTEST_GUILESS_MAIN(TestEnvironment)

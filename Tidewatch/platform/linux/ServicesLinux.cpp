@@ -103,6 +103,12 @@ std::optional<QString> unregisterLoginItem()
     return std::nullopt;
 }
 
+bool programCanOpenAtLogin()
+{
+    // The autostart entry names the executable itself, wherever it was installed.
+    return true;
+}
+
 QString applicationBundle()
 {
     return {};

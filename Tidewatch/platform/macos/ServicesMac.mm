@@ -58,6 +58,12 @@ std::optional<QString> unregisterLoginItem()
     return QString::fromNSString(error.localizedDescription ?: @"unknown");
 }
 
+bool programCanOpenAtLogin()
+{
+    // SMAppService.mainApp registers the bundle; a bare executable has none to register.
+    return applicationBundle().endsWith(QLatin1StringView(".app"));
+}
+
 QString applicationBundle()
 {
     NSString* path = NSBundle.mainBundle.bundlePath;

@@ -70,3 +70,8 @@ void TrayStatusButton::setHighlighted(bool /*highlighted*/)
 void TrayStatusButton::setWide(bool /*wide*/)
 {
 }
+
+QRect TrayStatusButton::place() const
+{
+    return m_tray.isVisible() && QSystemTrayIcon::isSystemTrayAvailable() ? m_tray.geometry() : QRect();
+}

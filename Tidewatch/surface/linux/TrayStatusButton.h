@@ -21,6 +21,7 @@ public:
     void setLabel(const QString& label) override;
     void setHighlighted(bool highlighted) override;
     void setWide(bool wide) override;
+    QRect place() const override;
 
 private:
     QIcon iconFor(const MenuBarFrames::Frame& frame, const MenuBarFrames::Image& image);

@@ -20,6 +20,7 @@ public:
     void setLabel(const QString& label) override;
     void setHighlighted(bool highlighted) override;
     void setWide(bool wide) override;
+    QRect place() const override;
 
 private:
     struct Native;

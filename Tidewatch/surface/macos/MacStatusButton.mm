@@ -20,18 +20,30 @@
 - (void)clicked:(id)sender;
 @end
 
+namespace {
+
+// Empty while the button has no window, as when the menu bar has no room for it.
+QRect placeOnScreen(NSStatusBarButton* button)
+{
+    if (button == nil || button.window == nil)
+        return {};
+    const NSRect onScreen = [button.window convertRectToScreen:[button convertRect:button.bounds toView:nil]];
+    // Qt's global coordinates run down from the top of the first screen.
+    const CGFloat top = NSMaxY(NSScreen.screens.firstObject.frame);
+    return QRect(
+        int(onScreen.origin.x), int(top - NSMaxY(onScreen)), int(onScreen.size.width), int(onScreen.size.height));
+}
+
+} // namespace
+
 @implementation TWStatusTarget
 - (void)clicked:(id)sender
 {
     MacStatusButton* owner = self.owner;
-    NSStatusBarButton* button = (NSStatusBarButton*)sender;
-    if (owner == nullptr || button.window == nil)
+    const QRect place = placeOnScreen((NSStatusBarButton*)sender);
+    if (owner == nullptr || place.isNull())
         return;
-    const NSRect onScreen = [button.window convertRectToScreen:[button convertRect:button.bounds toView:nil]];
-    // Qt's global coordinates run down from the top of the first screen.
-    const CGFloat top = NSMaxY(NSScreen.screens.firstObject.frame);
-    Q_EMIT owner->clicked(QRect(
-        int(onScreen.origin.x), int(top - NSMaxY(onScreen)), int(onScreen.size.width), int(onScreen.size.height)));
+    Q_EMIT owner->clicked(place);
 }
 @end
 
@@ -129,4 +141,9 @@ void MacStatusButton::setHighlighted(bool highlighted)
 void MacStatusButton::setWide(bool wide)
 {
     m_native->item.length = wide ? NSVariableStatusItemLength : NSSquareStatusItemLength;
+}
+
+QRect MacStatusButton::place() const
+{
+    return placeOnScreen(m_native->item.button);
 }
