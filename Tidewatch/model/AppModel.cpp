@@ -349,7 +349,7 @@ void AppModel::signInCodex()
         = [environment = m_environment, tools = OutsideTools::current(m_environment).system, path] {
               return CodexSignIn::open(environment, tools, path);
           };
-    offMainThread<std::optional<QString>>(this, std::move(work), [this](std::optional<QString> failure) {
+    offMainThread<std::optional<QString>>(this, std::move(work), [this](const std::optional<QString>& failure) {
         if (!failure)
             m_codexSignInOpened = true;
         assign(m_codexError, failure, &AppModel::codexErrorChanged);

@@ -105,13 +105,12 @@ void ReadLoop::readSoon()
 void ReadLoop::read(bool withStatus, std::function<void()> done)
 {
     ++m_reading;
-    m_client.health(
-        ServiceCalls::healthTimeout, [this, withStatus, done = std::move(done)](std::optional<Health> health) mutable {
-            afterHealth(withStatus, std::move(health), std::move(done));
-        });
+    m_client.health(ServiceCalls::healthTimeout,
+        [this, withStatus, done = std::move(done)](
+            const std::optional<Health>& health) mutable { afterHealth(withStatus, health, std::move(done)); });
 }
 
-void ReadLoop::afterHealth(bool withStatus, std::optional<Health> health, std::function<void()> done)
+void ReadLoop::afterHealth(bool withStatus, const std::optional<Health>& health, std::function<void()> done)
 {
     AppModel& model = m_model;
     const QDateTime now = m_clock.now();
@@ -129,7 +128,7 @@ void ReadLoop::afterHealth(bool withStatus, std::optional<Health> health, std::f
                 m_failingSince = now;
                 cancelNap();
             }
-            endRead(std::move(done));
+            endRead(done);
             return;
         }
         model.setFeedLive(false);
@@ -145,7 +144,7 @@ void ReadLoop::afterHealth(bool withStatus, std::optional<Health> health, std::f
         model.assign(model.m_snapshot, std::nullopt, &AppModel::snapshotChanged);
         model.assign(model.m_status, std::nullopt, &AppModel::statusChanged);
         model.assign(model.m_lastError, std::nullopt, &AppModel::lastErrorChanged);
-        finishRead(false, std::move(done));
+        finishRead(false, done);
         return;
     }
 
@@ -170,7 +169,7 @@ void ReadLoop::afterHealth(bool withStatus, std::optional<Health> health, std::f
 void ReadLoop::readStatusPart(bool withStatus, std::function<void()> done)
 {
     if (!withStatus && m_model.m_status) {
-        finishRead(true, std::move(done));
+        finishRead(true, done);
         return;
     }
     const bool feedLiveBefore = m_model.m_feedLive;
@@ -184,18 +183,18 @@ void ReadLoop::readStatusPart(bool withStatus, std::function<void()> done)
             m_lastStatus = m_clock.now();
             if (m_model.m_feedLive != feedLiveBefore)
                 readSoon();
-            finishRead(true, std::move(done));
+            finishRead(true, done);
         });
 }
 
-void ReadLoop::finishRead(bool serviceAnswered, std::function<void()> done)
+void ReadLoop::finishRead(bool serviceAnswered, const std::function<void()>& done)
 {
     lookForClaudeIfDue();
     m_model.checkServiceNode(serviceAnswered);
-    endRead(std::move(done));
+    endRead(done);
 }
 
-void ReadLoop::endRead(std::function<void()> done)
+void ReadLoop::endRead(const std::function<void()>& done)
 {
     m_lastRead = m_clock.now();
     m_model.assign(m_model.m_firstPollDone, true, &AppModel::firstPollDoneChanged);

@@ -50,12 +50,12 @@ private:
     void cancelNap();
     /// Reads at once with the status, whatever the pace says.
     void readSoon();
-    void afterHealth(bool withStatus, std::optional<Health> health, std::function<void()> done);
+    void afterHealth(bool withStatus, const std::optional<Health>& health, std::function<void()> done);
     void readStatusPart(bool withStatus, std::function<void()> done);
     /// The read's last steps after the service was asked for everything.
-    void finishRead(bool serviceAnswered, std::function<void()> done);
+    void finishRead(bool serviceAnswered, const std::function<void()>& done);
     /// Every read's end, also one cut short.
-    void endRead(std::function<void()> done);
+    void endRead(const std::function<void()>& done);
     void lookForClaudeIfDue();
     void startFeed();
 

@@ -11,7 +11,7 @@ QDateTime after(const QDateTime& moment, double seconds)
 
 double secondsBetween(const QDateTime& from, const QDateTime& to)
 {
-    return from.msecsTo(to) / 1000.0;
+    return double(from.msecsTo(to)) / 1000.0;
 }
 
 } // namespace
@@ -27,7 +27,7 @@ double ReadPace::interval() const
 
 QDateTime ReadPace::due() const
 {
-    const QDateTime paced = after(lastRead, interval());
+    QDateTime paced = after(lastRead, interval());
     if (!feedLive || !heardAt)
         return paced;
     // Only the first read of a silent stretch is pulled forward: once one has
