@@ -7,6 +7,8 @@
 #include <QSignalSpy>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using Action = std::function<void(AppModel&)>;
@@ -321,5 +323,3 @@ void TestAppModelActions::anAwakeChoiceShowsUntilTheServiceAnswers()
 
 TIDEWATCH_E2E_MAIN(TestAppModelActions)
 #include "TestAppModelActions.moc"
-
-using namespace Qt::StringLiterals;

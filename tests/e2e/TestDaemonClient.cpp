@@ -14,6 +14,8 @@
 #include <QThread>
 #include <QTimer>
 
+using namespace Qt::StringLiterals;
+
 using Method = DaemonClient::Method;
 
 namespace {
@@ -409,5 +411,3 @@ void TestDaemonClient::pathSegmentsCannotEscape()
 
 TIDEWATCH_E2E_MAIN(TestDaemonClient)
 #include "TestDaemonClient.moc"
-
-using namespace Qt::StringLiterals;

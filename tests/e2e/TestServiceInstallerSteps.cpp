@@ -25,6 +25,8 @@
 
 #include <csignal>
 
+using namespace Qt::StringLiterals;
+
 using Kind = platform::ServiceManagerKind;
 using Step = ServiceInstaller::Progress::Step;
 
@@ -306,5 +308,3 @@ void TestServiceInstallerSteps::sdkFetchCheckFetchesForReal()
 
 TIDEWATCH_E2E_MAIN(TestServiceInstallerSteps)
 #include "TestServiceInstallerSteps.moc"
-
-using namespace Qt::StringLiterals;

@@ -8,6 +8,8 @@
 #include <QJsonObject>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// A scratch machine: a home, a support folder, system folders and a login
@@ -299,5 +301,3 @@ void TestDetection::signIn()
 
 QTEST_GUILESS_MAIN(TestDetection)
 #include "TestDetection.moc"
-
-using namespace Qt::StringLiterals;
