@@ -127,7 +127,7 @@ QJsonValue randomValue(Rng& rng, int depth = 0)
     }
 }
 
-// The value with one node somewhere inside it replaced, removed or added.
+// The value with one node somewhere inside it replaced, removed, added or doubled.
 QJsonValue mutateTree(const QJsonValue& value, Rng& rng)
 {
     const bool descend
@@ -148,6 +148,8 @@ QJsonValue mutateTree(const QJsonValue& value, Rng& rng)
     QJsonArray array = value.toArray();
     const int at = rng.below(int(array.size()));
     if (rng.chance(0.1))
+        array.removeAt(at);
+    else if (rng.chance(0.1))
         array.insert(at, array.at(at));
     else
         array.replace(at, mutateTree(array.at(at), rng));
