@@ -18,11 +18,7 @@ export const T0 = Date.UTC(2027, 0, 15, 9, 0, 0);
 export const MINUTE = 60_000;
 export const HOUR = 60 * MINUTE;
 
-/**
- * The stand-in tools' folder and what can be read from it or planted in it.
- *
- * @param {string} folder
- */
+/** The stand-in tools' folder and what can be read from it or planted in it. */
 export function fakeTools(folder) {
   fs.mkdirSync(folder, { recursive: true });
   const file = (name) => path.join(folder, name);
@@ -85,20 +81,8 @@ export function inhibitorRow({ who, pid, what, why = 'Because', mode = 'block' }
 }
 
 /**
- * Starts the service in a scratch folder with Stay awake reaching the
- * stand-ins. The clock stands at {@link T0} until a test moves it.
- *
- * @param {TestContext} t
- * @param {Object} [options]
- * @param {string} [options.platform='linux'] "linux" or "darwin"
- * @param {string} [options.folder] Reuse this scratch folder (a restart)
- * @param {boolean} [options.ready=true] Linux: logind's seats folder exists;
- *     macOS: the sudoers rule exists
- * @param {Object} [options.tools] Replaces tool paths
- * @return {Promise<Object>} What startScratchService gives, with `tools`
- *     (see {@link fakeTools}), `sys` (the scratch tree's folders),
- *     `awake()` (GET the record), `change(body)` (POST it) and `power(body)`
- *     (POST /qa/power, answering its state)
+ * A scratch service whose Stay awake reaches the stand-ins, its clock standing at T0 until a test moves it;
+ * `ready` is logind's seats folder on Linux, the sudoers rule on macOS.
  */
 export async function startAwakeService(t, { platform = 'linux', folder, ready = true, tools: toolPaths = {} } = {}) {
   folder ??= await scratchFolder(t);

@@ -43,14 +43,7 @@ export async function scratchFolder(t) {
   return folder;
 }
 
-/**
- * One HTTP exchange.
- *
- * @param {Object} [options] {body, headers, chunked}: an object body is sent
- *     as JSON; chunked sends it without Content-Length
- * @return {Promise<{status, headers, text, json}>} rejects when the
- *     connection ends without an answer
- */
+/** One HTTP exchange, {status, headers, text, json}; an object body goes as JSON, `chunked` without Content-Length. */
 export function request(port, method, target, { body, headers = {}, chunked = false } = {}) {
   let payload = body;
   if (payload !== undefined && typeof payload !== 'string' && !Buffer.isBuffer(payload)) payload = JSON.stringify(payload);
@@ -87,16 +80,8 @@ function clientOf(t, { apiPort, localPort, token }) {
 }
 
 /**
- * Starts the service in a scratch folder on two free ports, closed after the
- * test. Options go to startService; by default Codex's home and Claude Code's
- * settings lie in the scratch folder, never the person's own, and no folder
- * is searched for the codex program.
- *
- * @param {Object} [options] {folder (reuse it), testCopy=true, feed, awake,
- *     codexHome, codexPath, codex, persist, claude, claudeSettings}
- * @return {Promise<Object>} {service, folder, support, logs, token, api(),
- *     local(), post(), snapshot(), feed()}: local() carries the token unless
- *     headers say otherwise, feed() is {@link openFeed} with it
+ * The service in a scratch folder on free ports, closed after the test; Codex's home and Claude Code's
+ * settings lie in that folder, never the person's own. Gives the service, its folders and the calls of clientOf.
  */
 export async function startScratchService(t, { folder, testCopy = true, codexHome, codexPath = null, codex = {}, claudeSettings, ...options } = {}) {
   folder ??= await scratchFolder(t);
@@ -136,13 +121,8 @@ export async function freePorts(count) {
 }
 
 /**
- * `node src/main` as the installer starts it, configured by the environment
- * alone: no TIDEWATCH_ variable but those given, the user's folders in the
- * scratch folder, ports 0 unless given. Killed after the test.
- *
- * @return {{child, output: {stdout, stderr}, exited: Promise<{code, signal}>,
- *     started(): Promise<Object>}} started() waits for the start line and
- *     gives {apiPort, localPort} and the calls of a scratch service
+ * `node src/main` as the installer starts it, configured by the environment alone (no TIDEWATCH_ variable
+ * but those given, ports 0 unless given), killed after the test; started() waits for its start line.
  */
 export function spawnMain(t, folder, variables = {}) {
   const env = Object.fromEntries(Object.entries(process.env).filter(([key]) => !key.startsWith('TIDEWATCH_')));
@@ -170,14 +150,7 @@ export function spawnMain(t, folder, variables = {}) {
   return { child, output, exited, started };
 }
 
-/**
- * Polls until a test gives something truthy.
- *
- * @param {function(): *} test May answer a promise
- * @param {string|function(): string} what Said when it never comes; a
- *     function says it as things stand then
- * @return {Promise<*>} What the test gave
- */
+/** Polls until `test` gives something truthy, and gives it; `what` (or what it returns then) names what never came. */
 export async function eventually(test, what, timeoutMs = 5000) {
   const deadline = Date.now() + timeoutMs;
   for (;;) {
@@ -189,13 +162,8 @@ export async function eventually(test, what, timeoutMs = 5000) {
 }
 
 /**
- * Opens a feed connection and keeps every frame it hears; it is cut off
- * after the test. Throws when the handshake isn't taken.
- *
- * @return {Promise<Object>} {socket, texts, messages(), ofType(t), next(t), closed}
- *     `texts` holds each frame's text in order; messages() parses them (null
- *     where a frame isn't JSON); next(t) waits for the first message of that
- *     type after the last one next() gave; `closed` resolves with the close code
+ * A feed connection that keeps every frame it hears, cut off after the test; next(t) waits for the first
+ * message of that type after the last one it gave.
  */
 export async function openFeed(t, port, { token, client = 'test' }) {
   const socket = new WebSocket(`ws://127.0.0.1:${port}/v1/ws?client=${encodeURIComponent(client)}`, {
@@ -228,12 +196,7 @@ export async function openFeed(t, port, { token, client = 'test' }) {
   };
 }
 
-/**
- * A feed handshake that is expected to be refused.
- *
- * @return {Promise<{status, headers, json, text}>} rejects when the handshake
- *     is taken or the connection ends without an answer
- */
+/** A feed handshake expected to be refused: its {status, headers, json, text}; rejects when it is taken. */
 export function refusedFeed(port, { target = '/v1/ws?client=test', headers = {} } = {}) {
   return new Promise((resolve, reject) => {
     const socket = new WebSocket(`ws://127.0.0.1:${port}${target}`, { headers });

@@ -4,8 +4,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QTest>
 
@@ -13,14 +11,13 @@ using namespace BackpackSetup;
 
 namespace {
 
-Environment scratchEnvironment(
-    const ScratchFolder& scratch, const QString& sudoers, const QHash<QString, QString>& extra = {})
+Environment scratchEnvironment(const ScratchFolder& scratch, const QString& sudoers)
 {
-    Environment::Variables variables{{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.path() + QStringLiteral("/support")},
-        {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("1")},
-        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("2")}, {QStringLiteral("TIDEWATCH_SUDOERS"), sudoers}};
-    variables.insert(extra);
-    return Environment(variables, scratch.path());
+    return Environment({{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.path() + QStringLiteral("/support")},
+                           {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("1")},
+                           {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("2")},
+                           {QStringLiteral("TIDEWATCH_SUDOERS"), sudoers}},
+        scratch.path());
 }
 
 } // namespace
@@ -40,7 +37,6 @@ private Q_SLOTS:
     void appleScriptEscapesOnce();
     void ruleLandsValidated();
     void brokenRuleNeverLands();
-    void removeRestoresSleepAndTheRecord();
     void printedScripts();
 };
 
@@ -200,34 +196,6 @@ void TestBackpackSetup::brokenRuleNeverLands()
     QCOMPARE(outcome->kind, Failure::Kind::Failed);
     QVERIFY(!QFileInfo::exists(rule));
     QCOMPARE(QDir(scratch.path() + QStringLiteral("/sudoers.d")).entryList(QDir::Files | QDir::Hidden), QStringList());
-}
-
-void TestBackpackSetup::removeRestoresSleepAndTheRecord()
-{
-    ScratchFolder scratch;
-    const QString rule = scratch.path() + QStringLiteral("/sudoers.d/tidewatch");
-    const QString calls = scratch.file(QStringLiteral("pmset-calls"));
-    const QString pmset = scratch.write(
-        QStringLiteral("bin/pmset"), QStringLiteral("#!/bin/sh\necho \"$@\" >> '%1'\n").arg(calls).toUtf8(), 0755);
-    const Environment environment = scratchEnvironment(scratch, rule, {{QStringLiteral("TIDEWATCH_PMSET"), pmset}});
-    QCOMPARE(install(environment, QStringLiteral("jane"), false), Outcome());
-    scratch.write(QStringLiteral("support/awake.json"),
-        R"({"mode":"backpack","until":1760007200,"minBattery":20,"backpack":{"prev":1,"applied":true}})");
-
-    // Nothing answers on the test ports: the record is corrected here.
-    QCOMPARE(remove(environment, false), Outcome());
-    QVERIFY(!isInstalled(environment));
-    QFile called(calls);
-    QVERIFY(called.open(QIODevice::ReadOnly));
-    QCOMPARE(called.readAll(), QByteArray("-a disablesleep 1\n"));
-    QFile awake(scratch.path() + QStringLiteral("/support/awake.json"));
-    QVERIFY(awake.open(QIODevice::ReadOnly));
-    const QJsonObject record = QJsonDocument::fromJson(awake.readAll()).object();
-    QCOMPARE(record, (QJsonObject{{"mode", "working"}, {"minBattery", 20}}));
-    QCOMPARE(fileMode(awake.fileName()), 0600);
-
-    // Gone already: nothing to do.
-    QCOMPARE(remove(environment, false), Outcome());
 }
 
 void TestBackpackSetup::printedScripts()

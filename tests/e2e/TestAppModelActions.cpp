@@ -7,6 +7,8 @@
 #include <QSignalSpy>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using Action = std::function<void(AppModel&)>;
@@ -111,43 +113,37 @@ void TestAppModelActions::aFailureSaysWhatDidntHappen_data()
     QTest::addColumn<QString>("note");
 
     QTest::newRow("open a session's terminal")
-        << Action([](AppModel& m) { m.openTerminal("s1"); }) << "POST /v1/sessions/s1/open"
-        << "Couldn’t open its terminal. Nope.";
+        << Action([](AppModel& m) { m.openTerminal("s1"); }) << u"POST /v1/sessions/s1/open"_s
+        << u"Couldn’t open its terminal. Nope."_s;
     QTest::newRow("continue a session") << Action([](AppModel& m) { m.continueSession("s1"); })
-                                        << "POST /v1/sessions/s1/continue"
-                                        << "Couldn’t continue it. Nope.";
+                                        << u"POST /v1/sessions/s1/continue"_s << u"Couldn’t continue it. Nope."_s;
     QTest::newRow("auto-continue") << Action([](AppModel& m) { m.setAutoContinue("s2", true); })
-                                   << "POST /v1/sessions/s2/auto-continue"
-                                   << "Didn’t go through. Nope.";
+                                   << u"POST /v1/sessions/s2/auto-continue"_s << u"Didn’t go through. Nope."_s;
     QTest::newRow("check a provider") << Action([](AppModel& m) { m.checkProvider("p1", "OpenRouter"); })
-                                      << "POST /v1/providers/p1/check"
-                                      << "Couldn’t reach OpenRouter. Nope.";
-    QTest::newRow("sign in") << Action([](AppModel& m) { m.signIn(); }) << "POST /v1/account/login"
-                             << "Couldn’t start signing in. Nope.";
+                                      << u"POST /v1/providers/p1/check"_s << u"Couldn’t reach OpenRouter. Nope."_s;
+    QTest::newRow("sign in") << Action([](AppModel& m) { m.signIn(); }) << u"POST /v1/account/login"_s
+                             << u"Couldn’t start signing in. Nope."_s;
     QTest::newRow("forget a device") << Action([](AppModel& m) { m.forgetDevice("d1", "Pixel 8"); })
-                                     << "DELETE /local/devices/d1"
-                                     << "Couldn’t forget Pixel 8. Nope.";
-    QTest::newRow("turn Codex on") << Action([](AppModel& m) { m.setCodexEnabled(true); }) << "POST /local/settings"
-                                   << "Couldn’t turn Codex on. Nope.";
-    QTest::newRow("turn Codex off") << Action([](AppModel& m) { m.setCodexEnabled(false); }) << "POST /local/settings"
-                                    << "Couldn’t turn Codex off. Nope.";
+                                     << u"DELETE /local/devices/d1"_s << u"Couldn’t forget Pixel 8. Nope."_s;
+    QTest::newRow("turn Codex on") << Action([](AppModel& m) { m.setCodexEnabled(true); }) << u"POST /local/settings"_s
+                                   << u"Couldn’t turn Codex on. Nope."_s;
+    QTest::newRow("turn Codex off") << Action([](AppModel& m) { m.setCodexEnabled(false); })
+                                    << u"POST /local/settings"_s << u"Couldn’t turn Codex off. Nope."_s;
     QTest::newRow("built-in Tailscale") << Action([](AppModel& m) { m.setBuiltInTailscale(true); })
-                                        << "POST /local/settings"
-                                        << "Couldn’t change that. Nope.";
+                                        << u"POST /local/settings"_s << u"Couldn’t change that. Nope."_s;
     QTest::newRow("browse outside projects")
-        << Action([](AppModel& m) { m.setBrowseOutsideProjects(true); }) << "POST /local/settings"
-        << "Couldn’t change Browse outside projects. Nope.";
+        << Action([](AppModel& m) { m.setBrowseOutsideProjects(true); }) << u"POST /local/settings"_s
+        << u"Couldn’t change Browse outside projects. Nope."_s;
     QTest::newRow("Tailscale sign-out speaks in the service's words alone")
-        << Action([](AppModel& m) { m.signOutTailscale(); }) << "POST /local/tsnet/logout"
-        << "Nope.";
+        << Action([](AppModel& m) { m.signOutTailscale(); }) << u"POST /local/tsnet/logout"_s << u"Nope."_s;
     QTest::newRow("a battery level out of range")
-        << Action([](AppModel& m) { m.setMinBattery(99); }) << QString() << "Couldn’t change the battery level. ";
+        << Action([](AppModel& m) { m.setMinBattery(99); }) << QString() << u"Couldn’t change the battery level. "_s;
     QTest::newRow("more time while none is offered")
-        << Action([](AppModel& m) { m.extendBackpack(); }) << QString() << "Couldn’t extend Backpack. ";
+        << Action([](AppModel& m) { m.extendBackpack(); }) << QString() << u"Couldn’t extend Backpack. "_s;
     QTest::newRow("refresh usage passes in silence")
-        << Action([](AppModel& m) { m.refreshUsage(); }) << "POST /v1/usage/refresh" << QString();
+        << Action([](AppModel& m) { m.refreshUsage(); }) << u"POST /v1/usage/refresh"_s << QString();
     QTest::newRow("refresh Codex passes in silence")
-        << Action([](AppModel& m) { m.refreshCodex(); }) << "POST /v1/codex/refresh" << QString();
+        << Action([](AppModel& m) { m.refreshCodex(); }) << u"POST /v1/codex/refresh"_s << QString();
 }
 
 void TestAppModelActions::aFailureSaysWhatDidntHappen()
@@ -287,7 +283,7 @@ void TestAppModelActions::anAnswerThatDidntArriveComesBack_data()
 
     QTest::newRow("answered elsewhere: no note, and the card goes") << 409 << QString() << false;
     QTest::newRow("lost: back in its place, with the agent's word")
-        << 500 << "That answer didn’t reach Codex. nope" << true;
+        << 500 << u"That answer didn’t reach Codex. nope"_s << true;
 }
 
 void TestAppModelActions::anAnswerThatDidntArriveComesBack()

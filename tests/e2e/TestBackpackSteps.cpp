@@ -7,6 +7,8 @@
 #include <QJsonObject>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 /// The headless Backpack steps, run as the built program runs them, on a
 /// scratch rule that the real visudo checks.
 class TestBackpackSteps : public QObject
@@ -80,16 +82,17 @@ void TestBackpackSteps::removeRestoresWhatItFound_data()
     QTest::addColumn<QByteArray>("awake");
     QTest::addColumn<QString>("announced");
     QTest::addColumn<QByteArray>("pmsetCalls");
+    QTest::addColumn<QByteArray>("kept");
 
+    // Which saved values are worth restoring is the setup's own test; here, that the step restores and says so.
     QTest::newRow("switched from 1: back to 1")
-        << QByteArray(R"({"mode":"backpack","backpack":{"prev":1,"applied":true}})")
-        << "  SleepDisabled back to 1, as Backpack found it\n"
-        << QByteArray("-a disablesleep 1\n");
+        << QByteArray(R"({"mode":"backpack","until":1760007200,"minBattery":20,"backpack":{"prev":1,"applied":true}})")
+        << u"  SleepDisabled back to 1, as Backpack found it\n"_s << QByteArray("-a disablesleep 1\n")
+        << QByteArray(R"({"mode":"working","minBattery":20})");
     QTest::newRow("not switched: nothing to restore")
-        << QByteArray(R"({"mode":"working","backpack":{"prev":0,"applied":false}})") << "" << QByteArray();
-    QTest::newRow("a value pmset never wrote is left alone")
-        << QByteArray(R"({"mode":"backpack","backpack":{"prev":7,"applied":true}})") << "" << QByteArray();
-    QTest::newRow("no record at all") << QByteArray() << "" << QByteArray();
+        << QByteArray(R"({"mode":"working","backpack":{"prev":0,"applied":false}})") << QString() << QByteArray()
+        << QByteArray(R"({"mode":"working"})");
+    QTest::newRow("no record at all") << QByteArray() << QString() << QByteArray() << QByteArray();
 }
 
 void TestBackpackSteps::removeRestoresWhatItFound()
@@ -97,6 +100,7 @@ void TestBackpackSteps::removeRestoresWhatItFound()
     QFETCH(QByteArray, awake);
     QFETCH(QString, announced);
     QFETCH(QByteArray, pmsetCalls);
+    QFETCH(QByteArray, kept);
 
     const QStringList removeStep{QStringLiteral("--run-step"), QStringLiteral("uninstall-backpack")};
     const LaunchResult absent = launch(removeStep, environment());
@@ -114,14 +118,12 @@ void TestBackpackSteps::removeRestoresWhatItFound()
     QVERIFY(!QFile::exists(rule()));
     QFile calls(m_pmsetCalls);
     QCOMPARE(calls.open(QIODevice::ReadOnly) ? calls.readAll() : QByteArray(), pmsetCalls);
-    // With the service down, its record loses Backpack here.
-    if (!awake.isEmpty()) {
-        QFile record(m_scratch->file(QStringLiteral("support/awake.json")));
-        QVERIFY(record.open(QIODevice::ReadOnly));
-        const QJsonObject after = QJsonDocument::fromJson(record.readAll()).object();
-        QVERIFY(!after.contains(QStringLiteral("backpack")));
-        QCOMPARE(after.value(QStringLiteral("mode")).toString(), QStringLiteral("working"));
-    }
+    // With the service down, its record loses Backpack here, privately.
+    QFile record(m_scratch->file(QStringLiteral("support/awake.json")));
+    QCOMPARE(record.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(record.readAll()).object() : QJsonObject(),
+        QJsonDocument::fromJson(kept).object());
+    if (!kept.isEmpty())
+        QCOMPARE(fileMode(record.fileName()), 0600);
 }
 
 void TestBackpackSteps::refusalsComeFirst_data()
@@ -136,14 +138,9 @@ void TestBackpackSteps::refusalsComeFirst_data()
                          "a scratch path to test it.\n");
     const QString intoEtc
         = QStringLiteral("FAILED: TIDEWATCH_SUDOERS points into /etc: a test never touches sudo’s own folder.\n");
-    QTest::newRow("set up, a test copy on the real path") << "backpack"
-                                                          << "" << testCopy;
-    QTest::newRow("remove, a test copy on the real path") << "uninstall-backpack"
-                                                          << "" << testCopy;
-    QTest::newRow("set up, into /etc") << "backpack"
-                                       << "/etc/sudoers.d/tidewatch" << intoEtc;
-    QTest::newRow("remove, into /etc") << "uninstall-backpack"
-                                       << "/etc/sudoers.d/tidewatch" << intoEtc;
+    // Every refusal is the setup's own test; here, that both steps stop on one before they act.
+    QTest::newRow("set up, a test copy on the real path") << u"backpack"_s << QString() << testCopy;
+    QTest::newRow("remove, into /etc") << u"uninstall-backpack"_s << u"/etc/sudoers.d/tidewatch"_s << intoEtc;
 }
 
 void TestBackpackSteps::refusalsComeFirst()

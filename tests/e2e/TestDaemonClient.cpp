@@ -14,6 +14,8 @@
 #include <QThread>
 #include <QTimer>
 
+using namespace Qt::StringLiterals;
+
 using Method = DaemonClient::Method;
 
 namespace {
@@ -147,7 +149,7 @@ void TestDaemonClient::healthThatIsNotOkIsNoHealth_data()
     QTest::newRow("the service's own answer") << 0 << QString() << true;
     QTest::newRow("200 with ok false") << 200 << R"({"ok":false})" << false;
     QTest::newRow("200 without ok") << 200 << R"({"name":"x"})" << false;
-    QTest::newRow("200 that isn't JSON") << 200 << "fine" << false;
+    QTest::newRow("200 that isn't JSON") << 200 << u"fine"_s << false;
     QTest::newRow("503 with ok true") << 503 << R"({"ok":true})" << false;
 }
 
@@ -176,20 +178,17 @@ void TestDaemonClient::failuresAreSentences_data()
     const QString long1000 = QString(QStringLiteral("abcdefghij")).repeated(100);
 
     QTest::newRow("500 with an error body speaks the service's words")
-        << 500 << R"({"error":{"code":"x","message":"nope"}})" << json << "nope"
-        << "x";
-    QTest::newRow("404 with no body names the status") << 404 << "" << json << "The background service answered 404."
-                                                       << "";
+        << 500 << R"({"error":{"code":"x","message":"nope"}})" << json << u"nope"_s << u"x"_s;
+    QTest::newRow("404 with no body names the status")
+        << 404 << u""_s << json << u"The background service answered 404."_s << u""_s;
     QTest::newRow("502 with 1,000 bytes of text keeps the first 300")
-        << 502 << long1000 << text << long1000.left(300) << "";
+        << 502 << long1000 << text << long1000.left(300) << u""_s;
     QTest::newRow("an error body without a message reads as text")
-        << 503 << R"({"error":{"code":"busy"}})" << json << R"({"error":{"code":"busy"}})"
-        << "busy";
+        << 503 << R"({"error":{"code":"busy"}})" << json << R"({"error":{"code":"busy"}})" << u"busy"_s;
     QTest::newRow("a message of the wrong type is no message")
-        << 500 << R"({"error":{"message":7}})" << json << R"({"error":{"message":7}})"
-        << "";
-    QTest::newRow("a redirect is not followed") << 302 << "" << json << "The background service answered 302."
-                                                << "";
+        << 500 << R"({"error":{"message":7}})" << json << R"({"error":{"message":7}})" << u""_s;
+    QTest::newRow("a redirect is not followed")
+        << 302 << u""_s << json << u"The background service answered 302."_s << u""_s;
 }
 
 void TestDaemonClient::failuresAreSentences()
@@ -270,19 +269,13 @@ void TestDaemonClient::wrongTokenIsUnauthorized()
 {
     const QString tokenFile = m_service->supportFolder() + QStringLiteral("/admin-token");
     const QString real = m_service->token();
-    ScratchFolder other;
-    QFile::copy(tokenFile, other.file(QStringLiteral("saved")));
-    {
+    const auto writeKey = [&](const QByteArray& key) {
         QFile file(tokenFile);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write("not-the-key\n");
-    }
+        return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(key) == key.size();
+    };
+    QVERIFY(writeKey("not-the-key\n"));
     const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
-    {
-        QFile file(tokenFile);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(real.toUtf8());
-    }
+    QVERIFY(writeKey(real.toUtf8()));
     QVERIFY(result && !result->ok());
     QCOMPARE(result->error().kind, DaemonError::Kind::Unauthorized);
     QCOMPARE(result->error().errorDescription(),
@@ -397,25 +390,16 @@ void TestDaemonClient::pathSegmentsCannotEscape_data()
     QTest::addColumn<QString>("raw");
     QTest::addColumn<QString>("encoded");
 
-    QTest::newRow("a slash is encoded") << "a/b"
-                                        << "a%2Fb";
-    QTest::newRow("a query can't start") << "a?x=1"
-                                         << "a%3Fx=1";
-    QTest::newRow("a fragment can't start") << "a#b"
-                                            << "a%23b";
-    QTest::newRow("dots alone can't climb out of the segment") << ".."
-                                                               << "%252E%252E";
-    QTest::newRow("one dot alone is encoded too") << "."
-                                                  << "%252E";
-    QTest::newRow("a dot inside a name stays") << "v1.2"
-                                               << "v1.2";
-    QTest::newRow("a percent sign is itself encoded") << "100%"
-                                                      << "100%25";
-    QTest::newRow("a blank") << "my id"
-                             << "my%20id";
-    QTest::newRow("path characters stay") << "s1:@+"
-                                          << "s1:@+";
-    QTest::newRow("non-ASCII as UTF-8") << QStringLiteral("café") << "caf%C3%A9";
+    QTest::newRow("a slash is encoded") << u"a/b"_s << u"a%2Fb"_s;
+    QTest::newRow("a query can't start") << u"a?x=1"_s << u"a%3Fx=1"_s;
+    QTest::newRow("a fragment can't start") << u"a#b"_s << u"a%23b"_s;
+    QTest::newRow("dots alone can't climb out of the segment") << u".."_s << u"%252E%252E"_s;
+    QTest::newRow("one dot alone is encoded too") << u"."_s << u"%252E"_s;
+    QTest::newRow("a dot inside a name stays") << u"v1.2"_s << u"v1.2"_s;
+    QTest::newRow("a percent sign is itself encoded") << u"100%"_s << u"100%25"_s;
+    QTest::newRow("a blank") << u"my id"_s << u"my%20id"_s;
+    QTest::newRow("path characters stay") << u"s1:@+"_s << u"s1:@+"_s;
+    QTest::newRow("non-ASCII as UTF-8") << QStringLiteral("café") << u"caf%C3%A9"_s;
 }
 
 void TestDaemonClient::pathSegmentsCannotEscape()

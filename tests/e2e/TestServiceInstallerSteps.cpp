@@ -25,6 +25,8 @@
 
 #include <csignal>
 
+using namespace Qt::StringLiterals;
+
 using Kind = platform::ServiceManagerKind;
 using Step = ServiceInstaller::Progress::Step;
 
@@ -140,13 +142,11 @@ void TestServiceInstallerSteps::refusalsComeFirst_data()
     const QString ports = QStringLiteral(
         "FAILED: This test copy needs ports of its own. Set TIDEWATCH_API_PORT and TIDEWATCH_LOCAL_PORT to two other "
         "free ports (47371 and 47372, say) before it manages a background service.");
-    QTest::newRow("installing on the real port") << "service"
-                                                 << "47321" << ports;
-    QTest::newRow("uninstalling on the real port") << "uninstall-service"
-                                                   << "47321" << ports;
+    QTest::newRow("installing on the real port") << u"service"_s << u"47321"_s << ports;
+    QTest::newRow("uninstalling on the real port") << u"uninstall-service"_s << u"47321"_s << ports;
     QTest::newRow("an isolated test copy still leaves Claude Code's settings alone")
-        << "integration" << QString() << QStringLiteral("FAILED: ") + ServiceSteps::integrationRefusal();
-    QTest::newRow("and phone access") << "tailscale" << QString()
+        << u"integration"_s << QString() << QStringLiteral("FAILED: ") + ServiceSteps::integrationRefusal();
+    QTest::newRow("and phone access") << u"tailscale"_s << QString()
                                       << QStringLiteral("FAILED: ") + ServiceSteps::tailscaleRefusal();
 }
 
@@ -276,13 +276,10 @@ void TestServiceInstallerSteps::uninstallLeavesTheDataAndNothingElse()
         (QStringList{QStringLiteral("Uninstalling this test copy’s service (launch agent and daemon copy; data kept)…"),
             QStringLiteral("OK: uninstalled")}));
     QCOMPARE(result.code, 0);
+    // What stays and goes is the installer's own test; here, that the step ran it.
     QVERIFY(!alive(*pid));
     QVERIFY(!QFileInfo::exists(installer.jobFile()));
-    QVERIFY(!QFileInfo::exists(environment.appFolder()));
-    QVERIFY(QFileInfo::exists(environment.nodeFolder()));
-    QVERIFY(QFileInfo::exists(environment.adminTokenFile()));
     QVERIFY(QFileInfo::exists(environment.daemonLog()));
-    QVERIFY(!installer.state(std::nullopt).managerKeepsJob);
 
     // Twice is harmless.
     QCOMPARE(run({QStringLiteral("--run-step"), QStringLiteral("uninstall-service")}).code, 0);

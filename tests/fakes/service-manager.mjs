@@ -342,17 +342,9 @@ async function systemctl(argv) {
     return 1;
   }
   const flags = new Set(argv.filter((a) => a.startsWith('--')));
-  const words = [];
-  for (let i = 1; i < argv.length; i++) {
-    if (argv[i] === '-p' || argv[i] === '--property') {
-      flags.add(`--property=${argv[++i]}`);
-    } else if (!argv[i].startsWith('-')) {
-      words.push(argv[i]);
-    }
-  }
-  const [verb, ...units] = words;
+  const property = argv.indexOf('-p');
+  const [verb, ...units] = argv.slice(1).filter((a, i) => !a.startsWith('-') && i !== property);
   const runtime = flags.has('--runtime');
-  const known = (name) => readJob(name) !== null;
   // The unit as the manager loaded it; a file changed since then still runs
   // the old definition, with the warning the real tool prints.
   const loaded = (name) => {
@@ -413,7 +405,7 @@ async function systemctl(argv) {
       if (verb === 'enable') {
         if (flags.has('--now') && refusing()) return jobFailed(name);
         load(name);
-        writeJob(name, { ...readJob(name), enabled: true, enabledRuntime: runtime });
+        writeJob(name, { ...readJob(name), enabled: true });
         if (flags.has('--now')) await startUnit(name);
         return 0;
       }
@@ -444,7 +436,7 @@ async function systemctl(argv) {
     }
     case 'stop': {
       const name = units[0];
-      if (!known(name)) {
+      if (!readJob(name)) {
         process.stderr.write(`Failed to stop ${name}: Unit ${name} not loaded.\n`);
         return 5;
       }
@@ -456,22 +448,12 @@ async function systemctl(argv) {
       const job = readJob(name);
       const now = running(name);
       const values = {
-        Id: name,
         LoadState: job ? 'loaded' : 'not-found',
         ActiveState: now ? (now.pid ? 'active' : 'activating') : 'inactive',
-        SubState: now ? (now.pid ? 'running' : 'auto-restart') : 'dead',
         MainPID: String(now?.pid ?? 0),
-        UnitFileState: job?.enabled ? (job.enabledRuntime ? 'enabled-runtime' : 'enabled') : job ? 'linked-runtime' : '',
       };
-      const asked = [...flags].filter((f) => f.startsWith('--property=')).flatMap((f) => f.slice(11).split(','));
-      for (const key of asked.length ? asked : Object.keys(values)) process.stdout.write(`${key}=${values[key] ?? ''}\n`);
+      for (const key of argv[property + 1].split(',')) process.stdout.write(`${key}=${values[key] ?? ''}\n`);
       return 0;
-    }
-    case 'is-active': {
-      const now = running(units[0]);
-      const word = now ? (now.pid ? 'active' : 'activating') : 'inactive';
-      process.stdout.write(`${word}\n`);
-      return word === 'active' ? 0 : 3;
     }
     default:
       process.stderr.write(`Unknown command verb ${verb}.\n`);

@@ -8,6 +8,8 @@
 #include <QJsonObject>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// A scratch machine: a home, a support folder, system folders and a login
@@ -96,24 +98,14 @@ void TestDetection::versions_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("parsed");
 
-    QTest::newRow("a plain release") << "v22.18.0\n"
-                                     << "22.18.0";
-    QTest::newRow("a version needs a minor") << "v22"
-                                             << "";
-    QTest::newRow("a missing patch is 0") << "v22.18"
-                                          << "22.18.0";
-    QTest::newRow("a pre-release reads its number") << "22.18.1-rc1"
-                                                    << "22.18.1";
-    QTest::newRow("1rc3 reads as 1") << "v1rc3.2"
-                                     << "1.2.0";
-    QTest::newRow("a minor without digits becomes 0") << "v22.x.5"
-                                                      << "22.0.5";
-    QTest::newRow("a major without digits is no version") << "vx.1.2"
-                                                          << "";
-    QTest::newRow("empty pieces are dropped") << "22..18.3"
-                                              << "22.18.3";
-    QTest::newRow("noise is no version") << "command not found"
-                                         << "";
+    QTest::newRow("a plain release") << u"v22.18.0\n"_s << u"22.18.0"_s;
+    QTest::newRow("a version needs a minor") << u"v22"_s << u""_s;
+    QTest::newRow("a missing patch is 0") << u"v22.18"_s << u"22.18.0"_s;
+    QTest::newRow("a pre-release reads its number") << u"22.18.1-rc1"_s << u"22.18.1"_s;
+    QTest::newRow("a minor without digits becomes 0") << u"v22.x.5"_s << u"22.0.5"_s;
+    QTest::newRow("a major without digits is no version") << u"vx.1.2"_s << u""_s;
+    QTest::newRow("empty pieces are dropped") << u"22..18.3"_s << u"22.18.3"_s;
+    QTest::newRow("noise is no version") << u"command not found"_s << u""_s;
 }
 
 void TestDetection::versions()
@@ -205,14 +197,10 @@ void TestDetection::loginShellOutput_data()
     QTest::addColumn<QString>("output");
     QTest::addColumn<QString>("path");
 
-    QTest::newRow("a greeting before the path") << "Welcome back!\n/opt/tools/claude\n"
-                                                << "/opt/tools/claude";
-    QTest::newRow("a greeting after the path") << "/opt/tools/claude\nHave a nice day\n"
-                                               << "/opt/tools/claude";
-    QTest::newRow("the last path-like line wins") << "/first/claude\n  /second/claude  \n"
-                                                  << "/second/claude";
-    QTest::newRow("an alias is no path") << "claude: aliased to npx claude\n"
-                                         << "";
+    QTest::newRow("a greeting before the path") << u"Welcome back!\n/opt/tools/claude\n"_s << u"/opt/tools/claude"_s;
+    QTest::newRow("a greeting after the path") << u"/opt/tools/claude\nHave a nice day\n"_s << u"/opt/tools/claude"_s;
+    QTest::newRow("the last path-like line wins") << u"/first/claude\n  /second/claude  \n"_s << u"/second/claude"_s;
+    QTest::newRow("an alias is no path") << u"claude: aliased to npx claude\n"_s << u""_s;
 }
 
 void TestDetection::loginShellOutput()

@@ -22,27 +22,12 @@ const API_KEY = 'sk-ant-tidewatch-test-key';
 /** The hook program the integration installs. */
 export const HOOK_PROGRAM = path.resolve(here, '..', '..', 'bin', 'tidewatch-hook.mjs');
 
-/** @return {string|null} Why the suites can't run here, or null when they can. */
-export function missingClaude() {
-  if (!fs.existsSync(CLAUDE)) return 'Claude Code isn’t installed for the tests (npm ci in daemon/test/tools).';
-  return null;
-}
+/** Why the suites can't run here, or null when they can. */
+export const missingClaude = () =>
+  fs.existsSync(CLAUDE) ? null : 'Claude Code isn’t installed for the tests (npm ci in daemon/test/tools).';
+export const missingTmux = () => (spawnSync('tmux', ['-V']).status === 0 ? null : 'tmux isn’t installed.');
 
-/** @return {string|null} Why the interactive suites can't run here. */
-export function missingTmux() {
-  return spawnSync('tmux', ['-V']).status === 0 ? null : 'tmux isn’t installed.';
-}
-
-/**
- * A scratch home for Claude Code: the integration's settings, onboarding
- * done, the project folder trusted.
- *
- * @param {string} folder A scratch folder
- * @param {string} support The service's support folder
- * @param {Object} [options]
- * @param {Object} [options.settings] The person's own settings before the install
- * @return {{home: string, project: string, settingsFile: string}}
- */
+/** A scratch home for Claude Code: the integration installed over `settings`, onboarding done, the project trusted. */
 export function claudeHome(folder, support, { settings = {} } = {}) {
   const home = path.join(folder, 'home');
   const project = path.join(folder, 'project');
@@ -64,10 +49,7 @@ export function claudeHome(folder, support, { settings = {} } = {}) {
   return { home, project, settingsFile };
 }
 
-/**
- * The environment Claude Code runs in: only what it needs, everything of the
- * home in the scratch folder.
- */
+/** The environment Claude Code runs in: only what it needs, everything of the home in the scratch folder. */
 export function claudeEnv(home, standIn, { subscription = false } = {}) {
   const env = {
     PATH: '/usr/local/bin:/usr/bin:/bin',
@@ -95,11 +77,7 @@ export async function standInFor(t, script) {
   return standIn;
 }
 
-/**
- * Runs `claude -p` in the project folder.
- *
- * @return {{child: ChildProcess, done: Promise<{code: number, stdout: string, stderr: string, ms: number}>}}
- */
+/** Runs `claude -p` in the project folder; `done` gives {code, stdout, stderr, ms}. */
 export function claudePrint(t, { home, project, standIn, prompt, extra = [], subscription = false }) {
   const started = Date.now();
   const child = spawn(CLAUDE, ['-p', '--permission-mode', 'default', ...extra, prompt], {
@@ -127,12 +105,7 @@ function alive(pid) {
   }
 }
 
-/**
- * The interactive program in a tmux server of its own.
- *
- * @return {Promise<{screen: function(): string, type: function(string): void,
- *     keys: function(...string): void, waitFor: function(RegExp, string, number): Promise<string>}>}
- */
+/** The interactive program in a tmux server of its own, ready for a prompt. */
 export async function claudeInteractive(t, { home, project, standIn, subscription = false }) {
   const socket = `tidewatch-test-${process.pid}-${Math.random().toString(16).slice(2, 8)}`;
   const tmux = (...args) => spawnSync('tmux', ['-L', socket, ...args], { encoding: 'utf8' });

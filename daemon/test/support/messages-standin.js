@@ -83,13 +83,7 @@ function limitHeaders(limits) {
   };
 }
 
-/**
- * Starts the stand-in on a loopback port.
- *
- * @param {Object} [options] {script}, changeable later through `script`
- * @return {Promise<{url, port, requests, script, close}>} `requests` holds
- *     {method, path, body} of every request, in order
- */
+/** The stand-in on a loopback port: {url, port, requests ({method, path, body} in order), script, close}. */
 export async function startMessagesStandIn({ script = {} } = {}) {
   const standIn = { requests: [], script: { ...DEFAULT_SCRIPT, ...script } };
   const server = http.createServer((req, res) => {
