@@ -32,6 +32,7 @@ struct FlexDate {
     /// with a zone: "2025-10-09T10:53:20Z", "…20.123+02:00", "…20-0530".
     static std::optional<FlexDate> fromString(QStringView text);
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 flags the 0 of the defaulted comparison itself
     auto operator<=>(const FlexDate&) const = default;
 };
 

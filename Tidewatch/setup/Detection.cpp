@@ -9,6 +9,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <ranges>
+
 namespace {
 
 constexpr double kNodeVersionLimit = 6;
@@ -196,8 +198,8 @@ std::optional<QString> Detection::recordNodePath(const QString& path) const
 std::optional<QString> Detection::pathFromShellOutput(const QString& output)
 {
     const QStringList lines = output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
-        const QString line = it->trimmed();
+    for (const QString& raw : std::views::reverse(lines)) {
+        const QString line = raw.trimmed();
         if (line.startsWith(QLatin1Char('/')))
             return line;
     }

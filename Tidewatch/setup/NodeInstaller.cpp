@@ -22,7 +22,7 @@ namespace NodeInstaller {
 
 namespace {
 
-constexpr qint64 kSlice = 1024 * 1024;
+constexpr qint64 kSlice = qint64{1024} * 1024;
 constexpr double kListLimit = 30;
 constexpr double kDownloadLimit = 1800;
 constexpr double kUnpackLimit = 300;
@@ -33,7 +33,7 @@ QUrl distFile(const QUrl& site, const QString& relative)
     QString base = site.toString();
     if (!base.endsWith(QLatin1Char('/')))
         base += QLatin1Char('/');
-    return QUrl(base + QStringLiteral("dist/") + relative);
+    return {base + QStringLiteral("dist/") + relative};
 }
 
 QString uniqueName()
@@ -46,7 +46,7 @@ QString uniqueName()
 QUrl configuredSite(const Environment& environment)
 {
     const QString configured = Preferences(environment).text(QStringLiteral("nodeDistributionSite"));
-    return QUrl(configured.isEmpty() ? QStringLiteral("https://nodejs.org") : configured);
+    return {configured.isEmpty() ? QStringLiteral("https://nodejs.org") : configured};
 }
 
 Outcome<Release> pickRelease(const QByteArray& index, const QUrl& site)
@@ -60,7 +60,7 @@ Outcome<Release> pickRelease(const QByteArray& index, const QUrl& site)
     if (!document.isArray())
         return unexpected;
     const platform::NodeArchive archive = platform::nodeArchive();
-    for (const QJsonValue& element : document.array()) {
+    for (const QJsonValue element : document.array()) {
         if (!element.isObject())
             return unexpected;
         const QJsonObject entry = element.toObject();

@@ -18,6 +18,7 @@
 #include <QThread>
 #include <QUuid>
 
+#include <array>
 #include <string>
 
 #include <unistd.h>
@@ -65,10 +66,12 @@ std::optional<QString> ServiceInstaller::copyServiceFolder(const QString& from, 
         const QString target = to + QLatin1Char('/') + relative;
         if (source.isSymLink()) {
             // As written, relative or not: a link inside the package stays inside the copy.
-            char buffer[4096];
-            const ssize_t length = ::readlink(QFile::encodeName(source.filePath()).constData(), buffer, sizeof buffer);
+            std::array<char, 4096> buffer{};
+            const ssize_t length
+                = ::readlink(QFile::encodeName(source.filePath()).constData(), buffer.data(), buffer.size());
             if (length <= 0
-                || ::symlink(std::string(buffer, size_t(length)).c_str(), QFile::encodeName(target).constData()) != 0)
+                || ::symlink(std::string(buffer.data(), size_t(length)).c_str(), QFile::encodeName(target).constData())
+                    != 0)
                 return QStringLiteral("Tidewatch couldn’t copy %1.").arg(source.filePath());
         } else if (source.isDir()) {
             if (!QDir().mkpath(target))
@@ -411,7 +414,7 @@ QStringList ServiceInstaller::logTail(int count) const
     if (count <= 0 || !file.open(QIODevice::ReadOnly))
         return {};
     // The end is what matters; a log can be long.
-    constexpr qint64 kWindow = 64 * 1024;
+    constexpr qint64 kWindow = qint64{64} * 1024;
     if (file.size() > kWindow)
         file.seek(file.size() - kWindow);
     QStringList lines;
