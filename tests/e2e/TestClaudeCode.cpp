@@ -205,7 +205,7 @@ void TestClaudeCode::answerFromTheModel()
     }
     QTRY_COMPARE_WITH_TIMEOUT(QFileInfo::exists(target), made, 10000);
     QTRY_VERIFY_WITH_TIMEOUT(model.waitingApprovals().isEmpty(), 10000);
-    QTRY_COMPARE_WITH_TIMEOUT(sessionState(model, session->id), endState, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(sessionState(model, session->id), endState, 30000);
     QCOMPARE(decisions(service), recorded);
 }
 
