@@ -27,7 +27,7 @@ void AutomationActions::setPaused(ActionCalls& calls, bool paused)
 void AutomationActions::answer(ActionCalls& calls, const WFAskItem& ask, const QString& answer)
 {
     calls.runWith<WFRunReply>(
-        ServiceCalls::answerAsk(ask.runId, ask.stepId, answer), [this](WFRunReply) { Q_EMIT readWanted(false); },
+        ServiceCalls::answerAsk(ask.runId, ask.stepId, answer), [this](const WFRunReply&) { Q_EMIT readWanted(false); },
         [this](const DaemonError& error) {
             Q_EMIT failed(WorkflowWords::answerFailure(error));
             // Answered elsewhere: the read takes the ask away here too.

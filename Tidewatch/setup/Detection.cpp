@@ -9,8 +9,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include <ranges>
-
 namespace {
 
 constexpr double kNodeVersionLimit = 6;
@@ -188,9 +186,9 @@ ServiceNodeChoice Detection::chooseServiceNode(const std::optional<QString>& ins
 
 std::optional<QString> Detection::recordNodePath(const QString& path) const
 {
-    if (const std::optional<QString> refusal = m_environment.refusalSentence())
+    if (std::optional<QString> refusal = m_environment.refusalSentence())
         return refusal;
-    if (const std::optional<QString> failure = m_environment.ensureSupportFolder())
+    if (std::optional<QString> failure = m_environment.ensureSupportFolder())
         return failure;
     return writeFileAtomically(m_environment.nodePathNote(), path.toUtf8() + '\n');
 }
@@ -198,8 +196,8 @@ std::optional<QString> Detection::recordNodePath(const QString& path) const
 std::optional<QString> Detection::pathFromShellOutput(const QString& output)
 {
     const QStringList lines = output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    for (const QString& raw : std::views::reverse(lines)) {
-        const QString line = raw.trimmed();
+    for (qsizetype i = lines.size() - 1; i >= 0; --i) {
+        const QString line = lines.at(i).trimmed();
         if (line.startsWith(QLatin1Char('/')))
             return line;
     }
@@ -213,7 +211,7 @@ std::optional<QString> Detection::viaLoginShell(const QString& name) const
     if (result.timedOut || result.status != 0)
         return std::nullopt;
     // Only the last path-like line counts: a greeting that looks like a path is not tried.
-    const std::optional<QString> path = pathFromShellOutput(result.out);
+    std::optional<QString> path = pathFromShellOutput(result.out);
     if (path && isExecutableFile(*path))
         return path;
     return std::nullopt;

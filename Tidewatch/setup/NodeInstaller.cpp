@@ -55,8 +55,7 @@ Outcome<Release> pickRelease(const QByteArray& index, const QUrl& site)
     const QJsonDocument document = QJsonDocument::fromJson(index, &error);
     if (error.error != QJsonParseError::NoError)
         return Outcome<Release>::failure(error.errorString());
-    const auto unexpected
-        = Outcome<Release>::failure(QStringLiteral("the Node.js site sent an unexpected release list."));
+    auto unexpected = Outcome<Release>::failure(QStringLiteral("the Node.js site sent an unexpected release list."));
     if (!document.isArray())
         return unexpected;
     const platform::NodeArchive archive = platform::nodeArchive();
@@ -161,7 +160,7 @@ Outcome<QString> install(const QString& nodeFolder, const QUrl& site, const Obse
     if (!found.ok())
         return Outcome<QString>::failure(found.sentence());
     const Release& release = found.value();
-    const Outcome<QString> expected = expectedSHA256(site, release);
+    Outcome<QString> expected = expectedSHA256(site, release);
     if (!expected.ok())
         return expected;
 

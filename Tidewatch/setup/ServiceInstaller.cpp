@@ -402,7 +402,7 @@ std::optional<QString> ServiceInstaller::installedNodePath() const
 
 std::optional<QString> ServiceInstaller::serviceNodeGone() const
 {
-    const std::optional<QString> node = installedNodePath();
+    std::optional<QString> node = installedNodePath();
     if (!node || isExecutableFile(*node))
         return std::nullopt;
     return node;
@@ -454,7 +454,7 @@ std::optional<Health> ServiceInstaller::pollHealth(double limitSeconds) const
     QElapsedTimer clock;
     clock.start();
     while (clock.elapsed() < qint64(limitSeconds * 1000)) {
-        const std::optional<Health> health = m_parts.health(kHealthTimeout);
+        std::optional<Health> health = m_parts.health(kHealthTimeout);
         if (health && health->ok.value_or(false))
             return health;
         m_parts.pause(kHealthInterval);

@@ -70,7 +70,7 @@ QString clip(const QString& text, qsizetype max)
             start = i + 1;
         }
     }
-    const QString joined = trimSpaces(lines.join(u' '));
+    QString joined = trimSpaces(lines.join(u' '));
     bool fits = false;
     const qsizetype end = endOfCharacters(joined, std::max<qsizetype>(0, max), &fits);
     if (fits)

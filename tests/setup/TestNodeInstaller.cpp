@@ -80,6 +80,7 @@ class TestNodeInstaller : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase();
     void releases_data();
     void releases();
     void checksums_data();
@@ -89,7 +90,16 @@ private Q_SLOTS:
     void installs();
     void failures_data();
     void failures();
+
+private:
+    ScratchFolder m_temporary;
 };
+
+void TestNodeInstaller::initTestCase()
+{
+    // Downloads land in the temporary folder, where other suites running beside this one download too.
+    qputenv("TMPDIR", QFile::encodeName(m_temporary.path()));
+}
 
 void TestNodeInstaller::releases_data()
 {

@@ -42,9 +42,9 @@ QString desktopWord(QString word)
 QString chosenTerminal()
 {
     const QString named = qEnvironmentVariable("TERMINAL").trimmed();
-    const QString found = named.isEmpty() || named.size() > 4096 ? QString()
-        : QDir::isAbsolutePath(named)                            ? named
-                                                                 : QStandardPaths::findExecutable(named);
+    QString found = named.isEmpty() || named.size() > 4096 ? QString()
+        : QDir::isAbsolutePath(named)                      ? named
+                                                           : QStandardPaths::findExecutable(named);
     if (!found.isEmpty() && QFileInfo(found).isExecutable())
         return found;
     return QStringLiteral("/usr/bin/x-terminal-emulator");

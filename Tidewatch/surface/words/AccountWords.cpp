@@ -20,7 +20,7 @@ bool after(const std::optional<FlexDate>& date, const QDateTime& now)
 
 QString withText(const Account& account, const QString& help)
 {
-    const QString text = account.text ? account.text->trimmed() : QString();
+    QString text = account.text ? account.text->trimmed() : QString();
     if (text.isEmpty())
         return help;
     if (help.isEmpty())

@@ -32,13 +32,13 @@ bool isToolRequest(const Approval& approval)
 
 QString toolName(const Approval& approval)
 {
-    const QString name = trimmed(approval.toolName);
+    QString name = trimmed(approval.toolName);
     if (!name.isEmpty())
         return name;
     const QString summary = trimmed(approval.summary);
     const qsizetype colon = summary.indexOf(u':');
     if (colon > 0) {
-        const QString before = summary.left(colon).trimmed();
+        QString before = summary.left(colon).trimmed();
         if (!before.isEmpty())
             return before;
     }
@@ -92,7 +92,7 @@ QString askSummary(const Approval& approval, const Session* session)
     }
     if (kind == u"plan"_s)
         return u"A plan is ready"_s;
-    const QString summary = trimmed(approval.summary);
+    QString summary = trimmed(approval.summary);
     if (!summary.isEmpty())
         return summary;
     return isCodex(session) ? u"Codex has a question"_s : u"Claude Code has a question"_s;

@@ -13,10 +13,10 @@ namespace SessionWords {
 
 QString title(const Session& session)
 {
-    const QString own = trimmed(session.title);
+    QString own = trimmed(session.title);
     if (!own.isEmpty())
         return own;
-    const QString project = trimmed(session.projectName);
+    QString project = trimmed(session.projectName);
     if (!project.isEmpty())
         return project;
     return u"Untitled session"_s;
