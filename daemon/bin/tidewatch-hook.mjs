@@ -271,8 +271,13 @@ async function main() {
     await askPermission(place, body);
     return;
   }
-  const tty = name === 'SessionStart' && (await hasTerminal()) ? '?tty=1' : '';
-  await post(place, `/claude/hook${tty}`, body, REPORT_TIMEOUT_MS).catch(() => null);
+  const query = new URLSearchParams();
+  if (name === 'SessionStart' && (await hasTerminal())) query.set('tty', '1');
+  // Set by Tidewatch's terminal relay: the session runs in a shared terminal.
+  const term = process.env.TIDEWATCH_TERM;
+  if (term && /^[0-9a-f]{32}$/.test(term)) query.set('term', term);
+  const search = query.size > 0 ? `?${query}` : '';
+  await post(place, `/claude/hook${search}`, body, REPORT_TIMEOUT_MS).catch(() => null);
 }
 
 try {

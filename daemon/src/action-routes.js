@@ -9,6 +9,9 @@ import { readJsonObject, requireBoolean } from './request-body.js';
 import { DECISIONS } from './state.js';
 import { isObject, objectOr } from './json.js';
 
+/** Until windows can be found and raised, the honest answer to “open”. */
+export const CANNOT_OPEN = 'Tidewatch can’t bring a terminal window forward yet: switch to it where the session runs.';
+
 /**
  * Only the Mac app holds the admin token, so an answer that comes this way
  * is the Mac's, whichever feed client the app named itself.
@@ -31,10 +34,15 @@ function requireText(body, field, message) {
  * @param {Object} parts
  * @param {ServiceState} parts.state
  * @param {CodexAgent} [parts.codex] Looked at again on a Codex refresh
+ * @param {Continuer} [parts.continuer] Carries sessions on; without it they can't be
  */
-export function addActionRoutes(router, { state, codex = null }) {
+export function addActionRoutes(router, { state, codex = null, continuer = null }) {
   const requireSession = (id) => {
     if (state.session(id) === undefined) throw notFound('session', id);
+  };
+  const requireContinuer = () => {
+    if (continuer === null) throw new HttpError(503, 'no_terminals', 'This service can’t reach any terminal to continue a session in.');
+    return continuer;
   };
 
   router
@@ -54,31 +62,18 @@ export function addActionRoutes(router, { state, codex = null }) {
     .add('POST', '/v1/sessions/:id/open', async ({ req, params }) => {
       await readJsonObject(req);
       requireSession(params.id);
-      // Bringing a terminal forward is the agent integration's work; until it
-      // comes, the answer names the app that would show the session.
-      return { app: 'Terminal', already: false };
+      throw new HttpError(501, 'cannot_open', CANNOT_OPEN);
     })
     .add('POST', '/v1/sessions/:id/continue', async ({ req, params }) => {
       await readJsonObject(req);
       requireSession(params.id);
-      state.patchSession(params.id, (session) => ({ ...session, state: 'working' }));
+      await requireContinuer().continueNow(params.id);
       return { ok: true };
     })
     .add('POST', '/v1/sessions/:id/auto-continue', async ({ req, params }) => {
       const on = requireBoolean(await readJsonObject(req), 'on');
       requireSession(params.id);
-      // Only a session held by a block has anything to carry on from.
-      state.patchSession(params.id, (session) =>
-        isObject(session.blocked)
-          ? {
-              ...session,
-              blocked: {
-                ...session.blocked,
-                resume: { ...objectOr(session.blocked.resume, {}), state: on ? 'armed' : 'off' },
-              },
-            }
-          : session,
-      );
+      requireContinuer().arm(params.id, on);
       return { ok: true };
     })
     .add('POST', '/v1/account/login', async ({ req }) => {

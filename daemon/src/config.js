@@ -42,13 +42,23 @@ function xdgFolder(env, name, fallback) {
  * @param {Object} [system] The system, replaceable by tests
  * @param {string} [system.platform=process.platform]
  * @param {string} [system.home=os.homedir()]
- * @return {{support: string, logs: string, apiPort: number, localPort: number, testCopy: boolean,
- *     codexHome: string, codexPath: (string|null), claudeSettings: string}} `codexHome` is Codex's
+ * @return {{support: string, logs: string, shellHome: string, shell: string, apiPort: number,
+ *     localPort: number, testCopy: boolean, codexHome: string, codexPath: (string|null),
+ *     claudeSettings: string}} `shellHome` holds the start files the shell integration changes `codexHome` is Codex's
  *     own folder, `CODEX_HOME` as Codex reads it, else ~/.codex (a test copy
  *     without `CODEX_HOME` gets an empty one in its support folder, so that it
  *     never reads the person's sessions); `codexPath` is the program named
  *     by `TIDEWATCH_CODEX`, else null for looking it up
  */
+// launchd and systemd start services without SHELL; the account knows.
+function loginShell() {
+  try {
+    return os.userInfo().shell ?? '/bin/sh';
+  } catch {
+    return '/bin/sh';
+  }
+}
+
 export function readConfig(env = process.env, { platform = process.platform, home = os.homedir() } = {}) {
   const given = (name) => (typeof env[name] === 'string' && env[name] !== '' ? env[name] : null);
   const testCopy = ['TIDEWATCH_SUPPORT', 'TIDEWATCH_LOGS', 'TIDEWATCH_API_PORT', 'TIDEWATCH_LOCAL_PORT'].some(
@@ -78,9 +88,15 @@ export function readConfig(env = process.env, { platform = process.platform, hom
     : path.join(home, '.claude', 'settings.json');
   if (given('CLAUDE_CONFIG_DIR') !== null) claudeSettings = path.join(path.resolve(given('CLAUDE_CONFIG_DIR')), 'settings.json');
 
+  // The login shell's start files get the shell integration; a test copy's
+  // live in its own folder.
+  const shellHome = testCopy ? path.join(support, 'shell-home') : home;
+
   return {
     support,
     logs,
+    shellHome,
+    shell: given('SHELL') ?? loginShell(),
     apiPort: parsePort(given('TIDEWATCH_API_PORT')) ?? DEFAULT_API_PORT,
     localPort: parsePort(given('TIDEWATCH_LOCAL_PORT')) ?? DEFAULT_LOCAL_PORT,
     testCopy,

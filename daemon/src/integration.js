@@ -14,6 +14,7 @@ import { fileURLToPath } from 'node:url';
 import { HttpError } from './http-reply.js';
 import { installIntoSettings, integrationState, removeFromSettings } from './claude/hook-settings.js';
 import { writeFileAtomically } from './private-files.js';
+import { changeProfile, profileBlock, ProfileError, profilesHold, withBlock, withoutBlock } from './shell-profile.js';
 import { isObject } from './json.js';
 
 /** The largest settings file read, in bytes; Claude Code's own are a few kilobytes. */
@@ -88,6 +89,7 @@ export class Integration {
   #place;
   #log;
   #watching = false;
+  #shell;
   #onFileChange = () => this.refresh();
 
   /**
@@ -97,12 +99,16 @@ export class Integration {
    * @param {Object} parts.place Where the hook program runs from (see hook-settings.js):
    *     `node`, `program`, `support`
    * @param {Log} [parts.log]
+   * @param {Object} [parts.shell] The shell integration: `files`, the start
+   *     files to hold the block (none: the login shell has no block), and
+   *     `relay`, the terminal relay the block runs the agents through
    */
-  constructor({ state, settingsFile, place, log }) {
+  constructor({ state, settingsFile, place, log, shell = { files: [], relay: null } }) {
     this.#state = state;
     this.#file = settingsFile;
     this.#place = place;
     this.#log = log;
+    this.#shell = shell;
   }
 
   get settingsFile() {
@@ -122,14 +128,31 @@ export class Integration {
     }
   }
 
-  /** Puts what the file holds into the local status. */
+  /** Puts what the files hold into the local status. */
   refresh() {
+    this.#refreshShell();
     const { hooks, statusLine } = this.status();
     const statusLinePart = this.#state.localPart('statusLine');
     const supported = isObject(statusLinePart) && typeof statusLinePart.supported === 'boolean' ? statusLinePart.supported : true;
     const current = this.#state.localPart('hooks');
     if (isObject(current) && current.installed === hooks && isObject(statusLinePart) && statusLinePart.installed === statusLine) return;
     this.#state.setLocalParts({ hooks: { installed: hooks }, statusLine: { installed: statusLine, supported } });
+  }
+
+  #refreshShell() {
+    const shell = { installed: profilesHold(this.#shell.files), supported: this.#shell.files.length > 0 };
+    const current = this.#state.localPart('shell');
+    if (!isObject(current) || current.installed !== shell.installed || current.supported !== shell.supported)
+      this.#state.setLocalParts({ shell });
+  }
+
+  // Puts the block in every start file, or takes it out of every one.
+  #rewriteShell(install) {
+    const { files, relay } = this.#shell;
+    if (files.length === 0 || (install && !relay)) return;
+    const block = install ? profileBlock(relay) : null;
+    for (const file of files) changeProfile(file, (text) => (install ? withBlock(text, block) : withoutBlock(text)));
+    this.#log?.info(`The shell integration is ${install ? 'in' : 'out of'} ${files.join(', ')}.`);
   }
 
   /** Starts following the file, so that a change by hand shows too. */
@@ -150,19 +173,23 @@ export class Integration {
    * Adds the hooks and the status line; an older install of ours is replaced.
    *
    * @return {{hooks: boolean, statusLine: boolean}} What the file holds afterwards
-   * @throws {SettingsError}
+   * @throws {SettingsError|ProfileError}
    */
   install() {
-    return this.#rewrite((settings) => installIntoSettings(settings, this.#place), 'connected');
+    const status = this.#rewrite((settings) => installIntoSettings(settings, this.#place), 'connected');
+    this.#rewriteShell(true);
+    this.refresh();
+    return status;
   }
 
   /**
    * Takes out exactly what install added; a person's own status line comes back.
    *
    * @return {{hooks: boolean, statusLine: boolean}}
-   * @throws {SettingsError}
+   * @throws {SettingsError|ProfileError}
    */
   uninstall() {
+    this.#rewriteShell(false);
     return this.#rewrite((settings) => removeFromSettings(settings), 'disconnected');
   }
 
@@ -200,6 +227,7 @@ export function hookPlace(support) {
 }
 
 function asHttp(error) {
+  if (error instanceof ProfileError) return new HttpError(500, 'profile_unwritable', error.message);
   if (error instanceof SettingsError) {
     return new HttpError(error.code === 'settings_invalid' ? 409 : 500, error.code, error.message);
   }

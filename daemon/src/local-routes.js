@@ -22,11 +22,25 @@ import { addSettingsRoutes } from './settings-routes.js';
  * @param {CodexAgent} [parts.codex] Codex, looked at again on a refresh
  * @param {ClaudeAgent} [parts.claude] Claude Code's hooks report here
  * @param {Integration} [parts.integration] Claude Code's settings
+ * @param {TerminalHub} [parts.terminals] The shared terminals
+ * @param {Continuer} [parts.continuer] Carries sessions on, now or when a limit lifts
  * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
  *     unknown routes like any other
  * @return {Router}
  */
-export function localRoutes({ state, faults, feed, health, keeper, codex, claude, integration, testCopy = false }) {
+export function localRoutes({
+  state,
+  faults,
+  feed,
+  health,
+  keeper,
+  codex,
+  claude,
+  integration,
+  terminals = null,
+  continuer = null,
+  testCopy = false,
+}) {
   const router = new Router()
     .add('GET', '/v1/snapshot', () => state.snapshot())
     // `fresh=1` asks for a new look rather than the cache; everything here
@@ -34,11 +48,11 @@ export function localRoutes({ state, faults, feed, health, keeper, codex, claude
     .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
     .add('GET', '/local/devices', () => state.devices());
   addChecklistRoute(router, { state });
-  addActionRoutes(router, { state, codex });
+  addActionRoutes(router, { state, codex, continuer });
   addAutomationsRoutes(router, { state });
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });
-  if (claude) addClaudeRoutes(router, { claude });
+  if (claude) addClaudeRoutes(router, { claude, terminals });
   if (integration) addIntegrationRoutes(router, { integration, state });
   if (testCopy) {
     addQaRoutes(router, { state, faults, feed, health });

@@ -17,6 +17,9 @@ import { closeListener, createListener, HOST, listen } from './listener.js';
 import { localRoutes } from './local-routes.js';
 import { Log } from './log.js';
 import { StatePersister } from './persist.js';
+import { Continuer } from './sessions/continuer.js';
+import { profilesFor } from './shell-profile.js';
+import { RELAY_NAME, TerminalHub } from './terminals/terminal-hub.js';
 import { ensurePrivateFolder } from './private-files.js';
 import { ServiceState } from './state.js';
 import { VERSION } from './version.js';
@@ -34,6 +37,7 @@ import { VERSION } from './version.js';
  * @property {CodexAgent} codex
  * @property {Promise<void>} codexReady When Codex's first look (program and files) is done
  * @property {ClaudeAgent} claude Claude Code through its hooks and status line
+ * @property {TerminalHub} terminals The shared terminals
  * @property {Integration} integration Claude Code's settings, connected on request
  * @property {StatePersister} persister
  * @property {Log} log
@@ -68,6 +72,12 @@ import { VERSION } from './version.js';
  *     (see CodexAgent)
  * @param {Object} [options.claude] For tests: `approvalWaitMs`,
  *     `transcriptPollMs`, `now` (see ClaudeAgent)
+ * @param {string|null} [options.shellHome=null] Whose start files get the
+ *     shell integration; null changes none
+ * @param {string} [options.shell='/bin/sh'] The login shell, which decides the start files
+ * @param {string|null} [options.relay] The terminal relay the shell runs the
+ *     agents through; the copy in the support folder's bin/ when null
+ * @param {Object} [options.sessions] For tests: `checkEveryMs` (see Continuer)
  * @param {string} [options.claudeSettings] Claude Code's user settings file;
  *     ~/.claude/settings.json of the home the service runs under
  * @param {Object} [options.persist] For tests: `now`, `saveDelayMs`,
@@ -89,7 +99,11 @@ export async function startService({
   codex: codexOptions = {},
   persist: persistOptions = {},
   claude: claudeOptions = {},
+  sessions: sessionOptions = {},
   claudeSettings = path.join(os.homedir(), '.claude', 'settings.json'),
+  shellHome = null,
+  shell = '/bin/sh',
+  relay = null,
 }) {
   ensurePrivateFolder(support);
   ensurePrivateFolder(logs);
@@ -132,24 +146,48 @@ export async function startService({
     ...claudeOptions,
   });
   persister.addSection('claude', { save: () => claude.saved(), restore: (saved) => claude.restore(saved) });
-  const integration = new Integration({ state, settingsFile: claudeSettings, place: hookPlace(support), log });
+  const integration = new Integration({
+    state,
+    settingsFile: claudeSettings,
+    place: hookPlace(support),
+    log,
+    shell: {
+      files: shellHome === null ? [] : profilesFor({ home: shellHome, shell }),
+      relay: relay ?? path.join(support, 'bin', RELAY_NAME),
+    },
+  });
   const faults = testCopy ? new FaultBook() : NO_FAULTS;
   const pending = new PendingTimers();
   // Switched by /qa to make the service look hung while its feed lives on.
   const health = { answering: true };
   const apiServer = createListener({ router: apiRoutes({ health }), faults, pending, log });
   const feed = new FeedServer({ server: apiServer, state, token, faults, pending, log, ...feedOptions });
+  const clock = awakeOptions.clock ?? new ServiceClock();
+  const terminals = new TerminalHub({ state, support, log });
+  const continuer = new Continuer({ state, terminals, clock, log, ...sessionOptions });
   keeper = new AwakeKeeper({
     state,
     support,
     log,
-    clock: awakeOptions.clock ?? new ServiceClock(),
+    clock,
     source: awakeOptions.source,
     lock: awakeOptions.lock,
     hotAt: awakeOptions.hotAt,
   });
   const localServer = createListener({
-    router: localRoutes({ state, faults, feed, health, keeper, codex, claude, integration, testCopy }),
+    router: localRoutes({
+      state,
+      faults,
+      feed,
+      health,
+      keeper,
+      codex,
+      claude,
+      integration,
+      terminals,
+      continuer,
+      testCopy,
+    }),
     faults,
     pending,
     log,
@@ -174,6 +212,13 @@ export async function startService({
   }
   state.setApiPort(ports.api);
   persister.start();
+  try {
+    await terminals.start();
+  } catch (error) {
+    // Sessions are still watched; they just can't be driven from here.
+    log.error(`Shared terminals can’t be offered: ${error.message}`);
+  }
+  continuer.start();
   integration.start();
   claude.start({ localPort: ports.local });
   const codexReady = codex.start().catch((error) => log.error(`Codex couldn’t be followed: ${error?.stack ?? error}`));
@@ -188,6 +233,8 @@ export async function startService({
     closing ??= (async () => {
       codex.close();
       claude.close();
+      continuer.close();
+      terminals.close();
       integration.close();
       persister.close();
       pending.clear();
@@ -209,6 +256,7 @@ export async function startService({
     codex,
     codexReady,
     claude,
+    terminals,
     integration,
     persister,
     log,

@@ -4,6 +4,8 @@
 import assert from 'node:assert/strict';
 import test from 'node:test';
 
+import { CANNOT_OPEN } from '../src/action-routes.js';
+import { NOT_SHARED, NOTHING_TO_RESUME } from '../src/sessions/continuer.js';
 import { eventually, sleep, startScratchService } from './helpers.js';
 
 const SETTLE_MS = 400;
@@ -80,7 +82,7 @@ test('ids are single path segments, decoded one by one, never resolved as dots',
   const { local } = await withSession(t, { id: 's/1', state: 'idle' });
   await local('POST', '/qa/approvals', { body: { id: '..', sessionId: 's/1' } });
   const rows = [
-    ['an id with a slash, encoded', 'POST', '/v1/sessions/s%2F1/continue', 200],
+    ['an id with a slash, encoded', 'POST', '/v1/sessions/s%2F1/continue', 409],
     ['an id made of dots is only an id', 'POST', '/v1/approvals/../decision', 200],
     ['encoded dots name nothing', 'POST', '/v1/sessions/%2E%2E/open', 404],
     ['plain dots name nothing', 'POST', '/v1/sessions/../continue', 404],
@@ -94,7 +96,6 @@ test('ids are single path segments, decoded one by one, never resolved as dots',
     assert.equal(reply.status, status, name);
   }
   const snapshot = (await local('GET', '/v1/snapshot')).json;
-  assert.equal(snapshot.sessions[0].state, 'working', 's/1 was continued');
   assert.deepEqual(snapshot.approvals, [], '“..” was answered');
   assert.equal(
     (await local('POST', '/v1/sessions/%2E%2E/open')).json.error.message,
@@ -102,23 +103,25 @@ test('ids are single path segments, decoded one by one, never resolved as dots',
   );
 });
 
-test('open and auto-continue act on the session named', async (t) => {
-  const blocked = { kind: 'limit', text: 'You’ve hit your session limit', resume: { state: 'off', canArm: true } };
+test('a session outside a shared terminal can’t be continued or armed from here, and says why', async (t) => {
+  const blocked = { kind: 'limit', text: 'You’ve hit your session limit', resetsAt: Date.now() + 3600000 };
   const { local } = await withSession(t, { id: 's1', state: 'idle', blocked });
   await local('POST', '/qa/sessions', { body: { id: 's2', state: 'idle' } });
   const session = async (id) => (await local('GET', '/v1/snapshot')).json.sessions.find((s) => s.id === id);
-
-  const opened = await local('POST', '/v1/sessions/s1/open');
-  assert.deepEqual(opened.json, { app: 'Terminal', already: false });
-
-  assert.deepEqual((await local('POST', '/v1/sessions/s1/auto-continue', { body: { on: true } })).json, { ok: true });
-  assert.deepEqual((await session('s1')).blocked, { ...blocked, resume: { state: 'armed', canArm: true } });
-  await local('POST', '/v1/sessions/s1/auto-continue', { body: { on: false } });
-  assert.equal((await session('s1')).blocked.resume.state, 'off');
-
-  // Without a block there is nothing to arm, and nothing changes.
-  assert.equal((await local('POST', '/v1/sessions/s2/auto-continue', { body: { on: true } })).status, 200);
+  const refusals = [
+    ['continue', '/v1/sessions/s1/continue', {}, NOT_SHARED],
+    ['arm', '/v1/sessions/s1/auto-continue', { on: true }, NOT_SHARED],
+    ['arm without a block', '/v1/sessions/s2/auto-continue', { on: true }, NOTHING_TO_RESUME],
+    ['open', '/v1/sessions/s1/open', {}, CANNOT_OPEN],
+  ];
+  for (const [name, target, body, sentence] of refusals) {
+    const reply = await local('POST', target, { body });
+    assert.deepEqual([reply.status, reply.json.error.message], [sentence === CANNOT_OPEN ? 501 : 409, sentence], name);
+  }
+  assert.deepEqual(await session('s1'), { id: 's1', state: 'idle', blocked });
   assert.deepEqual(await session('s2'), { id: 's2', state: 'idle' });
+  await local('POST', '/v1/sessions/s1/auto-continue', { body: { on: false } });
+  assert.deepEqual((await session('s1')).blocked.resume, { state: 'off', canArm: false, canCancel: false, why: 'cancelled' });
 
   const rows = [
     ['open an unknown session', '/v1/sessions/nope/open', {}, 404, undefined],

@@ -14,7 +14,7 @@ import { writeFileAtomically } from '../private-files.js';
 import { MAX_SESSIONS } from '../state.js';
 import { APPROVAL_WAIT_MS, ApprovalBroker } from './approval-broker.js';
 import { ClaudeAccount } from './claude-account.js';
-import { sessionAfter } from './hook-event.js';
+import { blockedFrom, sessionAfter } from './hook-event.js';
 import { callKey } from './permission.js';
 import { sessionFieldsFrom, usageRate, windowsFrom, MAX_READINGS } from './status-line.js';
 import { TRANSCRIPT_POLL_MS, TranscriptFollower } from './transcript-follower.js';
@@ -289,10 +289,22 @@ export class ClaudeAgent {
     const rate = usageRate(this.#readings, now);
     if (rate) next.rate = rate;
     else delete next.rate;
+    this.#dateLimits(next);
     const { observedAt: before, ...was } = current;
     const { observedAt: after, ...is } = next;
     if (sameJson(was, is) && typeof before === 'number' && now - before < USAGE_REFRESH_MS) return;
     this.#state.setSnapshotParts({ usage: next });
+  }
+
+  // A limit told before any reading said when it lifts gets its time from
+  // the reading that shows the full window.
+  #dateLimits(usage) {
+    const { resetsAt } = blockedFrom({ error: 'rate_limit' }, usage) ?? {};
+    if (!Number.isFinite(resetsAt)) return;
+    for (const session of this.#state.part('sessions') ?? []) {
+      if (session?.blocked?.kind !== 'limit' || Number.isFinite(session.blocked.resetsAt)) continue;
+      this.#state.patchSession(session.id, (it) => ({ ...it, blocked: { ...it.blocked, resetsAt } }));
+    }
   }
 
   // A failed turn the transcript told of, which its StopFailure report may

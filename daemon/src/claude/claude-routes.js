@@ -9,6 +9,7 @@ import { readJsonObject } from '../request-body.js';
 import { checkHookEvent, HookEventError, MAX_ID_CHARS } from './hook-event.js';
 import { MAX_POLL_MS } from './approval-broker.js';
 import { answerFor } from './permission.js';
+import { TERM_ID } from '../terminals/shared-terminal.js';
 
 /** The largest payload a hook may post, in bytes; the hook cuts larger ones down first. */
 export const MAX_HOOK_BODY_BYTES = 1024 * 1024;
@@ -35,12 +36,16 @@ function checked(event) {
  * @param {Router} router
  * @param {Object} parts
  * @param {ClaudeAgent} parts.claude
+ * @param {TerminalHub} [parts.terminals] Told which terminal a session runs in
  */
-export function addClaudeRoutes(router, { claude }) {
+export function addClaudeRoutes(router, { claude, terminals = null }) {
   router
     .add('POST', '/claude/hook', async ({ req, url }) => {
       const event = checked(await readJsonObject(req, MAX_HOOK_BODY_BYTES));
-      await claude.hookEvent(event, { tty: url.searchParams.get('tty') === '1' });
+      const term = url.searchParams.get('term');
+      if (term !== null && !TERM_ID.test(term)) throw invalid('term', '“term” must be a terminal’s id: 32 hex digits.');
+      await claude.hookEvent(event, { tty: url.searchParams.get('tty') === '1' || term !== null });
+      if (term !== null) terminals?.link(event.session_id, term);
       return { ok: true };
     })
     .add('POST', '/claude/permission', async ({ req, res, url }) => {

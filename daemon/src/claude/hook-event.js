@@ -215,7 +215,11 @@ export function sessionAfter(session, event, { now, tty = false, usage, failure 
       const blocked = blockedFrom(event, usage, failure);
       if (blocked) {
         next.state = 'idle';
-        next.blocked = blocked;
+        // The same wait told twice (by the hook and by the transcript) keeps
+        // the plan to carry on that was armed or offered for it; a spent one goes.
+        const resume = session?.blocked?.kind === blocked.kind ? session.blocked.resume : undefined;
+        const live = resume?.state === 'armed' || (resume?.state === 'off' && resume.canArm === true);
+        next.blocked = live ? { ...blocked, resume } : blocked;
       } else {
         next.state = 'error';
         if (typeof event.last_assistant_message === 'string' && event.last_assistant_message.trim() !== '') {

@@ -105,19 +105,16 @@ function alive(pid) {
   }
 }
 
-/** The interactive program in a tmux server of its own, ready for a prompt. */
-export async function claudeInteractive(t, { home, project, standIn, subscription = false }) {
+/** The interactive program in a tmux server of its own, ready for a prompt; with `shellRc`, typed into bash. */
+export async function claudeInteractive(t, { home, project, standIn, subscription = false, shellRc = null, support = null }) {
   const socket = `tidewatch-test-${process.pid}-${Math.random().toString(16).slice(2, 8)}`;
   const tmux = (...args) => spawnSync('tmux', ['-L', socket, ...args], { encoding: 'utf8' });
   const env = claudeEnv(home, standIn, { subscription });
-  const command = [
-    'env',
-    '-i',
-    ...Object.entries(env).map(([k, v]) => `${k}=${v}`),
-    CLAUDE,
-    '--permission-mode',
-    'default',
-  ]
+  // Typed into bash with the shell integration's start file, the way a
+  // person starts it; the relay finds the service by its support folder.
+  if (shellRc) Object.assign(env, { TIDEWATCH_SUPPORT: support, PATH: `${path.dirname(CLAUDE)}:${env.PATH}` });
+  const program = shellRc ? ['bash', '--noprofile', '--rcfile', shellRc, '-i'] : [CLAUDE, '--permission-mode', 'default'];
+  const command = ['env', '-i', ...Object.entries(env).map(([k, v]) => `${k}=${v}`), ...program]
     .map((word) => `'${word.replace(/'/g, `'\\''`)}'`)
     .join(' ');
   const started = tmux('new-session', '-d', '-s', 'claude', '-x', '160', '-y', '50', '-c', project, command);
@@ -149,6 +146,11 @@ export async function claudeInteractive(t, { home, project, standIn, subscriptio
     waitFor: (pattern, what, timeoutMs = 20000) =>
       eventually(() => pattern.test(screen()) && screen(), what, timeoutMs),
   };
+  if (shellRc) {
+    await sleep(300);
+    tmux('send-keys', '-t', 'claude', '-l', 'claude --permission-mode default');
+    tmux('send-keys', '-t', 'claude', 'Enter');
+  }
   // The status line is drawn once the program is ready for a prompt.
   await session.waitFor(/Tidewatch/, 'Claude Code ready, with its status line', 30000);
   return session;

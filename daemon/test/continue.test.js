@@ -1,0 +1,101 @@
+// Real Claude Code typed into bash with the shell integration, so it runs
+// through the terminal relay, offline against the
+// Messages API stand-in: the session shows its shared terminal, a usage
+// limit blocks it, and Tidewatch carries it on by typing into that terminal,
+// when asked and by itself once the limit lifts. Slow (a real program).
+
+import assert from 'node:assert/strict';
+import path from 'node:path';
+import { test } from 'node:test';
+
+import { CONTINUE_PROMPT } from '../src/sessions/continuer.js';
+import { eventually, scratchFolder, sleep, startScratchService } from './helpers.js';
+import { claudeHome, claudeInteractive, missingClaude, missingTmux, standInFor } from './support/claude-code.js';
+import { missingRelay, RELAY } from './support/relay.js';
+
+const limitError = (reset) => ({
+  status: 429,
+  type: 'rate_limit_error',
+  message: 'Rate limited',
+  headers: {
+    'anthropic-ratelimit-unified-status': 'rejected',
+    'anthropic-ratelimit-unified-representative-claim': 'five_hour',
+    'anthropic-ratelimit-unified-reset': String(reset),
+    'anthropic-ratelimit-unified-5h-status': 'rejected',
+    'anthropic-ratelimit-unified-5h-utilization': '1.0',
+    'anthropic-ratelimit-unified-5h-reset': String(reset),
+  },
+});
+
+// The prompts of the main loop that carried the continue prompt.
+const continues = (standIn) =>
+  standIn.requests.filter((request) => {
+    if (!(request.body?.tools?.length > 0)) return false;
+    const last = request.body.messages?.findLast((message) => message.role === 'user');
+    const blocks = typeof last?.content === 'string' ? [{ type: 'text', text: last.content }] : (last?.content ?? []);
+    return blocks.some((block) => block?.type === 'text' && block.text.trim() === CONTINUE_PROMPT);
+  }).length;
+
+test(
+  'slow: a limited session in a shared terminal is continued by hand, then by itself once the limit lifts',
+  { skip: missingClaude() ?? missingTmux() ?? missingRelay() ?? false, timeout: 120000 },
+  async (t) => {
+    const folder = await scratchFolder(t);
+    const shellHome = path.join(folder, 'home');
+    const service = await startScratchService(t, {
+      folder,
+      sessions: { checkEveryMs: 200 },
+      shellHome,
+      shell: '/bin/bash',
+      relay: RELAY,
+    });
+    const { home, project } = claudeHome(folder, service.support);
+    assert.equal((await service.post('/local/integration/install', {})).status, 200);
+    const reset = Math.floor(Date.now() / 1000) + 3600;
+    const standIn = await standInFor(t, { tool: null, error: limitError(reset) });
+    const claude = await claudeInteractive(t, {
+      home,
+      project,
+      standIn,
+      subscription: true,
+      shellRc: path.join(shellHome, '.bashrc'),
+      support: service.support,
+    });
+    const session = () => service.snapshot().then((snapshot) => snapshot.sessions[0]);
+
+    await claude.type('say hello');
+    const blocked = await eventually(async () => {
+      const now = await session();
+      return now?.blocked?.resetsAt && now.term && now;
+    }, 'the session blocked until the reset, in its shared terminal', 30000);
+    assert.deepEqual(blocked.term, { id: blocked.term.id, mac: 1, phone: 0 });
+    assert.equal(blocked.blocked.resetsAt, reset * 1000);
+    await eventually(async () => (await session()).blocked?.resume?.canArm, 'the carry-on offered');
+    // The service's screen model shows what the person's terminal shows.
+    const [terminal] = service.service.terminals.terminals();
+    assert.match((await terminal.screenLines()).join('\n'), /say hello/);
+
+    // By hand: the limit is still there, so the continue prompt is refused again.
+    const before = (await session()).lastActivityAt;
+    assert.equal((await service.post(`/v1/sessions/${blocked.id}/continue`, {})).status, 200);
+    await eventually(() => continues(standIn) === 1, 'the continue prompt reached the API', 20000);
+
+    // By itself, once: armed for the reset, which the service's clock passes.
+    const again = async () => {
+      const now = await session();
+      return now.lastActivityAt > before && now.blocked?.resume?.canArm;
+    };
+    await eventually(again, 'blocked again, the carry-on offered', 20000);
+    assert.equal((await service.post(`/v1/sessions/${blocked.id}/auto-continue`, { on: true })).status, 200);
+    const armed = (await session()).blocked.resume;
+    assert.deepEqual(armed, { state: 'armed', at: reset * 1000, by: 'tidewatch', canCancel: true, canArm: false });
+    await sleep(600);
+    assert.equal(continues(standIn), 1, 'nothing carried on before the reset');
+    standIn.script.error = null;
+    await service.post('/qa/power', { offsetMs: reset * 1000 - Date.now() + 1000 });
+    await eventually(() => continues(standIn) === 2, 'the armed session carried on', 20000);
+    await eventually(async () => (await session()).state === 'idle' && !(await session()).blocked, 'the turn done, the block gone', 20000);
+    await sleep(600);
+    assert.equal(continues(standIn), 2, 'carried on once');
+  },
+);
