@@ -9,7 +9,8 @@ import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 
 import { installIntoSettings } from '../../src/claude/hook-settings.js';
-import { eventually, sleep } from '../helpers.js';
+import { sleep } from '../helpers.js';
+import { tmuxPane } from './tmux-pane.js';
 import { startMessagesStandIn } from './messages-standin.js';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
@@ -96,60 +97,27 @@ export function claudePrint(t, { home, project, standIn, prompt, extra = [], sub
   return { child, done };
 }
 
-function alive(pid) {
-  try {
-    process.kill(pid, 0);
-    return true;
-  } catch {
-    return false;
-  }
-}
-
 /** The interactive program in a tmux server of its own, ready for a prompt; with `shellRc`, typed into bash. */
 export async function claudeInteractive(t, { home, project, standIn, subscription = false, shellRc = null, support = null }) {
-  const socket = `tidewatch-test-${process.pid}-${Math.random().toString(16).slice(2, 8)}`;
-  const tmux = (...args) => spawnSync('tmux', ['-L', socket, ...args], { encoding: 'utf8' });
   const env = claudeEnv(home, standIn, { subscription });
   // Typed into bash with the shell integration's start file, the way a
   // person starts it; the relay finds the service by its support folder.
   if (shellRc) Object.assign(env, { TIDEWATCH_SUPPORT: support, PATH: `${path.dirname(CLAUDE)}:${env.PATH}` });
   const program = shellRc ? ['bash', '--noprofile', '--rcfile', shellRc, '-i'] : [CLAUDE, '--permission-mode', 'default'];
-  const command = ['env', '-i', ...Object.entries(env).map(([k, v]) => `${k}=${v}`), ...program]
-    .map((word) => `'${word.replace(/'/g, `'\\''`)}'`)
-    .join(' ');
-  const started = tmux('new-session', '-d', '-s', 'claude', '-x', '160', '-y', '50', '-c', project, command);
-  if (started.status !== 0) throw new Error(`tmux didn’t start: ${started.stderr}`);
-  const pane = Number(tmux('display-message', '-p', '-t', 'claude', '#{pane_pid}').stdout);
-  t.after(async () => {
-    tmux('kill-server');
-    // Claude Code writes its home on the way out; the scratch folder may
-    // already be gone by then, so wait for the end and clear the home after it.
-    for (let waited = 0; pane > 0 && waited < 5000 && alive(pane); waited += 50) await sleep(50);
-    // A cleanup that throws would skip the ones after it and leave servers open.
-    try {
+  const session = tmuxPane(t, program, {
+    env,
+    cwd: project,
+    // Claude Code writes its home on the way out, after the scratch folder
+    // may be gone: clear the home after it, and the folder it recreated.
+    cleanup: () => {
       fs.rmSync(home, { recursive: true, force: true, maxRetries: 5 });
-      // And the scratch folder it recreated, when nothing else is in it.
       fs.rmdirSync(path.dirname(home));
-    } catch {
-      // something else is still in it
-    }
-  });
-  const screen = () => tmux('capture-pane', '-p', '-t', 'claude').stdout ?? '';
-  const session = {
-    screen,
-    keys: (...keys) => tmux('send-keys', '-t', 'claude', ...keys),
-    async type(text) {
-      tmux('send-keys', '-t', 'claude', '-l', text);
-      await sleep(300);
-      tmux('send-keys', '-t', 'claude', 'Enter');
     },
-    waitFor: (pattern, what, timeoutMs = 20000) =>
-      eventually(() => pattern.test(screen()) && screen(), what, timeoutMs),
-  };
+  });
   if (shellRc) {
     await sleep(300);
-    tmux('send-keys', '-t', 'claude', '-l', 'claude --permission-mode default');
-    tmux('send-keys', '-t', 'claude', 'Enter');
+    session.keys('-l', 'claude --permission-mode default');
+    session.keys('Enter');
   }
   // The status line is drawn once the program is ready for a prompt.
   await session.waitFor(/Tidewatch/, 'Claude Code ready, with its status line', 30000);
