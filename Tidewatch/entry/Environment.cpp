@@ -259,6 +259,17 @@ std::optional<QString> Environment::bundledDaemonFolder() const
     return daemon;
 }
 
+std::optional<QString> Environment::bundledRelay() const
+{
+    const QString executable = platform::executablePath();
+    if (executable.isEmpty())
+        return std::nullopt;
+    const QString relay = QFileInfo(executable).dir().absoluteFilePath(QStringLiteral("tidewatch-term"));
+    if (!QFileInfo(relay).isExecutable())
+        return std::nullopt;
+    return relay;
+}
+
 QString Environment::healthUrl() const
 {
     return QStringLiteral("http://127.0.0.1:%1/v1/health").arg(m_apiPort);

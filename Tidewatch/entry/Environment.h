@@ -65,6 +65,10 @@ public:
     QString userBinariesFolder() const { return m_home + QStringLiteral("/.local/bin"); }
     /// The service shipped with the program, when its resources hold one.
     std::optional<QString> bundledDaemonFolder() const;
+    /// The terminal relay shipped beside the program's executable.
+    std::optional<QString> bundledRelay() const;
+    /// Where the service and the shell integration find the relay.
+    QString installedRelay() const { return m_support + QStringLiteral("/bin/tidewatch-term"); }
 
     int apiPort() const { return m_apiPort; }
     int localPort() const { return m_localPort; }

@@ -19,6 +19,7 @@
 #include <QUuid>
 
 #include <array>
+#include <cstdio>
 #include <string>
 
 #include <unistd.h>
@@ -121,6 +122,7 @@ ServiceInstaller ServiceInstaller::forCopy(const Environment& environment)
     parts.environment = environment;
     parts.tools = OutsideTools::current(environment);
     parts.bundledDaemon = environment.bundledDaemonFolder();
+    parts.bundledRelay = environment.bundledRelay();
     return ServiceInstaller(std::move(parts));
 }
 
@@ -211,6 +213,8 @@ Outcome<Health> ServiceInstaller::install(const QString& nodePath, const Progres
     progress({Progress::Step::Copying, std::nullopt});
     if (const Outcome<bool> copied = copyDaemon(); !copied.ok())
         return fail(copied.sentence());
+    if (const Outcome<bool> copied = copyRelay(); !copied.ok())
+        return fail(copied.sentence());
     if (const std::optional<QString> failure = detection().recordNodePath(nodePath))
         return fail(*failure);
 
@@ -294,6 +298,25 @@ Outcome<bool> ServiceInstaller::copyDaemon()
     }
     // After a swap the staging path holds the replaced copy.
     cleanUp();
+    return true;
+}
+
+Outcome<bool> ServiceInstaller::copyRelay()
+{
+    if (!m_parts.bundledRelay)
+        return true;
+    const QString target = m_parts.environment.installedRelay();
+    const QString staging = target + QStringLiteral(".new");
+    QFile::remove(staging);
+    // Put in place by a rename, so that a terminal starting now runs the old copy or the new, never a part.
+    if (!QDir().mkpath(QFileInfo(target).path()) || !QFile::copy(*m_parts.bundledRelay, staging)
+        || !QFile::setPermissions(staging,
+            QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup
+                | QFile::ReadOther | QFile::ExeOther)
+        || std::rename(QFile::encodeName(staging).constData(), QFile::encodeName(target).constData()) != 0) {
+        QFile::remove(staging);
+        return Outcome<bool>::failure(QStringLiteral("Tidewatch couldn’t put its terminal relay in %1.").arg(target));
+    }
     return true;
 }
 

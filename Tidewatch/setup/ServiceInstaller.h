@@ -56,6 +56,8 @@ public:
         OutsideTools tools = OutsideTools::current();
         /// The service shipped with the app.
         std::optional<QString> bundledDaemon = Environment::current().bundledDaemonFolder();
+        /// The terminal relay shipped with the app; without it sessions run unshared.
+        std::optional<QString> bundledRelay = Environment::current().bundledRelay();
         QUrl nodeSite;
         /// One health probe; by default the service's health route on the API port.
         std::function<std::optional<Health>(double timeoutSeconds)> health;
@@ -86,6 +88,7 @@ public:
 
     /// Outcome<bool> stands for "done or the sentence why not".
     Outcome<bool> copyDaemon();
+    Outcome<bool> copyRelay();
     Outcome<bool> writeJobFile(const QString& nodePath);
     void stop();
     Outcome<bool> start();

@@ -12,6 +12,9 @@ import { isObject, objectOr } from './json.js';
 /** Until windows can be found and raised, the honest answer to “open”. */
 export const CANNOT_OPEN = 'Tidewatch can’t bring a terminal window forward yet: switch to it where the session runs.';
 
+/** A usage reading older than this is stale, in milliseconds. */
+export const USAGE_STALE_MS = 10 * 60 * 1000;
+
 /**
  * Only the Mac app holds the admin token, so an answer that comes this way
  * is the Mac's, whichever feed client the app named itself.
@@ -102,11 +105,14 @@ export function addActionRoutes(router, { state, codex = null, continuer = null 
     })
     .add('POST', '/v1/usage/refresh', async ({ req }) => {
       await readJsonObject(req);
-      // Until the usage is probed for real, a refresh says that the reading
-      // held was looked at now.
-      const usage = { ...objectOr(state.part('usage'), { source: 'none' }), observedAt: Date.now() };
-      state.setSnapshotParts({ usage });
-      return { usage };
+      // The windows come with Claude Code's own replies; nothing here can ask
+      // for them afresh without spending the person's usage. So the reading
+      // held is given as it is, and called stale once it is old.
+      const held = objectOr(state.part('usage'), null);
+      if (held === null) return { usage: { source: 'none' } };
+      const old = !Number.isFinite(held.observedAt) || Date.now() - held.observedAt > USAGE_STALE_MS;
+      if (old && held.source !== 'stale') state.setSnapshotParts({ usage: { ...held, source: 'stale' } });
+      return { usage: state.part('usage') };
     })
     .add('POST', '/v1/codex/refresh', async ({ req }) => {
       await readJsonObject(req);

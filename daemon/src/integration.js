@@ -139,8 +139,20 @@ export class Integration {
     this.#state.setLocalParts({ hooks: { installed: hooks }, statusLine: { installed: statusLine, supported } });
   }
 
+  // The block is offered where the login shell takes it and the relay is there to run.
+  #shellSupported() {
+    const { files, relay } = this.#shell;
+    if (files.length === 0 || !relay) return false;
+    try {
+      fs.accessSync(relay, fs.constants.X_OK);
+      return true;
+    } catch {
+      return false;
+    }
+  }
+
   #refreshShell() {
-    const shell = { installed: profilesHold(this.#shell.files), supported: this.#shell.files.length > 0 };
+    const shell = { installed: profilesHold(this.#shell.files), supported: this.#shellSupported() };
     const current = this.#state.localPart('shell');
     if (!isObject(current) || current.installed !== shell.installed || current.supported !== shell.supported)
       this.#state.setLocalParts({ shell });
@@ -149,7 +161,7 @@ export class Integration {
   // Puts the block in every start file, or takes it out of every one.
   #rewriteShell(install) {
     const { files, relay } = this.#shell;
-    if (files.length === 0 || (install && !relay)) return;
+    if (install ? !this.#shellSupported() : files.length === 0) return;
     const block = install ? profileBlock(relay) : null;
     for (const file of files) changeProfile(file, (text) => (install ? withBlock(text, block) : withoutBlock(text)));
     this.#log?.info(`The shell integration is ${install ? 'in' : 'out of'} ${files.join(', ')}.`);

@@ -4,7 +4,7 @@
 import assert from 'node:assert/strict';
 import test from 'node:test';
 
-import { CANNOT_OPEN } from '../src/action-routes.js';
+import { CANNOT_OPEN, USAGE_STALE_MS } from '../src/action-routes.js';
 import { NOT_SHARED, NOTHING_TO_RESUME } from '../src/sessions/continuer.js';
 import { eventually, sleep, startScratchService } from './helpers.js';
 
@@ -168,15 +168,18 @@ test('signing in waits for a code, and the code finishes it', async (t) => {
   await eventually(() => client.ofType('account').at(-1)?.account.state === 'ok', 'the account on the feed');
 });
 
-test('refreshing usage stamps the reading and tells the feed', async (t) => {
+test('refreshing usage never makes an old reading new: a fresh one stands, an old one turns stale', async (t) => {
   const { local, feed } = await startScratchService(t);
-  const usage = { fiveHour: { pct: 42, resetsAt: 1760007200000 }, source: 'official', observedAt: 1 };
-  await local('POST', '/qa/snapshot', { body: { usage } });
-  const client = await feed();
-
-  const before = Date.now();
-  const { observedAt, ...rest } = (await local('POST', '/v1/usage/refresh')).json.usage;
-  assert.deepEqual(rest, { fiveHour: usage.fiveHour, source: 'official' });
-  assert.ok(observedAt >= before && observedAt <= Date.now(), 'observed now');
-  assert.equal((await client.next('usage')).usage.observedAt, observedAt);
+  const fiveHour = { pct: 42, resetsAt: 1760007200000 };
+  const rows = [
+    ['fresh', Date.now() - 1000, 'official'],
+    ['old', Date.now() - USAGE_STALE_MS - 1000, 'stale'],
+  ];
+  for (const [name, observedAt, source] of rows) {
+    await local('POST', '/qa/snapshot', { body: { usage: { fiveHour, source: 'official', observedAt } } });
+    const client = await feed();
+    const { usage } = (await local('POST', '/v1/usage/refresh')).json;
+    assert.deepEqual(usage, { fiveHour, source, observedAt }, name);
+    if (source === 'stale') assert.equal((await client.next('usage')).usage.source, 'stale');
+  }
 });

@@ -8,6 +8,7 @@ import { test } from 'node:test';
 
 import { BLOCK_END, BLOCK_START, profileBlock, profilesFor, withBlock, withoutBlock } from '../src/shell-profile.js';
 import { startScratchService } from './helpers.js';
+import { missingRelay, RELAY as BUILT_RELAY } from './support/relay.js';
 
 const RELAY = '/Users/ann/Library/Application Support/Tidewatch/bin/tidewatch-term';
 
@@ -47,7 +48,7 @@ test('the start files follow the login shell', () => {
   }
 });
 
-test('install and uninstall change only the block, through a link to the real file, mode kept', async (t) => {
+test('install and uninstall change only the block, through a link to the real file, mode kept', { skip: missingRelay() ?? false }, async (t) => {
   const service0 = await startScratchService(t);
   const home = path.join(service0.folder, 'home');
   const dotfiles = path.join(service0.folder, 'dotfiles');
@@ -57,14 +58,14 @@ test('install and uninstall change only the block, through a link to the real fi
   fs.writeFileSync(path.join(dotfiles, 'bashrc'), own, { mode: 0o640 });
   fs.symlinkSync(path.join(dotfiles, 'bashrc'), path.join(home, '.bashrc'));
   await service0.service.close();
-  const service = await startScratchService(t, { folder: service0.folder, shellHome: home, shell: '/bin/bash', relay: RELAY });
+  const service = await startScratchService(t, { folder: service0.folder, shellHome: home, shell: '/bin/bash', relay: BUILT_RELAY });
   const shellStatus = async () => (await service.local('GET', '/local/status')).json.shell;
   assert.deepEqual(await shellStatus(), { installed: false, supported: true });
 
   assert.equal((await service.post('/local/integration/install', {})).status, 200);
   assert.ok(fs.lstatSync(path.join(home, '.bashrc')).isSymbolicLink(), 'the link stays a link');
   const installed = fs.readFileSync(path.join(dotfiles, 'bashrc'), 'utf8');
-  assert.ok(installed.startsWith(own) && installed.includes(profileBlock(RELAY)));
+  assert.ok(installed.startsWith(own) && installed.includes(profileBlock(BUILT_RELAY)));
   assert.equal(fs.statSync(path.join(dotfiles, 'bashrc')).mode & 0o777, 0o640);
   assert.deepEqual(await shellStatus(), { installed: true, supported: true });
 
