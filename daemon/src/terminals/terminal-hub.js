@@ -34,6 +34,12 @@ const REFUSAL_LOG_EVERY_MS = 60 * 1000;
 /** Between the words typed and the Return that submits them, in milliseconds. */
 const SUBMIT_AFTER_MS = 200;
 
+function withoutTerm(session, termId) {
+  if (session.term?.id !== termId) return session;
+  const { term, ...rest } = session;
+  return rest;
+}
+
 export class TerminalHub {
   #state;
   #log;
@@ -70,7 +76,7 @@ export class TerminalHub {
     for (const session of arrayOr(this.#state.part('sessions'))) {
       if (!isObject(session?.term) || typeof session.term.id !== 'string') continue;
       this.#links.set(session.term.id, session.id);
-      this.#state.patchSession(session.id, ({ term, ...rest }) => rest);
+      this.#state.patchSession(session.id, (it) => withoutTerm(it, session.term.id));
     }
     // Left by a service that ended without closing it; the ports prove no
     // other service runs on this support folder.
@@ -100,7 +106,10 @@ export class TerminalHub {
    * @param {string} termId
    */
   link(sessionId, termId) {
-    if (!TERM_ID.test(termId) || this.#links.get(termId) === sessionId) return;
+    const before = this.#links.get(termId);
+    if (!TERM_ID.test(termId) || before === sessionId) return;
+    // The agent moved on to a new session in the same terminal (/clear, say).
+    if (before !== undefined) this.#state.patchSession(before, (session) => withoutTerm(session, termId));
     this.#links.delete(termId);
     if (this.#links.size >= MAX_LINKS) this.#links.delete(this.#links.keys().next().value);
     this.#links.set(termId, sessionId);
@@ -220,10 +229,8 @@ export class TerminalHub {
     const sessionId = this.#links.get(termId);
     if (sessionId === undefined) return;
     const open = this.#open.has(termId);
-    this.#state.patchSession(sessionId, (session) => {
-      const { term, ...rest } = session;
-      if (!open) return term?.id === termId ? rest : session;
-      return { ...rest, term: { id: termId, mac: 1, phone: 0 } };
-    });
+    this.#state.patchSession(sessionId, (session) =>
+      open ? { ...session, term: { id: termId, mac: 1, phone: 0 } } : withoutTerm(session, termId),
+    );
   }
 }
