@@ -142,7 +142,7 @@ const startRows = [
 ];
 
 for (const { name, http, claude, road, untouched } of startRows) {
-  test(`at start, ${name}: ${untouched ? 'the file is left as it is' : `our hooks go by ${road}`}`, { skip: claude && missingClaude() }, async (t) => {
+  test(`at start, ${name}: ${untouched ? 'the file is left as it is' : `our hooks go by ${road}`}`, { skip: (claude && missingClaude()) ?? false }, async (t) => {
     const folder = fs.mkdtempSync(path.join(fs.realpathSync('/tmp'), 'tidewatch-integration-'));
     t.after(() => fs.rmSync(folder, { recursive: true, force: true }));
     const settingsFile = path.join(folder, 'home', '.claude', 'settings.json');
