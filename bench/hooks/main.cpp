@@ -13,6 +13,11 @@
 // Prints median and p95 of each, and of the difference run by run, which is
 // the figure that counts: the aim is under 20 ms.
 //
+// Beside it, the road of Claude Code's HTTP hooks, which run no program: the
+// same PreToolUse posted as Claude Code posts it (the hook credential, the
+// empty terminal header) on a fresh loopback connection, timed to its whole
+// answer, the service up and down; the whole of it is added time.
+//
 // Options: --runs N (each case, default 60); --hook PATH (another hook
 // program to weigh, such as an older version of it).
 
@@ -40,9 +45,12 @@
 #include <thread>
 #include <vector>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <spawn.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -195,6 +203,58 @@ private:
     bool m_live = false;
 };
 
+/// One POST as Claude Code's HTTP hook makes it, on a fresh loopback
+/// connection: the wall time from the connect to the answer's end.
+Outcome post(int port, const QByteArray& token, const QByteArray& body)
+{
+    Outcome outcome;
+    const qint64 started = steadyNanos();
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        const QByteArray request = "POST /claude/hooks/report HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(port)
+            + "\r\nContent-Type: application/json\r\nAuthorization: Bearer " + token
+            + "\r\nX-Tidewatch-Term: \r\nContent-Length: " + QByteArray::number(body.size())
+            + "\r\nConnection: close\r\n\r\n" + body;
+        qsizetype sent = 0;
+        while (sent < request.size()) {
+            const ssize_t wrote = ::write(fd, request.constData() + sent, static_cast<size_t>(request.size() - sent));
+            if (wrote <= 0)
+                break;
+            sent += wrote;
+        }
+        char buffer[4096];
+        for (ssize_t got = 0; (got = ::read(fd, buffer, sizeof buffer)) > 0;)
+            outcome.out.append(buffer, got);
+        outcome.status = outcome.out.startsWith("HTTP/1.1 200") ? 0 : 1;
+    }
+    if (fd >= 0)
+        ::close(fd);
+    outcome.ms = static_cast<double>(steadyNanos() - started) / 1e6;
+    return outcome;
+}
+
+/// The HTTP road: every POST is added time. `up` says whether it must be answered.
+Figures measurePost(const QByteArray& payload, int runs, int port, const QByteArray& token, bool up)
+{
+    Figures figures;
+    for (int i = 0; i < 3; ++i)
+        post(port, token, payload);
+    for (int i = 0; i < runs; ++i) {
+        const Outcome ours = post(port, token, payload);
+        if ((ours.status == 0) != up)
+            ++figures.failures;
+        figures.empty.push_back(0);
+        figures.hook.push_back(ours.ms);
+        figures.added.push_back(ours.ms);
+        figures.addedCpu.push_back(0);
+    }
+    return figures;
+}
+
 struct Case {
     const char* name;
     QByteArray payload;
@@ -305,14 +365,23 @@ int main(int argc, char** argv)
         "added", "fails");
     print("service up: PreToolUse", measure(report, runs, hook, empty, environment));
     print("service up: PermissionRequest, answered at once", measure(permission, runs, hook, empty, environment));
+    QFile hookTokenFile(service.supportFolder() + QStringLiteral("/hook-token"));
+    if (!hookTokenFile.open(QIODevice::ReadOnly)) {
+        std::puts("FAILED: the service made no hook credential.");
+        return 1;
+    }
+    const QByteArray hookToken = hookTokenFile.readAll().trimmed();
+    const int port = service.localPort();
+    print("service up: PreToolUse, HTTP hook", measurePost(report.payload, runs, port, hookToken, true));
     const int answered = answerer.answered;
     answerer.close();
 
     service.stop();
     print("service down: PreToolUse", measure(report, runs, hook, empty, environment));
     print("service down: PermissionRequest", measure(unanswered, runs, hook, empty, environment));
-    std::printf("(%d approvals answered; \"added\" is each hook run less the empty hook run beside it; \"CPU added\"\n"
-                " the median of the same for the processes' own CPU time)\n",
+    print("service down: PreToolUse, HTTP hook", measurePost(report.payload, runs, port, hookToken, false));
+    std::printf("(%d approvals answered; \"added\" is each hook run less the empty hook run beside it, and the\n"
+                " whole POST for an HTTP hook; \"CPU added\" the median of the same for the processes' own CPU time)\n",
         answered);
     return 0;
 }

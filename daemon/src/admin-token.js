@@ -24,7 +24,19 @@ export const ADMIN_TOKEN_BYTES = 32;
  *     set back to 0600
  */
 export function loadAdminToken(support) {
-  const file = path.join(support, ADMIN_TOKEN_FILE);
+  return loadToken(support, ADMIN_TOKEN_FILE);
+}
+
+/**
+ * Gives a token kept in a private file of the support folder, as
+ * loadAdminToken does.
+ *
+ * @param {string} support
+ * @param {string} name The file's name
+ * @return {{token: string, created: boolean, tightened: boolean}}
+ */
+export function loadToken(support, name) {
+  const file = path.join(support, name);
   let existing = '';
   try {
     existing = fs.readFileSync(file, 'utf8').trim();

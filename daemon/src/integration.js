@@ -12,7 +12,7 @@ import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 
 import { HttpError } from './http-reply.js';
-import { installIntoSettings, integrationState, removeFromSettings } from './claude/hook-settings.js';
+import { installIntoSettings, integrationState, refreshedSettings, removeFromSettings } from './claude/hook-settings.js';
 import { writeFileAtomically } from './private-files.js';
 import { changeProfile, profileBlock, ProfileError, profilesHold, withBlock, withoutBlock } from './shell-profile.js';
 import { isObject } from './json.js';
@@ -87,6 +87,7 @@ export class Integration {
   #state;
   #file;
   #place;
+  #http = null;
   #log;
   #watching = false;
   #shell;
@@ -182,13 +183,35 @@ export class Integration {
   }
 
   /**
+   * Says where HTTP hooks post (none: Claude Code can't take them), and
+   * brings hooks of ours already in the file up to date with it, so that a
+   * service on another port, or a Claude Code updated, is still reached.
+   *
+   * @param {{port: number, token: string}|null} http
+   */
+  useHttp(http) {
+    this.#http = http;
+    try {
+      const { settings } = readSettings(this.#file);
+      if (refreshedSettings(settings, this.#hookPlace()) === null) return;
+      this.#rewrite((current) => refreshedSettings(current, this.#hookPlace()) ?? current, 'reconnected');
+    } catch (error) {
+      this.#log?.warn(`Claude Code’s hooks couldn’t be brought up to date: ${error.message}`);
+    }
+  }
+
+  #hookPlace() {
+    return { ...this.#place, http: this.#http };
+  }
+
+  /**
    * Adds the hooks and the status line; an older install of ours is replaced.
    *
    * @return {{hooks: boolean, statusLine: boolean}} What the file holds afterwards
    * @throws {SettingsError|ProfileError}
    */
   install() {
-    const status = this.#rewrite((settings) => installIntoSettings(settings, this.#place), 'connected');
+    const status = this.#rewrite((settings) => installIntoSettings(settings, this.#hookPlace()), 'connected');
     this.#rewriteShell(true);
     this.refresh();
     return status;

@@ -1,6 +1,7 @@
 // One loopback HTTP listener and the road every request takes on it:
 // planted faults first, then the admin token (where the listener asks for
-// it, unless the route is an open page), then the route table. Both the API port and the local port are one of
+// it, unless the route is an open page; the hook door takes the hook
+// credential too), then the route table. Both the API port and the local port are one of
 // these; the API port's feed hangs on the same server's upgrade event.
 
 import http from 'node:http';
@@ -29,9 +30,10 @@ export const MAX_CONNECTIONS = 256;
  * @param {PendingTimers} options.pending Delayed fault answers
  * @param {Log} options.log
  * @param {string} [options.token] When given, every request must carry it
+ * @param {string} [options.hookToken] Taken instead of `token` by the routes marked `hook`
  * @return {http.Server} Not listening yet
  */
-export function createListener({ router, faults, pending, log, token }) {
+export function createListener({ router, faults, pending, log, token, hookToken }) {
   const server = http.createServer(
     { maxHeaderSize: MAX_HEADER_BYTES, headersTimeout: HEADERS_TIMEOUT_MS, requestTimeout: REQUEST_TIMEOUT_MS },
     (req, res) => {
@@ -40,7 +42,7 @@ export function createListener({ router, faults, pending, log, token }) {
         sendError(res, new HttpError(400, 'bad_request', 'The request’s path can’t be read.'));
         return;
       }
-      const proceed = () => respond(req, res, target, { router, log, token });
+      const proceed = () => respond(req, res, target, { router, log, token, hookToken });
       const fault = faults.take(req.method, target.path);
       if (fault) answerWithFault(req, res, fault, pending, proceed);
       else proceed();
@@ -72,10 +74,16 @@ export function readTarget(target) {
   }
 }
 
-async function respond(req, res, { path, url }, { router, log, token }) {
+// Whether the request carries a credential its route takes.
+function admitted(found, authorization, token, hookToken) {
+  if (token === undefined || found?.open || bearerMatches(authorization, token)) return true;
+  return Boolean(found?.hook) && hookToken !== undefined && bearerMatches(authorization, hookToken);
+}
+
+async function respond(req, res, { path, url }, { router, log, token, hookToken }) {
   try {
     const found = router.find(req.method, path);
-    if (token !== undefined && !found?.open && !bearerMatches(req.headers.authorization, token)) {
+    if (!admitted(found, req.headers.authorization, token, hookToken)) {
       throw new HttpError(401, 'unauthorized', 'This request needs the admin token, sent as “Authorization: Bearer <token>”.', {
         headers: { 'WWW-Authenticate': 'Bearer' },
       });

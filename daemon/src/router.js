@@ -26,10 +26,12 @@ export class Router {
    * @param {Object} [options]
    * @param {boolean} [options.open=false] Answers without the admin token,
    *     for a page with nothing secret in it that a browser opens
+   * @param {boolean} [options.hook=false] Also answers the hook credential
+   *     (hook-token.js), for the door that takes reported hook events
    * @return {Router} this, for chaining
    */
-  add(method, pattern, handler, { open = false } = {}) {
-    this.routes.push({ method, segments: pattern.split('/'), handler, pattern, open });
+  add(method, pattern, handler, { open = false, hook = false } = {}) {
+    this.routes.push({ method, segments: pattern.split('/'), handler, pattern, open, hook });
     return this;
   }
 
@@ -43,7 +45,7 @@ export class Router {
    *
    * @param {string} method
    * @param {string} pathname The raw path, still percent-encoded
-   * @return {{handler: Handler, params: Object, open: boolean}|{allowed: Array<string>}|null}
+   * @return {{handler: Handler, params: Object, open: boolean, hook: boolean}|{allowed: Array<string>}|null}
    *     the route; or the methods the path allows when the method is wrong;
    *     or null when no route has this path
    * @throws {HttpError} 400 when a parameter isn't valid percent-encoding
@@ -54,7 +56,7 @@ export class Router {
     for (const route of this.routes) {
       const params = matchSegments(route.segments, segments);
       if (!params) continue;
-      if (route.method === method) return { handler: route.handler, params, open: route.open };
+      if (route.method === method) return { handler: route.handler, params, open: route.open, hook: route.hook };
       if (!allowed.includes(route.method)) allowed.push(route.method);
     }
     return allowed.length > 0 ? { allowed } : null;

@@ -13,6 +13,9 @@ import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';
 import { FaultBook, NO_FAULTS, PendingTimers } from './faults.js';
 import { FeedServer } from './feed-server.js';
 import { hookPlace, Integration } from './integration.js';
+import { loadHookToken } from './hook-token.js';
+import { detectClaude, takesHttpHooks } from './claude/claude-binary.js';
+import { usualFolders } from './codex/codex-binary.js';
 import { closeListener, createListener, HOST, listen } from './listener.js';
 import { localRoutes } from './local-routes.js';
 import { Log } from './log.js';
@@ -36,6 +39,7 @@ import { VERSION } from './version.js';
  * @property {AwakeKeeper} awake
  * @property {CodexAgent} codex
  * @property {Promise<void>} codexReady When Codex's first look (program and files) is done
+ * @property {Promise<void>} claudeReady When Claude Code's version is known and the hooks fit it
  * @property {ClaudeAgent} claude Claude Code through its hooks and status line
  * @property {TerminalHub} terminals The shared terminals
  * @property {Integration} integration Claude Code's settings, connected on request
@@ -80,6 +84,9 @@ import { VERSION } from './version.js';
  * @param {Object} [options.sessions] For tests: `checkEveryMs` (see Continuer)
  * @param {string} [options.claudeSettings] Claude Code's user settings file;
  *     ~/.claude/settings.json of the home the service runs under
+ * @param {Object} [options.claudeProgram] Where `claude` is looked for:
+ *     `named`, `searchPath`, `folders` (see findProgram); PATH and the usual
+ *     folders by default
  * @param {Object} [options.persist] For tests: `now`, `saveDelayMs`,
  *     `saveMaxDelayMs`, `sweepEveryMs` (see StatePersister)
  * @return {Promise<RunningService>}
@@ -101,6 +108,7 @@ export async function startService({
   claude: claudeOptions = {},
   sessions: sessionOptions = {},
   claudeSettings = path.join(os.homedir(), '.claude', 'settings.json'),
+  claudeProgram = {},
   shellHome = null,
   shell = '/bin/sh',
   relay = null,
@@ -113,6 +121,8 @@ export async function startService({
   log.addSecret(token);
   if (created) log.info('Made a new admin token.');
   if (tightened) log.warn('The admin token file was readable by others; it is private (0600) again.');
+  const hookToken = loadHookToken(support).token;
+  log.addSecret(hookToken);
 
   let keeper = null;
   const state = new ServiceState({
@@ -192,6 +202,7 @@ export async function startService({
     pending,
     log,
     token,
+    hookToken,
   });
 
   let ports;
@@ -221,6 +232,18 @@ export async function startService({
   continuer.start();
   integration.start();
   claude.start({ localPort: ports.local });
+  // Which hooks this Claude Code takes; until it is known, the command hooks.
+  const claudeReady = detectClaude({
+    searchPath: (process.env.PATH ?? '').split(path.delimiter),
+    folders: usualFolders(os.homedir()),
+    ...claudeProgram,
+  })
+    .then((found) => {
+      if (closing) return;
+      state.setLocalParts({ claude: found });
+      integration.useHttp(takesHttpHooks(found.version) ? { port: ports.local, token: hookToken } : null);
+    })
+    .catch((error) => log.error(`Claude Code couldn’t be looked for: ${error?.stack ?? error}`));
   const codexReady = codex.start().catch((error) => log.error(`Codex couldn’t be followed: ${error?.stack ?? error}`));
 
   const startLine =
@@ -256,6 +279,7 @@ export async function startService({
     codex,
     codexReady,
     claude,
+    claudeReady,
     terminals,
     integration,
     persister,

@@ -14,7 +14,9 @@ import { test } from 'node:test';
 
 import { DENY_MESSAGE } from '../src/claude/permission.js';
 import { claudeFixture, eventually, freePorts, scratchFolder, sleep, spawnMain, startScratchService } from './helpers.js';
+import { HOOK_TOKEN_FILE } from '../src/hook-token.js';
 import {
+  CLAUDE,
   claudeHome,
   claudeInteractive,
   claudePrint,
@@ -290,4 +292,36 @@ test('slow: hard restarts while requests wait lose none and answer none twice', 
   assert.deepEqual(kept, [...ids.values()].sort(), 'each request answered exactly once');
   // Answered already: a second answer is late, never a second question.
   assert.equal((await post(`/v1/approvals/${ids.get('s0')}/decision`, { decision: 'deny' })).status, 409);
+});
+
+// With HTTP hooks, Claude Code posts its reports itself: the hook program
+// runs (through a Node.js that notes each event it is given) for the
+// session's start and the waiting request alone, and the session still goes
+// from start to end, and Tidewatch's answer still lets the command run.
+test('slow: claude -p: HTTP hooks report with no hook program, and the waiting request still waits for Tidewatch', { skip: WAYS['claude -p'].skip, timeout: 60000 }, async (t) => {
+  const service = await startScratchService(t, { claudeProgram: { named: CLAUDE } });
+  const noted = path.join(service.folder, 'hook-runs');
+  const node = path.join(service.folder, 'noting-node');
+  fs.writeFileSync(node, `#!/bin/sh\ninput=$(cat)\nprintf '%s\\n' "$input" >> '${noted}'\nprintf '%s' "$input" | exec '${process.execPath}' "$@"\n`, { mode: 0o755 });
+  const token = fs.readFileSync(path.join(service.support, HOOK_TOKEN_FILE), 'utf8').trim();
+  const { home, project } = claudeHome(service.folder, service.support, { place: { node, http: { port: service.service.localPort, token } } });
+  const target = path.join(project, 'made-by-claude');
+  const standIn = await standInFor(t, { tool: { name: 'Bash', input: { command: `touch ${target}`, description: 'Make a file' } } });
+  const snapshot = async () => (await service.local('GET', '/v1/snapshot')).json;
+  const feed = await service.feed();
+  const run = claudePrint(t, { home, project, standIn, prompt: 'make a file please' });
+
+  const approval = await eventually(async () => (await snapshot()).approvals[0], 'an approval', 30000);
+  const session = (await snapshot()).sessions.find((each) => each.id === approval.sessionId);
+  // The prompt and the tool call came by HTTP: the title and the approval's state say so.
+  assert.deepEqual([session.state, session.title], ['needs_you', 'make a file please']);
+  assert.equal((await service.post(`/v1/approvals/${approval.id}/decision`, { decision: 'allow' })).status, 200);
+  const result = await run.done;
+  assert.equal(result.code, 0, result.stderr);
+  assert.equal(fs.existsSync(target), true);
+  const ended = await eventually(async () => (await snapshot()).sessions.find((s) => s.state === 'ended'), 'the session ended');
+  assert.equal(ended.lastText, 'Done.');
+  assert.ok(feed.ofType('session').some((m) => m.session.state === 'working'), 'the session went working');
+  const runs = fs.readFileSync(noted, 'utf8').trim().split('\n').map((line) => JSON.parse(line).hook_event_name);
+  assert.deepEqual([...new Set(runs)].sort(), ['PermissionRequest', 'SessionStart']);
 });

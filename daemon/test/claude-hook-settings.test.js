@@ -10,8 +10,11 @@ import { test } from 'node:test';
 
 import {
   hookCommand,
+  HTTP_EVENTS,
   installIntoSettings,
   integrationState,
+  isOurHook,
+  refreshedSettings,
   removeFromSettings,
   REPORT_EVENTS,
   WAITING_EVENT,
@@ -36,12 +39,20 @@ const startingPoints = [
   ['a person’s own hooks and status line', { hooks: ownHooks, statusLine: ownStatusLine, env: { A: '1' } }],
 ];
 
+const httpPlace = { ...place, http: { port: 47322, token: 'ab'.repeat(32) } };
+const roads = [
+  ['command hooks', place, httpPlace],
+  ['HTTP hooks', httpPlace, place],
+];
+
 for (const [name, settings] of startingPoints) {
-  test(`install and removal over ${name}`, () => {
-    const installed = installIntoSettings(settings, place);
+  for (const [road, ours, other] of roads) test(`install and removal of ${road} over ${name}`, () => {
+    const installed = installIntoSettings(settings, ours);
     assert.deepEqual(integrationState(installed), { hooks: true, statusLine: true });
     // Installing again changes nothing: no second set of hooks.
-    assert.deepEqual(installIntoSettings(installed, place), installed);
+    assert.deepEqual(installIntoSettings(installed, ours), installed);
+    // An install of the other road replaces this one, and back again.
+    assert.deepEqual(installIntoSettings(installIntoSettings(installed, other), ours), installed);
     for (const [key, value] of Object.entries(settings ?? {})) {
       if (key !== 'hooks' && key !== 'statusLine') assert.deepEqual(installed[key], value, key);
     }
@@ -97,3 +108,68 @@ test('the wrapped status line keeps running the person’s command and shows its
   const shown = spawnSync('/bin/sh', ['-c', bare.command], { input, encoding: 'utf8', timeout: 10000 });
   assert.equal(shown.stdout, 'Tidewatch · Opus\n');
 });
+
+test('with HTTP hooks, only SessionStart and the waiting request start the hook program', () => {
+  const { hooks } = installIntoSettings({ hooks: ownHooks }, httpPlace);
+  const kinds = Object.fromEntries(
+    [...REPORT_EVENTS, WAITING_EVENT].map((event) => [event, hooks[event].flatMap((group) => group.hooks).filter(isOurHook).map((hook) => hook.type)]),
+  );
+  const expected = Object.fromEntries(
+    [...REPORT_EVENTS, WAITING_EVENT].map((event) => [event, [HTTP_EVENTS.includes(event) ? 'http' : 'command']]),
+  );
+  assert.deepEqual(kinds, expected);
+  assert.deepEqual([...REPORT_EVENTS.filter((event) => !HTTP_EVENTS.includes(event))], ['SessionStart']);
+  const [http] = hooks.Stop.flatMap((group) => group.hooks).filter(isOurHook);
+  assert.deepEqual(http, {
+    type: 'http',
+    url: 'http://127.0.0.1:47322/claude/hooks/report',
+    headers: { Authorization: `Bearer ${httpPlace.http.token}`, 'X-Tidewatch-Term': '$TIDEWATCH_TERM' },
+    allowedEnvVars: ['TIDEWATCH_TERM'],
+    timeout: 2,
+  });
+  // The person's own hooks stand first, untouched.
+  assert.deepEqual(hooks.Stop[0], ownHooks.Stop[0]);
+});
+
+test('our entries are known by the program or the hook door on 127.0.0.1, nothing else', () => {
+  const rows = [
+    ['our command hook', { type: 'command', command: hookCommand(place) }, true],
+    ['our HTTP hook', { type: 'http', url: 'http://127.0.0.1:40000/claude/hooks/report' }, true],
+    ['another path on our host', { type: 'http', url: 'http://127.0.0.1:40000/claude/hook' }, false],
+    ['our path on another host', { type: 'http', url: 'http://localhost:40000/claude/hooks/report' }, false],
+    ['our path over https', { type: 'http', url: 'https://127.0.0.1:40000/claude/hooks/report' }, false],
+    ['our path with a query', { type: 'http', url: 'http://127.0.0.1:1/claude/hooks/report/x' }, false],
+    ['a command naming the door', { type: 'command', command: 'curl http://127.0.0.1:1/claude/hooks/report' }, false],
+    ['a URL that isn’t one', { type: 'http', url: 'not a url' }, false],
+    ['not an entry', 'tidewatch', false],
+  ];
+  for (const [name, hook, ours] of rows) assert.equal(isOurHook(hook), ours, name);
+});
+
+// A file as the service finds it at start, and what it makes of it.
+const oldHttp = { ...place, http: { port: 50000, token: 'cd'.repeat(32) } };
+const refreshRows = [
+  ['nothing of ours', { hooks: ownHooks }, httpPlace, null],
+  ['ours as an install now makes them', installIntoSettings({ hooks: ownHooks }, httpPlace), httpPlace, null],
+  ['ours at another port, with another credential', installIntoSettings({ hooks: ownHooks }, oldHttp), httpPlace, 'http'],
+  ['ours as commands, Claude Code now taking HTTP hooks', installIntoSettings({ hooks: ownHooks }, place), httpPlace, 'http'],
+  ['ours by HTTP, Claude Code no longer taking them', installIntoSettings({ hooks: ownHooks }, httpPlace), place, 'command'],
+  ['ours by HTTP, the status line taken out by hand', { ...installIntoSettings({}, oldHttp), statusLine: undefined }, httpPlace, 'http'],
+  ['ours with an event taken out by hand', { ...installIntoSettings({}, oldHttp), hooks: { Stop: installIntoSettings({}, oldHttp).hooks.Stop } }, httpPlace, null],
+];
+
+for (const [name, settings, now, road] of refreshRows) {
+  test(`at start, ${name}: ${road === null ? 'left alone' : `brought to ${road} hooks`}`, () => {
+    const refreshed = refreshedSettings(settings, now);
+    if (road === null) {
+      assert.equal(refreshed, null);
+      return;
+    }
+    const wanted = installIntoSettings(settings, now);
+    assert.deepEqual(refreshed.hooks, wanted.hooks);
+    assert.equal(refreshed.hooks.Stop.flatMap((group) => group.hooks).filter(isOurHook)[0].type, road);
+    // Everything else as it stood, the status line too.
+    assert.deepEqual({ ...refreshed, hooks: null }, { ...settings, hooks: null });
+    assert.equal(refreshedSettings(refreshed, now), null);
+  });
+}

@@ -10,9 +10,12 @@ import path from 'node:path';
 import { test } from 'node:test';
 
 import { MAX_OPEN_APPROVALS } from '../src/claude/approval-broker.js';
+import { HOOK_REPORT_PATH } from '../src/claude/hook-settings.js';
+import { HOOK_TOKEN_FILE } from '../src/hook-token.js';
 import { claudeFixture as fixture, fixtureLines, sleep, startScratchService } from './helpers.js';
 
 const SESSION = fixture('session-start.json').session_id;
+const modeOf = (file) => fs.statSync(file).mode & 0o777;
 
 // Payloads moved into a scratch folder, with the transcript there.
 function inFolder(event, folder) {
@@ -221,4 +224,69 @@ test('an event and what its transcript added leave as one frame', async (t) => {
   await send('pre-tool-use-bash.json');
   const { session } = await feed.next('session', 5000);
   assert.deepEqual([session.lastText, session.activity], ['Let me make it.', `Bash: ${call.tool_input.command}`]);
+});
+
+// Claude Code's HTTP hooks post to their own door with the hook credential,
+// which opens that door alone.
+async function withHookCredential(t) {
+  const setup = await setUp(t);
+  const hookToken = fs.readFileSync(path.join(setup.service.support, HOOK_TOKEN_FILE), 'utf8').trim();
+  const as = (token, method, target, { body, headers = {} } = {}) =>
+    setup.service.local(method, target, { body, headers: { Authorization: `Bearer ${token}`, ...headers } });
+  const report = (name, headers = {}, extra = {}) =>
+    as(hookToken, 'POST', HOOK_REPORT_PATH, { body: { ...inFolder(fixture(name), setup.service.folder), ...extra }, headers });
+  return { ...setup, hookToken, as, report };
+}
+
+test('the hook credential hands in reports and opens no other door', async (t) => {
+  const { service, hookToken, as, report, snapshot } = await withHookCredential(t);
+  assert.equal(modeOf(path.join(service.support, HOOK_TOKEN_FILE)), 0o600);
+  assert.notEqual(hookToken, service.token);
+  const { id } = (await service.post('/claude/permission?request=request-one&wait=0', inFolder(fixture('permission-request-bash.json'), service.folder))).json;
+  const rows = [
+    ['a report on the hook door', 'POST', HOOK_REPORT_PATH, fixture('user-prompt-submit.json'), 200],
+    ['a report on the hook program’s door', 'POST', '/claude/hook', fixture('stop.json'), 401],
+    ['a permission request', 'POST', '/claude/permission?request=request-two&wait=0', fixture('permission-request-bash.json'), 401],
+    ['an answer to the approval', 'POST', `/v1/approvals/${id}/decision`, { decision: 'allow' }, 401],
+    ['the snapshot', 'GET', '/v1/snapshot', undefined, 401],
+    ['the integration', 'POST', '/local/integration/uninstall', {}, 401],
+  ];
+  for (const [name, method, target, body, status] of rows) {
+    const reply = await as(hookToken, method, target, { body: body && inFolder(body, service.folder) });
+    assert.equal(reply.status, status, name);
+  }
+  // The admin token opens the hook door too; nothing else does.
+  assert.equal((await as(service.token, 'POST', HOOK_REPORT_PATH, { body: inFolder(fixture('stop.json'), service.folder) })).status, 200);
+  assert.equal((await as('nope', 'POST', HOOK_REPORT_PATH, { body: inFolder(fixture('stop.json'), service.folder) })).status, 401);
+  // A report is no answer: the approval still waits.
+  const { approvals, sessions } = await snapshot();
+  assert.deepEqual([approvals.map((each) => each.id), sessions[0].state], [[id], 'needs_you']);
+  assert.deepEqual((await report('stop.json')).json, {});
+});
+
+test('the hook door refuses what the hook program’s door refuses, and a request', async (t) => {
+  const { service, hookToken, as, report, snapshot } = await withHookCredential(t);
+  const before = await snapshot();
+  const rows = [
+    ...hostile.map(([name, body]) => [name, body, {}, 400]),
+    ['a permission request', inFolder(fixture('permission-request-bash.json'), service.folder), {}, 400],
+    ['a terminal id that isn’t one', inFolder(fixture('stop.json'), service.folder), { 'X-Tidewatch-Term': 'ab'.repeat(15) }, 400],
+    ['two terminal ids', inFolder(fixture('stop.json'), service.folder), { 'X-Tidewatch-Term': `${'ab'.repeat(16)}, ${'cd'.repeat(16)}` }, 400],
+    ['a payload over the limit', { ...fixture('stop.json'), prompt: 'x'.repeat(1024 * 1024) }, {}, 413],
+  ];
+  for (const [name, body, headers, status] of rows) {
+    const reply = await as(hookToken, 'POST', HOOK_REPORT_PATH, { body, headers });
+    assert.equal(reply.status, status, name);
+    assert.match(reply.json.error.message, /\S/, name);
+  }
+  assert.deepEqual(await snapshot(), before);
+  // Empty, as Claude Code sends it without the relay: no terminal.
+  assert.deepEqual((await report('session-start.json', { 'X-Tidewatch-Term': '' })).json, {});
+  assert.equal((await snapshot()).sessions[0].origin === 'terminal', false);
+});
+
+test('a terminal named by the hook door’s header is the session’s', async (t) => {
+  const { report, snapshot } = await withHookCredential(t);
+  assert.equal((await report('session-start.json', { 'X-Tidewatch-Term': 'ab'.repeat(16) })).status, 200);
+  assert.equal((await snapshot()).sessions[0].origin, 'terminal');
 });

@@ -83,7 +83,7 @@ function clientOf(t, { apiPort, localPort, token }) {
  * The service in a scratch folder on free ports, closed after the test; Codex's home and Claude Code's
  * settings lie in that folder, never the person's own. Gives the service, its folders and the calls of clientOf.
  */
-export async function startScratchService(t, { folder, testCopy = true, codexHome, codexPath = null, codex = {}, claudeSettings, ...options } = {}) {
+export async function startScratchService(t, { folder, testCopy = true, codexHome, codexPath = null, codex = {}, claudeSettings, claudeProgram = {}, ...options } = {}) {
   folder ??= await scratchFolder(t);
   const support = path.join(folder, 'support');
   const logs = path.join(folder, 'logs');
@@ -98,10 +98,13 @@ export async function startScratchService(t, { folder, testCopy = true, codexHom
     codexPath,
     codex: { searchPath: [], folders: [], ...codex },
     claudeSettings: claudeSettings ?? path.join(folder, 'claude-home', '.claude', 'settings.json'),
+    // No Claude Code unless a test names one: the command hooks, as before one is found.
+    claudeProgram: { searchPath: [], folders: [], ...claudeProgram },
   });
   t.after(() => service.close());
   // Its first read of Claude Code's account would land on whatever a test plants first.
   await service.claude?.accountRead;
+  await service.claudeReady;
   const token = fs.readFileSync(path.join(support, 'admin-token'), 'utf8').trim();
   return { service, folder, support, logs, ...clientOf(t, { apiPort: service.apiPort, localPort: service.localPort, token }) };
 }

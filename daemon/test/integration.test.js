@@ -8,9 +8,11 @@ import fs from 'node:fs';
 import path from 'node:path';
 import { test } from 'node:test';
 
-import { integrationState } from '../src/claude/hook-settings.js';
+import { HOOK_REPORT_PATH, installIntoSettings, integrationState, isOurHook } from '../src/claude/hook-settings.js';
+import { HOOK_TOKEN_FILE } from '../src/hook-token.js';
 import { HOOK_PROGRAM_PATH, WATCH_INTERVAL_MS } from '../src/integration.js';
 import { eventually, startScratchService } from './helpers.js';
+import { CLAUDE, missingClaude } from './support/claude-code.js';
 
 const ownStatusLine = { type: 'command', command: 'echo mine' };
 const ownHooks = { Stop: [{ hooks: [{ type: 'command', command: 'say done' }] }] };
@@ -128,3 +130,41 @@ test('the private name is given up once; with none there is nothing to release',
   assert.equal(status.name.setting, true, 'the person’s choice stands');
   assert.equal((await local('POST', '/local/name/release')).status, 404);
 });
+
+// At start the service finds Claude Code and the file as it was left, maybe
+// by a service on another port: hooks of ours follow, nothing else moves.
+const startRows = [
+  { name: 'ours by HTTP at another port', http: { port: 1, token: 'ab'.repeat(32) }, claude: true, road: 'http' },
+  { name: 'ours as commands, a Claude Code that takes HTTP', http: null, claude: true, road: 'http' },
+  { name: 'ours by HTTP, no Claude Code found', http: { port: 1, token: 'ab'.repeat(32) }, claude: false, road: 'command' },
+  { name: 'ours as commands, no Claude Code found', http: null, claude: false, road: 'command', untouched: true },
+  { name: 'nothing of ours', http: undefined, claude: true, road: null, untouched: true },
+];
+
+for (const { name, http, claude, road, untouched } of startRows) {
+  test(`at start, ${name}: ${untouched ? 'the file is left as it is' : `our hooks go by ${road}`}`, { skip: (claude && missingClaude()) ?? false }, async (t) => {
+    const folder = fs.mkdtempSync(path.join(fs.realpathSync('/tmp'), 'tidewatch-integration-'));
+    t.after(() => fs.rmSync(folder, { recursive: true, force: true }));
+    const settingsFile = path.join(folder, 'home', '.claude', 'settings.json');
+    const place = { node: process.execPath, program: HOOK_PROGRAM_PATH, support: path.join(folder, 'support'), http };
+    const start = http === undefined ? { hooks: ownHooks } : installIntoSettings({ hooks: ownHooks, model: 'opus' }, place);
+    fs.mkdirSync(path.dirname(settingsFile), { recursive: true });
+    const text = JSON.stringify(start, null, 2);
+    fs.writeFileSync(settingsFile, text, { mode: 0o640 });
+    const running = await startScratchService(t, { folder, claudeSettings: settingsFile, claudeProgram: { named: claude ? CLAUDE : '/nonexistent/claude' } });
+    if (untouched) {
+      assert.equal(fs.readFileSync(settingsFile, 'utf8'), text);
+      return;
+    }
+    const after = readJson(settingsFile);
+    const ours = Object.values(after.hooks).flat().flatMap((group) => group.hooks).filter(isOurHook);
+    const kinds = new Set(ours.filter((hook) => hook.type === 'http').map((hook) => hook.url));
+    assert.deepEqual([...kinds], road === 'http' ? [`http://127.0.0.1:${running.service.localPort}${HOOK_REPORT_PATH}`] : []);
+    if (road === 'http') {
+      const token = fs.readFileSync(path.join(running.support, HOOK_TOKEN_FILE), 'utf8').trim();
+      assert.ok(ours.filter((hook) => hook.type === 'http').every((hook) => hook.headers.Authorization === `Bearer ${token}`));
+    }
+    assert.doesNotMatch(JSON.stringify(after), new RegExp(running.token));
+    assert.deepEqual([after.model, after.hooks.Stop[0], after.statusLine, modeOf(settingsFile)], ['opus', ownHooks.Stop[0], start.statusLine, 0o640]);
+  });
+}

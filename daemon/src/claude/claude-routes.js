@@ -1,6 +1,7 @@
-// The local port's doors for Claude Code's hook program: the events that only
-// report, the permission request that waits for its answer (a long poll the
-// hook repeats until it hears one), and the status line. Each body is the
+// The local port's doors for Claude Code's hooks: the events that only
+// report (from the hook program, or posted by Claude Code's HTTP hooks with
+// the hook credential), the permission request that waits for its answer (a
+// long poll the hook repeats until it hears one), and the status line. Each body is the
 // payload as Claude Code gave it; one that can't be taken is a 400 and
 // changes nothing.
 
@@ -10,6 +11,7 @@ import { checkHookEvent, HookEventError, MAX_ID_CHARS } from './hook-event.js';
 import { MAX_POLL_MS } from './approval-broker.js';
 import { answerFor } from './permission.js';
 import { TERM_ID } from '../terminals/shared-terminal.js';
+import { HOOK_REPORT_PATH, TERM_HEADER, WAITING_EVENT } from './hook-settings.js';
 
 /** The largest payload a hook may post, in bytes; the hook cuts larger ones down first. */
 export const MAX_HOOK_BODY_BYTES = 1024 * 1024;
@@ -39,15 +41,33 @@ function checked(event) {
  * @param {TerminalHub} [parts.terminals] Told which terminal a session runs in
  */
 export function addClaudeRoutes(router, { claude, terminals = null }) {
+  const report = async (event, { tty, term }) => {
+    if (term !== null && !TERM_ID.test(term)) throw invalid('term', '“term” must be a terminal’s id: 32 hex digits.');
+    await claude.hookEvent(event, { tty: tty || term !== null });
+    if (term !== null) terminals?.link(event.session_id, term);
+  };
   router
     .add('POST', '/claude/hook', async ({ req, url }) => {
       const event = checked(await readJsonObject(req, MAX_HOOK_BODY_BYTES));
-      const term = url.searchParams.get('term');
-      if (term !== null && !TERM_ID.test(term)) throw invalid('term', '“term” must be a terminal’s id: 32 hex digits.');
-      await claude.hookEvent(event, { tty: url.searchParams.get('tty') === '1' || term !== null });
-      if (term !== null) terminals?.link(event.session_id, term);
+      await report(event, { tty: url.searchParams.get('tty') === '1', term: url.searchParams.get('term') });
       return { ok: true };
     })
+    .add(
+      'POST',
+      HOOK_REPORT_PATH,
+      async ({ req }) => {
+        const event = checked(await readJsonObject(req, MAX_HOOK_BODY_BYTES));
+        // A report can't stand for a request: those wait on their own door, with the admin token.
+        if (event.hook_event_name === WAITING_EVENT)
+          throw invalid('hook_event_name', 'A “PermissionRequest” waits for its answer on its own door.');
+        // Claude Code sends the header empty where the relay set no terminal.
+        const term = req.headers[TERM_HEADER.toLowerCase()] || null;
+        await report(event, { tty: false, term });
+        // Read by Claude Code as a hook's output: nothing to add.
+        return {};
+      },
+      { hook: true },
+    )
     .add('POST', '/claude/permission', async ({ req, res, url }) => {
       const request = url.searchParams.get('request') ?? '';
       if (!REQUEST.test(request))

@@ -4,8 +4,14 @@
 // left as they stand, and a person's own status line command is wrapped (it
 // keeps running and its line is the one shown) and put back on removal.
 //
-// Our entries are known by the hook program's file name in their command, so
-// an install over an older one replaces it instead of adding a second.
+// Where Claude Code takes HTTP hooks, the events that only report are posted
+// by Claude Code itself to the service's hook door, with no program started:
+// all but SessionStart, whose hook looks at the controlling terminal, and the
+// waiting PermissionRequest, whose hook outlives a restart of the service.
+//
+// Our entries are known by the hook program's file name in their command, or
+// by the hook door's path on 127.0.0.1 in their URL, so an install over an
+// older one replaces it instead of adding a second.
 
 import { isObject } from '../json.js';
 
@@ -45,6 +51,24 @@ export const PERMISSION_HOOK_TIMEOUT_S = 630;
 /** Report-only hooks are cut off after this, in seconds; they take milliseconds. */
 export const REPORT_HOOK_TIMEOUT_S = 10;
 
+/** The service's door for reports posted by Claude Code's HTTP hooks. */
+export const HOOK_REPORT_PATH = '/claude/hooks/report';
+
+/** The header that names the shared terminal a session runs in. */
+export const TERM_HEADER = 'X-Tidewatch-Term';
+
+/** The variable the terminal relay sets to its terminal's id. */
+export const TERM_VARIABLE = 'TIDEWATCH_TERM';
+
+/**
+ * An HTTP report hook is cut off after this, in seconds. Claude Code waits
+ * for it, so a service that hangs costs each tool call at most this.
+ */
+export const HTTP_HOOK_TIMEOUT_S = 2;
+
+/** The events whose hooks post by HTTP where Claude Code can. */
+export const HTTP_EVENTS = REPORT_EVENTS.filter((event) => event !== 'SessionStart');
+
 /** Quotes one word for the POSIX shell that runs hook commands. */
 export function shellQuote(word) {
   return `'${String(word).replace(/'/g, `'\\''`)}'`;
@@ -56,6 +80,8 @@ export function shellQuote(word) {
  * @property {string} program The hook program (absolute path of bin/tidewatch-hook.mjs)
  * @property {string} support The service's support folder, where the hook
  *     finds the token and the service's port; a path, never a secret
+ * @property {{port: number, token: string}|null} [http] Where HTTP hooks post
+ *     and the hook credential they carry; none when Claude Code can't
  */
 
 /** @return {string} The command line of the event hooks. */
@@ -77,6 +103,33 @@ export function statusLineCommand(place, own = null) {
 /** @return {boolean} Whether a command is one of ours. */
 export function isOurCommand(command) {
   return typeof command === 'string' && command.includes(HOOK_PROGRAM);
+}
+
+/** @return {boolean} Whether a URL is our hook door, on any port. */
+export function isOurUrl(url) {
+  if (typeof url !== 'string') return false;
+  try {
+    const parsed = new URL(url);
+    return parsed.protocol === 'http:' && parsed.hostname === '127.0.0.1' && parsed.pathname === HOOK_REPORT_PATH;
+  } catch {
+    return false;
+  }
+}
+
+/** @return {boolean} Whether a hook entry is one of ours. */
+export function isOurHook(hook) {
+  return isObject(hook) && (isOurCommand(hook.command) || (hook.type === 'http' && isOurUrl(hook.url)));
+}
+
+/** @return {Object} The HTTP hook that posts one report to the service. */
+export function httpHook({ port, token }) {
+  return {
+    type: 'http',
+    url: `http://127.0.0.1:${port}${HOOK_REPORT_PATH}`,
+    headers: { Authorization: `Bearer ${token}`, [TERM_HEADER]: `$${TERM_VARIABLE}` },
+    allowedEnvVars: [TERM_VARIABLE],
+    timeout: HTTP_HOOK_TIMEOUT_S,
+  };
 }
 
 /**
@@ -110,7 +163,9 @@ export function ourHooks(place) {
     const waiting = event === WAITING_EVENT;
     const hook = waiting
       ? { type: 'command', command, timeout: PERMISSION_HOOK_TIMEOUT_S }
-      : { type: 'command', command, async: true, timeout: REPORT_HOOK_TIMEOUT_S };
+      : place.http && HTTP_EVENTS.includes(event)
+        ? httpHook(place.http)
+        : { type: 'command', command, async: true, timeout: REPORT_HOOK_TIMEOUT_S };
     hooks[event] = [TOOL_EVENTS.has(event) ? { matcher: '*', hooks: [hook] } : { hooks: [hook] }];
   }
   return hooks;
@@ -132,7 +187,7 @@ function withoutOurHooks(hooks) {
         left.push(group);
         continue;
       }
-      const own = group.hooks.filter((hook) => !(isObject(hook) && isOurCommand(hook.command)));
+      const own = group.hooks.filter((hook) => !isOurHook(hook));
       if (own.length === group.hooks.length) left.push(group);
       else if (own.length > 0) left.push({ ...group, hooks: own });
     }
@@ -198,10 +253,41 @@ export function integrationState(settings) {
     Array.isArray(hooks[event]) &&
     hooks[event].some(
       (group) =>
-        isObject(group) && Array.isArray(group.hooks) && group.hooks.some((hook) => isOurCommand(hook?.command)),
+        isObject(group) && Array.isArray(group.hooks) && group.hooks.some(isOurHook),
     );
   return {
     hooks: [...REPORT_EVENTS, WAITING_EVENT].every(hooked),
     statusLine: isObject(settings) && isObject(settings.statusLine) && isOurCommand(settings.statusLine.command),
   };
+}
+
+// Our hook entries, event by event, in the order the file holds them.
+function ourEntries(settings) {
+  const hooks = isObject(settings) && isObject(settings.hooks) ? settings.hooks : {};
+  const entries = {};
+  for (const [event, groups] of Object.entries(hooks)) {
+    if (!Array.isArray(groups)) continue;
+    const ours = groups.flatMap((group) =>
+      isObject(group) && Array.isArray(group.hooks) ? group.hooks.filter(isOurHook).map((hook) => [group.matcher, hook]) : [],
+    );
+    if (ours.length > 0) entries[event] = ours;
+  }
+  return entries;
+}
+
+/**
+ * The settings with our hooks brought up to date (the service's port, its
+ * hook credential, the kind of hook this Claude Code takes), when our hooks
+ * are installed and differ from what an install would put there now; the
+ * rest of the file as it stands.
+ *
+ * @param {Object|null} settings
+ * @param {HookPlace} place
+ * @return {Object|null} The new settings, or null when nothing is to change
+ */
+export function refreshedSettings(settings, place) {
+  if (!integrationState(settings).hooks) return null;
+  // The hooks only: a status line taken out by hand stays out.
+  const next = { ...settings, hooks: installIntoSettings(settings, place).hooks };
+  return JSON.stringify(ourEntries(next)) === JSON.stringify(ourEntries(settings)) ? null : next;
 }

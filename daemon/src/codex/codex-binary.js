@@ -66,11 +66,22 @@ function isExecutableFile(file) {
  * @param {Array<string>} [options.folders=[]] The usual folders, after PATH
  * @return {string|null} An executable file, or null
  */
-export function findCodex({ named = null, searchPath, folders = [] }) {
+export function findCodex(options) {
+  return findProgram('codex', options);
+}
+
+/**
+ * A program by its name, found as `findCodex` finds `codex`.
+ *
+ * @param {string} name
+ * @param {Object} options As for findCodex
+ * @return {string|null}
+ */
+export function findProgram(name, { named = null, searchPath, folders = [] }) {
   if (named) return isExecutableFile(named) ? path.resolve(named) : null;
   for (const folder of [...searchPath, ...folders]) {
     if (!folder || !path.isAbsolute(folder)) continue;
-    const file = path.join(folder, 'codex');
+    const file = path.join(folder, name);
     if (isExecutableFile(file)) return file;
   }
   return null;
@@ -122,13 +133,25 @@ export function compareVersions(a, b) {
  * @return {Promise<string|null>} The version, or null when it failed,
  *     took too long or said nothing readable
  */
-export function readCodexVersion(binary, { timeoutMs = VERSION_TIMEOUT_MS, env = process.env } = {}) {
+export function readCodexVersion(binary, options = {}) {
+  return readVersion(binary, options);
+}
+
+/**
+ * Runs `<binary> --version` as readCodexVersion does.
+ *
+ * @param {string} binary
+ * @param {Object} [options] As for readCodexVersion, and:
+ * @param {function(string): (string|null)} [options.parse=versionFromOutput] Reads the answer
+ * @return {Promise<string|null>}
+ */
+export function readVersion(binary, { timeoutMs = VERSION_TIMEOUT_MS, env = process.env, parse = versionFromOutput } = {}) {
   return new Promise((resolve) => {
     execFile(
       binary,
       ['--version'],
       { timeout: timeoutMs, killSignal: 'SIGKILL', maxBuffer: MAX_VERSION_OUTPUT, env, windowsHide: true },
-      (error, stdout) => resolve(error ? null : versionFromOutput(String(stdout))),
+      (error, stdout) => resolve(error ? null : parse(String(stdout))),
     );
   });
 }

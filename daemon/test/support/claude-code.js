@@ -28,14 +28,17 @@ export const missingClaude = () =>
   fs.existsSync(CLAUDE) ? null : 'Claude Code isn’t installed for the tests (npm ci in daemon/test/tools).';
 export const missingTmux = () => (spawnSync('tmux', ['-V']).status === 0 ? null : 'tmux isn’t installed.');
 
-/** A scratch home for Claude Code: the integration installed over `settings`, onboarding done, the project trusted. */
-export function claudeHome(folder, support, { settings = {} } = {}) {
+/**
+ * A scratch home for Claude Code: the integration installed over `settings`
+ * (`place` changes where the hooks run and post), onboarding done, the project trusted.
+ */
+export function claudeHome(folder, support, { settings = {}, place = {} } = {}) {
   const home = path.join(folder, 'home');
   const project = path.join(folder, 'project');
   fs.mkdirSync(path.join(home, '.claude'), { recursive: true });
   fs.mkdirSync(project, { recursive: true });
   const settingsFile = path.join(home, '.claude', 'settings.json');
-  const installed = installIntoSettings(settings, { node: process.execPath, program: HOOK_PROGRAM, support });
+  const installed = installIntoSettings(settings, { node: process.execPath, program: HOOK_PROGRAM, support, ...place });
   fs.writeFileSync(settingsFile, JSON.stringify(installed, null, 2));
   fs.writeFileSync(
     path.join(home, '.claude.json'),
