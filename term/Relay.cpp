@@ -144,6 +144,7 @@ bool Relay::start()
         ::_exit(127);
     }
     ::fcntl(master_, F_SETFD, FD_CLOEXEC);
+    setNonBlocking(master_);
 
     struct sigaction action {
     };
@@ -177,7 +178,8 @@ void Relay::hello()
     link_.send(FrameKind::Hello, json);
     // What the screen showed before we met: the end of the output so far.
     if (!recent_.empty())
-        link_.send(FrameKind::Output, recent_);
+        link_.send(FrameKind::Output,
+            std::string_view(recent_).substr(recent_.size() > kRecentBytes ? recent_.size() - kRecentBytes : 0));
 }
 
 void Relay::loop()
@@ -219,23 +221,36 @@ void Relay::loop()
 void Relay::pump(int from, int to, bool mirror)
 {
     char chunk[kChunk];
-    const ssize_t got = ::read(from, chunk, sizeof chunk);
-    if (got < 0 && (errno == EINTR || errno == EAGAIN))
-        return;
-    if (got <= 0) {
-        if (from == STDIN_FILENO)
-            inputOpen_ = false;
-        else
-            outputOpen_ = false; // the agent's side closed: its end is near, told by SIGCHLD
-        return;
+    std::size_t size = 0;
+    // A terminal hands over a few kilobytes a read: gather what is there, so
+    // that a flood of output costs one write on each side, not dozens.
+    while (size < sizeof chunk) {
+        const ssize_t got = ::read(from, chunk + size, sizeof chunk - size);
+        if (got > 0) {
+            size += static_cast<std::size_t>(got);
+            if (!mirror)
+                break;
+            continue;
+        }
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
+            if (from == STDIN_FILENO)
+                inputOpen_ = false;
+            else
+                outputOpen_ = false; // the agent's side closed: its end is near, told by SIGCHLD
+        }
+        break;
     }
-    const auto size = static_cast<std::size_t>(got);
+    if (size == 0)
+        return;
     writeAll(to, chunk, size);
     if (!mirror)
         return;
     link_.send(FrameKind::Output, std::string_view(chunk, size));
     recent_.append(chunk, size);
-    if (recent_.size() > kRecentBytes)
+    // Trimmed in halves, so that keeping the end costs nothing per chunk.
+    if (recent_.size() > 2 * kRecentBytes)
         recent_.erase(0, recent_.size() - kRecentBytes);
 }
 

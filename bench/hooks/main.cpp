@@ -237,6 +237,21 @@ Outcome post(int port, const QByteArray& token, const QByteArray& body)
     return outcome;
 }
 
+struct Case {
+    const char* name;
+    QByteArray payload;
+    /// What the hook must print: the answer, or nothing at all.
+    QByteArray says;
+};
+
+struct Figures {
+    std::vector<double> empty;
+    std::vector<double> hook;
+    std::vector<double> added;
+    std::vector<double> addedCpu;
+    int failures = 0;
+};
+
 /// The HTTP road: every POST is added time. `up` says whether it must be answered.
 Figures measurePost(const QByteArray& payload, int runs, int port, const QByteArray& token, bool up)
 {
@@ -254,21 +269,6 @@ Figures measurePost(const QByteArray& payload, int runs, int port, const QByteAr
     }
     return figures;
 }
-
-struct Case {
-    const char* name;
-    QByteArray payload;
-    /// What the hook must print: the answer, or nothing at all.
-    QByteArray says;
-};
-
-struct Figures {
-    std::vector<double> empty;
-    std::vector<double> hook;
-    std::vector<double> added;
-    std::vector<double> addedCpu;
-    int failures = 0;
-};
 
 Figures measure(
     const Case& one, int runs, const QStringList& hook, const QStringList& empty, const QStringList& environment)

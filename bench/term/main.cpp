@@ -143,7 +143,8 @@ int main(int argc, char** argv)
     };
     const int keys = option(QStringLiteral("--keys"), 2000);
     const size_t bytes = size_t(option(QStringLiteral("--mb"), 50)) * 1000 * 1000;
-    const std::string relay = (QCoreApplication::applicationDirPath() + QStringLiteral("/tidewatch-term")).toStdString();
+    const std::string relay
+        = (QCoreApplication::applicationDirPath() + QStringLiteral("/tidewatch-term")).toStdString();
     if (access(relay.c_str(), X_OK) != 0) {
         std::fprintf(stderr, "The relay isn't built beside this benchmark: %s\n", relay.c_str());
         return 1;
@@ -172,8 +173,8 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "The service didn't start: %s\n", qPrintable(service.lastError()));
         return 1;
     }
-    const std::vector<std::string> up = {"TERM=xterm-256color", "PATH=/usr/bin:/bin",
-        "TIDEWATCH_SUPPORT=" + service.supportFolder().toStdString()};
+    const std::vector<std::string> up
+        = {"TERM=xterm-256color", "PATH=/usr/bin:/bin", "TIDEWATCH_SUPPORT=" + service.supportFolder().toStdString()};
     const std::vector<std::string> down = {"TERM=xterm-256color", "PATH=/usr/bin:/bin",
         "TIDEWATCH_SUPPORT=" + (scratch.path() + QStringLiteral("/nothing-here")).toStdString()};
 
@@ -191,8 +192,8 @@ int main(int argc, char** argv)
     const double bareRate = throughput({agent, "cat", file}, up, bytes);
     const double upRate = throughput({relay, agent, "cat", file}, up, bytes);
     const double downRate = throughput({relay, agent, "cat", file}, down, bytes);
-    std::printf("  bare %.0f MB/s; relay %.0f MB/s with the service up (%.0f %%), %.0f MB/s down (%.0f %%)\n",
-        bareRate, upRate, 100 * upRate / bareRate, downRate, 100 * downRate / bareRate);
+    std::printf("  bare %.0f MB/s; relay %.0f MB/s with the service up (%.0f %%), %.0f MB/s down (%.0f %%)\n", bareRate,
+        upRate, 100 * upRate / bareRate, downRate, 100 * downRate / bareRate);
     service.stop();
     return 0;
 }
