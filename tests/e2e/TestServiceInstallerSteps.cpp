@@ -186,6 +186,8 @@ void TestServiceInstallerSteps::serviceFromNothing()
             QStringLiteral("  Claude Code’s SDK %1 is there").arg(*ClaudeSDK::wanted(m_bundle))}));
     QCOMPARE(result.code, 0);
     QVERIFY(installer().servicePID());
+    // Where the service's shell integration runs the agents from.
+    QVERIFY(QFileInfo(environment.installedRelay()).isExecutable());
 }
 
 void TestServiceInstallerSteps::updateKeepsTheSdk()

@@ -6,6 +6,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
+#include <QFileInfo>
 #include <QThread>
 
 namespace {
@@ -23,7 +24,9 @@ QString makeServiceBundle(const ScratchFolder& scratch, const QString& relative)
 {
     const QString bundle = scratch.file(relative + QStringLiteral("/"));
     QDir().mkpath(bundle);
-    for (const QString& folder : {QStringLiteral("src"), QStringLiteral("bin"), QStringLiteral("node_modules/ws")})
+    // The sources and the packages the service runs on (the SDK is fetched by the installer).
+    for (const QString& folder : {QStringLiteral("src"), QStringLiteral("bin"), QStringLiteral("node_modules/ws"),
+             QStringLiteral("node_modules/@xterm/headless")})
         copyFolder(kSource + QLatin1Char('/') + folder, bundle + QLatin1Char('/') + folder);
     for (const QString& file : {QStringLiteral("package.json"), QStringLiteral("package-lock.json"),
              QStringLiteral("sdk-version"), QStringLiteral(".tidewatch-build")})
@@ -36,6 +39,10 @@ QString installProgramCopy(const ScratchFolder& scratch, const QString& relative
     const QString program = scratch.file(relative + QStringLiteral("/bin/Tidewatch"));
     QFile::copy(QStringLiteral(TIDEWATCH_BINARY), program);
     QFile(program).setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    // The terminal relay ships beside the program.
+    const QString relay = QFileInfo(program).dir().filePath(QStringLiteral("tidewatch-term"));
+    QFile::copy(QFileInfo(QStringLiteral(TIDEWATCH_BINARY)).dir().filePath(QStringLiteral("tidewatch-term")), relay);
+    QFile(relay).setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     makeServiceBundle(scratch, relative + QStringLiteral("/share/tidewatch/daemon"));
     return program;
 }
