@@ -10,14 +10,13 @@ import { test } from 'node:test';
 
 import { integrationState } from '../src/claude/hook-settings.js';
 import { HOOK_PROGRAM_PATH, WATCH_INTERVAL_MS } from '../src/integration.js';
-import { eventually, startScratchService } from './helpers.js';
+import { eventually, scratchFolder, startScratchService } from './helpers.js';
 
 const ownStatusLine = { type: 'command', command: 'echo mine' };
 const ownHooks = { Stop: [{ hooks: [{ type: 'command', command: 'say done' }] }] };
 
 async function serviceWithSettings(t, contents, mode = 0o644) {
-  const folder = fs.mkdtempSync(path.join(fs.realpathSync('/tmp'), 'tidewatch-integration-'));
-  t.after(() => fs.rmSync(folder, { recursive: true, force: true }));
+  const folder = await scratchFolder(t);
   const settingsFile = path.join(folder, 'home', '.claude', 'settings.json');
   if (contents !== undefined) {
     fs.mkdirSync(path.dirname(settingsFile), { recursive: true });
