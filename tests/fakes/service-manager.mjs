@@ -328,8 +328,7 @@ function load(name) {
     return;
   }
   const text = fs.readFileSync(file, 'utf8');
-  const job = readJob(name) ?? { enabled: false };
-  writeJob(name, { ...job, file, text, definition: parseUnit(text, file) });
+  writeJob(name, { ...readJob(name), file, text, definition: parseUnit(text, file) });
 }
 
 async function systemctl(argv) {
@@ -395,29 +394,18 @@ async function systemctl(argv) {
       load(name);
       return 0;
     }
-    case 'enable':
     case 'disable': {
       const name = units[0];
       if (!unitFile(name)) {
-        process.stderr.write(`Failed to ${verb} unit: Unit file ${name} does not exist.\n`);
+        process.stderr.write(`Failed to disable unit: Unit file ${name} does not exist.\n`);
         return 1;
       }
-      if (verb === 'enable') {
-        if (flags.has('--now') && refusing()) return jobFailed(name);
-        load(name);
-        writeJob(name, { ...readJob(name), enabled: true });
-        if (flags.has('--now')) await startUnit(name);
-        return 0;
-      }
-      if (flags.has('--now')) await stopSupervisor(name);
       const links = readJson(path.join(state, 'links.json'), {});
       if (links[name] && links[name].runtime === runtime) {
         delete links[name];
         writeJson(path.join(state, 'links.json'), links);
         process.stdout.write(`Removed "${name}".\n`);
       }
-      const job = readJob(name);
-      if (job) writeJob(name, { ...job, enabled: false });
       load(name);
       return 0;
     }
@@ -431,7 +419,7 @@ async function systemctl(argv) {
       }
       if (refusing()) return jobFailed(name);
       if (verb === 'restart') await stopSupervisor(name);
-      await startUnit(name);
+      if (!running(name)) await startSupervisor(name);
       return 0;
     }
     case 'stop': {
@@ -467,11 +455,6 @@ function jobFailed(name) {
       `See "systemctl --user status ${name}" and "journalctl --user -xeu ${name}" for details.\n`,
   );
   return 1;
-}
-
-async function startUnit(name) {
-  if (running(name)) return;
-  await startSupervisor(name);
 }
 
 // ---- launchctl ----------------------------------------------------------------

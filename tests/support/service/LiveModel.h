@@ -40,6 +40,15 @@ public:
     AppModel& model() const { return *m_model; }
     void stopModel() { m_model.reset(); }
 
+    /// The session of that id in the model's snapshot.
+    std::optional<Session> session(const QString& id) const;
+    /// The model's panel rendered in this process, as its text twin; empty
+    /// (with a warning) when the render fails.
+    QStringList twin() const;
+    /// The built program's own live render against this service: the
+    /// panel's text twin, and the status item's lines into statusItem.
+    QStringList liveRender(QStringList* statusItem = nullptr) const;
+
     /// A feed that gives up and comes back within a second, for tests of its pace.
     static LiveFeed::Timing quickFeed();
 

@@ -143,17 +143,3 @@ void NodeSite::tamperWithArchive()
     file.open(QIODevice::WriteOnly);
     file.write("not the archive the checksum list names");
 }
-
-void NodeSite::dropChecksumLine()
-{
-    QFile sums(releaseFolder() + QStringLiteral("/SHASUMS256.txt"));
-    sums.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    sums.write("0000000000000000000000000000000000000000000000000000000000000000  node-other.tar.gz\n");
-}
-
-void NodeSite::breakIndex()
-{
-    QFile index(m_root + QStringLiteral("/dist/index.json"));
-    index.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    index.write(R"({"releases":[]})");
-}

@@ -34,8 +34,6 @@ public:
     /// The faults on demand.
     void answer404ForArchive();
     void tamperWithArchive();
-    void dropChecksumLine();
-    void breakIndex();
 
 private:
     QString releaseFolder() const;
