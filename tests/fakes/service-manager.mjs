@@ -328,7 +328,7 @@ function load(name) {
     return;
   }
   const text = fs.readFileSync(file, 'utf8');
-  writeJob(name, { ...readJob(name), file, text, definition: parseUnit(text, file) });
+  writeJob(name, { ...readJob(name), file, definition: parseUnit(text, file) });
 }
 
 async function systemctl(argv) {
@@ -344,19 +344,6 @@ async function systemctl(argv) {
   const property = argv.indexOf('-p');
   const [verb, ...units] = argv.slice(1).filter((a, i) => !a.startsWith('-') && i !== property);
   const runtime = flags.has('--runtime');
-  // The unit as the manager loaded it; a file changed since then still runs
-  // the old definition, with the warning the real tool prints.
-  const loaded = (name) => {
-    const job = readJob(name);
-    if (job && job.file && fs.existsSync(job.file) && fs.readFileSync(job.file, 'utf8') !== job.text) {
-      process.stderr.write(
-        `Warning: The unit file, source configuration file or drop-ins of ${name} changed on disk. ` +
-          "Run 'systemctl --user daemon-reload' to reload units.\n",
-      );
-    }
-    return job;
-  };
-
   switch (verb) {
     case 'daemon-reload': {
       const names = new Set([
@@ -412,7 +399,8 @@ async function systemctl(argv) {
     case 'start':
     case 'restart': {
       const name = units[0];
-      const job = loaded(name);
+      // The unit as the manager loaded it: a file changed since runs its old definition until daemon-reload.
+      const job = readJob(name);
       if (!job) {
         process.stderr.write(`Failed to ${verb} ${name}: Unit ${name} not found.\n`);
         return 5;

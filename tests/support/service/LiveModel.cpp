@@ -39,11 +39,6 @@ void LiveModel::seed(const QByteArray& calls) const
         service.qa("POST", call[0].toString(), call[1]);
 }
 
-void LiveModel::seedFile(const QString& name) const
-{
-    seed(Fixture::sample(name));
-}
-
 bool LiveModel::startModel(LiveFeed::Timing timing, bool settle)
 {
     m_model = std::make_unique<AppModel>(service.environment(), Clock::system(), timing);

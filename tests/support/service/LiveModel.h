@@ -28,8 +28,6 @@ public:
     /// [["/qa/sessions", {"id":"s1"}], ["/qa/feed/ping", {}]]. A string "@now"
     /// stands for this moment, as milliseconds since 1970.
     void seed(const QByteArray& calls) const;
-    /// A seed kept under tests/data.
-    void seedFile(const QString& name) const;
 
     /// Makes and starts the model; with settle, waits until it has read once
     /// and hears the feed (false when it didn't in 15 s).
