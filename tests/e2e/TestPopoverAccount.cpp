@@ -120,8 +120,9 @@ void TestPopoverAccount::signInOpensATerminalRunningCodexLogin()
         textLines(record + u".out"_s).value(0), u"Tidewatch: sign in to Codex below. Your browser opens for it."_s);
 
     // With the terminal opened, opening the panel and coming back to the app each ask for a fresh look at Codex.
-    for (const std::function<void()>& look :
-        {std::function<void()>([&] { model.setPopoverVisible(true); }), [&] { model.applicationBecameActive(); }}) {
+    const QList<std::function<void()>> looks{
+        [&] { model.setPopoverVisible(true); }, [&] { model.applicationBecameActive(); }};
+    for (const std::function<void()>& look : looks) {
         live.service.qa(
             "POST", u"/qa/faults"_s, QJsonObject{{u"route"_s, u"POST /v1/codex/refresh"_s}, {u"times"_s, 1}});
         look();
