@@ -34,6 +34,8 @@ public:
     /// The variables the app is started with (a test copy's four and the XDG folders).
     QHash<QString, QString> variables() const;
 
+    int apiPort() const { return m_apiPort; }
+    int localPort() const { return m_localPort; }
     QString supportFolder() const { return m_root + QStringLiteral("/support"); }
     QString token() const;
     QString lastError() const { return m_lastError; }
