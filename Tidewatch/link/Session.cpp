@@ -58,12 +58,6 @@ std::optional<Session::Blocked> Session::Blocked::fromJson(const QJsonValue& val
     return blocked;
 }
 
-QString Session::displayTitle() const
-{
-    const QString trimmed = title ? title->trimmed() : QString();
-    return trimmed.isEmpty() ? QStringLiteral("Untitled session") : trimmed;
-}
-
 std::optional<Session> Session::fromJson(const QJsonValue& value)
 {
     const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);

@@ -97,9 +97,6 @@ struct Session {
     std::optional<QString> switchedFrom;
     std::optional<QString> switchedTo;
 
-    /// The title trimmed of white space and new lines, or "Untitled session".
-    QString displayTitle() const;
-
     /// None when it isn't an object or has no string id.
     static std::optional<Session> fromJson(const QJsonValue& value);
     bool operator==(const Session&) const = default;

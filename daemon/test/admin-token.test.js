@@ -8,41 +8,25 @@ import { scratchFolder } from './helpers.js';
 
 const modeOf = (file) => fs.statSync(file).mode & 0o777;
 
-test('a missing token is made: 64 hex digits, private, with nothing left beside it', async (t) => {
-  const support = await scratchFolder(t);
-  const { token, created } = loadAdminToken(support);
-  const file = path.join(support, 'admin-token');
-  assert.equal(created, true);
-  assert.match(token, /^[0-9a-f]{64}$/);
-  assert.equal(fs.readFileSync(file, 'utf8'), token);
-  assert.equal(modeOf(file), 0o600);
-  assert.deepEqual(fs.readdirSync(support), ['admin-token']);
-});
-
-test('the token file decides, as long as it holds one', async (t) => {
+test('the token file decides while it holds one; otherwise a new one is made; either way it is private', async (t) => {
+  const made = { token: /^[0-9a-f]{64}$/, created: true, tightened: false };
   const rows = [
-    ['a kept token is trimmed', 'kept-token\n', { token: 'kept-token', created: false }],
-    ['an empty file gets a new token', '', { created: true }],
-    ['white space alone gets a new token', ' \n\t', { created: true }],
+    ['no file', null, 0o600, made],
+    ['a kept token is trimmed', 'kept-token\n', 0o600, { token: /^kept-token$/, created: false, tightened: false }],
+    ['an empty file', '', 0o600, made],
+    ['white space alone', ' \n\t', 0o600, made],
+    ['a token readable by others is made private again', 'kept-token', 0o644, { token: /^kept-token$/, created: false, tightened: true }],
   ];
-  for (const [name, content, expected] of rows) {
+  for (const [name, content, mode, { token, ...expected }] of rows) {
     const support = await scratchFolder(t);
-    fs.writeFileSync(path.join(support, 'admin-token'), content, { mode: 0o600 });
-    const result = loadAdminToken(support);
-    assert.equal(result.created, expected.created, name);
-    if (expected.token) assert.equal(result.token, expected.token, name);
-    else assert.match(result.token, /^[0-9a-f]{64}$/, name);
+    const file = path.join(support, 'admin-token');
+    if (content !== null) fs.writeFileSync(file, content, { mode });
+    const { token: loaded, ...result } = loadAdminToken(support);
+    assert.match(loaded, token, name);
+    assert.deepEqual(result, expected, name);
+    assert.deepEqual([fs.readFileSync(file, 'utf8').trim(), modeOf(file)], [loaded, 0o600], `${name}: the file`);
+    assert.deepEqual(fs.readdirSync(support), ['admin-token'], `${name}: nothing beside it`);
   }
-});
-
-test('a token readable by others is kept but made private again', async (t) => {
-  const support = await scratchFolder(t);
-  const file = path.join(support, 'admin-token');
-  fs.writeFileSync(file, 'kept-token');
-  fs.chmodSync(file, 0o644);
-  const result = loadAdminToken(support);
-  assert.deepEqual(result, { token: 'kept-token', created: false, tightened: true });
-  assert.equal(modeOf(file), 0o600);
 });
 
 test('only the exact token in a Bearer header passes', () => {

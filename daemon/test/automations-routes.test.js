@@ -35,16 +35,12 @@ test('pausing and resuming every automation', async (t) => {
 
   await t.test('the stored automations are paused, the rest stays, and the feed tells it', async () => {
     const reply = await post('/v1/automations/paused', { paused: true });
-    assert.equal(reply.status, 200);
-    assert.deepEqual(reply.json, { paused: true });
+    assert.deepEqual([reply.status, reply.json], [200, { paused: true }]);
     assert.deepEqual((await snapshot()).automations, { ...automations(waiting), paused: true });
     assert.equal((await client.next('snapshot')).snapshot.automations.paused, true);
     assert.equal((await local('GET', '/local/status')).json.automations.paused, true);
-  });
-
-  await t.test('resuming answers false and stores it', async () => {
-    const reply = await post('/v1/automations/paused', { paused: false });
-    assert.deepEqual(reply.json, { paused: false });
+    // Resuming answers false and stores it.
+    assert.deepEqual((await post('/v1/automations/paused', { paused: false })).json, { paused: false });
     assert.equal((await snapshot()).automations.paused, false);
   });
 
@@ -73,15 +69,12 @@ test('answering a run that waits at an ask', async (t) => {
   await t.test('the answer is the Mac’s, kept on its step, and the run works on', async () => {
     const before = Date.now();
     const reply = await post('/v1/automations/runs/ru_1/answer', { stepId: 'st_q', answer: 'Ship' });
-    assert.equal(reply.status, 200);
     const { run } = reply.json;
-    assert.equal(run.state, 'running');
-    assert.equal(run.ask, undefined);
+    assert.deepEqual([reply.status, run.state, run.ask], [200, 'running', undefined]);
     assert.deepEqual(run.steps[0], waiting.steps[0], 'the other steps stay');
     const { answer, ...step } = run.steps[1];
     assert.deepEqual(step, { id: 'st_q', kind: 'ask', state: 'done', result: 'Ship' });
-    assert.equal(answer.text, 'Ship');
-    assert.equal(answer.by, 'mac');
+    assert.deepEqual([answer.text, answer.by], ['Ship', 'mac']);
     assert.ok(answer.at >= before && answer.at <= Date.now());
 
     const kept = (await snapshot()).automations;
@@ -92,8 +85,7 @@ test('answering a run that waits at an ask', async (t) => {
 
   await t.test('a second answer finds it answered, and the error carries the run', async () => {
     const reply = await post('/v1/automations/runs/ru_1/answer', { stepId: 'st_q', answer: 'Skip' });
-    assert.equal(reply.status, 409);
-    assert.equal(reply.json.error.code, 'not_asking');
+    assert.deepEqual([reply.status, reply.json.error.code], [409, 'not_asking']);
     assert.equal(reply.json.error.run.steps[1].answer.text, 'Ship');
     assert.match(reply.json.error.message, /^[A-Z].*\.$/);
   });
@@ -126,8 +118,7 @@ test('answering a run that waits at an ask', async (t) => {
     for (const [name, lastRun, runId, body, status, code] of rows) {
       await post('/qa/snapshot', { automations: automations(lastRun) });
       const reply = await post(`/v1/automations/runs/${encodeURIComponent(runId)}/answer`, body);
-      assert.equal(reply.status, status, name);
-      assert.equal(reply.json.error.code, code, name);
+      assert.deepEqual([reply.status, reply.json.error.code], [status, code], name);
       assert.match(reply.json.error.message, /^[A-Z].*\.$/, `${name}: a sentence`);
       if (code === 'not_asking') assert.deepEqual(reply.json.error.run, automations(lastRun).list.find((a) => a.lastRun.id === runId).lastRun, name);
       assert.deepEqual((await snapshot()).automations, automations(lastRun), `${name}: nothing changed`);

@@ -87,6 +87,12 @@ function replace(file, value) {
   fs.renameSync(beside, file);
 }
 
+// A home signed in as the samples are.
+function signedInHome(claudeDir) {
+  replace(accountFiles(claudeDir).config, sample('claude-signed-in.json'));
+  replace(accountFiles(claudeDir).credentials, sample('credentials-signed-in.json'));
+}
+
 function follower(t, claudeDir, options = {}) {
   const state = new ServiceState({ hostname: 'test', daemonVersion: '0', home: '/nowhere' });
   const account = new ClaudeAccount({ state, claudeDir, keychain: false, settleMs: 20, ...options });
@@ -98,8 +104,7 @@ test('the files are followed as Claude Code replaces them, and a limit stands th
   const home = await scratchFolder(t);
   const claudeDir = path.join(home, '.claude');
   const { config, credentials } = accountFiles(claudeDir);
-  replace(config, sample('claude-signed-in.json'));
-  replace(credentials, sample('credentials-signed-in.json'));
+  signedInHome(claudeDir);
   // Only the watch can bring the changes below within the test's time.
   const { state, account, record } = follower(t, claudeDir, { lookOverMs: 600_000 });
   await account.start();
@@ -145,13 +150,9 @@ test('a folder that comes later is found by the look-over', async (t) => {
 test('the service reads the sign-in at its start; the token reaches neither its log nor its kept state', async (t) => {
   const folder = await scratchFolder(t);
   const claudeDir = path.join(folder, 'home', '.claude');
-  replace(accountFiles(claudeDir).config, sample('claude-signed-in.json'));
-  replace(accountFiles(claudeDir).credentials, sample('credentials-signed-in.json'));
-  const service = await startScratchService(t, {
-    folder,
-    claudeSettings: path.join(claudeDir, 'settings.json'),
-    persist: { saveDelayMs: 10, saveMaxDelayMs: 50 },
-  });
+  signedInHome(claudeDir);
+  const persist = { saveDelayMs: 10, saveMaxDelayMs: 50 };
+  const service = await startScratchService(t, { folder, claudeSettings: path.join(claudeDir, 'settings.json'), persist });
   await service.service.claude.accountRead;
   assert.deepEqual((await service.local('GET', '/v1/snapshot')).json.account, { state: 'ok', plan: 'Max' });
   await service.service.close();
@@ -177,9 +178,7 @@ test('a limit in force is still there after a restart', async (t) => {
   await first.service.claude.accountRead;
   const resetsAt = Date.now() + HOUR;
   const stop = claudeFixture('stop-failure-rate-limit.json');
-  await first.local('POST', '/qa/snapshot', {
-    body: { usage: { source: 'official', fiveHour: { pct: 100, resetsAt } } },
-  });
+  await first.post('/qa/snapshot', { usage: { source: 'official', fiveHour: { pct: 100, resetsAt } } });
   const { transcript_path: _, ...event } = stop;
   assert.equal((await first.local('POST', '/claude/hook', { body: { ...event, cwd: folder } })).status, 200);
   const account = (await first.local('GET', '/v1/snapshot')).json.account;
@@ -199,8 +198,7 @@ test(
     const folder = await scratchFolder(t);
     const home = path.join(folder, 'home');
     const claudeDir = path.join(home, '.claude');
-    replace(accountFiles(claudeDir).config, sample('claude-signed-in.json'));
-    replace(accountFiles(claudeDir).credentials, sample('credentials-signed-in.json'));
+    signedInHome(claudeDir);
     const service = await startScratchService(t, {
       folder,
       claudeSettings: path.join(claudeDir, 'settings.json'),

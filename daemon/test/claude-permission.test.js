@@ -3,10 +3,7 @@
 // it names, and what is kept for display stays within its limits.
 
 import assert from 'node:assert/strict';
-import fs from 'node:fs';
-import path from 'node:path';
 import { test } from 'node:test';
-import { fileURLToPath } from 'node:url';
 
 import {
   answerFor,
@@ -17,9 +14,9 @@ import {
   MAX_INPUT_JSON_BYTES,
   PLAN_DENY_MESSAGE,
 } from '../src/claude/permission.js';
+import { claudeFixture } from './helpers.js';
 
-const fixtures = path.join(path.dirname(fileURLToPath(import.meta.url)), 'fixtures', 'claude');
-const bash = JSON.parse(fs.readFileSync(path.join(fixtures, 'permission-request-bash.json'), 'utf8'));
+const bash = claudeFixture('permission-request-bash.json');
 const plan = {
   ...bash,
   tool_name: 'ExitPlanMode',

@@ -11,15 +11,14 @@ import { test } from 'node:test';
 import { HOOK_REPORT_PATH, installIntoSettings, integrationState, isOurHook } from '../src/claude/hook-settings.js';
 import { HOOK_TOKEN_FILE } from '../src/hook-token.js';
 import { HOOK_PROGRAM_PATH, WATCH_INTERVAL_MS } from '../src/integration.js';
-import { eventually, startScratchService } from './helpers.js';
+import { eventually, scratchFolder, startScratchService } from './helpers.js';
 import { CLAUDE, missingClaude } from './support/claude-code.js';
 
 const ownStatusLine = { type: 'command', command: 'echo mine' };
 const ownHooks = { Stop: [{ hooks: [{ type: 'command', command: 'say done' }] }] };
 
 async function serviceWithSettings(t, contents, mode = 0o644) {
-  const folder = fs.mkdtempSync(path.join(fs.realpathSync('/tmp'), 'tidewatch-integration-'));
-  t.after(() => fs.rmSync(folder, { recursive: true, force: true }));
+  const folder = await scratchFolder(t);
   const settingsFile = path.join(folder, 'home', '.claude', 'settings.json');
   if (contents !== undefined) {
     fs.mkdirSync(path.dirname(settingsFile), { recursive: true });

@@ -9,7 +9,6 @@ import test from 'node:test';
 
 import { MAX_FAULT_DELAY_MS, MAX_FAULTS } from '../src/faults.js';
 import { MAX_BODY_BYTES } from '../src/request-body.js';
-import { startService } from '../src/service.js';
 import { scratchFolder, sleep, startScratchService } from './helpers.js';
 
 const JSON_TYPE = 'application/json; charset=utf-8';
@@ -195,13 +194,4 @@ test('the token survives a restart; folders and files are private, and the log n
   assert.ok(!log.includes(first.token));
   const modes = [second.support, second.logs, path.join(second.support, 'admin-token'), path.join(second.logs, 'daemon.log')].map((file) => fs.statSync(file).mode & 0o777);
   assert.deepEqual(modes, [0o700, 0o700, 0o600, 0o600]);
-});
-
-test('a port in use is one clear sentence', async (t) => {
-  const { service } = await startScratchService(t);
-  const folder = await scratchFolder(t);
-  for (const ports of [{ apiPort: service.apiPort, localPort: 0 }, { apiPort: 0, localPort: service.localPort }]) {
-    const message = `Port ${ports.apiPort || ports.localPort} is already in use.`;
-    await assert.rejects(startService({ support: path.join(folder, 'support'), logs: path.join(folder, 'logs'), ...ports }), { code: 'TIDEWATCH_PORT', message });
-  }
 });

@@ -6,6 +6,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
+#include <QScopeGuard>
 #include <QTest>
 #include <QThread>
 #include <QTimer>
@@ -39,26 +40,6 @@ QString userDatabaseHome()
     const passwd* entry = ::getpwuid(::getuid());
     return entry ? QString::fromLocal8Bit(entry->pw_dir) : QString();
 }
-
-/// Sets (or with a null value removes) one variable of this process for the
-/// life of the object.
-class VariableChange
-{
-public:
-    VariableChange(const char* name, const QByteArray& value)
-        : m_name(name)
-        , m_had(qEnvironmentVariableIsSet(name))
-        , m_old(qgetenv(name))
-    {
-        value.isNull() ? qunsetenv(name) : qputenv(name, value);
-    }
-    ~VariableChange() { m_had ? qputenv(m_name, m_old) : qunsetenv(m_name); }
-
-private:
-    const char* m_name;
-    bool m_had;
-    QByteArray m_old;
-};
 
 QHash<QString, QString> variablesOf(const QString& envOutput)
 {
@@ -100,7 +81,6 @@ private Q_SLOTS:
     void bothPipesFullDoNotDeadlock();
     void environmentRules_data();
     void environmentRules();
-    void givenEnvironmentReplacesAll_data();
     void givenEnvironmentReplacesAll();
     void workingDirectory();
     void noDescriptorLeaksIntoTheChild();
@@ -109,15 +89,12 @@ private Q_SLOTS:
     void asyncFallsSilentWhenContextIsGone();
     void stripEscapes_data();
     void stripEscapes();
-
-private:
-    std::optional<VariableChange> m_home;
 };
 
 void TestShell::initTestCase()
 {
     // From the start, so that no answer can come from the inherited HOME.
-    m_home.emplace("HOME", "/nonexistent/home-from-the-environment");
+    qputenv("HOME", "/nonexistent/home-from-the-environment");
 }
 
 void TestShell::outputAndStatus_data()
@@ -271,7 +248,10 @@ void TestShell::environmentRules()
     QFETCH(QByteArray, name);
     QFETCH(QByteArray, inherited);
     QFETCH(QString, seen);
-    const VariableChange change(name.constData(), inherited);
+    const bool had = qEnvironmentVariableIsSet(name.constData());
+    const QByteArray old = qgetenv(name.constData());
+    inherited.isNull() ? qunsetenv(name.constData()) : qputenv(name.constData(), inherited);
+    const auto restore = qScopeGuard([&] { had ? qputenv(name.constData(), old) : qunsetenv(name.constData()); });
     const ShellResult result = Shell::run(QStringLiteral("/usr/bin/env"), {}, std::nullopt, QString(), 5);
     QCOMPARE(result.status, 0);
     const QHash<QString, QString> variables = variablesOf(result.out);
@@ -280,19 +260,15 @@ void TestShell::environmentRules()
     QCOMPARE(Shell::environment().value(QString::fromLatin1(name)), seen);
 }
 
-void TestShell::givenEnvironmentReplacesAll_data()
-{
-    QTest::addColumn<Shell::Environment>("given");
-    QTest::newRow("only what is given") << Shell::Environment{{QStringLiteral("ONLY"), QStringLiteral("this")}};
-    QTest::newRow("nothing at all, not even PATH") << Shell::Environment{};
-}
-
 void TestShell::givenEnvironmentReplacesAll()
 {
-    QFETCH(Shell::Environment, given);
-    const ShellResult result = Shell::run(QStringLiteral("/usr/bin/env"), {}, given, QString(), 5);
-    QCOMPARE(result.status, 0);
-    QCOMPARE(variablesOf(result.out), given);
+    // Only what is given; given nothing, nothing at all, not even PATH.
+    for (const Shell::Environment& given :
+        {Shell::Environment{{QStringLiteral("ONLY"), QStringLiteral("this")}}, Shell::Environment{}}) {
+        const ShellResult result = Shell::run(QStringLiteral("/usr/bin/env"), {}, given, QString(), 5);
+        QCOMPARE(result.status, 0);
+        QCOMPARE(variablesOf(result.out), given);
+    }
 }
 
 void TestShell::workingDirectory()

@@ -75,7 +75,6 @@ private Q_SLOTS:
     void lines_data();
     void lines();
     void manyLinesAcrossManyReads();
-    void launchFailure_data();
     void launchFailure();
     void destroyedEarlyFallsSilentAndStillReaps();
     void destroyedFromItsOwnCallback();
@@ -124,9 +123,7 @@ void TestStreamingProcess::lines_data()
     QTest::newRow("invalid bytes are repaired in their own line")
         << "printf 'ok\\nbad\\377line\\nend\\303'"
         << QStringList{"ok", QStringLiteral("bad\uFFFDline"), QStringLiteral("end\uFFFD")} << 0;
-    QTest::newRow("a question reads end-of-file") << "read answer; echo \"read $?\"" << QStringList{"read 1"} << 0;
     QTest::newRow("no output at all") << "exit 0" << QStringList{} << 0;
-    QTest::newRow("a signal's number is the status") << "echo bye; kill -TERM $$" << QStringList{"bye"} << int(SIGTERM);
 }
 
 void TestStreamingProcess::lines()
@@ -160,27 +157,18 @@ void TestStreamingProcess::manyLinesAcrossManyReads()
     }
 }
 
-void TestStreamingProcess::launchFailure_data()
-{
-    QTest::addColumn<QString>("executable");
-    QTest::addColumn<int>("error");
-    QTest::newRow("no such program") << "/nonexistent/installer" << ENOENT;
-    QTest::newRow("a folder is no program") << "/tmp" << EACCES;
-}
-
 void TestStreamingProcess::launchFailure()
 {
-    QFETCH(QString, executable);
-    QFETCH(int, error);
+    // The launch itself is the shell's, proven there; here its failure becomes the one line.
     Run run;
     StreamingProcess process;
-    process.start(executable, {}, std::nullopt, run.onLine(), run.onExit());
+    process.start(QStringLiteral("/nonexistent/installer"), {}, std::nullopt, run.onLine(), run.onExit());
     QVERIFY(run.waitForExit(5));
     std::lock_guard guard(run.lock);
     QCOMPARE(run.exits, QList<int>{-1});
     QCOMPARE(run.lines,
         QStringList{
-            QStringLiteral("Couldn’t start: ") + QString::fromStdString(std::generic_category().message(error))});
+            QStringLiteral("Couldn’t start: ") + QString::fromStdString(std::generic_category().message(ENOENT))});
 }
 
 void TestStreamingProcess::destroyedEarlyFallsSilentAndStillReaps()

@@ -9,14 +9,6 @@
 
 namespace {
 
-bool holdsSession(const AppModel& model, const QString& id)
-{
-    if (!model.snapshot())
-        return false;
-    const auto& items = model.snapshot()->sessions.items;
-    return std::any_of(items.begin(), items.end(), [&id](const Session& session) { return session.id == id; });
-}
-
 /// The moments, in milliseconds since it was made, at which the model ended its reads.
 class ReadLog : public QObject
 {
@@ -129,14 +121,14 @@ void TestAppModelLoop::aSnapshotReadThatCrossesAFeedMessageIsDropped()
     m_service->qa("POST", "/qa/feed/frame",
         QJsonObject({{"json",
             QJsonObject({{"t", "session"}, {"session", QJsonObject({{"id", "s9"}, {"state", "working"}})}})}}));
-    QTRY_VERIFY_WITH_TIMEOUT(holdsSession(*m_model, "s9"), 5000);
+    QTRY_VERIFY_WITH_TIMEOUT(m_live->session("s9"), 5000);
     QTRY_COMPARE_WITH_TIMEOUT(reads.count(), 1, 10000);
-    QVERIFY2(holdsSession(*m_model, "s9"), "the late reply overwrote the newer news of the feed");
+    QVERIFY2(m_live->session("s9"), "the late reply overwrote the newer news of the feed");
 
     // A read that crosses nothing is believed, and the service never held s9.
     m_model->read(false);
     QTRY_COMPARE_WITH_TIMEOUT(reads.count(), 2, 10000);
-    QVERIFY(!holdsSession(*m_model, "s9"));
+    QVERIFY(!m_live->session("s9"));
 }
 
 void TestAppModelLoop::thePaceFollowsTheFeedAndThePopover_data()
@@ -242,7 +234,7 @@ void TestAppModelLoop::serviceGoneClearsThePictureAndItsReturnRestoresIt()
     // retry, brings the other: an answer restarts the feed, and a message on a picture without
     // health asks for a read.
     QTRY_VERIFY_WITH_TIMEOUT(m_model->health() && m_model->feedLive() && m_model->status(), 15000);
-    QTRY_VERIFY_WITH_TIMEOUT(holdsSession(*m_model, "back"), 5000);
+    QTRY_VERIFY_WITH_TIMEOUT(m_live->session("back"), 5000);
 }
 
 void TestAppModelLoop::openingThePopoverReadsAtOnce()

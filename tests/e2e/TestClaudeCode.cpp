@@ -17,22 +17,6 @@ const QString kTerminalPrompt = QStringLiteral("Do you want to proceed\\?");
 /// What the service tells Claude Code for a "deny".
 const QString kDeclined = QStringLiteral("The person declined this from Tidewatch\\.");
 
-std::optional<Session> sessionOf(const AppModel& model, const QString& id)
-{
-    if (!model.snapshot())
-        return std::nullopt;
-    for (const Session& session : model.snapshot()->sessions.items) {
-        if (session.id == id)
-            return session;
-    }
-    return std::nullopt;
-}
-
-QString sessionState(const AppModel& model, const QString& id)
-{
-    return sessionOf(model, id).value_or(Session{}).state.value_or(QString());
-}
-
 QJsonObject command(const QString& name, const QJsonObject& more = {})
 {
     QJsonObject command = more;
@@ -161,11 +145,12 @@ void TestClaudeCode::answerFromTheModel()
     QCOMPARE(asked.toolName, QStringLiteral("Bash"));
     QCOMPARE(asked.summary, QStringLiteral("touch ") + target);
     // The session that asks is there, working in the project, waiting on the question.
-    const std::optional<Session> session = sessionOf(model, asked.sessionId.value_or(QString()));
+    const std::optional<Session> session = live.session(asked.sessionId.value_or(QString()));
     QVERIFY(session);
     QCOMPARE(session->cwd, project);
     QCOMPARE(session->title, kPrompt);
-    QTRY_COMPARE_WITH_TIMEOUT(sessionState(model, session->id), QStringLiteral("needs_you"), 5000);
+    const auto state = [&] { return live.session(session->id).value_or(Session{}).state.value_or(QString()); };
+    QTRY_COMPARE_WITH_TIMEOUT(state(), QStringLiteral("needs_you"), 5000);
 
     if (!answer.isEmpty()) {
         model.decide(asked, answer);
@@ -205,7 +190,7 @@ void TestClaudeCode::answerFromTheModel()
     }
     QTRY_COMPARE_WITH_TIMEOUT(QFileInfo::exists(target), made, 10000);
     QTRY_VERIFY_WITH_TIMEOUT(model.waitingApprovals().isEmpty(), 10000);
-    QTRY_COMPARE_WITH_TIMEOUT(sessionState(model, session->id), endState, 30000);
+    QTRY_COMPARE_WITH_TIMEOUT(state(), endState, 30000);
     QCOMPARE(decisions(service), recorded);
 }
 

@@ -18,6 +18,8 @@ using namespace Qt::StringLiterals;
 
 using Method = DaemonClient::Method;
 
+Q_DECLARE_METATYPE(DaemonError::Kind)
+
 namespace {
 
 // Runs one asynchronous call to its end on a local event loop.
@@ -102,9 +104,7 @@ private Q_SLOTS:
     void failuresAreSentences_data();
     void failuresAreSentences();
     void detailCarriesTheField();
-    void wrongShapeIsADecodingFailure();
     void timeoutIsASentence();
-    void droppedConnectionIsNotRunning();
     void wrongTokenIsUnauthorized();
     void emptyTokenFileAndThenNoService();
     void blockingFormsWorkOffTheMainThread();
@@ -170,25 +170,35 @@ void TestDaemonClient::failuresAreSentences_data()
     QTest::addColumn<int>("status");
     QTest::addColumn<QString>("body");
     QTest::addColumn<QString>("contentType");
+    QTest::addColumn<DaemonError::Kind>("kind");
     QTest::addColumn<QString>("sentence");
     QTest::addColumn<QString>("code");
 
     const QString json = QStringLiteral("application/json");
     const QString text = QStringLiteral("text/plain");
     const QString long1000 = QString(QStringLiteral("abcdefghij")).repeated(100);
+    const DaemonError::Kind server = DaemonError::Kind::Server;
+    const QString unexpected = u"The background service sent something unexpected (GET /v1/snapshot)."_s;
 
     QTest::newRow("500 with an error body speaks the service's words")
-        << 500 << R"({"error":{"code":"x","message":"nope"}})" << json << u"nope"_s << u"x"_s;
+        << 500 << R"({"error":{"code":"x","message":"nope"}})" << json << server << u"nope"_s << u"x"_s;
     QTest::newRow("404 with no body names the status")
-        << 404 << u""_s << json << u"The background service answered 404."_s << u""_s;
+        << 404 << u""_s << json << server << u"The background service answered 404."_s << u""_s;
     QTest::newRow("502 with 1,000 bytes of text keeps the first 300")
-        << 502 << long1000 << text << long1000.left(300) << u""_s;
+        << 502 << long1000 << text << server << long1000.left(300) << u""_s;
     QTest::newRow("an error body without a message reads as text")
-        << 503 << R"({"error":{"code":"busy"}})" << json << R"({"error":{"code":"busy"}})" << u"busy"_s;
+        << 503 << R"({"error":{"code":"busy"}})" << json << server << R"({"error":{"code":"busy"}})" << u"busy"_s;
     QTest::newRow("a message of the wrong type is no message")
-        << 500 << R"({"error":{"message":7}})" << json << R"({"error":{"message":7}})" << u""_s;
+        << 500 << R"({"error":{"message":7}})" << json << server << R"({"error":{"message":7}})" << u""_s;
     QTest::newRow("a redirect is not followed")
-        << 302 << u""_s << json << u"The background service answered 302."_s << u""_s;
+        << 302 << u""_s << json << server << u"The background service answered 302."_s << u""_s;
+    QTest::newRow("a success of the wrong shape is a decoding failure")
+        << 200 << u"[1,2,3]"_s << json << DaemonError::Kind::Decoding << unexpected << u""_s;
+    QTest::newRow("a success cut short too")
+        << 200 << u"{\"mac\":"_s << json << DaemonError::Kind::Decoding << unexpected << u""_s;
+    // The network stack sends a request again once when a kept connection drops.
+    QTest::newRow("a dropped connection is a service that isn't running")
+        << 0 << u""_s << json << DaemonError::Kind::NotRunning << u"The background service isn’t running."_s << u""_s;
 }
 
 void TestDaemonClient::failuresAreSentences()
@@ -196,16 +206,20 @@ void TestDaemonClient::failuresAreSentences()
     QFETCH(int, status);
     QFETCH(QString, body);
     QFETCH(QString, contentType);
+    QFETCH(DaemonError::Kind, kind);
     QFETCH(QString, sentence);
     QFETCH(QString, code);
 
-    m_service->qa(
-        "POST", QStringLiteral("/qa/faults"), fault(QStringLiteral("GET /v1/snapshot"), status, body, contentType));
+    QJsonObject planted = fault(QStringLiteral("GET /v1/snapshot"), status, body, contentType);
+    if (!status)
+        planted = {{u"route"_s, u"GET /v1/snapshot"_s}, {u"drop"_s, true}, {u"times"_s, 2}};
+    m_service->qa("POST", QStringLiteral("/qa/faults"), planted);
     const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
     QVERIFY(result && !result->ok());
     const DaemonError& error = result->error();
-    QCOMPARE(error.kind, DaemonError::Kind::Server);
-    QCOMPARE(error.status, status);
+    QCOMPARE(error.kind, kind);
+    if (kind == DaemonError::Kind::Server)
+        QCOMPARE(error.status, status);
     QCOMPARE(error.code.value_or(QString()), code);
     QCOMPARE(error.errorDescription(), sentence);
 }
@@ -229,18 +243,6 @@ void TestDaemonClient::detailCarriesTheField()
     QCOMPARE(run->error().run->toObject().value(QStringLiteral("id")).toString(), QStringLiteral("inner"));
 }
 
-void TestDaemonClient::wrongShapeIsADecodingFailure()
-{
-    for (const QString& body :
-        {QStringLiteral("[1,2,3]"), QStringLiteral("\"snapshot\""), QStringLiteral("{\"mac\":")}) {
-        m_service->qa("POST", QStringLiteral("/qa/faults"), fault(QStringLiteral("GET /v1/snapshot"), 200, body));
-        const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
-        QVERIFY(result && !result->ok());
-        QCOMPARE(result->error().errorDescription(),
-            QStringLiteral("The background service sent something unexpected (GET /v1/snapshot)."));
-    }
-}
-
 void TestDaemonClient::timeoutIsASentence()
 {
     QJsonObject slow = fault(QStringLiteral("GET /v1/snapshot"), 200, QStringLiteral("{}"));
@@ -251,18 +253,6 @@ void TestDaemonClient::timeoutIsASentence()
     QVERIFY(result && !result->ok());
     QVERIFY(result->error().isTimeout());
     QCOMPARE(result->error().errorDescription(), QStringLiteral("The background service took too long to answer."));
-}
-
-void TestDaemonClient::droppedConnectionIsNotRunning()
-{
-    m_service->qa("POST", QStringLiteral("/qa/faults"),
-        QJsonObject{{QStringLiteral("route"), QStringLiteral("GET /v1/snapshot")}, {QStringLiteral("drop"), true},
-            // The network stack sends a request again once when a kept connection drops.
-            {QStringLiteral("times"), 2}});
-    const auto result = await<DaemonResult<Snapshot>>([&](auto done) { m_client->snapshot(done); });
-    QVERIFY(result && !result->ok());
-    QCOMPARE(result->error().kind, DaemonError::Kind::NotRunning);
-    QCOMPARE(result->error().errorDescription(), QStringLiteral("The background service isn’t running."));
 }
 
 void TestDaemonClient::wrongTokenIsUnauthorized()

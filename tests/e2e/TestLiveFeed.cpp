@@ -1,5 +1,6 @@
 #include "link/LiveFeed.h"
 
+#include "LiveModel.h"
 #include "RealPlaces.h"
 #include "ScratchFolder.h"
 #include "ServiceProcess.h"
@@ -27,15 +28,6 @@ struct Heard {
     int count(const QString& word) const { return int(events.count(word)); }
 };
 
-LiveFeed::Timing quick()
-{
-    LiveFeed::Timing timing;
-    timing.firstDelay = 0.2;
-    timing.afterHeard = 0.2;
-    timing.maxDelay = 1;
-    return timing;
-}
-
 } // namespace
 
 class TestLiveFeed : public QObject
@@ -60,7 +52,7 @@ private:
     std::unique_ptr<LiveFeed> m_feed;
     Heard m_heard;
 
-    void startFeed(LiveFeed::Timing timing = quick())
+    void startFeed(LiveFeed::Timing timing = LiveModel::quickFeed())
     {
         m_feed = std::make_unique<LiveFeed>(m_service->environment(), Clock::system(), timing);
         m_feed->setSink([this](const LiveFeed::Event& event) { m_heard.take(event); });
@@ -158,7 +150,7 @@ void TestLiveFeed::serviceGoneAndBack()
 
 void TestLiveFeed::watchdogClosesASilentLink()
 {
-    LiveFeed::Timing timing = quick();
+    LiveFeed::Timing timing = LiveModel::quickFeed();
     timing.watchdogEvery = 0.2;
     timing.silenceLimit = 0.6;
     startFeed(timing);

@@ -1,18 +1,14 @@
-#include "Launch.h"
 #include "LiveModel.h"
 #include "RealPlaces.h"
 
 #include "base/Clock.h"
 #include "model/DismissedNotices.h"
 #include "surface/PopoverModel.h"
-#include "surface/PopoverRender.h"
 #include "text/Machine.h"
 
-#include <QFile>
 #include <QGuiApplication>
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QSignalSpy>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -46,19 +42,6 @@ QByteArray withTimes(QByteArray seed)
     // A run that started five minutes ago reads "5m".
     seed.replace("\"startedAt\": \"@now\"", "\"startedAt\": " + QByteArray::number(now - 300000));
     return seed;
-}
-
-QStringList liveTwin(const LiveModel& live)
-{
-    const QString folder = live.scratch.file(u"renders"_s);
-    const LaunchResult result = launch(
-        {u"--render-popover"_s, folder, u"--live"_s}, launchEnvironment(live.scratch, live.service.variables()), 60000);
-    if (result.code != 0)
-        qWarning("%s", qPrintable(result.output));
-    QFile file(folder + u"/live-popover.txt"_s);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
 }
 
 QJsonObject kept(const LiveModel& live)
@@ -104,7 +87,7 @@ void TestPopoverAutomations::pausedWithAnAskReadsInTheLiveRender()
     LiveModel live;
     QVERIFY(live.ok());
     live.seed(withTimes(automations(true)));
-    const QStringList twin = liveTwin(live);
+    const QStringList twin = live.liveRender();
     const QString all = twin.join(u'\n');
 
     const qsizetype title = twin.indexOf(u"Nightly tidy"_s);
@@ -137,12 +120,9 @@ void TestPopoverAutomations::resumeAndAnswerChangeTheService()
     QTRY_VERIFY(!model.automationsPausedChoice());
     QVERIFY(!model.automations()->paused);
 
-    QString error;
-    std::optional<PopoverRender::Rendered> rendered = PopoverRender::render(model, Clock::system(), &error);
-    QVERIFY2(rendered, qPrintable(error));
-    const qsizetype running = rendered->twin.indexOf(u"2 automations running"_s);
-    QVERIFY2(running >= 0, qPrintable(rendered->twin.join(u'\n')));
-    QVERIFY(!rendered->twin.contains(u"Resume"_s));
+    const QStringList twin = live.twin();
+    QVERIFY2(twin.contains(u"2 automations running"_s), qPrintable(twin.join(u'\n')));
+    QVERIFY(!twin.contains(u"Resume"_s));
     QVERIFY2(popover.page().value(u"automations"_s).toMap().value(u"sessionId"_s).toString().isEmpty(),
         "two runs: no one terminal to open");
 
@@ -177,7 +157,7 @@ void TestPopoverAutomations::theRunningLineOpensItsSessionsTerminal()
              "lastRun": {"id": "ru_build", "state": "running", "sessionIds": ["s_old", "s_auto"], "startedAt": "@now"}}
         ]}}]
     ])"_s.toUtf8()));
-    const QStringList twin = liveTwin(live);
+    const QStringList twin = live.liveRender();
     const qsizetype at = twin.indexOf(u"Nightly build"_s);
     QVERIFY2(at >= 0, qPrintable(twin.join(u'\n')));
     QCOMPARE(twin.at(at + 1), u"5m"_s);
@@ -192,7 +172,7 @@ void TestPopoverAutomations::theRunningLineOpensItsSessionsTerminal()
     // The fault lets the one call through and is spent by it: what proves that it came.
     live.service.qa("POST", u"/qa/faults"_s, QJsonObject{{u"route"_s, u"POST /v1/sessions/s_auto/open"_s}});
     popover.openTerminal(shown.value(u"sessionId"_s).toString());
-    QTRY_VERIFY(live.service.qa("GET", u"/qa/faults"_s)[u"faults"_s].toArray().isEmpty());
+    QTRY_VERIFY(live.service.faultsSpent());
     QTest::qWait(200);
     QVERIFY2(live.model().noteText().isEmpty(), qPrintable(live.model().noteText()));
 }

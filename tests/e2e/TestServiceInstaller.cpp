@@ -58,15 +58,16 @@ struct Rig {
 
     Environment environment() const
     {
-        const QString home = scratch.file(QStringLiteral("home/"));
-        // A blank, a dollar sign and a percent sign: each means something to
-        // systemd or a shell, and must reach the service as it is.
-        return Environment({{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("support $HOME %h"))},
-                               {QStringLiteral("TIDEWATCH_API_PORT"), QString::number(ports.value(0))},
-                               {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(ports.value(1))},
-                               {QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral(".local/share")},
-                               {QStringLiteral("XDG_STATE_HOME"), home + QStringLiteral(".local/state")},
-                               {QStringLiteral("XDG_CONFIG_HOME"), home + QStringLiteral(".config")}},
+        const QString home = scratch.file(QStringLiteral("a home/"));
+        // Blanks, quotes, a dollar sign and a percent sign: each means something
+        // to systemd or a shell, and must reach the service as it is.
+        return Environment(
+            {{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("it's \"support\" $HOME %h"))},
+                {QStringLiteral("TIDEWATCH_API_PORT"), QString::number(ports.value(0))},
+                {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(ports.value(1))},
+                {QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral(".local/share")},
+                {QStringLiteral("XDG_STATE_HOME"), home + QStringLiteral(".local/state")},
+                {QStringLiteral("XDG_CONFIG_HOME"), home + QStringLiteral(".config")}},
             QDir::cleanPath(home));
     }
 
@@ -85,7 +86,8 @@ struct Rig {
     /// Node.js only from nvm: good enough by version, not one that stays put.
     QString nvmNode() const
     {
-        return scratch.file(QStringLiteral("home/.nvm/versions/node/") + site.version() + QStringLiteral("/bin/node"));
+        return scratch.file(
+            QStringLiteral("a home/.nvm/versions/node/") + site.version() + QStringLiteral("/bin/node"));
     }
 };
 

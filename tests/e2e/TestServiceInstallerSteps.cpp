@@ -168,10 +168,7 @@ void TestServiceInstallerSteps::serviceFromNothing()
 {
     const Environment environment = this->environment();
     const LaunchResult result = run({QStringLiteral("--run-step"), QStringLiteral("service")});
-    const QString support = environment.supportFolder();
-    const QString shown = support.startsWith(environment.home() + QLatin1Char('/'))
-        ? QLatin1Char('~') + support.mid(environment.home().size())
-        : support;
+    const QString shown = ServiceSteps::shortened(environment.supportFolder(), environment.home());
     QCOMPARE(lines(result.output),
         (QStringList{QStringLiteral("Test copy: its own service, folder and log (") + shown + QLatin1Char(')'),
             QStringLiteral("Installing the background service…"),

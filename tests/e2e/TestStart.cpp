@@ -17,14 +17,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-QStringList lines(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
-}
-
 bool isPng(const QString& path)
 {
     QFile file(path);
@@ -80,12 +72,12 @@ void TestStart::theLaunchedAppWalksTheTourAndStaysUp()
     QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + u"/report.txt"_s), 40000);
 
     // The offscreen platform has no tray, so the item has no place to be found at.
-    const QStringList report = lines(folder + u"/report.txt"_s);
+    const QStringList report = textLines(folder + u"/report.txt"_s);
     QCOMPARE(report,
         QStringList({u"status item: NOT found"_s, u"popover: open"_s, u"live-popover.png: written"_s})
             + kMissingWindows);
     QVERIFY(isPng(folder + u"/live-popover.png"_s));
-    const QStringList twin = lines(folder + u"/live-popover.txt"_s);
+    const QStringList twin = textLines(folder + u"/live-popover.txt"_s);
     QVERIFY2(twin.contains(u"Tour session"_s), qPrintable(twin.join(u'\n')));
 
     QVERIFY2(!app.waitForFinished(1500), qPrintable(u"the tour ended the app: "_s + app.readAll()));
@@ -109,7 +101,7 @@ void TestStart::theTourFindsTheItemWhereItStands()
     capture.start();
     QVERIFY(finished.wait(20000));
 
-    QCOMPARE(lines(folder + u"/report.txt"_s),
+    QCOMPARE(textLines(folder + u"/report.txt"_s),
         QStringList({u"status item: found (1204,0 24x22)"_s, u"popover: open"_s, u"live-popover.png: written"_s})
             + kMissingWindows);
     QVERIFY(isPng(folder + u"/live-popover.png"_s));

@@ -1,6 +1,7 @@
 #include "entry/Environment.h"
 #include "entry/Preferences.h"
 
+#include "Golden.h"
 #include "ScratchFolder.h"
 
 #include <QDir>
@@ -11,20 +12,6 @@
 #include <sys/stat.h>
 
 using Variables = Environment::Variables;
-
-namespace {
-
-const QString kSupportSentence = QStringLiteral(
-    "This test copy uses the real support folder. Set TIDEWATCH_SUPPORT to a test folder before it manages a "
-    "background service.");
-const QString kLogSentence = QStringLiteral(
-    "This test copy uses the real log folder. Set TIDEWATCH_LOGS to a test folder (or leave it out) before it "
-    "manages a background service.");
-const QString kPortSentence = QStringLiteral(
-    "This test copy needs ports of its own. Set TIDEWATCH_API_PORT and TIDEWATCH_LOCAL_PORT to two other free ports "
-    "(47371 and 47372, say) before it manages a background service.");
-
-} // namespace
 
 /// The home is always a scratch folder, so the "real" folders these tests
 /// compare against are scratch folders too.
@@ -47,7 +34,6 @@ private Q_SLOTS:
     void supportFolderIsPrivate();
     void supportFolderFailureIsASentence();
     void preferencesStayInTheirDomain();
-    void debugCaptureFolder_data();
     void debugCaptureFolder();
 
 private:
@@ -91,59 +77,25 @@ void TestEnvironment::ports()
 
 void TestEnvironment::copies_data()
 {
-    QTest::addColumn<Variables>("variables");
-    QTest::addColumn<bool>("testCopy");
-    QTest::addColumn<bool>("isolated");
-    QTest::addColumn<QString>("refusal");
-
-    const QString test = QStringLiteral("$SCRATCH/test/support");
-    const QString api = QStringLiteral("TIDEWATCH_API_PORT");
-    const QString local = QStringLiteral("TIDEWATCH_LOCAL_PORT");
-    const QString support = QStringLiteral("TIDEWATCH_SUPPORT");
-    const QString logs = QStringLiteral("TIDEWATCH_LOGS");
-
-    QTest::newRow("no variable is the real install") << Variables{} << false << false << QString();
-    QTest::newRow("an empty TIDEWATCH_LOGS alone is no test copy")
-        << Variables{{logs, QString()}} << false << false << QString();
-    QTest::newRow("a port that doesn't parse still makes a test copy")
-        << Variables{{api, QStringLiteral("abc")}} << true << false << kSupportSentence;
-    QTest::newRow("folder and ports of its own are isolated")
-        << Variables{{support, test}, {api, QStringLiteral("47371")}, {local, QStringLiteral("47372")}} << true << true
-        << QString();
-    QTest::newRow("equal ports are not isolated")
-        << Variables{{support, test}, {api, QStringLiteral("47371")}, {local, QStringLiteral("47371")}} << true << false
-        << kPortSentence;
-    QTest::newRow("the real install's ports are not isolated")
-        << Variables{{support, test}, {api, QStringLiteral("47322")}, {local, QStringLiteral("47372")}} << true << false
-        << kPortSentence;
-    QTest::newRow("a missing port is not isolated")
-        << Variables{{support, test}, {api, QStringLiteral("47371")}} << true << false << kPortSentence;
-    QTest::newRow("logs set without a support folder speak of the support folder") << Variables{
-        {logs, test + QStringLiteral("/logs")}, {api, QStringLiteral("47371")},
-        {local, QStringLiteral("47372")}} << true << false << kSupportSentence;
-    QTest::newRow("the real support folder spelt in other case") << Variables{
-        {support, QStringLiteral("$HOME/.LOCAL/share/tidewatch")}, {api, QStringLiteral("47371")},
-        {local, QStringLiteral("47372")}} << true << false << kSupportSentence;
-    QTest::newRow("the real log folder with a test support folder") << Variables{{support, test},
-        {logs, QStringLiteral("$HOME/.local/state/Tidewatch/logs")}, {api, QStringLiteral("47371")},
-        {local, QStringLiteral("47372")}} << true << false << kLogSentence;
-    QTest::newRow("a log folder that contains the real one") << Variables{{support, test},
-        {logs, QStringLiteral("$HOME/.local/state")}, {api, QStringLiteral("47371")}, {local, QStringLiteral("47372")}}
-                                                             << true << false << kLogSentence;
+    Golden::addRows({QStringLiteral("test-copy.txt")});
 }
 
 void TestEnvironment::copies()
 {
-    QFETCH(Variables, variables);
+    QFETCH(QString, input);
 
-    for (QString& value : variables) {
-        value.replace(QStringLiteral("$SCRATCH"), m_scratch->path());
-        value.replace(QStringLiteral("$HOME"), m_home);
+    Variables variables;
+    for (QString assignment : input.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        assignment.replace(QStringLiteral("$SCRATCH"), m_scratch->path()).replace(QStringLiteral("$HOME"), m_home);
+        variables.insert(QStringLiteral("TIDEWATCH_") + assignment.section(QLatin1Char('='), 0, 0),
+            assignment.section(QLatin1Char('='), 1));
     }
     const Environment environment = make(variables);
-    QTEST(environment.isTestCopy(), "testCopy");
-    QTEST(environment.isIsolated(), "isolated");
-    QTEST(environment.refusalSentence().value_or(QString()), "refusal");
+    QTEST(QStringLiteral("%1, %2 | %3")
+              .arg(environment.isTestCopy() ? QStringLiteral("test copy") : QStringLiteral("real"),
+                  environment.isIsolated() ? QStringLiteral("isolated") : QStringLiteral("not isolated"),
+                  environment.refusalSentence().value_or(QStringLiteral("—"))),
+        "expected");
 }
 
 void TestEnvironment::realFolders_data()
@@ -271,26 +223,13 @@ void TestEnvironment::preferencesStayInTheirDomain()
     QVERIFY(!Preferences(make(base)).flag(Preferences::setupCompleted));
 }
 
-void TestEnvironment::debugCaptureFolder_data()
-{
-    QTest::addColumn<Variables>("variables");
-    QTest::addColumn<bool>("captures");
-    QTest::addColumn<QString>("folder");
-
-    const QString name = QStringLiteral("TIDEWATCH_DEBUG_CAPTURE");
-    QTest::newRow("absent: no tour") << Variables{} << false << QString();
-    QTest::newRow("a folder, taken as written")
-        << Variables{{name, QStringLiteral("/tmp/tour")}} << true << QStringLiteral("/tmp/tour");
-    QTest::newRow("an empty value counts") << Variables{{name, QString()}} << true << QString();
-}
-
 void TestEnvironment::debugCaptureFolder()
 {
-    QFETCH(Variables, variables);
-    const Environment environment = make(variables);
-    QTEST(environment.debugCaptureFolder().has_value(), "captures");
-    QTEST(environment.debugCaptureFolder().value_or(QString()), "folder");
-    QVERIFY2(!environment.isTestCopy(), "the tour alone makes no test copy");
+    const QString name = QStringLiteral("TIDEWATCH_DEBUG_CAPTURE");
+    QCOMPARE(make({}).debugCaptureFolder(), std::nullopt);
+    QCOMPARE(make({{name, QStringLiteral("/tmp/tour")}}).debugCaptureFolder(), QStringLiteral("/tmp/tour"));
+    // An empty value counts: the tour runs, in the working folder.
+    QCOMPARE(make({{name, QString()}}).debugCaptureFolder(), QString());
 }
 
 QTEST_GUILESS_MAIN(TestEnvironment)

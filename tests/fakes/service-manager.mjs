@@ -328,8 +328,7 @@ function load(name) {
     return;
   }
   const text = fs.readFileSync(file, 'utf8');
-  const job = readJob(name) ?? { enabled: false };
-  writeJob(name, { ...job, file, text, definition: parseUnit(text, file) });
+  writeJob(name, { ...readJob(name), file, definition: parseUnit(text, file) });
 }
 
 async function systemctl(argv) {
@@ -345,19 +344,6 @@ async function systemctl(argv) {
   const property = argv.indexOf('-p');
   const [verb, ...units] = argv.slice(1).filter((a, i) => !a.startsWith('-') && i !== property);
   const runtime = flags.has('--runtime');
-  // The unit as the manager loaded it; a file changed since then still runs
-  // the old definition, with the warning the real tool prints.
-  const loaded = (name) => {
-    const job = readJob(name);
-    if (job && job.file && fs.existsSync(job.file) && fs.readFileSync(job.file, 'utf8') !== job.text) {
-      process.stderr.write(
-        `Warning: The unit file, source configuration file or drop-ins of ${name} changed on disk. ` +
-          "Run 'systemctl --user daemon-reload' to reload units.\n",
-      );
-    }
-    return job;
-  };
-
   switch (verb) {
     case 'daemon-reload': {
       const names = new Set([
@@ -395,43 +381,33 @@ async function systemctl(argv) {
       load(name);
       return 0;
     }
-    case 'enable':
     case 'disable': {
       const name = units[0];
       if (!unitFile(name)) {
-        process.stderr.write(`Failed to ${verb} unit: Unit file ${name} does not exist.\n`);
+        process.stderr.write(`Failed to disable unit: Unit file ${name} does not exist.\n`);
         return 1;
       }
-      if (verb === 'enable') {
-        if (flags.has('--now') && refusing()) return jobFailed(name);
-        load(name);
-        writeJob(name, { ...readJob(name), enabled: true });
-        if (flags.has('--now')) await startUnit(name);
-        return 0;
-      }
-      if (flags.has('--now')) await stopSupervisor(name);
       const links = readJson(path.join(state, 'links.json'), {});
       if (links[name] && links[name].runtime === runtime) {
         delete links[name];
         writeJson(path.join(state, 'links.json'), links);
         process.stdout.write(`Removed "${name}".\n`);
       }
-      const job = readJob(name);
-      if (job) writeJob(name, { ...job, enabled: false });
       load(name);
       return 0;
     }
     case 'start':
     case 'restart': {
       const name = units[0];
-      const job = loaded(name);
+      // The unit as the manager loaded it: a file changed since runs its old definition until daemon-reload.
+      const job = readJob(name);
       if (!job) {
         process.stderr.write(`Failed to ${verb} ${name}: Unit ${name} not found.\n`);
         return 5;
       }
       if (refusing()) return jobFailed(name);
       if (verb === 'restart') await stopSupervisor(name);
-      await startUnit(name);
+      if (!running(name)) await startSupervisor(name);
       return 0;
     }
     case 'stop': {
@@ -467,11 +443,6 @@ function jobFailed(name) {
       `See "systemctl --user status ${name}" and "journalctl --user -xeu ${name}" for details.\n`,
   );
   return 1;
-}
-
-async function startUnit(name) {
-  if (running(name)) return;
-  await startSupervisor(name);
 }
 
 // ---- launchctl ----------------------------------------------------------------

@@ -1,3 +1,4 @@
+#include "link/FeedMessage.h"
 #include "link/GuideState.h"
 #include "link/Health.h"
 #include "link/LocalStatus.h"
@@ -250,20 +251,10 @@ void decodeEverything(const QByteArray& bytes)
     if (const auto devices = decodeDeviceList(bytes))
         checkList(*devices);
 
-    // Feed frames carry one record under a key named for it.
-    const std::optional<QJsonValue> root = Lenient::parseRoot(bytes);
-    if (!root || !root->isObject())
-        return;
-    const QJsonObject frame = root->toObject();
-    Session::fromJson(frame.value(u"session"_s));
-    Approval::fromJson(frame.value(u"approval"_s));
-    Account::fromJson(frame.value(u"account"_s));
-    Usage::fromJson(frame.value(u"usage"_s));
-    Awake::fromJson(frame.value(u"awake"_s));
-    Codex::fromJson(frame.value(u"codex"_s));
-    AutomationsSnapshot::fromJson(frame.value(u"automations"_s));
-    if (const auto inner = Snapshot::fromJson(frame.value(u"snapshot"_s)))
-        checkSnapshot(*inner);
+    // Feed frames, read as the live feed reads them.
+    const Feed::Frame frame = Feed::readFrame(bytes);
+    if (frame.message && std::holds_alternative<Snapshot>(*frame.message))
+        checkSnapshot(std::get<Snapshot>(*frame.message));
 }
 
 struct Sample {

@@ -19,7 +19,6 @@ private Q_SLOTS:
     void theFeedPatchesAndCounts();
     void messagesForOthersAreHandedOn();
     void aSampleIgnoresTheFeedAndActsOnNothing();
-    void aFailedActionSpeaksThroughTheNote();
     void aSecondNoteShowsForItsOwnSixSeconds();
     void theDialogSlotHoldsOneQuestion_data();
     void theDialogSlotHoldsOneQuestion();
@@ -109,14 +108,6 @@ void TestAppModel::aSampleIgnoresTheFeedAndActsOnNothing()
     QVERIFY(!model.firstPollDone());
     QCOMPARE(reads.count(), 0);
     QCOMPARE(notes.count(), 0);
-}
-
-void TestAppModel::aFailedActionSpeaksThroughTheNote()
-{
-    AppModel model(nowhere(m_scratch), m_clock);
-    model.continueSession(QStringLiteral("s1"));
-    QTRY_COMPARE_WITH_TIMEOUT(
-        model.noteText(), QStringLiteral("Couldn’t continue it. The background service isn’t running."), 5000);
 }
 
 void TestAppModel::aSecondNoteShowsForItsOwnSixSeconds()

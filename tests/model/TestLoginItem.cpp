@@ -44,17 +44,14 @@ class TestLoginItem : public QObject
 
 private Q_SLOTS:
     void init();
-    void theStartRestoresOnlyWhatThePersonWants_data();
-    void theStartRestoresOnlyWhatThePersonWants();
+    void theStartAndTheSwitchFollowThePerson_data();
+    void theStartAndTheSwitchFollowThePerson();
     void aTestCopysStartLeavesTheItemAlone();
-    void theSwitchGoesThroughTheModel_data();
-    void theSwitchGoesThroughTheModel();
     void aRefusedChangeIsLoggedAndNeverShown();
 
 private:
     Environment copy(bool testCopy) const;
     QString entry() const { return m_scratch->path() + u"/config/autostart/tidewatch.desktop"_s; }
-    void placeEntry(bool present) const;
 
     std::unique_ptr<ScratchFolder> m_scratch;
     ManualClock m_clock;
@@ -74,44 +71,67 @@ Environment TestLoginItem::copy(bool testCopy) const
     return Environment({{u"XDG_CONFIG_HOME"_s, m_scratch->path() + u"/config"_s}}, m_scratch->path());
 }
 
-void TestLoginItem::placeEntry(bool present) const
-{
-    if (present)
-        m_scratch->write(u"config/autostart/tidewatch.desktop"_s, "[Desktop Entry]\nName=the person's own\n", 0644);
-}
-
-void TestLoginItem::theStartRestoresOnlyWhatThePersonWants_data()
+void TestLoginItem::theStartAndTheSwitchFollowThePerson_data()
 {
     QTest::addColumn<bool>("testCopy");
     QTest::addColumn<bool>("wanted");
     QTest::addColumn<bool>("present");
+    QTest::addColumn<QString>("act");
     QTest::addColumn<bool>("registered");
     QTest::addColumn<bool>("enabled");
+    QTest::addColumn<bool>("stillWanted");
 
-    QTest::newRow("wanted and lost: registered again") << false << true << false << true << true;
-    QTest::newRow("never wanted: left off") << false << false << false << false << false;
-    QTest::newRow("wanted and there: left as it is") << false << true << true << true << true;
-    QTest::newRow("there though unwanted: found, not removed") << false << false << true << true << true;
-    QTest::newRow("a test copy never registers, even when wanted") << true << true << false << false << false;
-    QTest::newRow("a test copy never counts the person's item as its own") << true << true << true << true << false;
+    const QString start = u"start"_s;
+    QTest::newRow("start, wanted and lost: registered again")
+        << false << true << false << start << true << true << true;
+    QTest::newRow("start, never wanted: left off") << false << false << false << start << false << false << false;
+    QTest::newRow("start, wanted and there: left as it is") << false << true << true << start << true << true << true;
+    QTest::newRow("start, there though unwanted: found, not removed")
+        << false << false << true << start << true << true << false;
+    QTest::newRow("start, a test copy never registers, even when wanted")
+        << true << true << false << start << false << false << true;
+    QTest::newRow("start, a test copy never counts the person's item as its own")
+        << true << true << true << start << true << false << true;
+    QTest::newRow("on: the entry is written and the wish kept")
+        << false << false << false << u"on"_s << true << true << true;
+    QTest::newRow("off: the entry goes, and the wish with it")
+        << false << true << true << u"off"_s << false << false << false;
+    QTest::newRow("on again changes nothing but stays on") << false << true << true << u"on"_s << true << true << true;
+    QTest::newRow("on in a test copy touches nothing") << true << false << false << u"on"_s << false << false << false;
+    QTest::newRow("off in a test copy leaves the person's entry and its own wish")
+        << true << true << true << u"off"_s << true << false << true;
 }
 
-void TestLoginItem::theStartRestoresOnlyWhatThePersonWants()
+void TestLoginItem::theStartAndTheSwitchFollowThePerson()
 {
     QFETCH(bool, testCopy);
     QFETCH(bool, wanted);
     QFETCH(bool, present);
+    QFETCH(QString, act);
     const Environment environment = copy(testCopy);
     Preferences(environment).setFlag(Preferences::loginItemWanted, wanted);
-    placeEntry(present);
+    if (present)
+        m_scratch->write(u"config/autostart/tidewatch.desktop"_s, "[Desktop Entry]\nName=the person's own\n", 0644);
 
-    const bool enabled = LoginItem::reconcile(environment);
+    bool enabled = false;
+    if (act == u"start"_s) {
+        enabled = LoginItem::reconcile(environment);
+    } else {
+        AppModel model(environment, m_clock);
+        QSignalSpy notes(&model, &AppModel::noteChanged);
+        model.setLoginItem(act == u"on"_s);
+        enabled = model.loginItemEnabled();
+        QCOMPARE(notes.count(), 0);
+    }
     QTEST(QFile::exists(entry()), "registered");
     QTEST(enabled, "enabled");
-    if (present) {
-        QFile kept(entry());
-        QVERIFY(kept.open(QIODevice::ReadOnly));
-        QVERIFY2(kept.readAll().contains("the person's own"), "the entry that was there is left as it was");
+    QTEST(Preferences(environment).flag(Preferences::loginItemWanted), "stillWanted");
+    QFile kept(entry());
+    if (kept.open(QIODevice::ReadOnly) && (act == u"start"_s || !present)) {
+        // The start leaves the person's own entry as it was; one written here opens this program.
+        QVERIFY(
+            kept.readAll().contains(present ? QByteArray("the person's own")
+                                            : "Exec=\"" + QFile::encodeName(QCoreApplication::applicationFilePath())));
     }
 }
 
@@ -126,47 +146,6 @@ void TestLoginItem::aTestCopysStartLeavesTheItemAlone()
     QVERIFY(!QFile::exists(QFileInfo(entry()).path()));
     QVERIFY(!model.loginItemEnabled());
     QCOMPARE(changes.count(), 0);
-}
-
-void TestLoginItem::theSwitchGoesThroughTheModel_data()
-{
-    QTest::addColumn<bool>("testCopy");
-    QTest::addColumn<bool>("before");
-    QTest::addColumn<bool>("on");
-    QTest::addColumn<bool>("after");
-    QTest::addColumn<bool>("enabled");
-    QTest::addColumn<bool>("wanted");
-
-    QTest::newRow("on: the entry is written and the wish kept") << false << false << true << true << true << true;
-    QTest::newRow("off: the entry goes, and the wish with it") << false << true << false << false << false << false;
-    QTest::newRow("on again changes nothing but stays on") << false << true << true << true << true << true;
-    QTest::newRow("on in a test copy touches nothing") << true << false << true << false << false << false;
-    QTest::newRow("off in a test copy leaves the person's entry and its own wish")
-        << true << true << false << true << false << true;
-}
-
-void TestLoginItem::theSwitchGoesThroughTheModel()
-{
-    QFETCH(bool, testCopy);
-    QFETCH(bool, before);
-    QFETCH(bool, on);
-    const Environment environment = copy(testCopy);
-    Preferences(environment).setFlag(Preferences::loginItemWanted, before);
-    placeEntry(before);
-    AppModel model(environment, m_clock);
-    QSignalSpy notes(&model, &AppModel::noteChanged);
-
-    model.setLoginItem(on);
-    QTEST(QFile::exists(entry()), "after");
-    QTEST(model.loginItemEnabled(), "enabled");
-    QTEST(Preferences(environment).flag(Preferences::loginItemWanted), "wanted");
-    QCOMPARE(notes.count(), 0);
-    if (QFile::exists(entry()) && !before) {
-        QFile written(entry());
-        QVERIFY(written.open(QIODevice::ReadOnly));
-        QVERIFY2(written.readAll().contains("Exec=\"" + QFile::encodeName(QCoreApplication::applicationFilePath())),
-            "the entry opens this program");
-    }
 }
 
 void TestLoginItem::aRefusedChangeIsLoggedAndNeverShown()

@@ -1,14 +1,9 @@
 #include "surface/MenuBarFrames.h"
 
-#include <QDir>
-#include <QPainter>
 #include <QSet>
 #include <QTest>
 
 #include <cmath>
-
-// Set TIDEWATCH_RENDER_OUT to a folder to keep a contact sheet of all 37
-// frames, 8 times their size, for a person to look at.
 
 using Frame = MenuBarFrames::Frame;
 
@@ -38,24 +33,24 @@ QImage halved(const QImage& image)
     return half;
 }
 
-int largestAlphaGap(const QImage& a, const QImage& b)
-{
-    int gap = 0;
-    for (int y = 0; y < a.height(); ++y) {
-        for (int x = 0; x < a.width(); ++x)
-            gap = std::max(gap, std::abs(qAlpha(a.pixel(x, y)) - qAlpha(b.pixel(x, y))));
-    }
-    return gap;
-}
+struct Gap {
+    int largest = 0;
+    double mean = 0;
+};
 
-double meanAlphaGap(const QImage& a, const QImage& b)
+// How far two images of one size differ in alpha, at most and on average.
+Gap gapOf(const QImage& a, const QImage& b)
 {
-    double sum = 0;
+    Gap gap;
     for (int y = 0; y < a.height(); ++y) {
-        for (int x = 0; x < a.width(); ++x)
-            sum += std::abs(qAlpha(a.pixel(x, y)) - qAlpha(b.pixel(x, y)));
+        for (int x = 0; x < a.width(); ++x) {
+            const int one = std::abs(qAlpha(a.pixel(x, y)) - qAlpha(b.pixel(x, y)));
+            gap.largest = std::max(gap.largest, one);
+            gap.mean += one;
+        }
     }
-    return sum / (a.width() * a.height());
+    gap.mean /= a.width() * a.height();
+    return gap;
 }
 
 // Inside the badge's cleared ring at 36 pixels, clear of its antialiased edges.
@@ -77,9 +72,7 @@ class TestMenuBarFrames : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void everyFrameIsABlackTemplateAtBothSizes();
-    void theSetsHoldTheRightFrames();
+    void everyFrameIsANamedBlackTemplateInItsBox();
     void spinFramesAllDiffer();
     void oneCycleIsAQuarterTurn();
     void theDiscIsLitFromTheUpperLeft();
@@ -90,33 +83,15 @@ private Q_SLOTS:
     void breathingDimsThePlanetButNotTheDot();
     void theRetinaImageIsDrawnNotScaled_data();
     void theRetinaImageIsDrawnNotScaled();
-    void nothingStraysOutsideThePlanetsBox();
 };
 
-void TestMenuBarFrames::initTestCase()
+void TestMenuBarFrames::everyFrameIsANamedBlackTemplateInItsBox()
 {
-    const QString out = qEnvironmentVariable("TIDEWATCH_RENDER_OUT");
-    if (out.isEmpty())
-        return;
-    constexpr int scale = 8;
-    const QList<Frame> frames = MenuBarFrames::all();
-    QImage sheet(10 * 36 * scale / 2, 4 * 36 * scale / 2 + 36 * scale / 2, QImage::Format_ARGB32);
-    sheet.fill(QColor(0xE8, 0xE4, 0xDC));
-    QPainter painter(&sheet);
-    for (int i = 0; i < frames.size(); ++i) {
-        const int row = i < 20 ? i / 10 : i < 36 ? 2 + (i - 20) / 8 : 4;
-        const int column = i < 20 ? i % 10 : i < 36 ? (i - 20) % 8 : 0;
-        const QImage& image = MenuBarFrames::shared().image(frames[i]).retina;
-        painter.drawImage(QRect(column * 36 * scale / 2, row * 36 * scale / 2, 36 * scale / 2, 36 * scale / 2), image);
-    }
-    painter.end();
-    QDir().mkpath(out);
-    QVERIFY(sheet.save(out + QStringLiteral("/menu-bar-frames.png")));
-}
-
-void TestMenuBarFrames::everyFrameIsABlackTemplateAtBothSizes()
-{
+    QSet<QString> names;
     for (const Frame& frame : MenuBarFrames::all()) {
+        // Every frame by a name of its own: the animator picks them by name.
+        QVERIFY2(!names.contains(frame.name()), qPrintable(frame.name()));
+        names.insert(frame.name());
         const MenuBarFrames::Image& image = MenuBarFrames::shared().image(frame);
         QCOMPARE(image.normal.size(), QSize(18, 18));
         QCOMPARE(image.retina.size(), QSize(36, 36));
@@ -132,17 +107,14 @@ void TestMenuBarFrames::everyFrameIsABlackTemplateAtBothSizes()
             }
             QVERIFY2(anyInk, qPrintable(frame.name()));
         }
+        // The planet's box is 1.5 points in from each edge; only the badge reaches the corner.
+        for (int i = 0; i < 36; ++i) {
+            for (const QPoint& p : {QPoint(i, 35), QPoint(0, i), QPoint(i, 0), QPoint(35, i)}) {
+                QVERIFY2(alphaAt(image.retina, p.x(), p.y()) == 0 || (frame.badge && nearBadge(p.x(), p.y())),
+                    qPrintable(frame.name() + QStringLiteral(" at %1,%2").arg(p.x()).arg(p.y())));
+            }
+        }
     }
-}
-
-void TestMenuBarFrames::theSetsHoldTheRightFrames()
-{
-    // Every frame by a name of its own: the animator picks them by name.
-    const QList<Frame> frames = MenuBarFrames::all();
-    QSet<QString> names;
-    for (const Frame& frame : frames)
-        names.insert(frame.name());
-    QCOMPARE(names.size(), frames.size());
     // An index past the set wraps instead of reading outside it.
     QCOMPARE(MenuBarFrames::shared().image(Frame::spin(13, true)).retina,
         MenuBarFrames::shared().image(Frame::spin(3, true)).retina);
@@ -155,7 +127,7 @@ void TestMenuBarFrames::spinFramesAllDiffer()
             const QImage& a = MenuBarFrames::shared().image(Frame::spin(i, false)).retina;
             const QImage& b = MenuBarFrames::shared().image(Frame::spin(j, false)).retina;
             // The meridians move: a clear difference somewhere, not rounding noise.
-            QVERIFY2(largestAlphaGap(a, b) > 40, qPrintable(QStringLiteral("spin %1 and %2").arg(i).arg(j)));
+            QVERIFY2(gapOf(a, b).largest > 40, qPrintable(QStringLiteral("spin %1 and %2").arg(i).arg(j)));
         }
     }
 }
@@ -165,9 +137,9 @@ void TestMenuBarFrames::oneCycleIsAQuarterTurn()
     // Four meridians look the same after a quarter turn, so the frame after
     // the last is the first again and the loop has no seam.
     const QImage next = MenuBarFrames::draw(36, MenuBarFrames::spinRotation(MenuBarFrames::spinCount), 1, false, false);
-    QVERIFY(largestAlphaGap(next, MenuBarFrames::shared().image(Frame::spin(0, false)).retina) <= 2);
+    QVERIFY(gapOf(next, MenuBarFrames::shared().image(Frame::spin(0, false)).retina).largest <= 2);
     const QImage half = MenuBarFrames::draw(36, MenuBarFrames::spinRotation(5), 1, false, false);
-    QVERIFY(largestAlphaGap(half, MenuBarFrames::shared().image(Frame::spin(0, false)).retina) > 40);
+    QVERIFY(gapOf(half, MenuBarFrames::shared().image(Frame::spin(0, false)).retina).largest > 40);
 }
 
 void TestMenuBarFrames::theDiscIsLitFromTheUpperLeft()
@@ -273,7 +245,7 @@ void TestMenuBarFrames::theRetinaImageIsDrawnNotScaled()
     const MenuBarFrames::Image& image = MenuBarFrames::shared().image(frame);
 
     // Same geometry: the 36-pixel image averaged down is close to the 18-pixel one.
-    const double gap = meanAlphaGap(halved(image.retina), image.normal.convertToFormat(QImage::Format_ARGB32));
+    const double gap = gapOf(halved(image.retina), image.normal.convertToFormat(QImage::Format_ARGB32)).mean;
     QVERIFY2(gap < 6, qPrintable(QString::number(gap)));
 
     // But not a copy blown up: a doubled image would be made of uniform 2x2 blocks,
@@ -288,23 +260,7 @@ void TestMenuBarFrames::theRetinaImageIsDrawnNotScaled()
     }
     QVERIFY(mixedBlocks > 40);
     const QImage blown = image.normal.scaled(36, 36, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
-    QVERIFY(meanAlphaGap(blown, image.retina) > 3);
-}
-
-void TestMenuBarFrames::nothingStraysOutsideThePlanetsBox()
-{
-    // The planet's box is 1.5 points in from each edge; only the badge reaches the corner.
-    for (const Frame& frame : MenuBarFrames::all()) {
-        const QImage& image = MenuBarFrames::shared().image(frame).retina;
-        for (int i = 0; i < 36; ++i) {
-            for (const QPoint& p : {QPoint(i, 35), QPoint(0, i), QPoint(i, 0), QPoint(35, i)}) {
-                if (frame.badge && nearBadge(p.x(), p.y()))
-                    continue;
-                QVERIFY2(alphaAt(image, p.x(), p.y()) == 0,
-                    qPrintable(frame.name() + QStringLiteral(" at %1,%2").arg(p.x()).arg(p.y())));
-            }
-        }
-    }
+    QVERIFY(gapOf(blown, image.retina).mean > 3);
 }
 
 QTEST_GUILESS_MAIN(TestMenuBarFrames)

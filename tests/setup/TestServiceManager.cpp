@@ -1,11 +1,6 @@
-#include "ScratchFolder.h"
-
 #include "setup/ServiceInstaller.h"
 #include "setup/ServiceManager.h"
 
-#include <QDir>
-#include <QFile>
-#include <QProcess>
 #include <QTest>
 
 using Kind = platform::ServiceManagerKind;
@@ -55,7 +50,6 @@ private Q_SLOTS:
     void noUserSession();
     void progressLines_data();
     void progressLines();
-    void commandByHandSurvivesTheShell();
 };
 
 void TestServiceManager::commands_data()
@@ -186,35 +180,6 @@ void TestServiceManager::progressLines()
     QFETCH(Step, step);
     QFETCH(QString, line);
     QCOMPARE(ServiceInstaller::progressLine({step, std::nullopt}, managerFor(kind, false)), line);
-}
-
-void TestServiceManager::commandByHandSurvivesTheShell()
-{
-    // Blanks, quotes and a dollar sign in the folders: the command a person
-    // pastes must hand every one over as it is.
-    ScratchFolder scratch;
-    const QString support = scratch.file(QStringLiteral("it's a \"support\" $HOME"));
-    const QString home = scratch.file(QStringLiteral("home/"));
-    ServiceInstaller::Parts parts;
-    parts.environment = Environment({{QStringLiteral("TIDEWATCH_SUPPORT"), support},
-                                        {QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47391")},
-                                        {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47392")},
-                                        {QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral("data")},
-                                        {QStringLiteral("XDG_STATE_HOME"), home + QStringLiteral("state")}},
-        home);
-    QDir().mkpath(parts.environment.logFolder());
-    const QString program = scratch.write(QStringLiteral("bin/no de"),
-        "#!/bin/sh\nprintf '%s\\n' \"$1\" \"$TIDEWATCH_SUPPORT\" \"$TIDEWATCH_LOGS\" \"$TIDEWATCH_API_PORT\"\n", 0755);
-    const QString command = ServiceInstaller(parts).commandByHand(program);
-
-    QProcess shell;
-    shell.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), command + QStringLiteral(" wait")});
-    QVERIFY(shell.waitForFinished());
-    QFile log(parts.environment.daemonLog());
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QCOMPARE(QString::fromUtf8(log.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts),
-        (QStringList{parts.environment.daemonFolder() + QStringLiteral("/src/main"), support,
-            parts.environment.logFolder(), QStringLiteral("47391")}));
 }
 
 QTEST_GUILESS_MAIN(TestServiceManager)

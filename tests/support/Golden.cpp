@@ -58,6 +58,24 @@ void addRows(const QStringList& files)
     }
 }
 
+QStringList lines(const QString& file, const QString& section, const QString& input)
+{
+    for (const Row& row : read(file)) {
+        if (row.section == section && row.input == input)
+            return row.expected.split(QLatin1Char('\n'));
+    }
+    qFatal("%s: no case %s / %s", qPrintable(file), qPrintable(section), qPrintable(input));
+}
+
+bool containsRun(const QStringList& twin, const QStringList& run)
+{
+    for (qsizetype at = twin.indexOf(run.first()); at >= 0; at = twin.indexOf(run.first(), at + 1)) {
+        if (twin.mid(at, run.size()) == run)
+            return true;
+    }
+    return false;
+}
+
 QStringList parts(const QString& input)
 {
     QStringList split{QString()};

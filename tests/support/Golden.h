@@ -29,6 +29,13 @@ QList<Row> read(const QString& file);
 /// named "section: case name", to the running `_data()` function, from each file.
 void addRows(const QStringList& files);
 
+/// The words of the case with this section and input, one entry a line; a
+/// missing case stops the run.
+QStringList lines(const QString& file, const QString& section, const QString& input);
+
+/// True when `run` stands line after line somewhere in `twin`.
+bool containsRun(const QStringList& twin, const QStringList& run);
+
 /// The input's parts between semicolons outside JSON, trimmed.
 QStringList parts(const QString& input);
 

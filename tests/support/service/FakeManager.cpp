@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QThread>
 
 #include <csignal>
@@ -94,12 +93,4 @@ QStringList FakeManager::calls() const
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-}
-
-QString FakeManager::ask(platform::ServiceManagerKind kind, const QStringList& arguments) const
-{
-    QProcess process;
-    process.start(kind == platform::ServiceManagerKind::Launchd ? launchctl() : systemctl(), arguments);
-    process.waitForFinished(30000);
-    return QString::fromUtf8(process.readAllStandardOutput());
 }

@@ -31,8 +31,6 @@ public:
     void refuse(int count) const;
     /// Every call made, one per line, as "systemctl --user show …".
     QStringList calls() const;
-    /// Runs the fake tool itself, for checks from the test: its standard output.
-    QString ask(platform::ServiceManagerKind kind, const QStringList& arguments) const;
 
 private:
     QString m_folder;

@@ -1,6 +1,7 @@
 #include "Launch.h"
 
 #include <QEventLoop>
+#include <QFile>
 #include <QProcess>
 #include <QTimer>
 
@@ -40,4 +41,12 @@ LaunchResult launch(
         return {-1, QString::fromUtf8(process.readAll())};
     }
     return {process.exitCode(), QString::fromUtf8(process.readAll())};
+}
+
+QStringList textLines(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }

@@ -18,6 +18,9 @@ struct LaunchResult {
 /// in, and every user folder the program might reach is inside the scratch folder.
 QProcessEnvironment launchEnvironment(const ScratchFolder& scratch, const QHash<QString, QString>& extra = {});
 
+/// The lines of a text file that aren't empty; none when it can't be read.
+QStringList textLines(const QString& path);
+
 /// Runs the built program (or another) to its end while this thread's event loop goes on.
 LaunchResult launch(const QStringList& arguments, const QProcessEnvironment& environment, int limitMs = 30000,
     const QString& program = {});

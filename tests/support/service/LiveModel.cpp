@@ -1,6 +1,9 @@
 #include "LiveModel.h"
 
 #include "Fixture.h"
+#include "Launch.h"
+
+#include "surface/PopoverRender.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>
@@ -36,11 +39,6 @@ void LiveModel::seed(const QByteArray& calls) const
         service.qa("POST", call[0].toString(), call[1]);
 }
 
-void LiveModel::seedFile(const QString& name) const
-{
-    seed(Fixture::sample(name));
-}
-
 bool LiveModel::startModel(LiveFeed::Timing timing, bool settle)
 {
     m_model = std::make_unique<AppModel>(service.environment(), Clock::system(), timing);
@@ -71,4 +69,36 @@ LiveFeed::Timing LiveModel::quickFeed()
     timing.afterHeard = 0.2;
     timing.maxDelay = 1;
     return timing;
+}
+
+QStringList LiveModel::twin() const
+{
+    QString error;
+    const std::optional<PopoverRender::Rendered> rendered = PopoverRender::render(*m_model, Clock::system(), &error);
+    if (!rendered)
+        qWarning("render failed: %s", qPrintable(error));
+    return rendered ? rendered->twin : QStringList();
+}
+
+QStringList LiveModel::liveRender(QStringList* statusItem) const
+{
+    const QString folder = scratch.file(QStringLiteral("renders"));
+    const LaunchResult result = launch({QStringLiteral("--render-popover"), folder, QStringLiteral("--live")},
+        launchEnvironment(scratch, service.variables()), 60000);
+    if (result.code != 0)
+        qWarning("the live render failed: %s", qPrintable(result.output));
+    if (statusItem)
+        *statusItem = textLines(folder + QStringLiteral("/status-item.txt"));
+    return textLines(folder + QStringLiteral("/live-popover.txt"));
+}
+
+std::optional<Session> LiveModel::session(const QString& id) const
+{
+    if (m_model && m_model->snapshot()) {
+        for (const Session& session : m_model->snapshot()->sessions.items) {
+            if (session.id == id)
+                return session;
+        }
+    }
+    return std::nullopt;
 }

@@ -28,8 +28,6 @@ public:
     /// [["/qa/sessions", {"id":"s1"}], ["/qa/feed/ping", {}]]. A string "@now"
     /// stands for this moment, as milliseconds since 1970.
     void seed(const QByteArray& calls) const;
-    /// A seed kept under tests/data.
-    void seedFile(const QString& name) const;
 
     /// Makes and starts the model; with settle, waits until it has read once
     /// and hears the feed (false when it didn't in 15 s).
@@ -39,6 +37,15 @@ public:
     /// The model the last startModel() made.
     AppModel& model() const { return *m_model; }
     void stopModel() { m_model.reset(); }
+
+    /// The session of that id in the model's snapshot.
+    std::optional<Session> session(const QString& id) const;
+    /// The model's panel rendered in this process, as its text twin; empty
+    /// (with a warning) when the render fails.
+    QStringList twin() const;
+    /// The built program's own live render against this service: the
+    /// panel's text twin, and the status item's lines into statusItem.
+    QStringList liveRender(QStringList* statusItem = nullptr) const;
 
     /// A feed that gives up and comes back within a second, for tests of its pace.
     static LiveFeed::Timing quickFeed();

@@ -6,7 +6,6 @@
 #include "setup/NodeInstaller.h"
 
 #include <QCoreApplication>
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -44,11 +43,6 @@ QString npmPackage()
     const QJsonObject object = QJsonDocument::fromJson(manifest.readAll()).object();
     return object.value(QLatin1StringView("name")).toString() == QLatin1StringView("npm") ? QDir::cleanPath(root)
                                                                                           : QString();
-}
-
-QString sha256Of(const QString& path)
-{
-    return NodeInstaller::sha256(path);
 }
 
 } // namespace
@@ -102,21 +96,17 @@ NodeSite::NodeSite(const ScratchFolder& scratch)
             return;
     }
 
-    QDir().mkpath(releaseFolder());
+    scratch.write(QStringLiteral("node-site/dist/index.json"),
+        QStringLiteral(R"([{"version":"v99.0.0","lts":false,"files":["%2"]},)"
+                       R"({"version":"%1","lts":"Jod","files":["headers","%2","osx-arm64-tar"]}])")
+            .arg(m_version, archive.indexKey)
+            .toUtf8());
+    scratch.write(QStringLiteral("node-site/dist/") + m_version + QStringLiteral("/SHASUMS256.txt"),
+        (QStringLiteral("0000000000000000000000000000000000000000000000000000000000000000  node-") + m_version
+            + QStringLiteral(".pkg\n") + NodeInstaller::sha256(cached) + QStringLiteral("  ") + m_file
+            + QLatin1Char('\n'))
+            .toUtf8());
     QFile::link(cached, releaseFolder() + QLatin1Char('/') + m_file);
-    QFile index(m_root + QStringLiteral("/dist/index.json"));
-    index.open(QIODevice::WriteOnly);
-    index.write(QStringLiteral(R"([{"version":"v99.0.0","lts":false,"files":["%2"]},)"
-                               R"({"version":"%1","lts":"Jod","files":["headers","%2","osx-arm64-tar"]}])")
-                    .arg(m_version, archive.indexKey)
-                    .toUtf8());
-    index.close();
-    QFile sums(releaseFolder() + QStringLiteral("/SHASUMS256.txt"));
-    sums.open(QIODevice::WriteOnly);
-    sums.write((QStringLiteral("0000000000000000000000000000000000000000000000000000000000000000  node-") + m_version
-        + QStringLiteral(".pkg\n") + sha256Of(cached) + QStringLiteral("  ") + m_file + QLatin1Char('\n'))
-                   .toUtf8());
-    sums.close();
     m_server = std::make_unique<StaticSite>(m_root);
 }
 
@@ -142,18 +132,4 @@ void NodeSite::tamperWithArchive()
     QFile file(path);
     file.open(QIODevice::WriteOnly);
     file.write("not the archive the checksum list names");
-}
-
-void NodeSite::dropChecksumLine()
-{
-    QFile sums(releaseFolder() + QStringLiteral("/SHASUMS256.txt"));
-    sums.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    sums.write("0000000000000000000000000000000000000000000000000000000000000000  node-other.tar.gz\n");
-}
-
-void NodeSite::breakIndex()
-{
-    QFile index(m_root + QStringLiteral("/dist/index.json"));
-    index.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    index.write(R"({"releases":[]})");
 }

@@ -23,19 +23,14 @@ public:
     QString problem() const { return m_problem; }
 
     QUrl base() const { return m_server->base(); }
-    StaticSite& server() { return *m_server; }
     /// "v22.23.3": the pinned Node.js.
     const QString& version() const { return m_version; }
-    /// "node-v22.23.3-linux-x64.tar.gz"
-    const QString& file() const { return m_file; }
     /// The site's path of the archive, "/dist/<version>/<file>".
     QString archivePath() const;
 
     /// The faults on demand.
     void answer404ForArchive();
     void tamperWithArchive();
-    void dropChecksumLine();
-    void breakIndex();
 
 private:
     QString releaseFolder() const;

@@ -193,3 +193,8 @@ QJsonValue ServiceProcess::qa(const QByteArray& method, const QString& path, con
     }
     return reply;
 }
+
+bool ServiceProcess::faultsSpent() const
+{
+    return qa("GET", QStringLiteral("/qa/faults"))[QStringLiteral("faults")].toArray().isEmpty();
+}

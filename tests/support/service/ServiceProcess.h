@@ -47,6 +47,9 @@ public:
     /// call() that must succeed; a failure is recorded as a test failure.
     QJsonValue qa(const QByteArray& method, const QString& path, const QJsonValue& body = QJsonValue::Undefined) const;
 
+    /// True once every fault planted through /qa/faults has been used.
+    bool faultsSpent() const;
+
     /// The Node.js the tests run the service on.
     static QString nodeProgram();
 
