@@ -25,6 +25,7 @@ import {
   missingTmux,
   standInFor,
 } from './support/claude-code.js';
+import { fiveHourLimit } from './support/messages-standin.js';
 
 const GIVE_UP_MS = 3000;
 
@@ -155,19 +156,7 @@ test('slow: claude -p: with the service gone, Claude Code runs as if Tidewatch w
 const REFUSALS = [
   {
     name: 'a usage limit blocks the session until its reset, and the account is limited',
-    error: (reset) => ({
-      status: 429,
-      type: 'rate_limit_error',
-      message: 'Rate limited',
-      headers: {
-        'anthropic-ratelimit-unified-status': 'rejected',
-        'anthropic-ratelimit-unified-representative-claim': 'five_hour',
-        'anthropic-ratelimit-unified-reset': String(reset),
-        'anthropic-ratelimit-unified-5h-status': 'rejected',
-        'anthropic-ratelimit-unified-5h-utilization': '1.0',
-        'anthropic-ratelimit-unified-5h-reset': String(reset),
-      },
-    }),
+    error: fiveHourLimit,
     blocked: (reset) => ({ kind: 'limit', resetsAt: reset * 1000 }),
     account: (reset) => ({ state: 'limited', limit: { window: 'five_hour', resetsAt: reset * 1000, usingCredits: false } }),
     said: /hit your 5-hour limit/,

@@ -11,21 +11,8 @@ import { test } from 'node:test';
 import { CONTINUE_PROMPT } from '../src/sessions/continuer.js';
 import { eventually, scratchFolder, sleep, startScratchService } from './helpers.js';
 import { claudeHome, claudeInteractive, missingClaude, missingTmux, standInFor } from './support/claude-code.js';
+import { fiveHourLimit } from './support/messages-standin.js';
 import { missingRelay, RELAY } from './support/relay.js';
-
-const limitError = (reset) => ({
-  status: 429,
-  type: 'rate_limit_error',
-  message: 'Rate limited',
-  headers: {
-    'anthropic-ratelimit-unified-status': 'rejected',
-    'anthropic-ratelimit-unified-representative-claim': 'five_hour',
-    'anthropic-ratelimit-unified-reset': String(reset),
-    'anthropic-ratelimit-unified-5h-status': 'rejected',
-    'anthropic-ratelimit-unified-5h-utilization': '1.0',
-    'anthropic-ratelimit-unified-5h-reset': String(reset),
-  },
-});
 
 // The prompts of the main loop that carried the continue prompt.
 const continues = (standIn) =>
@@ -52,7 +39,7 @@ test(
     const { home, project } = claudeHome(folder, service.support);
     assert.equal((await service.post('/local/integration/install', {})).status, 200);
     const reset = Math.floor(Date.now() / 1000) + 3600;
-    const standIn = await standInFor(t, { tool: null, error: limitError(reset) });
+    const standIn = await standInFor(t, { tool: null, error: fiveHourLimit(reset) });
     const claude = await claudeInteractive(t, {
       home,
       project,

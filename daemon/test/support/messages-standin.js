@@ -34,6 +34,21 @@ const DEFAULT_SCRIPT = {
   error: null,
 };
 
+/** The refusal a subscription gets at its five-hour limit, lifting at `reset` (epoch seconds). */
+export const fiveHourLimit = (reset) => ({
+  status: 429,
+  type: 'rate_limit_error',
+  message: 'Rate limited',
+  headers: {
+    'anthropic-ratelimit-unified-status': 'rejected',
+    'anthropic-ratelimit-unified-representative-claim': 'five_hour',
+    'anthropic-ratelimit-unified-reset': String(reset),
+    'anthropic-ratelimit-unified-5h-status': 'rejected',
+    'anthropic-ratelimit-unified-5h-utilization': '1.0',
+    'anthropic-ratelimit-unified-5h-reset': String(reset),
+  },
+});
+
 const id = (prefix) => `${prefix}_${randomBytes(12).toString('hex')}`;
 
 // Whether the last user turn ends with a tool's result. A refused call and the
