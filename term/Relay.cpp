@@ -218,7 +218,7 @@ void Relay::loop()
     }
 }
 
-void Relay::pump(int from, int to, bool mirror)
+std::size_t Relay::pump(int from, int to, bool mirror)
 {
     char chunk[kChunk];
     std::size_t size = 0;
@@ -243,15 +243,16 @@ void Relay::pump(int from, int to, bool mirror)
         break;
     }
     if (size == 0)
-        return;
+        return 0;
     writeAll(to, chunk, size);
     if (!mirror)
-        return;
+        return size;
     link_.send(FrameKind::Output, std::string_view(chunk, size));
     recent_.append(chunk, size);
     // Trimmed in halves, so that keeping the end costs nothing per chunk.
     if (recent_.size() > 2 * kRecentBytes)
         recent_.erase(0, recent_.size() - kRecentBytes);
+    return size;
 }
 
 void Relay::onSignal(int signal)
@@ -294,12 +295,7 @@ void Relay::onChildChanged()
     status_ = status;
     exited_ = true;
     // What it printed last is still in the terminal: pass it on.
-    setNonBlocking(master_);
-    char chunk[kChunk];
-    for (ssize_t got = 0; (got = ::read(master_, chunk, sizeof chunk)) > 0;) {
-        writeAll(STDOUT_FILENO, chunk, static_cast<std::size_t>(got));
-        link_.send(FrameKind::Output, std::string_view(chunk, static_cast<std::size_t>(got)));
-    }
+    while (outputOpen_ && pump(master_, STDOUT_FILENO, true) > 0) { }
 }
 
 void Relay::suspend()

@@ -31,7 +31,8 @@ private:
     void onSignal(int signal);
     void onChildChanged();
     void suspend();
-    void pump(int from, int to, bool mirror);
+    /// Passes on what is there to read; gives how much.
+    std::size_t pump(int from, int to, bool mirror);
     void resize();
     void hello();
     void finish();

@@ -19,7 +19,6 @@
 #include <QUuid>
 
 #include <array>
-#include <cstdio>
 #include <string>
 
 #include <unistd.h>
@@ -306,15 +305,10 @@ Outcome<bool> ServiceInstaller::copyRelay()
     if (!m_parts.bundledRelay)
         return true;
     const QString target = m_parts.environment.installedRelay();
-    const QString staging = target + QStringLiteral(".new");
-    QFile::remove(staging);
+    QFile bundled(*m_parts.bundledRelay);
     // Put in place by a rename, so that a terminal starting now runs the old copy or the new, never a part.
-    if (!QDir().mkpath(QFileInfo(target).path()) || !QFile::copy(*m_parts.bundledRelay, staging)
-        || !QFile::setPermissions(staging,
-            QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup
-                | QFile::ReadOther | QFile::ExeOther)
-        || std::rename(QFile::encodeName(staging).constData(), QFile::encodeName(target).constData()) != 0) {
-        QFile::remove(staging);
+    if (!QDir().mkpath(QFileInfo(target).path()) || !bundled.open(QIODevice::ReadOnly)
+        || writeFileAtomically(target, bundled.readAll(), 0755)) {
         return Outcome<bool>::failure(QStringLiteral("Tidewatch couldn’t put its terminal relay in %1.").arg(target));
     }
     return true;
