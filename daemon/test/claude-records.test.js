@@ -117,6 +117,20 @@ test('how calls ended', () => {
   }
 });
 
+test('Claude Code’s own plan after a limit, as its notices tell it', () => {
+  const notice = (content) => JSON.stringify({ type: 'system', subtype: 'informational', content });
+  const answer = JSON.stringify({ type: 'assistant', message: { role: 'assistant', model: 'm', content: [] } });
+  const cancelled = notice('Automatic continue cancelled. Your session will wait for you instead; /rate-limit-options can arm it again.');
+  const rows = [
+    ['the real transcript’s notice arms it', transcriptLines, 'armed'],
+    ['cancelled in the terminal', [...transcriptLines, cancelled], 'off'],
+    ['armed again after a second limit', [cancelled, notice('Usage limit reached again · set to continue automatically at 9am')], 'armed'],
+    ['an answer after it is the carrying on', [...transcriptLines, answer], undefined],
+    ['other notices say nothing of it', [notice('Usage limit reached')], undefined],
+  ];
+  for (const [name, lines, expected] of rows) assert.equal(transcriptFacts(lines).carryOn, expected, name);
+});
+
 test('a transcript is read on from where it stopped, also after a restart, and a runaway line is passed over', async (t) => {
   const folder = await scratchFolder(t);
   const file = path.join(folder, 's.jsonl');

@@ -1,8 +1,9 @@
 // Real Claude Code typed into bash with the shell integration, so it runs
 // through the terminal relay, offline against the
 // Messages API stand-in: the session shows its shared terminal, a usage
-// limit blocks it, and Tidewatch carries it on by typing into that terminal,
-// when asked and by itself once the limit lifts. Slow (a real program).
+// limit blocks it, Claude Code's own plan to carry on is read, and Tidewatch
+// carries it on by typing into that terminal, when asked and by itself once
+// the limit lifts. Slow (a real program).
 
 import assert from 'node:assert/strict';
 import path from 'node:path';
@@ -57,7 +58,12 @@ test(
     }, 'the session blocked until the reset, in its shared terminal', 30000);
     assert.deepEqual(blocked.term, { id: blocked.term.id, mac: 1, phone: 0 });
     assert.equal(blocked.blocked.resetsAt, reset * 1000);
-    await eventually(async () => (await session()).blocked?.resume?.canArm, 'the carry-on offered');
+    // Claude Code plans to go on by itself at the reset, and says so in its transcript.
+    const claudePlan = { state: 'armed', at: reset * 1000, by: 'claude', canCancel: false, canArm: false };
+    await eventually(async () => (await session()).blocked?.resume?.by === 'claude', 'Claude Code’s own plan read');
+    assert.deepEqual((await session()).blocked.resume, claudePlan);
+    assert.equal((await session()).blocked.autoResumeAt, reset * 1000);
+    assert.equal((await service.post(`/v1/sessions/${blocked.id}/auto-continue`, { on: false })).status, 409);
     // The service's screen model shows what the person's terminal shows.
     const [terminal] = service.service.terminals.terminals();
     assert.match((await terminal.screenLines()).join('\n'), /say hello/);
@@ -67,12 +73,15 @@ test(
     assert.equal((await service.post(`/v1/sessions/${blocked.id}/continue`, {})).status, 200);
     await eventually(() => continues(standIn) === 1, 'the continue prompt reached the API', 20000);
 
-    // By itself, once: armed for the reset, which the service's clock passes.
+    // Blocked again, the person stops Claude Code's own plan in the terminal; Tidewatch's stands in.
     const again = async () => {
       const now = await session();
-      return now.lastActivityAt > before && now.blocked?.resume?.canArm;
+      return now.lastActivityAt > before && now.blocked?.resume?.by === 'claude';
     };
-    await eventually(again, 'blocked again, the carry-on offered', 20000);
+    await eventually(again, 'blocked again, Claude Code’s plan read', 20000);
+    claude.keys('Escape');
+    await eventually(async () => (await session()).blocked?.resume?.canArm, 'the carry-on offered', 20000);
+    assert.equal((await session()).blocked.autoResumeAt, undefined);
     assert.equal((await service.post(`/v1/sessions/${blocked.id}/auto-continue`, { on: true })).status, 200);
     const armed = (await session()).blocked.resume;
     assert.deepEqual(armed, { state: 'armed', at: reset * 1000, by: 'tidewatch', canCancel: true, canArm: false });

@@ -32,6 +32,21 @@ const USAGE_REFRESH_MS = 30 * 1000;
  */
 export const FAILURE_NEWS_MS = 10 * 60 * 1000;
 
+/**
+ * After a usage limit a session's transcript is looked at for this long, in
+ * milliseconds: Claude Code writes whether it will go on by itself just
+ * after the refusal, and no hook follows that.
+ */
+export const CARRY_ON_NEWS_MS = 10 * 1000;
+
+/** A limit block with Claude Code's own plan after it put in. */
+export function withCarryOn(blocked, plan) {
+  const { autoResumeAt, resume, ...rest } = blocked;
+  if (plan === 'off') return resume?.by === 'claude' ? rest : blocked;
+  const at = Number.isFinite(blocked.resetsAt) ? blocked.resetsAt : null;
+  return { ...rest, autoResumeAt: at, resume: { state: 'armed', at, by: 'claude', canCancel: false, canArm: false } };
+}
+
 export class ClaudeAgent {
   #state;
   #log;
@@ -42,6 +57,7 @@ export class ClaudeAgent {
   #follower;
   #readings = [];
   #failures = new Map();
+  #justLimited = new Map();
   #started = false;
   #account;
   #accountRead = Promise.resolve();
@@ -90,7 +106,7 @@ export class ClaudeAgent {
     });
     this.#follower = new TranscriptFollower({
       pollMs: transcriptPollMs,
-      watched: () => this.#broker.waitingSessions,
+      watched: () => new Set([...this.#broker.waitingSessions, ...this.#stillLimitNews()]),
       read: async (sessionId, tail) => this.#state.patchSession(sessionId, await this.#readTranscript(sessionId, tail)),
     });
     this.#account = claudeDir ? new ClaudeAccount({ state, claudeDir, log, now, ...account }) : null;
@@ -266,6 +282,9 @@ export class ClaudeAgent {
     else if (facts.failure) this.#turnFailed(sessionId, facts.failure);
     return (session) => {
       const next = { ...session };
+      if (facts.carryOn !== undefined && next.blocked?.kind === 'limit') {
+        next.blocked = withCarryOn(next.blocked, facts.carryOn);
+      }
       if (facts.lastText !== undefined) next.lastText = facts.lastText.slice(0, 4000);
       if (facts.model !== undefined && next.model === undefined) next.model = facts.model;
       // Refused in the terminal: Claude Code stops and waits for the next prompt.
@@ -314,6 +333,10 @@ export class ClaudeAgent {
     if (Number.isFinite(failure.at) && now - failure.at > FAILURE_NEWS_MS) return;
     if (Number.isFinite(failure.resetsAt) && failure.resetsAt <= now) return;
     this.#failures.set(sessionId, failure);
+    if (failure.error === 'rate_limit') {
+      this.#justLimited.set(sessionId, Date.now() + CARRY_ON_NEWS_MS);
+      this.#follower.watch();
+    }
     const event = { hook_event_name: 'StopFailure', session_id: sessionId, error: failure.error };
     if (failure.text !== undefined) event.last_assistant_message = failure.text;
     this.#putSession(sessionId, (session) => {
@@ -321,6 +344,15 @@ export class ClaudeAgent {
       return session?.state === 'ended' ? { ...next, state: 'ended' } : next;
     });
     this.#accountAfterFailure(event, failure);
+  }
+
+  // Sessions limited moments ago, by the real clock: their notices may follow.
+  #stillLimitNews() {
+    const now = Date.now();
+    for (const [sessionId, until] of this.#justLimited) {
+      if (until <= now) this.#justLimited.delete(sessionId);
+    }
+    return this.#justLimited.keys();
   }
 
   #limitInForce() {

@@ -219,7 +219,8 @@ export function sessionAfter(session, event, { now, tty = false, usage, failure 
         // the plan to carry on that was armed or offered for it; a spent one goes.
         const resume = session?.blocked?.kind === blocked.kind ? session.blocked.resume : undefined;
         const live = resume?.state === 'armed' || (resume?.state === 'off' && resume.canArm === true);
-        next.blocked = live ? { ...blocked, resume } : blocked;
+        const planned = resume?.by === 'claude' ? { autoResumeAt: session.blocked.autoResumeAt } : {};
+        next.blocked = live ? { ...blocked, ...planned, resume } : blocked;
       } else {
         next.state = 'error';
         if (typeof event.last_assistant_message === 'string' && event.last_assistant_message.trim() !== '') {

@@ -38,6 +38,9 @@ export const INTERRUPTED_FOR_TOOL = '[Request interrupted by user for tool use]'
  *     them yet to tell a refusal from a failure
  * @property {TurnFailure|null|undefined} failure How the last answer read
  *     ended: a failure; null for a good answer; undefined when none was read
+ * @property {string|undefined} carryOn Claude Code's own plan after a usage
+ *     limit, as last told: "armed" (it goes on by itself at the reset) or
+ *     "off" (the person cancelled it); undefined when nothing was told
  */
 
 /**
@@ -49,6 +52,20 @@ export const INTERRUPTED_FOR_TOOL = '[Request interrupted by user for tool use]'
  * @property {boolean} [usingCredits] It went on on usage credits
  * @property {number} [at] When it was written, epoch ms
  */
+
+/**
+ * How Claude Code tells, in its own notices, that it will go on by itself at
+ * the reset, and that it won't after all.
+ */
+const CARRY_ON_ARMED = /^Usage limit reached( again)? · set to continue automatically/;
+const CARRY_ON_OFF = /^Automatic continue (cancelled|stopped)/;
+
+// Claude Code's own plan after a limit, from one of its notices.
+function carryOnOf(record) {
+  if (record.subtype !== 'informational' || typeof record.content !== 'string') return undefined;
+  if (CARRY_ON_ARMED.test(record.content)) return 'armed';
+  return CARRY_ON_OFF.test(record.content) ? 'off' : undefined;
+}
 
 /** The longest failure text kept. */
 export const MAX_FAILURE_TEXT_CHARS = 500;
@@ -104,6 +121,7 @@ export function transcriptFacts(lines) {
     interrupted: false,
     model: undefined,
     failure: undefined,
+    carryOn: undefined,
   };
   let erred = [];
   const settle = (outcome) => {
@@ -117,7 +135,9 @@ export function transcriptFacts(lines) {
     } catch {
       continue;
     }
-    if (!isObject(record) || !isObject(record.message) || record.isSidechain === true) continue;
+    if (!isObject(record) || record.isSidechain === true) continue;
+    if (record.type === 'system') facts.carryOn = carryOnOf(record) ?? facts.carryOn;
+    if (!isObject(record.message)) continue;
     const content = record.message.content;
     if (record.type === 'assistant' && Array.isArray(content)) {
       if (record.isApiErrorMessage === true) {
@@ -125,6 +145,7 @@ export function transcriptFacts(lines) {
       } else if (typeof record.message.model === 'string' && !record.message.model.startsWith('<')) {
         facts.model = record.message.model;
         facts.failure = null;
+        facts.carryOn = undefined;
       }
       for (const block of content) {
         if (!isObject(block)) continue;

@@ -17,6 +17,8 @@ export const NOT_SHARED =
   'This session runs in a terminal Tidewatch doesn’t share, so it can only be continued there.';
 export const NOTHING_TO_RESUME = 'Only a session held by a limit carries on by itself.';
 export const NO_RESET = 'Tidewatch doesn’t know when this limit lifts, so it can’t carry on by itself.';
+export const CLAUDE_CARRIES_ON =
+  'Claude Code carries this session on by itself when the limit lifts; Esc in its terminal stops that.';
 
 /** When the block on a session lifts: its own reset, else the account's. */
 function liftsAt(session, account) {
@@ -80,6 +82,11 @@ export class Continuer {
    */
   arm(sessionId, on) {
     const session = this.#state.session(sessionId);
+    // Claude Code's own plan stands: a second one would carry the session on twice.
+    if (session?.blocked?.resume?.state === 'armed' && session.blocked.resume.by === 'claude') {
+      if (on) return;
+      throw new HttpError(409, 'armed_by_claude', CLAUDE_CARRIES_ON);
+    }
     if (!on) {
       const canArm = this.#terminals.terminalOf(sessionId) !== null;
       if (isObject(session?.blocked))
