@@ -2,12 +2,10 @@
 // continue or arm a session, sign in, refresh the usage and Codex readings.
 // Each changes the state, and the feed tells every client.
 
-import { randomBytes } from 'node:crypto';
-
 import { HttpError, invalid, notFound } from './http-reply.js';
 import { readJsonObject, requireBoolean } from './request-body.js';
 import { DECISIONS } from './state.js';
-import { isObject, objectOr } from './json.js';
+import { objectOr } from './json.js';
 
 /** Until windows can be found and raised, the honest answer to “open”. */
 export const CANNOT_OPEN = 'Tidewatch can’t bring a terminal window forward yet: switch to it where the session runs.';
@@ -20,10 +18,6 @@ export const USAGE_STALE_MS = 10 * 60 * 1000;
  * is the Mac's, whichever feed client the app named itself.
  */
 export const LOCAL_DECIDER = 'mac';
-
-// The sign-in page's address; its `state` ties the code to this sign-in.
-const signInUrl = () =>
-  `https://claude.ai/oauth/authorize?response_type=code&state=${randomBytes(16).toString('hex')}`;
 
 function requireText(body, field, message) {
   if (typeof body[field] !== 'string' || body[field].trim() === '') throw invalid(field, message);
@@ -38,14 +32,19 @@ function requireText(body, field, message) {
  * @param {ServiceState} parts.state
  * @param {CodexAgent} [parts.codex] Looked at again on a Codex refresh
  * @param {Continuer} [parts.continuer] Carries sessions on; without it they can't be
+ * @param {ClaudeSignIn} [parts.signIn] Claude Code's own sign-in; without it there is none
  */
-export function addActionRoutes(router, { state, codex = null, continuer = null }) {
+export function addActionRoutes(router, { state, codex = null, continuer = null, signIn = null }) {
   const requireSession = (id) => {
     if (state.session(id) === undefined) throw notFound('session', id);
   };
   const requireContinuer = () => {
     if (continuer === null) throw new HttpError(503, 'no_terminals', 'This service can’t reach any terminal to continue a session in.');
     return continuer;
+  };
+  const requireSignIn = () => {
+    if (signIn === null) throw new HttpError(503, 'no_sign_in', 'This service can’t sign Claude Code in.');
+    return signIn;
   };
 
   router
@@ -81,26 +80,10 @@ export function addActionRoutes(router, { state, codex = null, continuer = null 
     })
     .add('POST', '/v1/account/login', async ({ req }) => {
       const where = requireText(await readJsonObject(req), 'where', 'Say where the sign-in happens, such as “mac”.');
-      // A stand-in for the real sign-in, which comes with the agent
-      // integration: it only puts a sign-in waiting for its code on the
-      // account, with a page address of the real form.
-      const account = {
-        ...objectOr(state.part('account'), { state: 'unknown' }),
-        login: { state: 'waiting_code', where, url: signInUrl() },
-      };
-      state.setSnapshotParts({ account });
-      return { account };
+      return { account: await requireSignIn().start(where.slice(0, 40)) };
     })
     .add('POST', '/v1/account/login/code', async ({ req }) => {
-      requireText(await readJsonObject(req), 'code', 'The code must be the text the sign-in page showed.');
-      const account = state.part('account');
-      if (!isObject(account) || account.login?.state !== 'waiting_code') {
-        throw new HttpError(409, 'no_sign_in', 'No sign-in is waiting for a code; start one first.');
-      }
-      // The stand-in takes any code. The old state's reason and sentence go
-      // with it.
-      const { login, reason, text, ...rest } = account;
-      state.setSnapshotParts({ account: { ...rest, state: 'ok' } });
+      requireSignIn().typeCode((await readJsonObject(req)).code);
       return { ok: true };
     })
     .add('POST', '/v1/usage/refresh', async ({ req }) => {

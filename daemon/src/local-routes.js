@@ -24,6 +24,7 @@ import { addSettingsRoutes } from './settings-routes.js';
  * @param {Integration} [parts.integration] Claude Code's settings
  * @param {TerminalHub} [parts.terminals] The shared terminals
  * @param {Continuer} [parts.continuer] Carries sessions on, now or when a limit lifts
+ * @param {ClaudeSignIn} [parts.signIn] Claude Code's own sign-in
  * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
  *     unknown routes like any other
  * @return {Router}
@@ -39,6 +40,7 @@ export function localRoutes({
   integration,
   terminals = null,
   continuer = null,
+  signIn = null,
   testCopy = false,
 }) {
   const router = new Router()
@@ -48,7 +50,7 @@ export function localRoutes({
     .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
     .add('GET', '/local/devices', () => state.devices());
   addChecklistRoute(router, { state });
-  addActionRoutes(router, { state, codex, continuer });
+  addActionRoutes(router, { state, codex, continuer, signIn });
   addAutomationsRoutes(router, { state });
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });

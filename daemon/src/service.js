@@ -7,6 +7,7 @@ import path from 'node:path';
 import { loadAdminToken } from './admin-token.js';
 import { apiRoutes } from './api-routes.js';
 import { AwakeKeeper, ServiceClock } from './awake/awake-keeper.js';
+import { ClaudeSignIn } from './claude/sign-in.js';
 import { ClaudeAgent } from './claude/claude-agent.js';
 import { CodexAgent } from './codex/codex-agent.js';
 import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';
@@ -156,6 +157,19 @@ export async function startService({
     ...claudeOptions,
   });
   persister.addSection('claude', { save: () => claude.saved(), restore: (saved) => claude.restore(saved) });
+  // Claude Code is looked for once the ports are open; a sign-in waits for that look.
+  let claudeReady = Promise.resolve();
+  const signIn = new ClaudeSignIn({
+    state,
+    claudeDir: path.dirname(claudeSettings),
+    program: async () => {
+      await claudeReady;
+      return state.localPart('claude')?.path ?? null;
+    },
+    refreshAccount: () => claude.refreshAccount(),
+    browser: !testCopy,
+    log,
+  });
   const integration = new Integration({
     state,
     settingsFile: claudeSettings,
@@ -196,6 +210,7 @@ export async function startService({
       integration,
       terminals,
       continuer,
+      signIn,
       testCopy,
     }),
     faults,
@@ -233,7 +248,7 @@ export async function startService({
   integration.start();
   claude.start({ localPort: ports.local });
   // Which hooks this Claude Code takes; until it is known, the command hooks.
-  const claudeReady = detectClaude({
+  claudeReady = detectClaude({
     searchPath: (process.env.PATH ?? '').split(path.delimiter),
     folders: usualFolders(os.homedir()),
     ...claudeProgram,
@@ -256,6 +271,7 @@ export async function startService({
     closing ??= (async () => {
       codex.close();
       claude.close();
+      signIn.close();
       continuer.close();
       terminals.close();
       integration.close();
@@ -280,6 +296,7 @@ export async function startService({
     codexReady,
     claude,
     claudeReady,
+    signIn,
     terminals,
     integration,
     persister,

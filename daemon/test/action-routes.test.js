@@ -4,6 +4,7 @@
 import assert from 'node:assert/strict';
 import test from 'node:test';
 
+import { CLAUDE, missingClaude } from './support/claude-code.js';
 import { CANNOT_OPEN, USAGE_STALE_MS } from '../src/action-routes.js';
 import { NOT_SHARED, NOTHING_TO_RESUME } from '../src/sessions/continuer.js';
 import { eventually, sleep, startScratchService } from './helpers.js';
@@ -111,28 +112,37 @@ test('a session outside a shared terminal can’t be continued or armed from her
   }
 });
 
-test('signing in waits for a code, and the code finishes it', async (t) => {
-  const { local, feed } = await startScratchService(t);
+test('slow: Claude Code’s own sign-in: its page goes on the account, the code is typed into it, and offline it fails as it happened', { skip: missingClaude() ?? false, timeout: 60000 }, async (t) => {
+  const { local, feed } = await startScratchService(t, { claudeProgram: { named: CLAUDE } });
   await local('POST', '/qa/snapshot', { body: { account: { state: 'logged_out', reason: 'not_logged_in', plan: 'Max' } } });
   const client = await feed();
 
   const early = await local('POST', '/v1/account/login/code', { body: { code: 'abc' } });
   assert.deepEqual([early.status, early.json.error.code], [409, 'no_sign_in']);
+  assert.equal((await local('POST', '/v1/account/login', { body: {} })).json.error.field, 'where');
 
   const started = await local('POST', '/v1/account/login', { body: { where: 'mac' } });
   const { login } = started.json.account;
   assert.deepEqual([login.state, login.where], ['waiting_code', 'mac']);
-  assert.match(login.url, /^https:\/\/claude\.ai\/oauth\/authorize\?/);
+  assert.match(login.url, /^https:\/\/claude\.ai\/oauth\/authorize\?\S+$/, 'the page Claude Code printed');
   assert.deepEqual((await client.next('account')).account, started.json.account);
 
-  for (const body of [{}, { code: '  ' }, { code: 123456 }]) {
-    assert.equal((await local('POST', '/v1/account/login/code', { body })).json.error.field, 'code', JSON.stringify(body));
+  for (const body of [{}, { code: '  ' }, { code: 123456 }, { code: 'a\nb' }, { code: 'x'.repeat(3000) }]) {
+    assert.equal((await local('POST', '/v1/account/login/code', { body })).json.error.field, 'code', JSON.stringify(body).slice(0, 40));
   }
-  assert.equal((await local('POST', '/v1/account/login', { body: {} })).json.error.field, 'where');
-
   assert.deepEqual((await local('POST', '/v1/account/login/code', { body: { code: 'abc#123' } })).json, { ok: true });
-  assert.deepEqual((await local('GET', '/v1/snapshot')).json.account, { state: 'ok', plan: 'Max' });
-  await eventually(() => client.ofType('account').at(-1)?.account.state === 'ok', 'the account on the feed');
+  const failed = await eventually(async () => {
+    const { account } = (await local('GET', '/v1/snapshot')).json;
+    return account.login?.state === 'failed' && account;
+  }, 'the offline exchange failed', 30000);
+  assert.match(failed.login.error, /^The sign-in didn’t finish: \S/);
+  assert.deepEqual([failed.state, failed.reason, failed.plan], ['logged_out', 'not_logged_in', 'Max'], 'the account untouched');
+});
+
+test('without Claude Code there is no sign-in to start', async (t) => {
+  const { local } = await startScratchService(t);
+  const reply = await local('POST', '/v1/account/login', { body: { where: 'mac' } });
+  assert.deepEqual([reply.status, reply.json.error.code], [503, 'no_claude']);
 });
 
 test('refreshing usage never makes an old reading new: a fresh one stands, an old one turns stale', async (t) => {

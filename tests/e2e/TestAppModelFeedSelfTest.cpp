@@ -3,10 +3,13 @@
 #include "LiveModel.h"
 #include "RealPlaces.h"
 
+#include <QFileInfo>
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <QTest>
 #include <QTimer>
+
+using namespace Qt::StringLiterals;
 
 class TestAppModelFeedSelfTest : public QObject
 {
@@ -21,9 +24,14 @@ private Q_SLOTS:
 
 void TestAppModelFeedSelfTest::aLiveFeedIsToldLineByLine()
 {
-    LiveModel live;
+    // The pinned Claude Code, found by the service, runs its real sign-in (offline, in the test copy's home).
+    const QString pinned = QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/tools/node_modules/.bin");
+    if (!QFileInfo::exists(pinned + u"/claude"_s))
+        QSKIP("Claude Code isn’t installed for the tests (npm ci in daemon/test/tools).");
+    LiveModel live(false);
+    live.service.setVariable(u"PATH"_s, pinned + u':' + qEnvironmentVariable("PATH"));
+    QVERIFY(live.restartService());
     const ServiceProcess& service = live.service;
-    QVERIFY(live.ok());
     live.seed(R"([["/qa/sessions", {"id": "s1", "state": "idle"}],
                   ["/qa/snapshot", {"account": {"state": "logged_out"}}]])");
     QTimer::singleShot(800, [&service] { service.qa("POST", "/qa/feed/ping", QJsonObject{}); });
@@ -39,7 +47,7 @@ void TestAppModelFeedSelfTest::aLiveFeedIsToldLineByLine()
     // No window can be raised yet, and the service says so rather than pretend.
     QVERIFY2(lines.filter(QRegularExpression("^open: .+can’t bring a terminal window forward")).size() == 1,
         qPrintable(lines.join('\n')));
-    // The sign-in changes the account, and the feed says so.
+    // Starting the sign-in puts Claude Code's page on the account, and the feed says so.
     QVERIFY2(lines.filter(QRegularExpression("^message account ")).size() >= 1, qPrintable(lines.join('\n')));
     const int messages = int(lines.filter(QRegularExpression("^message ")).size());
     QCOMPARE(lines.last(), QStringLiteral("OK: live, %1 messages in 2.5 s").arg(messages));

@@ -112,6 +112,11 @@ export class ClaudeAgent {
     this.#account = claudeDir ? new ClaudeAccount({ state, claudeDir, log, now, ...account }) : null;
   }
 
+  /** Reads the sign-in files again, at once. */
+  refreshAccount() {
+    return this.#account?.refresh() ?? Promise.resolve();
+  }
+
   /** @return {Promise<void>} Settles when the first look at the sign-in files is done. */
   get accountRead() {
     return this.#accountRead;
