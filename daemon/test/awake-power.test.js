@@ -6,8 +6,7 @@ import path from 'node:path';
 import test from 'node:test';
 
 import { awakeOptions } from '../src/awake/awake-keeper.js';
-import { parseInhibitorList } from '../src/awake/power-lock-linux.js';
-import { parseAssertions, parseSleepDisabled } from '../src/awake/power-lock-mac.js';
+import { parseSleepDisabled } from '../src/awake/power-lock-mac.js';
 import {
   parseBusctlBoolean,
   parseClamshell,
@@ -90,7 +89,7 @@ test('the lid and the heat from their folders', async (t) => {
   }
 });
 
-test('macOS answers: pmset’s battery, the clamshell, SleepDisabled and assertions', () => {
+test('macOS answers: pmset’s battery, the clamshell and SleepDisabled', () => {
   const batt = [
     [
       'on battery',
@@ -131,38 +130,6 @@ test('macOS answers: pmset’s battery, the clamshell, SleepDisabled and asserti
     ['no listing', '', null],
   ];
   for (const [name, text, expected] of settings) assert.equal(parseSleepDisabled(text), expected, name);
-
-  const assertions = parseAssertions(
-    'Assertion status system-wide:\n   PreventSystemSleep             1\nListed by owning process:\n' +
-      '   pid 321(Amphetamine): [0x0000a1b200019c3d] 00:10:00 PreventSystemSleep named: "Amphetamine session"\n' +
-      '\tDetails: held\n' +
-      '   pid 88(coreaudiod): [0x0000a1b200019c3e] 00:00:05 PreventUserIdleSystemSleep named: "com.apple.audio.context"\n',
-  );
-  assert.deepEqual(assertions, [
-    { pid: 321, process: 'Amphetamine', type: 'PreventSystemSleep', name: 'Amphetamine session' },
-    { pid: 88, process: 'coreaudiod', type: 'PreventUserIdleSystemSleep', name: 'com.apple.audio.context' },
-  ]);
-});
-
-test('systemd-inhibit’s list, read by its columns', () => {
-  const listing = [
-    'WHO                          UID  USER PID   COMM            WHAT                                     WHY                                       MODE ',
-    'NetworkManager               0    root 831   NetworkManager  sleep                                    NetworkManager needs to turn off networks delay',
-    'Tidewatch                    1000 ada  5120  systemd-inhibit idle:sleep:handle-lid-switch             Backpack mode: agents keep working        block',
-    'Steam Big Picture            1000 ada  6001  steam           shutdown:sleep                           Game in progress                          block',
-    '',
-    '3 inhibitors listed.',
-  ].join('\n');
-  assert.deepEqual(
-    parseInhibitorList(listing).map(({ who, pid, what, why, mode }) => [who, pid, what, why, mode]),
-    [
-      ['NetworkManager', 831, 'sleep', 'NetworkManager needs to turn off networks', 'delay'],
-      ['Tidewatch', 5120, 'idle:sleep:handle-lid-switch', 'Backpack mode: agents keep working', 'block'],
-      ['Steam Big Picture', 6001, 'shutdown:sleep', 'Game in progress', 'block'],
-    ],
-  );
-  assert.deepEqual(parseInhibitorList('No inhibitors.\n'), []);
-  assert.deepEqual(parseInhibitorList(null), []);
 });
 
 test('a test copy runs no power tool unless a variable names it', () => {
