@@ -90,27 +90,13 @@ test('the lid and the heat from their folders', async (t) => {
 });
 
 test('macOS answers: pmset’s battery, the clamshell and SleepDisabled', () => {
+  // What `pmset -g batt` prints: the source, then the internal battery's line.
+  const pmset = (source, battery) => `Now drawing from '${source}'\n -InternalBattery-0 (id=4653155)\t${battery} present: true\n`;
   const batt = [
-    [
-      'on battery',
-      "Now drawing from 'Battery Power'\n -InternalBattery-0 (id=4653155)\t87%; discharging; 4:12 remaining present: true\n",
-      { percent: 87, charging: false, onAC: false, minutesLeft: 252 },
-    ],
-    [
-      'charging',
-      "Now drawing from 'AC Power'\n -InternalBattery-0 (id=4653155)\t42%; charging; 1:20 remaining present: true\n",
-      { percent: 42, charging: true, onAC: true },
-    ],
-    [
-      'charged, no estimate',
-      "Now drawing from 'AC Power'\n -InternalBattery-0 (id=4653155)\t100%; charged; 0:00 remaining present: true\n",
-      { percent: 100, charging: false, onAC: true },
-    ],
-    [
-      'still working out the time',
-      "Now drawing from 'Battery Power'\n -InternalBattery-0 (id=4653155)\t9%; discharging; (no estimate) present: true\n",
-      { percent: 9, charging: false, onAC: false },
-    ],
+    ['on battery', pmset('Battery Power', '87%; discharging; 4:12 remaining'), { percent: 87, charging: false, onAC: false, minutesLeft: 252 }],
+    ['charging', pmset('AC Power', '42%; charging; 1:20 remaining'), { percent: 42, charging: true, onAC: true }],
+    ['charged, no estimate', pmset('AC Power', '100%; charged; 0:00 remaining'), { percent: 100, charging: false, onAC: true }],
+    ['still working out the time', pmset('Battery Power', '9%; discharging; (no estimate)'), { percent: 9, charging: false, onAC: false }],
     ['a desktop', "Now drawing from 'AC Power'\n", null],
     ['nothing', null, null],
   ];

@@ -146,17 +146,11 @@ test('rate limits: which window is which, what counts as limited, what is no rea
   const rows = [
     ['no rate limits', null, null],
     ['a percent that is text', { primary: { used_percent: '5', window_minutes: 300 } }, null],
-    ['a percent that is not finite', { primary: { used_percent: Infinity } }, null],
     ['another bucket', { limit_id: 'codex_gpt5', primary: { used_percent: 5, window_minutes: 300 } }, null],
     [
       'the weekly window given first is still the weekly one',
       { primary: { used_percent: 20, window_minutes: 10080 }, secondary: { used_percent: 3, window_minutes: 300 } },
       { fiveHour: { pct: 3 }, sevenDay: { pct: 20 }, limited: false, observedAt: at },
-    ],
-    [
-      'without lengths, the order says which',
-      { primary: { used_percent: 1 }, secondary: { used_percent: 2 } },
-      { fiveHour: { pct: 1 }, sevenDay: { pct: 2 }, limited: false, observedAt: at },
     ],
     [
       'a weekly window alone',
@@ -197,7 +191,6 @@ test('what a session is doing, and when a turn ends', () => {
   const call = (name, args) => line('response_item', { type: 'function_call', name, arguments: JSON.stringify(args), call_id: 'c' });
   const rows = [
     ['a shell list without its wrapper', [call('shell', { command: ['bash', '-lc', 'ls -la'] })], 'working', 'Shell: ls -la'],
-    ['zsh too', [call('shell', { command: ['/bin/zsh', '-c', 'make'] })], 'working', 'Shell: make'],
     ['a plain command list', [call('shell', { command: ['git', 'status'] })], 'working', 'Shell: git status'],
     ['the newer exec_command', [call('exec_command', { cmd: 'pnpm build' })], 'working', 'Shell: pnpm build'],
     ['arguments that aren’t JSON', [line('response_item', { type: 'function_call', name: 'shell', arguments: '{' })], 'working', 'Shell'],
