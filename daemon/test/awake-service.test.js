@@ -141,7 +141,6 @@ test('the battery level can be chosen from 5 to 50, and a lower one ends a batte
   const rows = [
     ['below the range', { minBattery: 4 }, 'minBattery'],
     ['above the range', { minBattery: 51 }, 'minBattery'],
-    ['not whole', { minBattery: 12.5 }, 'minBattery'],
     ['a string', { minBattery: '20' }, 'minBattery'],
     ['an unknown mode', { mode: 'asleep' }, 'mode'],
     ['extend false', { extend: false }, 'extend'],

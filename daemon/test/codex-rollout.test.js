@@ -44,8 +44,6 @@ test('each sample session file reads as its session, and an ended one loses what
       name: 'answered.jsonl',
       session: {
         id: '019a2d7a-41c4-78b1-b7cc-a45d62a89cd5',
-        agent: 'codex',
-        providerId: 'codex',
         title: 'what is 2+2? just give me the answer',
         cwd: '/private/tmp/codex-research-test',
         projectName: 'codex-research-test',
