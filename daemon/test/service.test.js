@@ -9,7 +9,7 @@ import test from 'node:test';
 
 import { MAX_FAULT_DELAY_MS, MAX_FAULTS } from '../src/faults.js';
 import { MAX_BODY_BYTES } from '../src/request-body.js';
-import { scratchFolder, sleep, startScratchService } from './helpers.js';
+import { refusedFeed, scratchFolder, sleep, startScratchService } from './helpers.js';
 
 const JSON_TYPE = 'application/json; charset=utf-8';
 
@@ -170,13 +170,17 @@ test('faults answer verbatim before any token check, in order, as often as asked
   assert.equal((await local('GET', '/v1/snapshot')).status, 200);
 });
 
-test('closing ends a request waiting on a delayed fault at once', { timeout: 10_000 }, async (t) => {
-  const { post, local, service } = await startScratchService(t);
+test('closing closes the feed’s clients with 1001 and ends what waits on a delayed fault, at once', { timeout: 10_000 }, async (t) => {
+  const { post, local, service, token, feed } = await startScratchService(t);
+  const clients = [await feed(), await feed()];
   await post('/qa/faults', { route: '/v1/snapshot', status: 200, delayMs: 60_000 });
-  const waiting = local('GET', '/v1/snapshot').then(() => 'answered', () => 'cut off');
+  await post('/qa/faults', { route: 'GET /v1/ws', status: 500, delayMs: 60_000 });
+  const cut = (promise) => promise.then(() => 'answered', () => 'cut off');
+  const waiting = [cut(local('GET', '/v1/snapshot')), cut(refusedFeed(service.apiPort, { headers: { Authorization: `Bearer ${token}` } }))];
   await sleep(100);
   await service.close();
-  assert.equal(await waiting, 'cut off');
+  for (const client of clients) assert.equal(await client.closed, 1001);
+  assert.deepEqual([service.feed.count, ...(await Promise.all(waiting))], [0, 'cut off', 'cut off']);
 });
 
 test('the token survives a restart; folders and files are private, and the log never holds the token', async (t) => {
