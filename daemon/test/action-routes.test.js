@@ -62,7 +62,6 @@ test('ids are single path segments, decoded one by one, never resolved as dots',
     ['an id with a slash, encoded', 'POST', '/v1/sessions/s%2F1/continue', 409],
     ['an id made of dots is only an id', 'POST', '/v1/approvals/../decision', 200],
     ['encoded dots name nothing', 'POST', '/v1/sessions/%2E%2E/open', 404],
-    ['plain dots name nothing', 'POST', '/v1/sessions/../continue', 404],
     ['one dot names nothing', 'POST', '/v1/sessions/./open', 404],
     ['an approval never seen', 'POST', '/v1/approvals/nobody/decision', 404],
     ['a device never paired', 'DELETE', '/local/devices/..', 404],
@@ -82,34 +81,29 @@ test('a session outside a shared terminal can’t be continued or armed from her
   const { local } = await withSession(t, { id: 's1', state: 'idle', blocked });
   await local('POST', '/qa/sessions', { body: { id: 's2', state: 'idle' } });
   const session = async (id) => (await local('GET', '/v1/snapshot')).json.sessions.find((s) => s.id === id);
-  const refusals = [
-    ['continue', '/v1/sessions/s1/continue', {}, NOT_SHARED],
-    ['arm', '/v1/sessions/s1/auto-continue', { on: true }, NOT_SHARED],
-    ['arm without a block', '/v1/sessions/s2/auto-continue', { on: true }, NOTHING_TO_RESUME],
-    ['open', '/v1/sessions/s1/open', {}, CANNOT_OPEN],
+  const rows = [
+    ['continue', '/v1/sessions/s1/continue', {}, 409, undefined, NOT_SHARED],
+    ['arm', '/v1/sessions/s1/auto-continue', { on: true }, 409, undefined, NOT_SHARED],
+    ['arm without a block', '/v1/sessions/s2/auto-continue', { on: true }, 409, undefined, NOTHING_TO_RESUME],
+    ['open', '/v1/sessions/s1/open', {}, 501, undefined, CANNOT_OPEN],
+    ['open an unknown session', '/v1/sessions/nope/open', {}, 404],
+    ['continue an unknown session', '/v1/sessions/nope/continue', {}, 404],
+    ['arm an unknown session', '/v1/sessions/nope/auto-continue', { on: true }, 404],
+    ['arm with a word', '/v1/sessions/s1/auto-continue', { on: 'true' }, 400, 'on'],
+    ['arm with nothing', '/v1/sessions/s1/auto-continue', {}, 400, 'on'],
+    ['a body that isn’t an object', '/v1/sessions/s1/open', '[1]', 400],
   ];
-  for (const [name, target, body, sentence] of refusals) {
-    const reply = await local('POST', target, { body });
-    assert.deepEqual([reply.status, reply.json.error.message], [sentence === CANNOT_OPEN ? 501 : 409, sentence], name);
+  for (const [name, target, body, status, field, sentence] of rows) {
+    await t.test(name, async () => {
+      const reply = await local('POST', target, { body });
+      assert.deepEqual([reply.status, reply.json.error.field], [status, field]);
+      if (sentence) assert.equal(reply.json.error.message, sentence);
+    });
   }
   assert.deepEqual(await session('s1'), { id: 's1', state: 'idle', blocked });
   assert.deepEqual(await session('s2'), { id: 's2', state: 'idle' });
   await local('POST', '/v1/sessions/s1/auto-continue', { body: { on: false } });
   assert.deepEqual((await session('s1')).blocked.resume, { state: 'off', canArm: false, canCancel: false, why: 'cancelled' });
-
-  const rows = [
-    ['open an unknown session', '/v1/sessions/nope/open', {}, 404, undefined],
-    ['continue an unknown session', '/v1/sessions/nope/continue', {}, 404, undefined],
-    ['arm an unknown session', '/v1/sessions/nope/auto-continue', { on: true }, 404, undefined],
-    ['arm with a word', '/v1/sessions/s1/auto-continue', { on: 'true' }, 400, 'on'],
-    ['arm with nothing', '/v1/sessions/s1/auto-continue', {}, 400, 'on'],
-    ['a body that isn’t an object', '/v1/sessions/s1/open', '[1]', 400, undefined],
-  ];
-  for (const [name, target, body, status, field] of rows) {
-    const reply = await local('POST', target, { body });
-    assert.equal(reply.status, status, name);
-    assert.equal(reply.json.error.field, field, name);
-  }
 });
 
 test('slow: Claude Code’s own sign-in: its page goes on the account, the code is typed into it, and offline it fails as it happened', { skip: missingClaude() ?? false, timeout: 60000 }, async (t) => {

@@ -102,7 +102,7 @@ test('pmset’s battery and other programs’ assertions are read', async (t) =>
   );
   tools.plant(
     'assertions',
-    '   pid 321(Amphetamine): [0x0000a1b200019c3d] 00:10:00 PreventSystemSleep named: "Amphetamine session"\n' +
+    '   pid 321(Amphetamine): [0x0000a1b200019c3d] 00:10:00 PreventSystemSleep named: "Amphetamine session"\n\tDetails: held\n' +
       '   pid 99(powerd): [0x0000a1b200019c3e] 00:30:00 PreventSystemSleep named: "Powerd - Prevent sleep while display is on"\n',
   );
   // Readings that cost a process are kept a while; /qa asks for fresh ones.

@@ -6,8 +6,7 @@ import path from 'node:path';
 import test from 'node:test';
 
 import { awakeOptions } from '../src/awake/awake-keeper.js';
-import { parseInhibitorList } from '../src/awake/power-lock-linux.js';
-import { parseAssertions, parseSleepDisabled } from '../src/awake/power-lock-mac.js';
+import { parseSleepDisabled } from '../src/awake/power-lock-mac.js';
 import {
   parseBusctlBoolean,
   parseClamshell,
@@ -90,28 +89,14 @@ test('the lid and the heat from their folders', async (t) => {
   }
 });
 
-test('macOS answers: pmset’s battery, the clamshell, SleepDisabled and assertions', () => {
+test('macOS answers: pmset’s battery, the clamshell and SleepDisabled', () => {
+  // What `pmset -g batt` prints: the source, then the internal battery's line.
+  const pmset = (source, battery) => `Now drawing from '${source}'\n -InternalBattery-0 (id=4653155)\t${battery} present: true\n`;
   const batt = [
-    [
-      'on battery',
-      "Now drawing from 'Battery Power'\n -InternalBattery-0 (id=4653155)\t87%; discharging; 4:12 remaining present: true\n",
-      { percent: 87, charging: false, onAC: false, minutesLeft: 252 },
-    ],
-    [
-      'charging',
-      "Now drawing from 'AC Power'\n -InternalBattery-0 (id=4653155)\t42%; charging; 1:20 remaining present: true\n",
-      { percent: 42, charging: true, onAC: true },
-    ],
-    [
-      'charged, no estimate',
-      "Now drawing from 'AC Power'\n -InternalBattery-0 (id=4653155)\t100%; charged; 0:00 remaining present: true\n",
-      { percent: 100, charging: false, onAC: true },
-    ],
-    [
-      'still working out the time',
-      "Now drawing from 'Battery Power'\n -InternalBattery-0 (id=4653155)\t9%; discharging; (no estimate) present: true\n",
-      { percent: 9, charging: false, onAC: false },
-    ],
+    ['on battery', pmset('Battery Power', '87%; discharging; 4:12 remaining'), { percent: 87, charging: false, onAC: false, minutesLeft: 252 }],
+    ['charging', pmset('AC Power', '42%; charging; 1:20 remaining'), { percent: 42, charging: true, onAC: true }],
+    ['charged, no estimate', pmset('AC Power', '100%; charged; 0:00 remaining'), { percent: 100, charging: false, onAC: true }],
+    ['still working out the time', pmset('Battery Power', '9%; discharging; (no estimate)'), { percent: 9, charging: false, onAC: false }],
     ['a desktop', "Now drawing from 'AC Power'\n", null],
     ['nothing', null, null],
   ];
@@ -131,38 +116,6 @@ test('macOS answers: pmset’s battery, the clamshell, SleepDisabled and asserti
     ['no listing', '', null],
   ];
   for (const [name, text, expected] of settings) assert.equal(parseSleepDisabled(text), expected, name);
-
-  const assertions = parseAssertions(
-    'Assertion status system-wide:\n   PreventSystemSleep             1\nListed by owning process:\n' +
-      '   pid 321(Amphetamine): [0x0000a1b200019c3d] 00:10:00 PreventSystemSleep named: "Amphetamine session"\n' +
-      '\tDetails: held\n' +
-      '   pid 88(coreaudiod): [0x0000a1b200019c3e] 00:00:05 PreventUserIdleSystemSleep named: "com.apple.audio.context"\n',
-  );
-  assert.deepEqual(assertions, [
-    { pid: 321, process: 'Amphetamine', type: 'PreventSystemSleep', name: 'Amphetamine session' },
-    { pid: 88, process: 'coreaudiod', type: 'PreventUserIdleSystemSleep', name: 'com.apple.audio.context' },
-  ]);
-});
-
-test('systemd-inhibit’s list, read by its columns', () => {
-  const listing = [
-    'WHO                          UID  USER PID   COMM            WHAT                                     WHY                                       MODE ',
-    'NetworkManager               0    root 831   NetworkManager  sleep                                    NetworkManager needs to turn off networks delay',
-    'Tidewatch                    1000 ada  5120  systemd-inhibit idle:sleep:handle-lid-switch             Backpack mode: agents keep working        block',
-    'Steam Big Picture            1000 ada  6001  steam           shutdown:sleep                           Game in progress                          block',
-    '',
-    '3 inhibitors listed.',
-  ].join('\n');
-  assert.deepEqual(
-    parseInhibitorList(listing).map(({ who, pid, what, why, mode }) => [who, pid, what, why, mode]),
-    [
-      ['NetworkManager', 831, 'sleep', 'NetworkManager needs to turn off networks', 'delay'],
-      ['Tidewatch', 5120, 'idle:sleep:handle-lid-switch', 'Backpack mode: agents keep working', 'block'],
-      ['Steam Big Picture', 6001, 'shutdown:sleep', 'Game in progress', 'block'],
-    ],
-  );
-  assert.deepEqual(parseInhibitorList('No inhibitors.\n'), []);
-  assert.deepEqual(parseInhibitorList(null), []);
 });
 
 test('a test copy runs no power tool unless a variable names it', () => {

@@ -147,15 +147,24 @@ test('a folder that comes later is found by the look-over', async (t) => {
   await eventually(async () => record().state === 'logged_out', 'the sign-in gone');
 });
 
-test('the service reads the sign-in at its start; the token reaches neither its log nor its kept state', async (t) => {
+test('the service reads the sign-in at its start, keeps a limit in force through a restart, and never the token', async (t) => {
   const folder = await scratchFolder(t);
   const claudeDir = path.join(folder, 'home', '.claude');
   signedInHome(claudeDir);
-  const persist = { saveDelayMs: 10, saveMaxDelayMs: 50 };
-  const service = await startScratchService(t, { folder, claudeSettings: path.join(claudeDir, 'settings.json'), persist });
-  await service.service.claude.accountRead;
-  assert.deepEqual((await service.local('GET', '/v1/snapshot')).json.account, { state: 'ok', plan: 'Max' });
-  await service.service.close();
+  const options = { folder, claudeSettings: path.join(claudeDir, 'settings.json'), persist: { saveDelayMs: 10, saveMaxDelayMs: 50 } };
+  const first = await startScratchService(t, options);
+  assert.deepEqual((await first.snapshot()).account, { state: 'ok', plan: 'Max' });
+  const resetsAt = Date.now() + HOUR;
+  await first.post('/qa/snapshot', { usage: { source: 'official', fiveHour: { pct: 100, resetsAt } } });
+  const { transcript_path: _, ...event } = claudeFixture('stop-failure-rate-limit.json');
+  assert.equal((await first.post('/claude/hook', { ...event, cwd: folder })).status, 200);
+  const { account } = await first.snapshot();
+  assert.deepEqual([account.state, account.limit], ['limited', { window: 'five_hour', resetsAt }]);
+  await first.service.close();
+
+  const second = await startScratchService(t, options);
+  assert.deepEqual((await second.snapshot()).account, account);
+  await second.service.close();
   const written = (dir) =>
     fs
       .readdirSync(dir, { recursive: true })
@@ -163,32 +172,8 @@ test('the service reads the sign-in at its start; the token reaches neither its 
       .filter((file) => fs.statSync(file).isFile())
       .map((file) => fs.readFileSync(file, 'utf8'))
       .join('\n');
-  assert.match(written(service.logs), /Claude Code is signed in \(Max\)\./);
-  for (const dir of [service.logs, service.support]) {
-    assert.doesNotMatch(written(dir), /tidewatch-test-(access|refresh)/, dir);
-  }
-});
-
-test('a limit in force is still there after a restart', async (t) => {
-  const folder = await scratchFolder(t);
-  const claudeDir = path.join(folder, 'home', '.claude');
-  replace(accountFiles(claudeDir).credentials, sample('credentials-signed-in.json'));
-  const options = { folder, claudeSettings: path.join(claudeDir, 'settings.json') };
-  const first = await startScratchService(t, options);
-  await first.service.claude.accountRead;
-  const resetsAt = Date.now() + HOUR;
-  const stop = claudeFixture('stop-failure-rate-limit.json');
-  await first.post('/qa/snapshot', { usage: { source: 'official', fiveHour: { pct: 100, resetsAt } } });
-  const { transcript_path: _, ...event } = stop;
-  assert.equal((await first.local('POST', '/claude/hook', { body: { ...event, cwd: folder } })).status, 200);
-  const account = (await first.local('GET', '/v1/snapshot')).json.account;
-  assert.equal(account.state, 'limited');
-  assert.deepEqual(account.limit, { window: 'five_hour', resetsAt });
-  await first.service.close();
-
-  const second = await startScratchService(t, options);
-  await second.service.claude.accountRead;
-  assert.deepEqual((await second.local('GET', '/v1/snapshot')).json.account, account);
+  assert.match(written(second.logs), /Claude Code is signed in \(Max\)\./);
+  for (const dir of [second.logs, second.support]) assert.doesNotMatch(written(dir), /tidewatch-test-(access|refresh)/, dir);
 });
 
 test(
@@ -204,8 +189,7 @@ test(
       claudeSettings: path.join(claudeDir, 'settings.json'),
       claude: { account: { lookOverMs: 600_000, settleMs: 50 } },
     });
-    await service.service.claude.accountRead;
-    const account = async () => (await service.local('GET', '/v1/snapshot')).json.account;
+    const account = async () => (await service.snapshot()).account;
     assert.equal((await account()).state, 'ok');
 
     // No server to tell: Claude Code signs out on this machine all the same.

@@ -29,16 +29,24 @@ import { fiveHourLimit } from './support/messages-standin.js';
 
 const GIVE_UP_MS = 3000;
 
-async function setUp(t, { claude, script } = {}) {
-  const service = await startScratchService(t, { claude });
-  const { home, project } = claudeHome(service.folder, service.support);
+// With `http`, Claude Code posts its reports itself, and the hook program
+// runs through a Node.js that notes each event it is given.
+async function setUp(t, { claude, script, http = false } = {}) {
+  const service = await startScratchService(t, { claude, claudeProgram: http ? { named: CLAUDE } : {} });
+  const noted = path.join(service.folder, 'hook-runs');
+  const node = path.join(service.folder, 'noting-node');
+  fs.writeFileSync(node, `#!/bin/sh\ninput=$(cat)\nprintf '%s\\n' "$input" >> '${noted}'\nprintf '%s' "$input" | exec '${process.execPath}' "$@"\n`, { mode: 0o755 });
+  const token = fs.readFileSync(path.join(service.support, HOOK_TOKEN_FILE), 'utf8').trim();
+  const place = http ? { node, http: { port: service.service.localPort, token } } : {};
+  const { home, project } = claudeHome(service.folder, service.support, { place });
   const target = path.join(project, 'made-by-claude');
   const standIn = await standInFor(t, {
     tool: { name: 'Bash', input: { command: `touch ${target}`, description: 'Make a file' } },
     ...script,
   });
   const snapshot = async () => (await service.local('GET', '/v1/snapshot')).json;
-  return { service, home, project, target, standIn, snapshot };
+  const hookRuns = () => fs.readFileSync(noted, 'utf8').trim().split('\n').map((line) => JSON.parse(line).hook_event_name);
+  return { service, home, project, target, standIn, snapshot, hookRuns };
 }
 
 // The tool results Claude Code sent back to the model.
@@ -82,10 +90,12 @@ const WAYS = {
   },
 };
 
+WAYS['claude -p, HTTP hooks'] = WAYS['claude -p'];
+
 // Who answers: Tidewatch (a decision posted), the terminal (keys), or nobody
 // (the request is given up at its time and Claude Code decides alone).
 const ANSWERS = [
-  { ways: ['claude -p', 'interactive'], name: 'allow from Tidewatch runs the command', post: 'allow', made: true },
+  { ways: ['claude -p', 'claude -p, HTTP hooks', 'interactive'], name: 'allow from Tidewatch runs the command', post: 'allow', made: true },
   { ways: ['claude -p', 'interactive'], name: 'deny from Tidewatch leaves nothing done', post: 'deny', made: false },
   { ways: ['interactive'], name: 'allowed in the terminal, the card leaves by itself', keys: ['1'], made: true },
   { ways: ['interactive'], name: 'refused in the terminal, the card leaves by itself', keys: ['Escape'], made: false },
@@ -96,7 +106,7 @@ for (const { ways, name, post, keys, made } of ANSWERS) {
   for (const way of ways) {
     test(`slow: ${way}: ${name}`, { skip: WAYS[way].skip, timeout: 60000 }, async (t) => {
       const nobody = !post && !keys;
-      const setup = await setUp(t, { claude: nobody ? { approvalWaitMs: GIVE_UP_MS } : undefined });
+      const setup = await setUp(t, { claude: nobody ? { approvalWaitMs: GIVE_UP_MS } : undefined, http: way.includes('HTTP') });
       const { service, target, standIn, snapshot } = setup;
       const feed = await service.feed();
       const started = Date.now();
@@ -137,6 +147,8 @@ for (const { ways, name, post, keys, made } of ANSWERS) {
       // Answered once: another answer now is late.
       const late = await service.local('POST', `/v1/approvals/${approval.id}/decision`, { body: { decision: 'allow' } });
       assert.equal(late.status, 409);
+      // Over HTTP, the hook program ran for the session's start and the waiting request alone.
+      if (way.includes('HTTP')) assert.deepEqual([...new Set(setup.hookRuns())].sort(), ['PermissionRequest', 'SessionStart']);
     });
   }
 }
@@ -150,51 +162,29 @@ test('slow: claude -p: with the service gone, Claude Code runs as if Tidewatch w
   assert.ok(result.ms < 20000, `it took ${result.ms} ms`);
 });
 
-// Refusals as the API gives them to a subscription. `claude -p` exits at
-// once and may take its StopFailure hooks with it; the service has it from
-// the transcript either way.
-const REFUSALS = [
-  {
-    name: 'a usage limit blocks the session until its reset, and the account is limited',
-    error: fiveHourLimit,
-    blocked: (reset) => ({ kind: 'limit', resetsAt: reset * 1000 }),
-    account: (reset) => ({ state: 'limited', limit: { window: 'five_hour', resetsAt: reset * 1000, usingCredits: false } }),
-    said: /hit your 5-hour limit/,
-  },
-  {
-    name: 'a sign-in that ran out blocks the session, and the account is signed out',
-    error: () => ({
-      status: 401,
-      type: 'authentication_error',
-      message: 'OAuth token has expired. Please obtain a new token or refresh your existing token.',
-    }),
-    blocked: () => ({ kind: 'logged_out' }),
-    account: () => ({ state: 'logged_out', reason: 'not_logged_in' }),
-    said: /Failed to authenticate/,
-  },
-];
+// A refusal as the API gives it to a subscription. `claude -p` exits at once
+// and may take its StopFailure hooks with it; the service has it from the
+// transcript either way. A refused sign-in takes the same road, from the
+// transcript this program wrote (fixtures/claude) in claude-routes.test.js.
+test('slow: claude -p: a usage limit blocks the session until its reset, and the account is limited', { skip: WAYS['claude -p'].skip, timeout: 60000 }, async (t) => {
+  const reset = Math.floor(Date.now() / 1000) + 3600;
+  const { service, home, project, standIn, snapshot } = await setUp(t, { script: { tool: null, error: fiveHourLimit(reset) } });
+  const feed = await service.feed();
+  const result = await claudePrint(t, { home, project, standIn, prompt: 'say hello', subscription: true }).done;
+  assert.equal(result.code, 1);
+  assert.match(result.stdout, /hit your 5-hour limit/);
 
-for (const { name, error, blocked, account, said } of REFUSALS) {
-  test(`slow: claude -p: ${name}`, { skip: WAYS['claude -p'].skip, timeout: 60000 }, async (t) => {
-    const reset = Math.floor(Date.now() / 1000) + 3600;
-    const { service, home, project, standIn, snapshot } = await setUp(t, { script: { tool: null, error: error(reset) } });
-    const feed = await service.feed();
-    const result = await claudePrint(t, { home, project, standIn, prompt: 'say hello', subscription: true }).done;
-    assert.equal(result.code, 1);
-    assert.match(result.stdout, said);
-
-    // The session's end and the failed turn's hook are separate processes: either may land first.
-    const ended = (s) => s.state === 'ended' && s.blocked;
-    const session = await eventually(async () => (await snapshot()).sessions.find(ended), 'the session ended, blocked', 15000);
-    assert.match(session.blocked.text, said);
-    assert.deepEqual(session.blocked, { ...session.blocked, ...blocked(reset) });
-    const now = (await snapshot()).account;
-    assert.deepEqual(now, { ...now, ...account(reset) });
-    // The app hears it on the feed, not only on its next read.
-    await eventually(() => feed.ofType('account').some((m) => m.account.state === account(reset).state), 'the account on the feed');
-    await eventually(() => feed.ofType('session').some((m) => m.session.blocked?.kind === blocked(reset).kind), 'the block on the feed');
-  });
-}
+  // The session's end and the failed turn's hook are separate processes: either may land first.
+  const ended = (s) => s.state === 'ended' && s.blocked;
+  const session = await eventually(async () => (await snapshot()).sessions.find(ended), 'the session ended, blocked', 15000);
+  assert.deepEqual([session.blocked.kind, session.blocked.resetsAt], ['limit', reset * 1000]);
+  assert.match(session.blocked.text, /hit your 5-hour limit/);
+  const { account } = await snapshot();
+  assert.deepEqual([account.state, account.limit], ['limited', { window: 'five_hour', resetsAt: reset * 1000, usingCredits: false }]);
+  // The app hears it on the feed, not only on its next read.
+  await eventually(() => feed.ofType('account').some((m) => m.account.state === 'limited'), 'the account on the feed');
+  await eventually(() => feed.ofType('session').some((m) => m.session.blocked?.kind === 'limit'), 'the block on the feed');
+});
 
 test('slow: interactive: the status line brings the usage windows, the model and the cost', { skip: WAYS.interactive.skip, timeout: 60000 }, async (t) => {
   const now = Math.floor(Date.now() / 1000);
@@ -281,36 +271,4 @@ test('slow: hard restarts while requests wait lose none and answer none twice', 
   assert.deepEqual(kept, [...ids.values()].sort(), 'each request answered exactly once');
   // Answered already: a second answer is late, never a second question.
   assert.equal((await post(`/v1/approvals/${ids.get('s0')}/decision`, { decision: 'deny' })).status, 409);
-});
-
-// With HTTP hooks, Claude Code posts its reports itself: the hook program
-// runs (through a Node.js that notes each event it is given) for the
-// session's start and the waiting request alone, and the session still goes
-// from start to end, and Tidewatch's answer still lets the command run.
-test('slow: claude -p: HTTP hooks report with no hook program, and the waiting request still waits for Tidewatch', { skip: WAYS['claude -p'].skip, timeout: 60000 }, async (t) => {
-  const service = await startScratchService(t, { claudeProgram: { named: CLAUDE } });
-  const noted = path.join(service.folder, 'hook-runs');
-  const node = path.join(service.folder, 'noting-node');
-  fs.writeFileSync(node, `#!/bin/sh\ninput=$(cat)\nprintf '%s\\n' "$input" >> '${noted}'\nprintf '%s' "$input" | exec '${process.execPath}' "$@"\n`, { mode: 0o755 });
-  const token = fs.readFileSync(path.join(service.support, HOOK_TOKEN_FILE), 'utf8').trim();
-  const { home, project } = claudeHome(service.folder, service.support, { place: { node, http: { port: service.service.localPort, token } } });
-  const target = path.join(project, 'made-by-claude');
-  const standIn = await standInFor(t, { tool: { name: 'Bash', input: { command: `touch ${target}`, description: 'Make a file' } } });
-  const snapshot = async () => (await service.local('GET', '/v1/snapshot')).json;
-  const feed = await service.feed();
-  const run = claudePrint(t, { home, project, standIn, prompt: 'make a file please' });
-
-  const approval = await eventually(async () => (await snapshot()).approvals[0], 'an approval', 30000);
-  const session = (await snapshot()).sessions.find((each) => each.id === approval.sessionId);
-  // The prompt and the tool call came by HTTP: the title and the approval's state say so.
-  assert.deepEqual([session.state, session.title], ['needs_you', 'make a file please']);
-  assert.equal((await service.post(`/v1/approvals/${approval.id}/decision`, { decision: 'allow' })).status, 200);
-  const result = await run.done;
-  assert.equal(result.code, 0, result.stderr);
-  assert.equal(fs.existsSync(target), true);
-  const ended = await eventually(async () => (await snapshot()).sessions.find((s) => s.state === 'ended'), 'the session ended');
-  assert.equal(ended.lastText, 'Done.');
-  assert.ok(feed.ofType('session').some((m) => m.session.state === 'working'), 'the session went working');
-  const runs = fs.readFileSync(noted, 'utf8').trim().split('\n').map((line) => JSON.parse(line).hook_event_name);
-  assert.deepEqual([...new Set(runs)].sort(), ['PermissionRequest', 'SessionStart']);
 });

@@ -32,18 +32,6 @@ const question = {
     ],
   },
 };
-const suggested = {
-  ...bash,
-  permission_suggestions: [
-    ...bash.permission_suggestions,
-    {
-      type: 'addRules',
-      rules: [{ toolName: 'Bash', ruleContent: 'touch:*' }],
-      behavior: 'allow',
-      destination: 'localSettings',
-    },
-  ],
-};
 
 const decision = (output) => output?.hookSpecificOutput?.decision;
 
@@ -75,6 +63,7 @@ const rule = (toolName, ruleContent, destination) => ({
   destination,
 });
 const command = bash.tool_input.command;
+const suggested = { ...bash, permission_suggestions: [...bash.permission_suggestions, rule('Bash', 'touch:*', 'localSettings')] };
 const fetch = { ...bash, tool_name: 'WebFetch', tool_input: { url: 'https://example.com/a?b' }, permission_suggestions: [] };
 
 const ruleRows = [

@@ -85,24 +85,17 @@ test('a payload that can’t be taken is refused and changes nothing', async (t)
   assert.deepEqual(await snapshot(), before);
 });
 
-test('a request asked again finds the same approval; a new request for the same call is a new one', async (t) => {
+// Past the most open requests, a new one is left to Claude Code and nothing is held for it.
+test('a request asked again finds the same approval; a new request is a new one, up to the most kept open', async (t) => {
   const { ask, snapshot } = await setUp(t);
-  const first = (await ask('request-one')).json;
-  const again = (await ask('request-one')).json;
+  const first = (await ask('request-0')).json;
+  const again = (await ask('request-0')).json;
   assert.deepEqual([first.state, again.id, again.expiresAt], ['pending', first.id, first.expiresAt]);
-  const other = (await ask('request-two')).json;
-  assert.notEqual(other.id, first.id);
-  const { approvals, sessions } = await snapshot();
-  assert.deepEqual([approvals.map((approval) => approval.id), sessions[0].pendingApprovalIds], [[first.id, other.id], [first.id, other.id]]);
-});
-
-test('past the most open requests, a new one is left to Claude Code and nothing is held for it', async (t) => {
-  const { ask, snapshot } = await setUp(t);
-  for (let i = 0; i < MAX_OPEN_APPROVALS; i++) assert.equal((await ask(`request-${i}`)).json.state, 'pending');
+  for (let i = 1; i < MAX_OPEN_APPROVALS; i++) assert.equal((await ask(`request-${i}`)).json.state, 'pending');
   const refused = (await ask('request-past')).json;
-  assert.equal(refused.state, 'released');
-  const { approvals } = await snapshot();
-  assert.deepEqual([approvals.length, approvals.some((approval) => approval.id === refused.id)], [MAX_OPEN_APPROVALS, false]);
+  const { approvals, sessions } = await snapshot();
+  assert.deepEqual([refused.state, new Set(approvals.map((approval) => approval.id)).size, approvals.some((each) => each.id === refused.id)], ['released', MAX_OPEN_APPROVALS, false]);
+  assert.deepEqual(sessions[0].pendingApprovalIds, approvals.map((approval) => approval.id));
 });
 
 test('a waiting request hears the answer, and hears it again when it asks after it', async (t) => {
@@ -227,66 +220,44 @@ test('an event and what its transcript added leave as one frame', async (t) => {
 });
 
 // Claude Code's HTTP hooks post to their own door with the hook credential,
-// which opens that door alone.
-async function withHookCredential(t) {
-  const setup = await setUp(t);
-  const hookToken = fs.readFileSync(path.join(setup.service.support, HOOK_TOKEN_FILE), 'utf8').trim();
-  const as = (token, method, target, { body, headers = {} } = {}) =>
-    setup.service.local(method, target, { body, headers: { Authorization: `Bearer ${token}`, ...headers } });
-  const report = (name, headers = {}, extra = {}) =>
-    as(hookToken, 'POST', HOOK_REPORT_PATH, { body: { ...inFolder(fixture(name), setup.service.folder), ...extra }, headers });
-  return { ...setup, hookToken, as, report };
-}
-
-test('the hook credential hands in reports and opens no other door', async (t) => {
-  const { service, hookToken, as, report, snapshot } = await withHookCredential(t);
-  assert.equal(modeOf(path.join(service.support, HOOK_TOKEN_FILE)), 0o600);
-  assert.notEqual(hookToken, service.token);
+// which opens that door alone; the door checks a report as the hook
+// program's door does, takes no request, and reads the terminal's header.
+test('the hook credential hands in reports on its own door and opens no other', async (t) => {
+  const { service, snapshot } = await setUp(t);
+  const hookToken = fs.readFileSync(path.join(service.support, HOOK_TOKEN_FILE), 'utf8').trim();
+  assert.deepEqual([modeOf(path.join(service.support, HOOK_TOKEN_FILE)), hookToken === service.token], [0o600, false]);
+  const as = (token, method, target, body, headers = {}) => service.local(method, target, { body, headers: { Authorization: `Bearer ${token}`, ...headers } });
   const { id } = (await service.post('/claude/permission?request=request-one&wait=0', inFolder(fixture('permission-request-bash.json'), service.folder))).json;
-  const rows = [
-    ['a report on the hook door', 'POST', HOOK_REPORT_PATH, fixture('user-prompt-submit.json'), 200],
-    ['a report on the hook program’s door', 'POST', '/claude/hook', fixture('stop.json'), 401],
-    ['a permission request', 'POST', '/claude/permission?request=request-two&wait=0', fixture('permission-request-bash.json'), 401],
-    ['an answer to the approval', 'POST', `/v1/approvals/${id}/decision`, { decision: 'allow' }, 401],
-    ['the snapshot', 'GET', '/v1/snapshot', undefined, 401],
-    ['the integration', 'POST', '/local/integration/uninstall', {}, 401],
-  ];
-  for (const [name, method, target, body, status] of rows) {
-    const reply = await as(hookToken, method, target, { body: body && inFolder(body, service.folder) });
-    assert.equal(reply.status, status, name);
-  }
-  // The admin token opens the hook door too; nothing else does.
-  assert.equal((await as(service.token, 'POST', HOOK_REPORT_PATH, { body: inFolder(fixture('stop.json'), service.folder) })).status, 200);
-  assert.equal((await as('nope', 'POST', HOOK_REPORT_PATH, { body: inFolder(fixture('stop.json'), service.folder) })).status, 401);
-  // A report is no answer: the approval still waits.
-  const { approvals, sessions } = await snapshot();
-  assert.deepEqual([approvals.map((each) => each.id), sessions[0].state], [[id], 'needs_you']);
-  assert.deepEqual((await report('stop.json')).json, {});
-});
-
-test('the hook door refuses what the hook program’s door refuses, and a request', async (t) => {
-  const { service, hookToken, as, report, snapshot } = await withHookCredential(t);
   const before = await snapshot();
+  const stop = inFolder(fixture('stop.json'), service.folder);
+  const start = inFolder(fixture('session-start.json'), service.folder);
+  const term = (value) => ({ 'X-Tidewatch-Term': value });
   const rows = [
-    ...hostile.map(([name, body]) => [name, body, {}, 400]),
-    ['a permission request', inFolder(fixture('permission-request-bash.json'), service.folder), {}, 400],
-    ['a terminal id that isn’t one', inFolder(fixture('stop.json'), service.folder), { 'X-Tidewatch-Term': 'ab'.repeat(15) }, 400],
-    ['two terminal ids', inFolder(fixture('stop.json'), service.folder), { 'X-Tidewatch-Term': `${'ab'.repeat(16)}, ${'cd'.repeat(16)}` }, 400],
-    ['a payload over the limit', { ...fixture('stop.json'), prompt: 'x'.repeat(1024 * 1024) }, {}, 413],
+    ['the hook program’s door', hookToken, 'POST', '/claude/hook', stop, {}, 401],
+    ['a permission request', hookToken, 'POST', '/claude/permission?request=request-two&wait=0', fixture('permission-request-bash.json'), {}, 401],
+    ['an answer to the approval', hookToken, 'POST', `/v1/approvals/${id}/decision`, { decision: 'allow' }, {}, 401],
+    ['the snapshot', hookToken, 'GET', '/v1/snapshot', undefined, {}, 401],
+    ['the integration', hookToken, 'POST', '/local/integration/uninstall', {}, {}, 401],
+    ['no credential at all', 'nope', 'POST', HOOK_REPORT_PATH, stop, {}, 401],
+    [hostile[4][0], hookToken, 'POST', HOOK_REPORT_PATH, hostile[4][1], {}, 400],
+    ['a permission request on the hook door', hookToken, 'POST', HOOK_REPORT_PATH, inFolder(fixture('permission-request-bash.json'), service.folder), {}, 400],
+    ['a terminal id that isn’t one', hookToken, 'POST', HOOK_REPORT_PATH, stop, term('ab'.repeat(15)), 400],
+    ['two terminal ids', hookToken, 'POST', HOOK_REPORT_PATH, stop, term(`${'ab'.repeat(16)}, ${'cd'.repeat(16)}`), 400],
+    ['a payload over the limit', hookToken, 'POST', HOOK_REPORT_PATH, { ...stop, prompt: 'x'.repeat(1024 * 1024) }, {}, 413],
   ];
-  for (const [name, body, headers, status] of rows) {
-    const reply = await as(hookToken, 'POST', HOOK_REPORT_PATH, { body, headers });
-    assert.equal(reply.status, status, name);
-    assert.match(reply.json.error.message, /\S/, name);
+  for (const [name, token, method, target, body, headers, status] of rows) {
+    await t.test(name, async () => {
+      const reply = await as(token, method, target, body, headers);
+      assert.equal(reply.status, status);
+      assert.match(reply.json.error.message, /\S/);
+    });
   }
   assert.deepEqual(await snapshot(), before);
-  // Empty, as Claude Code sends it without the relay: no terminal.
-  assert.deepEqual((await report('session-start.json', { 'X-Tidewatch-Term': '' })).json, {});
-  assert.equal((await snapshot()).sessions[0].origin === 'terminal', false);
-});
-
-test('a terminal named by the hook door’s header is the session’s', async (t) => {
-  const { report, snapshot } = await withHookCredential(t);
-  assert.equal((await report('session-start.json', { 'X-Tidewatch-Term': 'ab'.repeat(16) })).status, 200);
+  // Taken: a report, also with the admin token; empty, the header names no terminal. A report is no answer.
+  assert.deepEqual((await as(hookToken, 'POST', HOOK_REPORT_PATH, start, term(''))).json, {});
+  assert.deepEqual((await as(service.token, 'POST', HOOK_REPORT_PATH, stop)).json, {});
+  const { approvals, sessions } = await snapshot();
+  assert.deepEqual([approvals.map((each) => each.id), sessions[0].state, sessions[0].origin === 'terminal'], [[id], 'needs_you', false]);
+  assert.equal((await as(hookToken, 'POST', HOOK_REPORT_PATH, start, term('ab'.repeat(16)))).status, 200);
   assert.equal((await snapshot()).sessions[0].origin, 'terminal');
 });

