@@ -11,6 +11,7 @@ import { addIntegrationRoutes } from './integration.js';
 import { addQaRoutes } from './qa-routes.js';
 import { Router } from './router.js';
 import { addSettingsRoutes } from './settings-routes.js';
+import { addSessionRoutes } from './sessions/session-routes.js';
 
 /**
  * @param {Object} parts
@@ -24,6 +25,8 @@ import { addSettingsRoutes } from './settings-routes.js';
  * @param {Integration} [parts.integration] Claude Code's settings
  * @param {TerminalHub} [parts.terminals] The shared terminals
  * @param {Continuer} [parts.continuer] Carries sessions on, now or when a limit lifts
+ * @param {SessionRunner} [parts.runner] Starts sessions; without it none can be
+ * @param {string} [parts.home] The person's home folder, where those sessions must lie
  * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
  *     unknown routes like any other
  * @return {Router}
@@ -39,6 +42,8 @@ export function localRoutes({
   integration,
   terminals = null,
   continuer = null,
+  runner = null,
+  home = null,
   testCopy = false,
 }) {
   const router = new Router()
@@ -49,6 +54,7 @@ export function localRoutes({
     .add('GET', '/local/devices', () => state.devices());
   addChecklistRoute(router, { state });
   addActionRoutes(router, { state, codex, continuer });
+  if (runner) addSessionRoutes(router, { runner, home, codexProgram: () => codex?.program ?? null });
   addAutomationsRoutes(router, { state });
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });
