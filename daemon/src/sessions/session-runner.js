@@ -105,7 +105,9 @@ export class SessionRunner {
    * @throws {HttpError} 409 while it is at work or in line
    */
   continue(sessionId, prompt) {
-    if (this.#running.has(sessionId) || this.#line.some((turn) => turn.id === sessionId))
+    // A turn whose result is in may still be closing: the new one waits for it.
+    const state = this.#state.session(sessionId)?.state;
+    if (['starting', 'working', 'needs_you'].includes(state) || this.#line.some((turn) => turn.id === sessionId))
       throw new HttpError(409, 'busy', STILL_RUNNING);
     this.#state.patchSession(sessionId, (it) => ({ ...it, state: 'starting', lastActivityAt: this.#now() }));
     this.#line.push({ id: sessionId, prompt, resume: true });
@@ -129,8 +131,12 @@ export class SessionRunner {
   }
 
   #next() {
-    while (!this.#closed && this.#line.length > 0 && this.#running.size < MAX_RUNNING) this.#begin(this.#line.shift());
-    for (const turn of this.#line) {
+    while (!this.#closed && this.#running.size < MAX_RUNNING) {
+      const next = this.#line.findIndex((turn) => !this.#running.has(turn.id));
+      if (next < 0) break;
+      this.#begin(this.#line.splice(next, 1)[0]);
+    }
+    for (const turn of this.#line.filter((each) => !this.#running.has(each.id))) {
       this.#state.patchSession(turn.id, (it) => ({ ...it, state: 'starting', blocked: { kind: 'on_hold', text: IN_LINE } }));
     }
   }
