@@ -19,7 +19,8 @@ export const MAX_RUNNING = 4;
 /** Sessions remembered for continuing; the oldest that isn't running is let go. */
 export const MAX_KEPT = 200;
 
-export const IN_LINE = `Waiting in line: Tidewatch runs ${MAX_RUNNING} sessions at once, and starts this one when one of them finishes.`;
+/** What a session waiting for its turn is doing, as its row shows it. */
+export const IN_LINE = `waiting in line: ${MAX_RUNNING} sessions are running`;
 export const STILL_RUNNING = 'This session is still at work; it can be continued once its turn is done.';
 export const FULL = 'Tidewatch keeps as many sessions as it can show, and none of them has ended.';
 
@@ -137,7 +138,7 @@ export class SessionRunner {
       this.#begin(this.#line.splice(next, 1)[0]);
     }
     for (const turn of this.#line.filter((each) => !this.#running.has(each.id))) {
-      this.#state.patchSession(turn.id, (it) => ({ ...it, state: 'starting', blocked: { kind: 'on_hold', text: IN_LINE } }));
+      this.#state.patchSession(turn.id, (it) => ({ ...it, state: 'starting', activity: IN_LINE }));
     }
   }
 
@@ -159,7 +160,7 @@ export class SessionRunner {
     const run = this.#runOf({ id, request, prompt, resume });
     this.#running.set(id, run);
     this.#state.patchSession(id, (it) => {
-      const { blocked, ...rest } = it;
+      const { activity, ...rest } = it;
       return { ...rest, state: 'working', lastActivityAt: this.#now() };
     });
     const turn = async () => {
