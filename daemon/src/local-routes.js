@@ -11,6 +11,7 @@ import { addIntegrationRoutes } from './integration.js';
 import { addQaRoutes } from './qa-routes.js';
 import { Router } from './router.js';
 import { addSettingsRoutes } from './settings-routes.js';
+import { addSessionRoutes } from './sessions/session-routes.js';
 
 /**
  * @param {Object} parts
@@ -25,6 +26,8 @@ import { addSettingsRoutes } from './settings-routes.js';
  * @param {TerminalHub} [parts.terminals] The shared terminals
  * @param {Continuer} [parts.continuer] Carries sessions on, now or when a limit lifts
  * @param {ClaudeSignIn} [parts.signIn] Claude Code's own sign-in
+ * @param {SessionRunner} [parts.runner] Starts sessions; without it none can be
+ * @param {string} [parts.home] The person's home folder, where those sessions must lie
  * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
  *     unknown routes like any other
  * @return {Router}
@@ -41,6 +44,8 @@ export function localRoutes({
   terminals = null,
   continuer = null,
   signIn = null,
+  runner = null,
+  home = null,
   testCopy = false,
 }) {
   const router = new Router()
@@ -51,6 +56,7 @@ export function localRoutes({
     .add('GET', '/local/devices', () => state.devices());
   addChecklistRoute(router, { state });
   addActionRoutes(router, { state, codex, continuer, signIn });
+  if (runner) addSessionRoutes(router, { runner, home, codexProgram: () => codex?.program ?? null });
   addAutomationsRoutes(router, { state });
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });

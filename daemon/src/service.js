@@ -22,6 +22,7 @@ import { localRoutes } from './local-routes.js';
 import { Log } from './log.js';
 import { StatePersister } from './persist.js';
 import { Continuer } from './sessions/continuer.js';
+import { SessionRunner } from './sessions/session-runner.js';
 import { profilesFor } from './shell-profile.js';
 import { RELAY_NAME, TerminalHub } from './terminals/terminal-hub.js';
 import { ensurePrivateFolder } from './private-files.js';
@@ -43,6 +44,7 @@ import { VERSION } from './version.js';
  * @property {Promise<void>} claudeReady When Claude Code's version is known and the hooks fit it
  * @property {ClaudeAgent} claude Claude Code through its hooks and status line
  * @property {TerminalHub} terminals The shared terminals
+ * @property {SessionRunner} runner The sessions the service starts itself
  * @property {Integration} integration Claude Code's settings, connected on request
  * @property {StatePersister} persister
  * @property {Log} log
@@ -83,6 +85,11 @@ import { VERSION } from './version.js';
  * @param {string|null} [options.relay] The terminal relay the shell runs the
  *     agents through; the copy in the support folder's bin/ when null
  * @param {Object} [options.sessions] For tests: `checkEveryMs` (see Continuer)
+ * @param {string} [options.home] The person's home folder, where the
+ *     sessions the service starts must lie; the home it runs under by default
+ * @param {Object<string, string>} [options.agentEnv] The environment of the
+ *     agents it starts, before a request's own; its own by default
+ * @param {function(): Promise<Object|null>} [options.agentSdk] Loads the agent SDK; for tests
  * @param {string} [options.claudeSettings] Claude Code's user settings file;
  *     ~/.claude/settings.json of the home the service runs under
  * @param {Object} [options.claudeProgram] Where `claude` is looked for:
@@ -108,6 +115,9 @@ export async function startService({
   persist: persistOptions = {},
   claude: claudeOptions = {},
   sessions: sessionOptions = {},
+  home = os.homedir(),
+  agentEnv = process.env,
+  agentSdk,
   claudeSettings = path.join(os.homedir(), '.claude', 'settings.json'),
   claudeProgram = {},
   shellHome = null,
@@ -188,7 +198,18 @@ export async function startService({
   const feed = new FeedServer({ server: apiServer, state, token, faults, pending, log, ...feedOptions });
   const clock = awakeOptions.clock ?? new ServiceClock();
   const terminals = new TerminalHub({ state, support, log });
-  const continuer = new Continuer({ state, terminals, clock, log, ...sessionOptions });
+  const runner = new SessionRunner({
+    state,
+    claude,
+    log,
+    env: agentEnv,
+    sdk: agentSdk,
+    programs: {
+      claude: () => state.localPart('claude')?.path ?? null,
+      codex: () => codex.program,
+    },
+  });
+  const continuer = new Continuer({ state, terminals, runner, clock, log, ...sessionOptions });
   keeper = new AwakeKeeper({
     state,
     support,
@@ -211,6 +232,8 @@ export async function startService({
       terminals,
       continuer,
       signIn,
+      runner,
+      home,
       testCopy,
     }),
     faults,
@@ -269,6 +292,7 @@ export async function startService({
   let closing = null;
   const close = () => {
     closing ??= (async () => {
+      runner.close();
       codex.close();
       claude.close();
       signIn.close();
@@ -298,6 +322,7 @@ export async function startService({
     claudeReady,
     signIn,
     terminals,
+    runner,
     integration,
     persister,
     log,

@@ -12,7 +12,7 @@ import path from 'node:path';
 import { isObject, sameJson } from '../json.js';
 import { writeFileAtomically } from '../private-files.js';
 import { MAX_SESSIONS } from '../state.js';
-import { APPROVAL_WAIT_MS, ApprovalBroker } from './approval-broker.js';
+import { APPROVAL_WAIT_MS, ApprovalBroker, MAX_POLL_MS, approvalIdFor } from './approval-broker.js';
 import { ClaudeAccount } from './claude-account.js';
 import { blockedFrom, sessionAfter } from './hook-event.js';
 import { callKey } from './permission.js';
@@ -61,6 +61,7 @@ export class ClaudeAgent {
   #started = false;
   #account;
   #accountRead = Promise.resolve();
+  #driven = new Set();
 
   /**
    * @param {Object} options
@@ -184,6 +185,8 @@ export class ClaudeAgent {
    */
   async hookEvent(event, { tty = false } = {}) {
     const sessionId = event.session_id;
+    // The session's own stream tells the service all of it, first hand.
+    if (this.#driven.has(sessionId)) return;
     const tail = this.#follower.tailFor(sessionId, event.transcript_path);
     const told = tail ? await this.#readTranscript(sessionId, tail) : null;
 
@@ -232,6 +235,8 @@ export class ClaudeAgent {
    * @return {Promise<PermissionReply>}
    */
   permission(event, { request, waitMs, signal } = {}) {
+    // Asked through the SDK's callback instead, which waits here too.
+    if (this.#driven.has(event.session_id)) return Promise.resolve({ state: 'released', id: approvalIdFor(request) });
     return this.#broker.ask(event, {
       request,
       waitMs,
@@ -242,6 +247,55 @@ export class ClaudeAgent {
         if (tail) this.#state.patchSession(event.session_id, await this.#readTranscript(event.session_id, tail));
       },
     });
+  }
+
+  /**
+   * Marks a session the service runs through the agent SDK, whose messages
+   * and permission callback say what its hooks would: those are passed over.
+   */
+  drive(sessionId, on) {
+    if (on) this.#driven.add(sessionId);
+    else this.#driven.delete(sessionId);
+  }
+
+  /**
+   * A permission request of a session the service runs, held as an approval
+   * like a hook's, until it is answered, given up, or the run goes.
+   *
+   * @param {Object} call
+   * @param {string} call.sessionId
+   * @param {string} call.toolName
+   * @param {Object} call.input
+   * @param {string} call.toolUseId
+   * @param {Array<Object>} [call.suggestions] Claude Code's suggested rules
+   * @param {string} call.cwd
+   * @param {AbortSignal} [call.signal]
+   * @return {Promise<{decision: string, event: Object}|null>} The answer and
+   *     the request as a hook would have sent it; null when none came
+   */
+  async decide({ sessionId, toolName, input, toolUseId, suggestions, cwd, signal }) {
+    const event = {
+      hook_event_name: 'PermissionRequest',
+      session_id: sessionId,
+      cwd,
+      tool_name: toolName,
+      tool_input: input,
+      permission_suggestions: suggestions,
+    };
+    const request = `sdk-${toolUseId}`;
+    this.#broker.rememberCall(sessionId, toolUseId, callKey(toolName, input));
+    while (!signal?.aborted) {
+      const reply = await this.#broker.ask(event, { request, waitMs: MAX_POLL_MS, signal });
+      if (reply.state === 'answered') return { decision: reply.decision, event };
+      if (reply.state === 'released') return null;
+    }
+    this.#state.removeApproval(approvalIdFor(request));
+    return null;
+  }
+
+  /** A session the service ran ended: what waits on it goes. */
+  runEnded(sessionId) {
+    this.#broker.sessionEnded(sessionId);
   }
 
   /**

@@ -269,6 +269,11 @@ export class CodexAgent {
     this.#write();
   }
 
+  /** @return {string|null} The `codex` found, when it is one the service can work with. */
+  get program() {
+    return binaryFields(this.#binary, MIN_CODEX_VERSION).available ? this.#binary.path : null;
+  }
+
   // The fields this agent knows now.
   #fields() {
     const fields = binaryFields(this.#binary, MIN_CODEX_VERSION);

@@ -31,6 +31,7 @@ const withResume = (session, resume) => ({ ...session, blocked: { ...session.blo
 export class Continuer {
   #state;
   #terminals;
+  #runner;
   #clock;
   #log;
   #checkEveryMs;
@@ -41,13 +42,15 @@ export class Continuer {
    * @param {Object} options
    * @param {ServiceState} options.state
    * @param {TerminalHub} options.terminals
+   * @param {SessionRunner} [options.runner] Goes on with the sessions the service runs itself
    * @param {{now(): number}} options.clock The service's clock (/qa moves it in a test copy)
    * @param {Log} [options.log]
    * @param {number} [options.checkEveryMs=RESUME_CHECK_MS]
    */
-  constructor({ state, terminals, clock, log = null, checkEveryMs = RESUME_CHECK_MS }) {
+  constructor({ state, terminals, runner = null, clock, log = null, checkEveryMs = RESUME_CHECK_MS }) {
     this.#state = state;
     this.#terminals = terminals;
+    this.#runner = runner;
     this.#clock = clock;
     this.#log = log;
     this.#checkEveryMs = checkEveryMs;
@@ -65,11 +68,13 @@ export class Continuer {
   }
 
   /**
-   * Types the continue prompt into the session's terminal.
+   * Types the continue prompt into the session's terminal, or gives it as a
+   * new turn to a session the service runs itself.
    *
    * @throws {HttpError} 409 when the session isn't in a shared terminal
    */
   async continueNow(sessionId) {
+    if (this.#runner?.owns(sessionId)) return this.#runner.continue(sessionId, CONTINUE_PROMPT);
     if (!(await this.#terminals.type(sessionId, CONTINUE_PROMPT, { submit: true }))) {
       throw new HttpError(409, 'not_shared', NOT_SHARED);
     }
