@@ -9,20 +9,10 @@ import assert from 'node:assert/strict';
 import path from 'node:path';
 import { test } from 'node:test';
 
-import { CONTINUE_PROMPT } from '../src/sessions/continuer.js';
 import { eventually, scratchFolder, sleep, startScratchService } from './helpers.js';
 import { claudeHome, claudeInteractive, missingClaude, missingTmux, standInFor } from './support/claude-code.js';
-import { fiveHourLimit } from './support/messages-standin.js';
+import { continuePrompts, fiveHourLimit } from './support/messages-standin.js';
 import { missingRelay, RELAY } from './support/relay.js';
-
-// The prompts of the main loop that carried the continue prompt.
-const continues = (standIn) =>
-  standIn.requests.filter((request) => {
-    if (!(request.body?.tools?.length > 0)) return false;
-    const last = request.body.messages?.findLast((message) => message.role === 'user');
-    const blocks = typeof last?.content === 'string' ? [{ type: 'text', text: last.content }] : (last?.content ?? []);
-    return blocks.some((block) => block?.type === 'text' && block.text.trim() === CONTINUE_PROMPT);
-  }).length;
 
 test(
   'slow: a limited session in a shared terminal is continued by hand, then by itself once the limit lifts',
@@ -71,7 +61,7 @@ test(
     // By hand: the limit is still there, so the continue prompt is refused again.
     const before = (await session()).lastActivityAt;
     assert.equal((await service.post(`/v1/sessions/${blocked.id}/continue`, {})).status, 200);
-    await eventually(() => continues(standIn) === 1, 'the continue prompt reached the API', 20000);
+    await eventually(() => continuePrompts(standIn) === 1, 'the continue prompt reached the API', 20000);
 
     // Blocked again, the person stops Claude Code's own plan in the terminal; Tidewatch's stands in.
     const again = async () => {
@@ -86,12 +76,12 @@ test(
     const armed = (await session()).blocked.resume;
     assert.deepEqual(armed, { state: 'armed', at: reset * 1000, by: 'tidewatch', canCancel: true, canArm: false });
     await sleep(600);
-    assert.equal(continues(standIn), 1, 'nothing carried on before the reset');
+    assert.equal(continuePrompts(standIn), 1, 'nothing carried on before the reset');
     standIn.script.error = null;
     await service.post('/qa/power', { offsetMs: reset * 1000 - Date.now() + 1000 });
-    await eventually(() => continues(standIn) === 2, 'the armed session carried on', 20000);
+    await eventually(() => continuePrompts(standIn) === 2, 'the armed session carried on', 20000);
     await eventually(async () => (await session()).state === 'idle' && !(await session()).blocked, 'the turn done, the block gone', 20000);
     await sleep(600);
-    assert.equal(continues(standIn), 2, 'carried on once');
+    assert.equal(continuePrompts(standIn), 2, 'carried on once');
   },
 );

@@ -3,7 +3,11 @@
 // `claude`, and talks in JSON lines, commands on standard input and events
 // on standard output.
 //
-//   node claude-scenario.mjs --folder <scratch> --support <service support> --mode print|interactive
+//   node claude-scenario.mjs --folder <scratch> --support <service support> --mode print|interactive|shared
+//
+// "shared" types `claude` into bash with the service's shell integration
+// (the test copy's shell-home/.bashrc), so it runs in a shared terminal, on
+// a subscription sign-in, and the stand-in answers with text, no tool call.
 //
 // It first prepares the home and says {"event":"ready", home, project,
 // claudeDir, target} (or {"event":"missing", reason} and ends). The home has
@@ -17,6 +21,11 @@
 //       {"event":"screen", matched, screen} once the pattern is on screen or
 //       the time is up
 //   {"do":"keys","keys":["1"]}  (interactive) presses them; says {"event":"keys"}
+//   {"do":"limit","resetsAt":<epoch s>}   the stand-in refuses with the
+//       five-hour limit from now on; without resetsAt it answers again;
+//       says {"event":"limit"}
+//   {"do":"continues"}           says {"event":"continues", count}: the
+//       requests that carried the continue prompt
 //   {"do":"end"}                 ends everything; so does the end of input
 //
 // Anything that goes wrong is said as {"event":"error", message}.
@@ -28,14 +37,15 @@ import { setTimeout as sleep } from 'node:timers/promises';
 import { parseArgs } from 'node:util';
 
 import { claudeHome, claudeInteractive, claudePrint, missingClaude, missingTmux } from './claude-code.js';
-import { startMessagesStandIn } from './messages-standin.js';
+import { continuePrompts, fiveHourLimit, startMessagesStandIn } from './messages-standin.js';
 
 const say = (event, fields = {}) => process.stdout.write(`${JSON.stringify({ event, ...fields })}\n`);
 
 const { values } = parseArgs({
   options: { folder: { type: 'string' }, support: { type: 'string' }, mode: { type: 'string', default: 'print' } },
 });
-const interactive = values.mode === 'interactive';
+const shared = values.mode === 'shared';
+const interactive = shared || values.mode === 'interactive';
 
 const missing = missingClaude() ?? (interactive ? missingTmux() : null);
 if (missing) {
@@ -67,7 +77,7 @@ const { home, project, settingsFile } = claudeHome(values.folder, values.support
 fs.rmSync(settingsFile, { force: true });
 const target = path.join(project, 'made-by-claude');
 const standIn = await startMessagesStandIn({
-  script: { tool: { name: 'Bash', input: { command: `touch ${target}`, description: 'Make a file' } } },
+  script: { tool: shared ? null : { name: 'Bash', input: { command: `touch ${target}`, description: 'Make a file' } } },
 });
 t.after(() => standIn.close());
 say('ready', { home, project, claudeDir: path.dirname(settingsFile), target });
@@ -105,7 +115,12 @@ async function perform(command) {
   switch (command.do) {
     case 'run':
       if (interactive) {
-        terminal = await claudeInteractive(t, { home, project, standIn });
+        terminal = await claudeInteractive(
+          t,
+          shared
+            ? { home, project, standIn, subscription: true, support: values.support, shellRc: path.join(values.support, 'shell-home', '.bashrc') }
+            : { home, project, standIn },
+        );
         await terminal.type(command.prompt);
         say('started');
       } else {
@@ -134,6 +149,13 @@ async function perform(command) {
     case 'keys':
       terminal?.keys(...command.keys);
       say('keys');
+      return;
+    case 'limit':
+      standIn.script.error = Number.isFinite(command.resetsAt) ? fiveHourLimit(command.resetsAt) : null;
+      say('limit');
+      return;
+    case 'continues':
+      say('continues', { count: continuePrompts(standIn) });
       return;
     case 'end':
       await end();

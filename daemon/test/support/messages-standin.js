@@ -15,6 +15,8 @@
 import { randomBytes } from 'node:crypto';
 import http from 'node:http';
 
+import { CONTINUE_PROMPT } from '../../src/sessions/continuer.js';
+
 /**
  * @typedef {Object} StandInScript
  * @property {string} [text] Said before the tool call
@@ -35,6 +37,15 @@ const DEFAULT_SCRIPT = {
 };
 
 /** The refusal a subscription gets at its five-hour limit, lifting at `reset` (epoch seconds). */
+/** The requests of the main loop that carried the continue prompt. */
+export const continuePrompts = (standIn) =>
+  standIn.requests.filter((request) => {
+    if (!(request.body?.tools?.length > 0)) return false;
+    const last = request.body.messages?.findLast((message) => message.role === 'user');
+    const blocks = typeof last?.content === 'string' ? [{ type: 'text', text: last.content }] : (last?.content ?? []);
+    return blocks.some((block) => block?.type === 'text' && block.text.trim() === CONTINUE_PROMPT);
+  }).length;
+
 export const fiveHourLimit = (reset) => ({
   status: 429,
   type: 'rate_limit_error',

@@ -6,6 +6,23 @@
 #include <QJsonDocument>
 #include <QTest>
 
+namespace {
+
+QString modeWord(ClaudeScenario::Mode mode)
+{
+    switch (mode) {
+    case ClaudeScenario::Mode::Interactive:
+        return QStringLiteral("interactive");
+    case ClaudeScenario::Mode::Shared:
+        return QStringLiteral("shared");
+    case ClaudeScenario::Mode::Print:
+        break;
+    }
+    return QStringLiteral("print");
+}
+
+} // namespace
+
 ClaudeScenario::ClaudeScenario(const QString& folder, const QString& support, Mode mode)
     : m_folder(folder)
     , m_support(support)
@@ -31,8 +48,7 @@ bool ClaudeScenario::start()
     m_process.setWorkingDirectory(QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon"));
     m_process.start(ServiceProcess::nodeProgram(),
         {QStringLiteral("test/support/claude-scenario.mjs"), QStringLiteral("--folder"), m_folder,
-            QStringLiteral("--support"), m_support, QStringLiteral("--mode"),
-            m_mode == Mode::Interactive ? QStringLiteral("interactive") : QStringLiteral("print")});
+            QStringLiteral("--support"), m_support, QStringLiteral("--mode"), modeWord(m_mode)});
     if (!m_process.waitForStarted(10000)) {
         m_lastError
             = QStringLiteral("couldn't start %1: %2").arg(ServiceProcess::nodeProgram(), m_process.errorString());

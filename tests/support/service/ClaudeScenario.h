@@ -11,7 +11,9 @@
 class ClaudeScenario
 {
 public:
-    enum class Mode { Print, Interactive };
+    /// Shared: typed into bash with the service's shell integration, so it
+    /// runs in a shared terminal, on a subscription sign-in, answered with text.
+    enum class Mode { Print, Interactive, Shared };
 
     /// Claude Code's home and project go under folder; support is the
     /// service's support folder.
