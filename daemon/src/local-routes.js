@@ -24,6 +24,8 @@ import { addSettingsRoutes } from './settings-routes.js';
  * @param {Integration} [parts.integration] Claude Code's settings
  * @param {TerminalHub} [parts.terminals] The shared terminals
  * @param {Continuer} [parts.continuer] Carries sessions on, now or when a limit lifts
+ * @param {AgentPlaces} [parts.places] Where each session's agent runs
+ * @param {SessionOpener} [parts.opener] Brings a session's terminal forward
  * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
  *     unknown routes like any other
  * @return {Router}
@@ -39,6 +41,8 @@ export function localRoutes({
   integration,
   terminals = null,
   continuer = null,
+  places = null,
+  opener = null,
   testCopy = false,
 }) {
   const router = new Router()
@@ -48,11 +52,11 @@ export function localRoutes({
     .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
     .add('GET', '/local/devices', () => state.devices());
   addChecklistRoute(router, { state });
-  addActionRoutes(router, { state, codex, continuer });
+  addActionRoutes(router, { state, codex, continuer, opener });
   addAutomationsRoutes(router, { state });
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });
-  if (claude) addClaudeRoutes(router, { claude, terminals });
+  if (claude) addClaudeRoutes(router, { claude, terminals, places });
   if (integration) addIntegrationRoutes(router, { integration, state });
   if (testCopy) {
     addQaRoutes(router, { state, faults, feed, health });

@@ -23,6 +23,9 @@ import { StatePersister } from './persist.js';
 import { Continuer } from './sessions/continuer.js';
 import { profilesFor } from './shell-profile.js';
 import { RELAY_NAME, TerminalHub } from './terminals/terminal-hub.js';
+import { AgentPlaces } from './windows/agent-places.js';
+import { SessionOpener } from './windows/session-opener.js';
+import { windowRaiser } from './windows/window-raiser.js';
 import { ensurePrivateFolder } from './private-files.js';
 import { ServiceState } from './state.js';
 import { VERSION } from './version.js';
@@ -82,6 +85,8 @@ import { VERSION } from './version.js';
  * @param {string|null} [options.relay] The terminal relay the shell runs the
  *     agents through; the copy in the support folder's bin/ when null
  * @param {Object} [options.sessions] For tests: `checkEveryMs` (see Continuer)
+ * @param {Object} [options.windows] For tests: `env`, where the screen
+ *     (DISPLAY) is read (see window-raiser.js)
  * @param {string} [options.claudeSettings] Claude Code's user settings file;
  *     ~/.claude/settings.json of the home the service runs under
  * @param {Object} [options.claudeProgram] Where `claude` is looked for:
@@ -107,6 +112,7 @@ export async function startService({
   persist: persistOptions = {},
   claude: claudeOptions = {},
   sessions: sessionOptions = {},
+  windows: windowOptions = {},
   claudeSettings = path.join(os.homedir(), '.claude', 'settings.json'),
   claudeProgram = {},
   shellHome = null,
@@ -175,6 +181,8 @@ export async function startService({
   const clock = awakeOptions.clock ?? new ServiceClock();
   const terminals = new TerminalHub({ state, support, log });
   const continuer = new Continuer({ state, terminals, clock, log, ...sessionOptions });
+  const places = new AgentPlaces();
+  const opener = new SessionOpener({ terminals, places, raiser: windowRaiser(process.platform, windowOptions) });
   keeper = new AwakeKeeper({
     state,
     support,
@@ -196,6 +204,8 @@ export async function startService({
       integration,
       terminals,
       continuer,
+      places,
+      opener,
       testCopy,
     }),
     faults,

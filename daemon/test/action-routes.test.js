@@ -4,8 +4,9 @@
 import assert from 'node:assert/strict';
 import test from 'node:test';
 
-import { CANNOT_OPEN, USAGE_STALE_MS } from '../src/action-routes.js';
+import { USAGE_STALE_MS } from '../src/action-routes.js';
 import { NOT_SHARED, NOTHING_TO_RESUME } from '../src/sessions/continuer.js';
+import { raiseWords } from '../src/windows/raise-error.js';
 import { eventually, sleep, startScratchService } from './helpers.js';
 
 const SETTLE_MS = 400;
@@ -85,11 +86,11 @@ test('a session outside a shared terminal can’t be continued or armed from her
     ['continue', '/v1/sessions/s1/continue', {}, NOT_SHARED],
     ['arm', '/v1/sessions/s1/auto-continue', { on: true }, NOT_SHARED],
     ['arm without a block', '/v1/sessions/s2/auto-continue', { on: true }, NOTHING_TO_RESUME],
-    ['open', '/v1/sessions/s1/open', {}, CANNOT_OPEN],
+    ['open with no process known', '/v1/sessions/s1/open', {}, raiseWords('this computer').unknown],
   ];
   for (const [name, target, body, sentence] of refusals) {
     const reply = await local('POST', target, { body });
-    assert.deepEqual([reply.status, reply.json.error.message], [sentence === CANNOT_OPEN ? 501 : 409, sentence], name);
+    assert.deepEqual([reply.status, reply.json.error.message], [409, sentence], name);
   }
   assert.deepEqual(await session('s1'), { id: 's1', state: 'idle', blocked });
   assert.deepEqual(await session('s2'), { id: 's2', state: 'idle' });
