@@ -58,12 +58,20 @@ export const RAISE_SCRIPT = [
 ];
 
 export class MacRaiser {
+  #env;
+
+  /** @param {Object} [options] @param {Object} [options.env=process.env] Where osascript is looked for (PATH) */
+  constructor({ env = process.env } = {}) {
+    this.#env = env;
+  }
+
   async raise({ tty }) {
     if (typeof tty !== 'string' || !TTY.test(tty)) throw new RaiseError('unknown', WORDS.unknown);
     let stdout;
     try {
       ({ stdout } = await run('osascript', [...RAISE_SCRIPT.flatMap((line) => ['-e', line]), tty], {
         timeout: OSASCRIPT_TIMEOUT_MS,
+        env: this.#env,
       }));
     } catch {
       throw new RaiseError('no_screen', WORDS.noScreen);
