@@ -4,7 +4,7 @@
 // DISPLAY, or the session's when the service was started without one.
 
 import { RaiseError, raiseWords } from './raise-error.js';
-import { ancestorsOf, commOf, environOf } from './process-tree.js';
+import { ancestorsOf, environOf } from './process-tree.js';
 import { selectPaneOf } from './tmux-pane.js';
 import { activateWindowOf } from './x11-window.js';
 
@@ -40,7 +40,7 @@ export class LinuxRaiser {
         return null;
       });
     }
-    if (window !== null) return { app: window.app || commOf(chains[0][0]) || undefined, already: window.already };
+    if (window !== null) return window;
     if (pane !== null) return { app: 'tmux', already: false };
     if (display === undefined || unreachable) throw new RaiseError('no_screen', WORDS.noScreen);
     throw new RaiseError('no_window', WORDS.noWindow);
