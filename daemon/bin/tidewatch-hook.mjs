@@ -137,10 +137,11 @@ function slim(raw) {
   return Buffer.from(JSON.stringify(event));
 }
 
-// Whether the Claude Code that ran this hook has a terminal. Hooks run in a
-// session of their own, so the hook's own terminal says nothing: Claude
-// Code is its parent, or its parent's parent through the shell.
-async function hasTerminal() {
+// The Claude Code that ran this hook, when it has a terminal: its pid, and
+// on the Mac its tty's path. Hooks run in a session of their own, so the
+// hook's own terminal says nothing: Claude Code is its parent, or its
+// parent's parent through the shell.
+async function agentProcess() {
   let pid = process.ppid;
   for (let level = 0; level < 2 && pid > 1; level++) {
     let tty;
@@ -150,22 +151,22 @@ async function hasTerminal() {
         const stat = fs.readFileSync(`/proc/${pid}/stat`, 'utf8');
         // After the command's name: state, ppid, pgrp, session, tty_nr.
         const fields = stat.slice(stat.lastIndexOf(')') + 2).split(' ');
-        tty = Number(fields[4]) !== 0;
+        tty = Number(fields[4]) !== 0 ? '' : null;
         parent = Number(fields[1]);
       } catch {
-        return false;
+        return null;
       }
     } else {
       const { spawnSync } = await lazily('node:child_process');
       const out = spawnSync('ps', ['-o', 'tty=,ppid=', '-p', String(pid)], { encoding: 'utf8' }).stdout ?? '';
       const [name, ppid] = out.trim().split(/\s+/);
-      tty = name !== undefined && name !== '' && name !== '??' && name !== '?';
+      tty = name !== undefined && name !== '' && name !== '??' && name !== '?' ? `/dev/${name}` : null;
       parent = Number(ppid);
     }
-    if (tty) return true;
+    if (tty !== null) return { pid, tty };
     pid = parent;
   }
-  return false;
+  return null;
 }
 
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
@@ -272,7 +273,13 @@ async function main() {
     return;
   }
   const query = new URLSearchParams();
-  if (name === 'SessionStart' && (await hasTerminal())) query.set('tty', '1');
+  // Reading /proc is cheap enough for every event; elsewhere `ps` runs when a session starts or is spoken to.
+  if (process.platform === 'linux' || name === 'SessionStart' || name === 'UserPromptSubmit') {
+    const agent = await agentProcess();
+    if (agent !== null && name === 'SessionStart') query.set('tty', '1');
+    if (agent !== null) query.set('pid', String(agent.pid));
+    if (agent?.tty) query.set('tty_path', agent.tty);
+  }
   // Set by Tidewatch's terminal relay: the session runs in a shared terminal.
   const term = process.env.TIDEWATCH_TERM;
   if (term && /^[0-9a-f]{32}$/.test(term)) query.set('term', term);

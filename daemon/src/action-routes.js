@@ -6,9 +6,7 @@ import { HttpError, invalid, notFound } from './http-reply.js';
 import { readJsonObject, requireBoolean } from './request-body.js';
 import { DECISIONS } from './state.js';
 import { objectOr } from './json.js';
-
-/** Until windows can be found and raised, the honest answer to “open”. */
-export const CANNOT_OPEN = 'Tidewatch can’t bring a terminal window forward yet: switch to it where the session runs.';
+import { RaiseError } from './windows/raise-error.js';
 
 /** A usage reading older than this is stale, in milliseconds. */
 export const USAGE_STALE_MS = 10 * 60 * 1000;
@@ -33,8 +31,9 @@ function requireText(body, field, message) {
  * @param {CodexAgent} [parts.codex] Looked at again on a Codex refresh
  * @param {Continuer} [parts.continuer] Carries sessions on; without it they can't be
  * @param {ClaudeSignIn} [parts.signIn] Claude Code's own sign-in; without it there is none
+ * @param {SessionOpener} [parts.opener] Brings terminals forward; without it none can be
  */
-export function addActionRoutes(router, { state, codex = null, continuer = null, signIn = null }) {
+export function addActionRoutes(router, { state, codex = null, continuer = null, signIn = null, opener = null }) {
   const requireSession = (id) => {
     if (state.session(id) === undefined) throw notFound('session', id);
   };
@@ -64,7 +63,13 @@ export function addActionRoutes(router, { state, codex = null, continuer = null,
     .add('POST', '/v1/sessions/:id/open', async ({ req, params }) => {
       await readJsonObject(req);
       requireSession(params.id);
-      throw new HttpError(501, 'cannot_open', CANNOT_OPEN);
+      if (opener === null) throw new HttpError(503, 'no_windows', 'This service can’t reach any terminal window.');
+      try {
+        return await opener.open(params.id);
+      } catch (error) {
+        if (error instanceof RaiseError) throw new HttpError(409, error.code, error.message);
+        throw error;
+      }
     })
     .add('POST', '/v1/sessions/:id/continue', async ({ req, params }) => {
       await readJsonObject(req);

@@ -28,6 +28,8 @@ import { addSessionRoutes } from './sessions/session-routes.js';
  * @param {ClaudeSignIn} [parts.signIn] Claude Code's own sign-in
  * @param {SessionRunner} [parts.runner] Starts sessions; without it none can be
  * @param {string} [parts.home] The person's home folder, where those sessions must lie
+ * @param {AgentPlaces} [parts.places] Where each session's agent runs
+ * @param {SessionOpener} [parts.opener] Brings a session's terminal forward
  * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
  *     unknown routes like any other
  * @return {Router}
@@ -46,6 +48,8 @@ export function localRoutes({
   signIn = null,
   runner = null,
   home = null,
+  places = null,
+  opener = null,
   testCopy = false,
 }) {
   const router = new Router()
@@ -55,12 +59,12 @@ export function localRoutes({
     .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
     .add('GET', '/local/devices', () => state.devices());
   addChecklistRoute(router, { state });
-  addActionRoutes(router, { state, codex, continuer, signIn });
+  addActionRoutes(router, { state, codex, continuer, signIn, opener });
   if (runner) addSessionRoutes(router, { runner, home, codexProgram: () => codex?.program ?? null });
   addAutomationsRoutes(router, { state });
   addSettingsRoutes(router, { state });
   addAwakeRoutes(router, { keeper });
-  if (claude) addClaudeRoutes(router, { claude, terminals });
+  if (claude) addClaudeRoutes(router, { claude, terminals, places });
   if (integration) addIntegrationRoutes(router, { integration, state });
   if (testCopy) {
     addQaRoutes(router, { state, faults, feed, health });

@@ -25,6 +25,9 @@ import { Continuer } from './sessions/continuer.js';
 import { SessionRunner } from './sessions/session-runner.js';
 import { profilesFor } from './shell-profile.js';
 import { RELAY_NAME, TerminalHub } from './terminals/terminal-hub.js';
+import { AgentPlaces } from './windows/agent-places.js';
+import { SessionOpener } from './windows/session-opener.js';
+import { windowRaiser } from './windows/window-raiser.js';
 import { ensurePrivateFolder } from './private-files.js';
 import { ServiceState } from './state.js';
 import { VERSION } from './version.js';
@@ -90,6 +93,8 @@ import { VERSION } from './version.js';
  * @param {Object<string, string>} [options.agentEnv] The environment of the
  *     agents it starts, before a request's own; its own by default
  * @param {function(): Promise<Object|null>} [options.agentSdk] Loads the agent SDK; for tests
+ * @param {Object} [options.windows] For tests: `env`, where the screen
+ *     (DISPLAY) is read (see window-raiser.js)
  * @param {string} [options.claudeSettings] Claude Code's user settings file;
  *     ~/.claude/settings.json of the home the service runs under
  * @param {Object} [options.claudeProgram] Where `claude` is looked for:
@@ -118,6 +123,7 @@ export async function startService({
   home = os.homedir(),
   agentEnv = process.env,
   agentSdk,
+  windows: windowOptions = {},
   claudeSettings = path.join(os.homedir(), '.claude', 'settings.json'),
   claudeProgram = {},
   shellHome = null,
@@ -210,6 +216,8 @@ export async function startService({
     },
   });
   const continuer = new Continuer({ state, terminals, runner, clock, log, ...sessionOptions });
+  const places = new AgentPlaces();
+  const opener = new SessionOpener({ terminals, places, raiser: windowRaiser(process.platform, windowOptions) });
   keeper = new AwakeKeeper({
     state,
     support,
@@ -234,6 +242,8 @@ export async function startService({
       signIn,
       runner,
       home,
+      places,
+      opener,
       testCopy,
     }),
     faults,

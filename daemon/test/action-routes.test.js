@@ -5,8 +5,9 @@ import assert from 'node:assert/strict';
 import test from 'node:test';
 
 import { CLAUDE, missingClaude } from './support/claude-code.js';
-import { CANNOT_OPEN, USAGE_STALE_MS } from '../src/action-routes.js';
+import { USAGE_STALE_MS } from '../src/action-routes.js';
 import { NOT_SHARED, NOTHING_TO_RESUME } from '../src/sessions/continuer.js';
+import { raiseWords } from '../src/windows/raise-error.js';
 import { eventually, sleep, startScratchService } from './helpers.js';
 
 const SETTLE_MS = 400;
@@ -85,7 +86,7 @@ test('a session outside a shared terminal can’t be continued or armed from her
     ['continue', '/v1/sessions/s1/continue', {}, 409, undefined, NOT_SHARED],
     ['arm', '/v1/sessions/s1/auto-continue', { on: true }, 409, undefined, NOT_SHARED],
     ['arm without a block', '/v1/sessions/s2/auto-continue', { on: true }, 409, undefined, NOTHING_TO_RESUME],
-    ['open', '/v1/sessions/s1/open', {}, 501, undefined, CANNOT_OPEN],
+    ['open with no process known', '/v1/sessions/s1/open', {}, 409, undefined, raiseWords('this computer').unknown],
     ['open an unknown session', '/v1/sessions/nope/open', {}, 404],
     ['continue an unknown session', '/v1/sessions/nope/continue', {}, 404],
     ['arm an unknown session', '/v1/sessions/nope/auto-continue', { on: true }, 404],

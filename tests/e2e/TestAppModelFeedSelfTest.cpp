@@ -44,8 +44,8 @@ void TestAppModelFeedSelfTest::aLiveFeedIsToldLineByLine()
     QCOMPARE(lines.value(1), QStringLiteral("message snapshot 1 session, 0 approvals"));
     QVERIFY2(lines.contains("pong sent"), qPrintable(lines.join('\n')));
     QVERIFY2(lines.contains("sign-in: account logged_out, login waiting_code"), qPrintable(lines.join('\n')));
-    // No window can be raised yet, and the service says so rather than pretend.
-    QVERIFY2(lines.filter(QRegularExpression("^open: .+can’t bring a terminal window forward")).size() == 1,
+    // A session the service never saw run has no window to raise, and the service says so rather than pretend.
+    QVERIFY2(lines.filter(QRegularExpression("^open: .+doesn’t know yet where this session runs")).size() == 1,
         qPrintable(lines.join('\n')));
     // Starting the sign-in puts Claude Code's page on the account, and the feed says so.
     QVERIFY2(lines.filter(QRegularExpression("^message account ")).size() >= 1, qPrintable(lines.join('\n')));

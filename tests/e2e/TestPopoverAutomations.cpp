@@ -169,10 +169,10 @@ void TestPopoverAutomations::theRunningLineOpensItsSessionsTerminal()
     QCOMPARE(shown.value(u"help"_s).toString(), u"Click to open its terminal."_s);
     QCOMPARE(shown.value(u"sessionId"_s).toString(), u"s_auto"_s);
 
-    // The service's answer about that session (not a 404) is what proves the call came for it; no window
-    // can be raised yet, and the note says so.
+    // The service's answer about that session (not a 404) is what proves the call came for it: it never
+    // saw the session run, so it knows no window to raise, and the note says so.
     popover.openTerminal(shown.value(u"sessionId"_s).toString());
-    QTRY_VERIFY(live.model().noteText().contains(u"can’t bring a terminal window forward"_s));
+    QTRY_VERIFY(live.model().noteText().contains(u"doesn’t know yet where this session runs"_s));
 }
 
 TIDEWATCH_E2E_MAIN_WITH(QGuiApplication, TestPopoverAutomations)

@@ -11,6 +11,7 @@ import { checkHookEvent, HookEventError, MAX_ID_CHARS } from './hook-event.js';
 import { MAX_POLL_MS } from './approval-broker.js';
 import { answerFor } from './permission.js';
 import { TERM_ID } from '../terminals/shared-terminal.js';
+import { TTY } from '../windows/window-raiser-mac.js';
 import { HOOK_REPORT_PATH, TERM_HEADER, WAITING_EVENT } from './hook-settings.js';
 
 /** The largest payload a hook may post, in bytes; the hook cuts larger ones down first. */
@@ -20,6 +21,19 @@ export const MAX_HOOK_BODY_BYTES = 1024 * 1024;
 export const MAX_STATUS_BODY_BYTES = 64 * 1024;
 
 const REQUEST = /^[A-Za-z0-9-]{8,64}$/;
+
+/** A process id as the hook tells it: the agent's, on this machine. */
+const PID = /^[1-9][0-9]{0,9}$/;
+
+/** @return {AgentPlace|null} Where the hook said the agent runs, from its query. */
+function placeFrom(url) {
+  const pid = url.searchParams.get('pid');
+  const tty = url.searchParams.get('tty_path');
+  if (pid === null) return null;
+  if (!PID.test(pid) || !Number.isSafeInteger(Number(pid))) throw invalid('pid', '“pid” must be a process id.');
+  if (tty !== null && !TTY.test(tty)) throw invalid('tty_path', '“tty_path” must be a terminal device such as /dev/ttys003.');
+  return tty === null ? { pid: Number(pid) } : { pid: Number(pid), tty };
+}
 
 function checked(event) {
   try {
@@ -39,17 +53,23 @@ function checked(event) {
  * @param {Object} parts
  * @param {ClaudeAgent} parts.claude
  * @param {TerminalHub} [parts.terminals] Told which terminal a session runs in
+ * @param {AgentPlaces} [parts.places] Told which process runs a session
  */
-export function addClaudeRoutes(router, { claude, terminals = null }) {
-  const report = async (event, { tty, term }) => {
+export function addClaudeRoutes(router, { claude, terminals = null, places = null }) {
+  const report = async (event, { tty, term, place = null }) => {
     if (term !== null && !TERM_ID.test(term)) throw invalid('term', '“term” must be a terminal’s id: 32 hex digits.');
     await claude.hookEvent(event, { tty: tty || term !== null });
     if (term !== null) terminals?.link(event.session_id, term);
+    if (place !== null) places?.note(event.session_id, place);
   };
   router
     .add('POST', '/claude/hook', async ({ req, url }) => {
       const event = checked(await readJsonObject(req, MAX_HOOK_BODY_BYTES));
-      await report(event, { tty: url.searchParams.get('tty') === '1', term: url.searchParams.get('term') });
+      await report(event, {
+        tty: url.searchParams.get('tty') === '1',
+        term: url.searchParams.get('term'),
+        place: placeFrom(url),
+      });
       return { ok: true };
     })
     .add(
