@@ -114,10 +114,8 @@ void TestStreamingProcess::lines_data()
         << "printf '\\033[2K\\n   \\n\\t\\n\\nreal\\n\\033]0;t\\007\\r\\n\\033[0m'" << QStringList{"real"} << 0;
     QTest::newRow("error and output are one stream in order")
         << "echo first; echo second >&2; echo third; exit 2" << QStringList{"first", "second", "third"} << 2;
-    QTest::newRow("spaces and tabs are trimmed, inner ones kept")
-        << "printf ' \\t a  b \\t\\n'" << QStringList{"a  b"} << 0;
-    QTest::newRow("a last line without newline comes at the end")
-        << "echo first; printf '  last  '" << QStringList{"first", "last"} << 0;
+    QTest::newRow("a last line without newline comes at the end, trimmed of spaces and tabs, inner ones kept")
+        << "echo first; printf ' \\t last  line \\t'" << QStringList{"first", "last  line"} << 0;
     QTest::newRow("a character split across two writes arrives whole")
         << "printf 'caf\\303'; sleep 0.3; printf '\\251 ok\\n'" << QStringList{QStringLiteral("caf\u00E9 ok")} << 0;
     QTest::newRow("invalid bytes are repaired in their own line")

@@ -73,8 +73,6 @@ class TestClaudeSDK : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void sentences_data();
-    void sentences();
     void installedVersion_data();
     void installedVersion();
     void findsNpm();
@@ -84,53 +82,6 @@ private Q_SLOTS:
     void refusesWithoutLockOrNpm();
     void carriesOver();
 };
-
-void TestClaudeSDK::sentences_data()
-{
-    QTest::addColumn<QByteArray>("output");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<bool>("timedOut");
-    QTest::addColumn<QString>("sentence");
-
-    QTest::newRow("a refused registry is offline") << Fixture::sample("npm-econnrefused.txt") << 1 << false
-                                                   << "Tidewatch couldn’t reach npm: this computer looks offline (or a "
-                                                      "proxy is in the way). Fetch it again once it’s online.";
-    QTest::newRow("a missing package is npm's own words, cut at 160") << Fixture::sample("npm-e404.txt") << 1 << false
-                                                                      << QStringLiteral("npm stopped with an error (")
-            + QStringLiteral("E404: 404 Not Found - GET "
-                             "https://registry.npmjs.org/@anthropic-ai%2fclaude-agent-sdk-does-not-exist-xyz")
-                  .left(160)
-            + QStringLiteral("). Fetch it again in a moment.");
-    QTest::newRow("time ran out")
-        << QByteArray("ECONNREFUSED") << -1 << true
-        << "npm didn’t finish within 3 minutes. Check the internet connection, then fetch it again.";
-    QTest::newRow("a changed download")
-        << QByteArray("npm ERR! code EINTEGRITY\n") << 1 << false
-        << "The download didn’t match the checksum in the service’s package lock, so npm "
-           "threw it away. Fetch it again; if it keeps happening, your network may be "
-           "altering downloads.";
-    QTest::newRow("no right to write")
-        << QByteArray("npm error code EACCES\n") << 243 << false
-        << "npm wasn’t allowed to write in Tidewatch’s folder (~/app/daemon). Fetch it again; "
-           "if it keeps happening, check that folder’s owner.";
-    QTest::newRow("success without the package")
-        << QByteArray() << 0 << false << "npm finished, but Claude Code’s SDK 1.2.0 isn’t in the service’s folder.";
-    QTest::newRow("a failure that says nothing")
-        << QByteArray() << 1 << false << "npm stopped with an error (exit 1). Fetch it again in a moment.";
-    QTest::newRow("bookkeeping lines are passed over")
-        << QByteArray("npm error errno 1\nnpm error A complete log of this run\nnpm error something broke\n") << 1
-        << false << "npm stopped with an error (something broke). Fetch it again in a moment.";
-}
-
-void TestClaudeSDK::sentences()
-{
-    QFETCH(QByteArray, output);
-    QFETCH(int, status);
-    QFETCH(bool, timedOut);
-    QFETCH(QString, sentence);
-    const ShellResult result{status, QString(), QString::fromUtf8(output).trimmed(), timedOut};
-    QCOMPARE(ClaudeSDK::sentence(result, QStringLiteral("1.2.0"), timeLimit, QStringLiteral("~/app/daemon")), sentence);
-}
 
 void TestClaudeSDK::installedVersion_data()
 {

@@ -78,45 +78,16 @@ class TestDetection : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void versions_data();
-    void versions();
     void stableWinsButVersionedIsFirstInOrder();
     void serviceKeepsItsWorkingNodeAndMovesOffAGoneOne();
     void recordedPath_data();
     void recordedPath();
     void recordingIsAtomicAndRefusedWhenNotIsolated();
-    void loginShellOutput_data();
-    void loginShellOutput();
     void claudeAndCodex();
     void theRealClaudeCode();
     void signIn_data();
     void signIn();
 };
-
-void TestDetection::versions_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("parsed");
-
-    QTest::newRow("a plain release") << u"v22.18.0\n"_s << u"22.18.0"_s;
-    QTest::newRow("a version needs a minor") << u"v22"_s << u""_s;
-    QTest::newRow("a missing patch is 0") << u"v22.18"_s << u"22.18.0"_s;
-    QTest::newRow("a pre-release reads its number") << u"22.18.1-rc1"_s << u"22.18.1"_s;
-    QTest::newRow("a minor without digits becomes 0") << u"v22.x.5"_s << u"22.0.5"_s;
-    QTest::newRow("a major without digits is no version") << u"vx.1.2"_s << u""_s;
-    QTest::newRow("empty pieces are dropped") << u"22..18.3"_s << u"22.18.3"_s;
-    QTest::newRow("noise is no version") << u"command not found"_s << u""_s;
-}
-
-void TestDetection::versions()
-{
-    QFETCH(QString, text);
-    QFETCH(QString, parsed);
-    const std::optional<NodeVersion> version = NodeVersion::parse(text);
-    QCOMPARE(version ? version->toString() : QString(), parsed);
-    QVERIFY((NodeVersion{22, 18, 0}.meetsFloor()));
-    QVERIFY((!NodeVersion{22, 17, 9}.meetsFloor()));
-}
 
 void TestDetection::stableWinsButVersionedIsFirstInOrder()
 {
@@ -190,24 +161,6 @@ void TestDetection::recordingIsAtomicAndRefusedWhenNotIsolated()
         = machine.detection({{QStringLiteral("TIDEWATCH_LOCAL_PORT"), QStringLiteral("47371")}}).recordNodePath("/x");
     QVERIFY(refused);
     QVERIFY(refused->startsWith(QStringLiteral("This test copy needs ports of its own.")));
-}
-
-void TestDetection::loginShellOutput_data()
-{
-    QTest::addColumn<QString>("output");
-    QTest::addColumn<QString>("path");
-
-    QTest::newRow("a greeting before the path") << u"Welcome back!\n/opt/tools/claude\n"_s << u"/opt/tools/claude"_s;
-    QTest::newRow("a greeting after the path") << u"/opt/tools/claude\nHave a nice day\n"_s << u"/opt/tools/claude"_s;
-    QTest::newRow("the last path-like line wins") << u"/first/claude\n  /second/claude  \n"_s << u"/second/claude"_s;
-    QTest::newRow("an alias is no path") << u"claude: aliased to npx claude\n"_s << u""_s;
-}
-
-void TestDetection::loginShellOutput()
-{
-    QFETCH(QString, output);
-    QFETCH(QString, path);
-    QCOMPARE(Detection::pathFromShellOutput(output).value_or(QString()), path);
 }
 
 void TestDetection::claudeAndCodex()

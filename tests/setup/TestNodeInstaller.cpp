@@ -78,10 +78,6 @@ class TestNodeInstaller : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void releases_data();
-    void releases();
-    void checksums_data();
-    void checksums();
     void progress();
     void digestMatchesTheSystemTool();
     void installs();
@@ -96,61 +92,6 @@ void TestNodeInstaller::initTestCase()
 {
     // Downloads land in the temporary folder, where other suites running beside this one download too.
     qputenv("TMPDIR", QFile::encodeName(m_temporary.path()));
-}
-
-void TestNodeInstaller::releases_data()
-{
-    QTest::addColumn<QByteArray>("index");
-    QTest::addColumn<QString>("result");
-
-    const QString key = platform::nodeArchive().indexKey;
-    QTest::newRow("the first LTS without this machine's archive gives way to the next")
-        << indexOf(entry("v24.1.0", "\"Krypton\"", "win-x64-zip") + ',' + entry("v22.19.0", "\"Jod\"", key))
-        << "v22.19.0";
-    QTest::newRow("a release that isn't LTS is passed over")
-        << indexOf(entry("v25.0.0", "false", key) + ',' + entry("v22.18.0", "\"Jod\"", key)) << "v22.18.0";
-    QTest::newRow("the index's order decides, not the version")
-        << indexOf(entry("v22.18.1", "\"Jod\"", key) + ',' + entry("v24.0.0", "\"Krypton\"", key)) << "v22.18.1";
-    QTest::newRow("below the floor, though a release exists")
-        << indexOf(entry("v22.17.9", "\"Jod\"", key)) << "Couldn’t find a Node.js LTS release for this computer.";
-    QTest::newRow("not a list") << QByteArray(R"({"version":"v22.18.0"})")
-                                << "the Node.js site sent an unexpected release list.";
-    QTest::newRow("a list of something else")
-        << QByteArray("[1,2]") << "the Node.js site sent an unexpected release list.";
-}
-
-void TestNodeInstaller::releases()
-{
-    QFETCH(QByteArray, index);
-    QFETCH(QString, result);
-    const Outcome<Release> picked = pickRelease(index, QUrl(QStringLiteral("https://site.example")));
-    QCOMPARE(picked.ok() ? picked.value().version : picked.sentence(), result);
-    if (picked.ok()) {
-        QCOMPARE(picked.value().url.toString(),
-            "https://site.example/dist/" + result + "/node-" + result + '-' + platform::nodeArchive().system
-                + ".tar.gz");
-    }
-}
-
-void TestNodeInstaller::checksums_data()
-{
-    QTest::addColumn<QByteArray>("list");
-    QTest::addColumn<QString>("result");
-
-    QTest::newRow("upper case is lowered") << QByteArray("ABCDEF  node.tar.gz\n") << "abcdef";
-    QTest::newRow("a line of three fields doesn't count")
-        << QByteArray("aaaa  node.tar.gz  extra\nbbbb  node.tar.gz\n") << "bbbb";
-    QTest::newRow("the first matching line wins") << QByteArray("\n\ncccc node.tar.gz\ndddd node.tar.gz") << "cccc";
-    QTest::newRow("no line for the file")
-        << QByteArray("eeee  node.tar.gz.sig\n") << "the Node.js site’s checksum list has no entry for node.tar.gz.";
-}
-
-void TestNodeInstaller::checksums()
-{
-    QFETCH(QByteArray, list);
-    QFETCH(QString, result);
-    const Outcome<QString> digest = checksumFor(list, QStringLiteral("node.tar.gz"));
-    QCOMPARE(digest.ok() ? digest.value() : digest.sentence(), result);
 }
 
 void TestNodeInstaller::progress()

@@ -151,7 +151,6 @@ private Q_SLOTS:
     void workStoppingCoastsToTheRestFrameThenStopsTheTimer();
     void lockedStopsAtOnceAndUnlockedTurnsAgain();
     void reduceMotionBreathesInsteadOfTurning();
-    void aSecondWaitingThingGrowsTheItem();
     void theButtonIsTouchedOnlyOnAChange();
 
 private:
@@ -316,7 +315,7 @@ void TestMenuBarIconAnimator::reduceMotionBreathesInsteadOfTurning()
     QVERIFY(!icon.timerRunning());
 }
 
-void TestMenuBarIconAnimator::aSecondWaitingThingGrowsTheItem()
+void TestMenuBarIconAnimator::theButtonIsTouchedOnlyOnAChange()
 {
     MenuBarIconAnimator icon(m_clock);
     RecordingButton button;
@@ -325,6 +324,7 @@ void TestMenuBarIconAnimator::aSecondWaitingThingGrowsTheItem()
     icon.apply(seenLook());
     button.take();
 
+    // A second waiting thing grows the item.
     icon.apply(seenLook(0, 1));
     QCOMPARE(button.take(), (QStringList{"label Tidewatch: 1 needs you", "image spin-0-badge"}));
     icon.apply(seenLook(0, 2));
@@ -333,16 +333,9 @@ void TestMenuBarIconAnimator::aSecondWaitingThingGrowsTheItem()
     QCOMPARE(button.take(), (QStringList{"title 3", "label Tidewatch: 3 need you"}));
     icon.apply(seenLook());
     QCOMPARE(button.take(), (QStringList{"title ", "wide 0", "label Tidewatch", "image spin-0"}));
-}
 
-void TestMenuBarIconAnimator::theButtonIsTouchedOnlyOnAChange()
-{
-    MenuBarIconAnimator icon(m_clock);
-    RecordingButton button;
-    icon.setButton(&button);
     icon.apply(seenLook(1, 2));
     button.take();
-
     // The same look again, as a poll that found nothing new would bring.
     icon.apply(seenLook(1, 2));
     QCOMPARE(button.calls, QStringList());
