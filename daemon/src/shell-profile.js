@@ -115,6 +115,8 @@ export function changeProfile(file, change) {
   const next = change(text);
   if (next === text || (mode === null && next === '')) return;
   try {
+    // A home not made yet (a test copy's) gets its folder, private to the person.
+    if (mode === null) fs.mkdirSync(path.dirname(file), { recursive: true, mode: 0o700 });
     // A start file kept elsewhere behind a link (a dotfiles folder) stays there.
     writeFileAtomically(mode === null ? file : fs.realpathSync(file), next, mode ?? 0o644);
   } catch (error) {

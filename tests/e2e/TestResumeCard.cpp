@@ -103,7 +103,7 @@ void TestResumeCard::theButtonsCarryARealSessionOn()
     QString id;
     QTRY_VERIFY_WITH_TIMEOUT(
         [&] {
-            const QList<Session> sessions = live.model().snapshot().value_or(Snapshot{}).sessions;
+            const QList<Session> sessions = live.model().snapshot().value_or(Snapshot{}).sessions.items;
             if (sessions.isEmpty())
                 return false;
             id = sessions.first().id;
