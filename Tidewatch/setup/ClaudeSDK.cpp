@@ -15,8 +15,6 @@ namespace ClaudeSDK {
 
 namespace {
 
-const QString kPackage = QStringLiteral("@anthropic-ai/claude-agent-sdk");
-
 QString packageFolder(const QString& daemonFolder)
 {
     return daemonFolder + QStringLiteral("/node_modules/") + kPackage;

@@ -14,6 +14,9 @@
 /// without it still runs; a failure leaves a sentence, never a stop.
 namespace ClaudeSDK {
 
+/// The SDK's npm package, which the installer fetches apart from the service's other packages.
+inline const QString kPackage = QStringLiteral("@anthropic-ai/claude-agent-sdk");
+
 struct State {
     /// The pinned version; none when nothing is pinned.
     std::optional<QString> wanted;

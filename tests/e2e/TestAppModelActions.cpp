@@ -77,8 +77,10 @@ private:
 
 void TestAppModelActions::initTestCase()
 {
-    m_live = std::make_unique<LiveModel>();
-    QVERIFY(m_live->ok());
+    m_live = std::make_unique<LiveModel>(false);
+    // Signing in runs the pinned Claude Code's own sign-in.
+    QVERIFY2(m_live->usePinnedClaude(), "Claude Code isn’t installed for the tests (npm ci in daemon/test/tools)");
+    QVERIFY(m_live->restartService());
 }
 
 void TestAppModelActions::init()

@@ -3,7 +3,6 @@
 #include "LiveModel.h"
 #include "RealPlaces.h"
 
-#include <QFileInfo>
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <QTest>
@@ -25,11 +24,9 @@ private Q_SLOTS:
 void TestAppModelFeedSelfTest::aLiveFeedIsToldLineByLine()
 {
     // The pinned Claude Code, found by the service, runs its real sign-in (offline, in the test copy's home).
-    const QString pinned = QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/tools/node_modules/.bin");
-    if (!QFileInfo::exists(pinned + u"/claude"_s))
-        QSKIP("Claude Code isn’t installed for the tests (npm ci in daemon/test/tools).");
     LiveModel live(false);
-    live.service.setVariable(u"PATH"_s, pinned + u':' + qEnvironmentVariable("PATH"));
+    if (!live.usePinnedClaude())
+        QSKIP("Claude Code isn’t installed for the tests (npm ci in daemon/test/tools).");
     QVERIFY(live.restartService());
     const ServiceProcess& service = live.service;
     live.seed(R"([["/qa/sessions", {"id": "s1", "state": "idle"}],

@@ -206,7 +206,7 @@ void TestServiceInstallerSteps::updateKeepsTheSdk()
     }
 
     const LaunchResult result = run({QStringLiteral("--run-step"), QStringLiteral("service")});
-    QCOMPARE(result.code, 0);
+    QVERIFY2(result.code == 0, qPrintable(result.output));
     QVERIFY2(!result.output.contains(QStringLiteral("getting Node.js")), qPrintable(result.output));
     QVERIFY2(!result.output.contains(QStringLiteral("fetching")), qPrintable(result.output));
     QVERIFY(result.output.contains(QStringLiteral("  copying the daemon\n")));

@@ -7,6 +7,7 @@
 
 #include <QDateTime>
 #include <QDeadlineTimer>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QSignalSpy>
 #include <QTest>
@@ -20,6 +21,15 @@ LiveModel::LiveModel(bool startService)
 LiveModel::~LiveModel()
 {
     m_model.reset();
+}
+
+bool LiveModel::usePinnedClaude()
+{
+    const QString pinned = QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/tools/node_modules/.bin");
+    if (!QFileInfo::exists(pinned + QStringLiteral("/claude")))
+        return false;
+    service.setVariable(QStringLiteral("PATH"), pinned + u':' + qEnvironmentVariable("PATH"));
+    return true;
 }
 
 bool LiveModel::restartService()

@@ -19,6 +19,11 @@ public:
     explicit LiveModel(bool startService = true);
     ~LiveModel();
 
+    /// Puts the Claude Code pinned for the tests on the service's PATH, from
+    /// the next start on, so the service finds it (and runs its real sign-in,
+    /// offline, in the test copy's home). False when it isn't installed.
+    bool usePinnedClaude();
+
     /// True when the service runs.
     bool ok() const { return service.isRunning(); }
     /// Starts the service again after a stop.

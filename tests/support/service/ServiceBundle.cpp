@@ -1,5 +1,6 @@
 #include "ServiceBundle.h"
 
+#include "setup/ClaudeSDK.h"
 #include "setup/ServiceInstaller.h"
 
 #include <QDir>
@@ -7,6 +8,8 @@
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QThread>
 
 namespace {
@@ -25,8 +28,15 @@ QString makeServiceBundle(const ScratchFolder& scratch, const QString& relative)
     const QString bundle = scratch.file(relative + QStringLiteral("/"));
     QDir().mkpath(bundle);
     // The sources and the packages the service runs on (the SDK is fetched by the installer).
-    for (const QString& folder : {QStringLiteral("src"), QStringLiteral("bin"), QStringLiteral("node_modules/ws"),
-             QStringLiteral("node_modules/@xterm/headless")})
+    QStringList folders{QStringLiteral("src"), QStringLiteral("bin")};
+    QFile manifest(kSource + QStringLiteral("/package.json"));
+    manifest.open(QIODevice::ReadOnly);
+    const QJsonObject dependencies = QJsonDocument::fromJson(manifest.readAll())["dependencies"].toObject();
+    for (const QString& package : dependencies.keys()) {
+        if (package != ClaudeSDK::kPackage)
+            folders << QStringLiteral("node_modules/") + package;
+    }
+    for (const QString& folder : folders)
         copyFolder(kSource + QLatin1Char('/') + folder, bundle + QLatin1Char('/') + folder);
     for (const QString& file : {QStringLiteral("package.json"), QStringLiteral("package-lock.json"),
              QStringLiteral("sdk-version"), QStringLiteral(".tidewatch-build")})
