@@ -425,7 +425,7 @@ void TestServiceInstaller::anotherCopyOnThePortIsNamed()
 void TestServiceInstaller::withoutAUserSessionTheCommandGivenRunsTheService()
 {
     Rig rig;
-    rig.manager.dropBus(true);
+    rig.manager.dropBus();
     const Run run = installAll(rig.parts(), false);
     const QString opening = QStringLiteral(
         "This Linux has no systemd user session (a container or WSL may run without one), so nothing can keep the "
