@@ -50,7 +50,6 @@ function writeJson(file, value) {
 }
 
 const readJob = (name) => readJson(jobPath(name), null);
-const writeJob = (name, job) => writeJson(jobPath(name), job);
 const readRun = (name) => readJson(runPath(name), null);
 
 function alive(pid) {
@@ -106,8 +105,7 @@ async function supervise(name) {
   const job = readJob(name);
   let child = null;
   let stopping = false;
-  const publish = (extra = {}) =>
-    writeJson(runPath(name), { supervisor: process.pid, pid: child?.pid ?? 0, started: true, ...extra });
+  const publish = () => writeJson(runPath(name), { supervisor: process.pid, pid: child?.pid ?? 0, started: true });
 
   const launch = () => {
     const { program, args, cwd, env, log } = job.definition;
@@ -311,7 +309,7 @@ function load(name) {
     return;
   }
   const text = fs.readFileSync(file, 'utf8');
-  writeJob(name, { ...readJob(name), file, definition: parseUnit(text, file) });
+  writeJson(jobPath(name), { ...readJob(name), file, definition: parseUnit(text, file) });
 }
 
 async function systemctl(argv) {
@@ -383,7 +381,13 @@ async function systemctl(argv) {
         process.stderr.write(`Failed to ${verb} ${name}: Unit ${name} not found.\n`);
         return 5;
       }
-      if (refusing()) return jobFailed(name);
+      if (refusing()) {
+        process.stderr.write(
+          `Job for ${name} failed because the control process exited with error code.\n` +
+            `See "systemctl --user status ${name}" and "journalctl --user -xeu ${name}" for details.\n`,
+        );
+        return 1;
+      }
       if (verb === 'restart') await stopSupervisor(name);
       if (!running(name)) await startSupervisor(name);
       return 0;
@@ -415,14 +419,6 @@ async function systemctl(argv) {
   }
 }
 
-function jobFailed(name) {
-  process.stderr.write(
-    `Job for ${name} failed because the control process exited with error code.\n` +
-      `See "systemctl --user status ${name}" and "journalctl --user -xeu ${name}" for details.\n`,
-  );
-  return 1;
-}
-
 // ---- launchctl ----------------------------------------------------------------
 
 async function launchctl(argv) {
@@ -449,7 +445,7 @@ async function launchctl(argv) {
         process.stderr.write('Bootstrap failed: 5: Input/output error\n');
         return 5;
       }
-      writeJob(label, { file, definition });
+      writeJson(jobPath(label), { file, definition });
       if (definition.runAtLoad) await startSupervisor(label);
       return 0;
     }
