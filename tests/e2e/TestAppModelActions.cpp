@@ -118,8 +118,6 @@ void TestAppModelActions::aFailureSaysWhatDidntHappen_data()
                              << u"Couldn’t start signing in. Nope."_s;
     QTest::newRow("forget a device") << Action([](AppModel& m) { m.forgetDevice("d1", "Pixel 8"); })
                                      << u"DELETE /local/devices/d1"_s << u"Couldn’t forget Pixel 8. Nope."_s;
-    QTest::newRow("turn Codex on") << Action([](AppModel& m) { m.setCodexEnabled(true); }) << u"POST /local/settings"_s
-                                   << u"Couldn’t turn Codex on. Nope."_s;
     QTest::newRow("turn Codex off") << Action([](AppModel& m) { m.setCodexEnabled(false); })
                                     << u"POST /local/settings"_s << u"Couldn’t turn Codex off. Nope."_s;
     QTest::newRow("built-in Tailscale") << Action([](AppModel& m) { m.setBuiltInTailscale(true); })

@@ -9,6 +9,10 @@
 
 namespace {
 
+/// The snapshot read refused once, in plain text.
+const QJsonObject kBadGateway{
+    {"route", "GET /v1/snapshot"}, {"status", 502}, {"body", "bad gateway"}, {"contentType", "text/plain"}};
+
 /// The moments, in milliseconds since it was made, at which the model ended its reads.
 class ReadLog : public QObject
 {
@@ -97,9 +101,7 @@ void TestAppModelLoop::firstReadEndsTheFirstPollEvenWhenItFails()
         startService();
         // No feed either, so that the snapshot can only come from the read.
         m_service->qa("POST", "/qa/feed/refuse", QJsonObject({{"on", true}}));
-        m_service->qa("POST", "/qa/faults",
-            QJsonObject({{"route", "GET /v1/snapshot"}, {"status", 502}, {"body", "bad gateway"},
-                {"contentType", "text/plain"}}));
+        m_service->qa("POST", "/qa/faults", kBadGateway);
     }
     startModel();
     QSignalSpy firstPoll(m_model, &AppModel::firstPollDoneChanged);
@@ -215,9 +217,7 @@ void TestAppModelLoop::serviceGoneClearsThePictureAndItsReturnRestoresIt()
 {
     startSettled();
     // A refused snapshot read leaves its sentence beside the picture held.
-    m_service->qa("POST", "/qa/faults",
-        QJsonObject(
-            {{"route", "GET /v1/snapshot"}, {"status", 502}, {"body", "bad gateway"}, {"contentType", "text/plain"}}));
+    m_service->qa("POST", "/qa/faults", kBadGateway);
     m_model->read(false);
     QTRY_COMPARE_WITH_TIMEOUT(m_model->lastErrorText(), QStringLiteral("bad gateway"), 5000);
     QVERIFY(m_model->snapshot());

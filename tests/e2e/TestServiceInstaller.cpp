@@ -6,9 +6,11 @@
 #include "ServiceBundle.h"
 #include "ServiceProcess.h"
 
+#include "entry/Preferences.h"
 #include "setup/ClaudeSDK.h"
 #include "setup/ServiceInstaller.h"
 #include "setup/ServiceKeeper.h"
+#include "setup/Uninstaller.h"
 
 #include <QDir>
 #include <QEventLoop>
@@ -56,19 +58,23 @@ struct Rig {
         scratch.write(package + QStringLiteral("sdk.mjs"), {});
     }
 
-    Environment environment() const
+    /// Every user folder in the scratch home; a test copy of its own unless `testCopy` is false.
+    Environment environment(bool testCopy = true, const QHash<QString, QString>& extra = {}) const
     {
         const QString home = scratch.file(QStringLiteral("a home/"));
+        QHash<QString, QString> variables{{QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral(".local/share")},
+            {QStringLiteral("XDG_STATE_HOME"), home + QStringLiteral(".local/state")},
+            {QStringLiteral("XDG_CONFIG_HOME"), home + QStringLiteral(".config")}};
         // Blanks, quotes, a dollar sign and a percent sign: each means something
         // to systemd or a shell, and must reach the service as it is.
-        return Environment(
-            {{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("it's \"support\" $HOME %h"))},
-                {QStringLiteral("TIDEWATCH_API_PORT"), QString::number(ports.value(0))},
-                {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(ports.value(1))},
-                {QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral(".local/share")},
-                {QStringLiteral("XDG_STATE_HOME"), home + QStringLiteral(".local/state")},
-                {QStringLiteral("XDG_CONFIG_HOME"), home + QStringLiteral(".config")}},
-            QDir::cleanPath(home));
+        if (testCopy) {
+            variables.insert(
+                {{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("it's \"support\" $HOME %h"))},
+                    {QStringLiteral("TIDEWATCH_API_PORT"), QString::number(ports.value(0))},
+                    {QStringLiteral("TIDEWATCH_LOCAL_PORT"), QString::number(ports.value(1))}});
+        }
+        variables.insert(extra);
+        return Environment(variables, QDir::cleanPath(home));
     }
 
     ServiceInstaller::Parts parts() const
@@ -136,6 +142,45 @@ Run installAll(ServiceInstaller::Parts parts, bool realPauses = true)
     return run;
 }
 
+/// What an uninstall did by the app's own hands.
+struct Hands {
+    QStringList said;
+    int loginItemRemovals = 0;
+    int backpackRemovals = 0;
+    std::optional<QString> loginItemFailure;
+
+    Uninstaller::Hands hands()
+    {
+        return {[this] { ++backpackRemovals; },
+            [this] {
+                ++loginItemRemovals;
+                return loginItemFailure;
+            },
+            [this](const QString& line) { said << line; }};
+    }
+};
+
+/// Copied and written as an install leaves them, but never started: an
+/// environment that isn't a test copy has the real ports.
+ServiceInstaller placedDown(const Rig& rig, const Environment& environment)
+{
+    ServiceInstaller::Parts parts = rig.parts();
+    parts.environment = environment;
+    parts.tools = rig.manager.tools(Kind::Systemd);
+    // Down: and no probe ever goes to the real ports.
+    parts.health = [](double) { return std::optional<Health>(); };
+    ServiceInstaller installer(parts);
+    if (!environment.refusalSentence()) {
+        const bool copied = installer.copyDaemon().ok() && installer.writeJobFile(ServiceProcess::nodeProgram()).ok();
+        if (!copied)
+            QTest::qFail("the service couldn't be put in place", __FILE__, __LINE__);
+        QDir().mkpath(environment.nodeFolder() + QStringLiteral("/v22.23.3/bin"));
+        QDir().mkpath(environment.logFolder());
+        QFile(environment.daemonLog()).open(QIODevice::WriteOnly);
+    }
+    return installer;
+}
+
 } // namespace
 
 Q_DECLARE_METATYPE(Kind)
@@ -145,7 +190,8 @@ Q_DECLARE_METATYPE(Node)
 /// one that stays put, or nvm's), the daemon copied, a job started by a
 /// systemd or launchd that behaves like the real one — restarted, taken back
 /// after the manager let it go, and taken off again; and every failure on
-/// the way told in its sentence.
+/// the way told in its sentence; and the uninstall in its order, where what
+/// couldn't be done becomes a note and nothing stops the rest.
 class TestServiceInstaller : public QObject
 {
     Q_OBJECT
@@ -158,6 +204,9 @@ private Q_SLOTS:
     void aRefusedStartIsTriedFourTimes();
     void anotherCopyOnThePortIsNamed();
     void withoutAUserSessionTheCommandGivenRunsTheService();
+    void aDownServiceLeavesOneNoteAndTheRestGoes_data();
+    void aDownServiceLeavesOneNoteAndTheRestGoes();
+    void aCopyThatMayNotManageTouchesNothing();
 };
 
 void TestServiceInstaller::installRestartUninstall_data()
@@ -376,7 +425,7 @@ void TestServiceInstaller::anotherCopyOnThePortIsNamed()
 void TestServiceInstaller::withoutAUserSessionTheCommandGivenRunsTheService()
 {
     Rig rig;
-    rig.manager.dropBus(true);
+    rig.manager.dropBus();
     const Run run = installAll(rig.parts(), false);
     const QString opening = QStringLiteral(
         "This Linux has no systemd user session (a container or WSL may run without one), so nothing can keep the "
@@ -395,6 +444,58 @@ void TestServiceInstaller::withoutAUserSessionTheCommandGivenRunsTheService()
     ::kill(pid_t(pid), SIGTERM);
     QVERIFY2(health, qPrintable(installer.logTail(5).join(QLatin1Char('\n'))));
     QCOMPARE(listening, std::optional<int>(pid));
+}
+
+void TestServiceInstaller::aDownServiceLeavesOneNoteAndTheRestGoes_data()
+{
+    QTest::addColumn<bool>("deleteData");
+    QTest::newRow("data kept") << false;
+    QTest::newRow("data deleted when asked") << true;
+}
+
+void TestServiceInstaller::aDownServiceLeavesOneNoteAndTheRestGoes()
+{
+    QFETCH(bool, deleteData);
+    Rig rig;
+    const Environment environment = rig.environment(false);
+    ServiceInstaller installer = placedDown(rig, environment);
+    Preferences(environment).setFlag(Preferences::loginItemWanted, true);
+    Hands hands;
+    hands.loginItemFailure = QStringLiteral("the login items can’t be changed now");
+
+    const QStringList notes = Uninstaller(installer, hands.hands()).run(deleteData);
+    QCOMPARE(notes.size(), 1);
+    QVERIFY2(notes.first().startsWith(QStringLiteral("Tidewatch couldn’t remove its hooks from Claude Code (")),
+        qPrintable(notes.first()));
+    QVERIFY(notes.first().endsWith(QStringLiteral(
+        "). They point at Tidewatch’s local address, so they do nothing once the service is gone; install and "
+        "uninstall again to remove them cleanly.")));
+
+    // The rest went all the same.
+    QVERIFY(!QFileInfo::exists(installer.jobFile()));
+    QVERIFY(!QFileInfo::exists(environment.appFolder()));
+    QCOMPARE(hands.loginItemRemovals, 1);
+    QCOMPARE(hands.said,
+        QStringList{QStringLiteral("Tidewatch: login item change failed: the login items can’t be changed now")});
+    QCOMPARE(hands.backpackRemovals, 0);
+    QCOMPARE(QFileInfo::exists(environment.supportFolder()), !deleteData);
+    QCOMPARE(QFileInfo::exists(environment.nodeFolder()), !deleteData);
+    QCOMPARE(QFileInfo::exists(environment.logFolder()), !deleteData);
+    QVERIFY(!Preferences(environment).flag(Preferences::loginItemWanted));
+}
+
+void TestServiceInstaller::aCopyThatMayNotManageTouchesNothing()
+{
+    Rig rig;
+    const Environment environment
+        = rig.environment(false, {{QStringLiteral("TIDEWATCH_API_PORT"), QStringLiteral("47321")}});
+    const QString unit = rig.scratch.write(QStringLiteral("unit-of-someone-else"), "[Service]\n");
+    Hands hands;
+    QCOMPARE(Uninstaller(placedDown(rig, environment), hands.hands()).run(true),
+        QStringList{*environment.refusalSentence()});
+    QCOMPARE(hands.loginItemRemovals, 0);
+    QVERIFY(rig.manager.calls().isEmpty());
+    QVERIFY(QFileInfo::exists(unit));
 }
 
 TIDEWATCH_E2E_MAIN(TestServiceInstaller)

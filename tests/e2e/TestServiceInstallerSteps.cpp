@@ -18,6 +18,8 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
 #include <QSysInfo>
 #include <QTest>
@@ -48,7 +50,8 @@ QStringList lines(const QString& output)
 /// a service bundle of its own, installs its test copy's service from
 /// nothing (Node.js from a local site, the SDK from npm, a systemd that
 /// behaves like the real one), updates it, has the app's model find that
-/// its Node.js went away, repair and restart it, and takes it off again.
+/// its Node.js went away, repair and restart it, and takes it off again;
+/// and the Backpack steps on a scratch rule that the real visudo checks.
 class TestServiceInstallerSteps : public QObject
 {
     Q_OBJECT
@@ -64,9 +67,15 @@ private Q_SLOTS:
     void repairBringsBackAServiceWhoseNodeIsGone();
     void uninstallLeavesTheDataAndNothingElse();
     void sdkFetchCheckFetchesForReal();
+    void backpackRemoveRestoresWhatItFound_data();
+    void backpackRemoveRestoresWhatItFound();
+    void backpackSetUpTwiceAsksOnce();
 
 private:
     LaunchResult run(const QStringList& arguments, const QHash<QString, QString>& extra = {});
+    /// A Backpack step where nothing answers on the ports: the service is down throughout.
+    LaunchResult backpack(const QString& step, const QHash<QString, QString>& extra = {});
+    QString rule() const { return m_scratch->file(QStringLiteral("sudoers.d/tidewatch")); }
     Environment environment() const;
     ServiceInstaller installer() const;
 
@@ -98,6 +107,8 @@ void TestServiceInstallerSteps::initTestCase()
     preferences.setText(QStringLiteral("outsideTools/systemctl"), m_manager->systemctl());
     preferences.setText(QStringLiteral("outsideTools/serviceManager"), QStringLiteral("systemd"));
     preferences.setText(QStringLiteral("outsideTools/nodeFolders"), m_scratch->file(QStringLiteral("no-node")));
+    m_scratch->write(u"bin/pmset"_s,
+        QStringLiteral("#!/bin/sh\necho \"$@\" >> '%1'\n").arg(m_scratch->file(u"pmset-calls"_s)).toUtf8(), 0755);
 }
 
 void TestServiceInstallerSteps::cleanupTestCase()
@@ -133,34 +144,60 @@ LaunchResult TestServiceInstallerSteps::run(const QStringList& arguments, const 
     return launch(arguments, launchEnvironment(*m_scratch, variables), 150000, m_program);
 }
 
+LaunchResult TestServiceInstallerSteps::backpack(const QString& step, const QHash<QString, QString>& extra)
+{
+    QHash<QString, QString> variables{{u"TIDEWATCH_SUPPORT"_s, m_scratch->file(u"backpack"_s)},
+        {u"TIDEWATCH_API_PORT"_s, u"9"_s}, {u"TIDEWATCH_LOCAL_PORT"_s, u"9"_s}, {u"TIDEWATCH_SUDOERS"_s, rule()},
+        {u"TIDEWATCH_PMSET"_s, m_scratch->file(u"bin/pmset"_s)}};
+    variables.insert(extra);
+    return run({u"--run-step"_s, step}, variables);
+}
+
 void TestServiceInstallerSteps::refusalsComeFirst_data()
 {
     QTest::addColumn<QString>("step");
     QTest::addColumn<QString>("apiPort");
+    QTest::addColumn<QString>("sudoers");
+    QTest::addColumn<int>("code");
     QTest::addColumn<QString>("said");
 
     const QString ports = QStringLiteral(
         "FAILED: This test copy needs ports of its own. Set TIDEWATCH_API_PORT and TIDEWATCH_LOCAL_PORT to two other "
         "free ports (47371 and 47372, say) before it manages a background service.");
-    QTest::newRow("installing on the real port") << u"service"_s << u"47321"_s << ports;
-    QTest::newRow("uninstalling on the real port") << u"uninstall-service"_s << u"47321"_s << ports;
+    const QString none;
+    QTest::newRow("installing on the real port") << u"service"_s << u"47321"_s << none << 1 << ports;
+    QTest::newRow("uninstalling on the real port") << u"uninstall-service"_s << u"47321"_s << none << 1 << ports;
     QTest::newRow("an isolated test copy still leaves Claude Code's settings alone")
-        << u"integration"_s << QString() << QStringLiteral("FAILED: ") + ServiceSteps::integrationRefusal();
-    QTest::newRow("and phone access") << u"tailscale"_s << QString()
-                                      << QStringLiteral("FAILED: ") + ServiceSteps::tailscaleRefusal();
+        << u"integration"_s << none << none << 1 << u"FAILED: "_s + ServiceSteps::integrationRefusal();
+    QTest::newRow("and phone access") << u"tailscale"_s << none << none << 1
+                                      << u"FAILED: "_s + ServiceSteps::tailscaleRefusal();
+    // Every Backpack refusal is the setup's own test; here, that both steps stop on one before they act.
+    QTest::newRow("Backpack set up, a test copy on the real path")
+        << u"backpack"_s << none << none << 1
+        << u"FAILED: This is a test copy (a TIDEWATCH_ variable is set), so it leaves Backpack mode’s permission to "
+           "your real Tidewatch. Set TIDEWATCH_SUDOERS to a scratch path to test it."_s;
+    QTest::newRow("Backpack removed, into /etc")
+        << u"uninstall-backpack"_s << none << u"/etc/sudoers.d/tidewatch"_s << 1
+        << u"FAILED: TIDEWATCH_SUDOERS points into /etc: a test never touches sudo’s own folder."_s;
+    QTest::newRow("an unknown step names the known ones")
+        << u"backpak"_s << none << none << 64
+        << u"Unknown step 'backpak'. Use one of: service, integration, tailscale, uninstall-service, backpack, "
+           "uninstall-backpack"_s;
 }
 
 void TestServiceInstallerSteps::refusalsComeFirst()
 {
     QFETCH(QString, step);
     QFETCH(QString, apiPort);
+    QFETCH(QString, sudoers);
+    QFETCH(int, code);
     QFETCH(QString, said);
-    QHash<QString, QString> extra;
+    QHash<QString, QString> extra{{u"TIDEWATCH_SUDOERS"_s, sudoers}};
     if (!apiPort.isEmpty())
         extra.insert(QStringLiteral("TIDEWATCH_API_PORT"), apiPort);
     const LaunchResult result = run({QStringLiteral("--run-step"), step}, extra);
     QCOMPARE(result.output.trimmed(), said);
-    QCOMPARE(result.code, 1);
+    QCOMPARE(result.code, code);
     QVERIFY(m_manager->calls().isEmpty());
 }
 
@@ -303,6 +340,72 @@ void TestServiceInstallerSteps::sdkFetchCheckFetchesForReal()
         qPrintable(result.output));
     QCOMPARE(result.code, 0);
     QCOMPARE(ClaudeSDK::installedVersion(folder), std::optional<QString>(wanted));
+}
+
+void TestServiceInstallerSteps::backpackSetUpTwiceAsksOnce()
+{
+    const LaunchResult first = backpack(u"backpack"_s);
+    QCOMPARE(first.code, 0);
+    QCOMPARE(first.output,
+        QStringLiteral("Setting up Backpack mode: a sudoers rule for exactly pmset -a disablesleep 0 and 1…\n"
+                       "  rule  %1\n"
+                       "OK: set up (choose Backpack in the menu bar, on the phone or on the glasses)\n")
+            .arg(rule()));
+    QCOMPARE(fileMode(rule()), 0440);
+
+    // The second run finds the rule and runs no script.
+    const LaunchResult second = backpack(u"backpack"_s);
+    QCOMPARE(second.code, 0);
+    QVERIFY2(second.output.endsWith(QStringLiteral("OK: already set up\n")), qPrintable(second.output));
+}
+
+void TestServiceInstallerSteps::backpackRemoveRestoresWhatItFound_data()
+{
+    QTest::addColumn<QByteArray>("awake");
+    QTest::addColumn<QString>("announced");
+    QTest::addColumn<QByteArray>("pmsetCalls");
+    QTest::addColumn<QByteArray>("kept");
+
+    // Which saved values are worth restoring is the setup's own test; here, that the step restores and says so.
+    QTest::newRow("switched from 1: back to 1")
+        << QByteArray(R"({"mode":"backpack","until":1760007200,"minBattery":20,"backpack":{"prev":1,"applied":true}})")
+        << u"  SleepDisabled back to 1, as Backpack found it\n"_s << QByteArray("-a disablesleep 1\n")
+        << QByteArray(R"({"mode":"working","minBattery":20})");
+    QTest::newRow("not switched: nothing to restore")
+        << QByteArray(R"({"mode":"working","backpack":{"prev":0,"applied":false}})") << QString() << QByteArray()
+        << QByteArray(R"({"mode":"working"})");
+    QTest::newRow("no record at all") << QByteArray() << QString() << QByteArray() << QByteArray();
+}
+
+void TestServiceInstallerSteps::backpackRemoveRestoresWhatItFound()
+{
+    QFETCH(QByteArray, awake);
+    QFETCH(QString, announced);
+    QFETCH(QByteArray, pmsetCalls);
+    QFETCH(QByteArray, kept);
+    QFile calls(m_scratch->file(u"pmset-calls"_s));
+    QFile record(m_scratch->file(u"backpack/awake.json"_s));
+    calls.remove();
+    record.remove();
+
+    const LaunchResult absent = backpack(u"uninstall-backpack"_s);
+    QCOMPARE(absent.code, 0);
+    QCOMPARE(absent.output, QStringLiteral("OK: not set up\n"));
+    QCOMPARE(backpack(u"backpack"_s).code, 0);
+    if (!awake.isEmpty())
+        m_scratch->write(u"backpack/awake.json"_s, awake);
+    const LaunchResult removed = backpack(u"uninstall-backpack"_s);
+    QCOMPARE(removed.code, 0);
+    QCOMPARE(removed.output,
+        QStringLiteral("Removing Backpack mode’s rule (%1)…\n").arg(rule()) + announced
+            + QStringLiteral("OK: removed\n"));
+    QVERIFY(!QFile::exists(rule()));
+    QCOMPARE(calls.open(QIODevice::ReadOnly) ? calls.readAll() : QByteArray(), pmsetCalls);
+    // With the service down, its record loses Backpack here, privately.
+    QCOMPARE(record.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(record.readAll()).object() : QJsonObject(),
+        QJsonDocument::fromJson(kept).object());
+    if (!kept.isEmpty())
+        QCOMPARE(fileMode(record.fileName()), 0600);
 }
 
 TIDEWATCH_E2E_MAIN(TestServiceInstallerSteps)

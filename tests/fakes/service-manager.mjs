@@ -50,7 +50,6 @@ function writeJson(file, value) {
 }
 
 const readJob = (name) => readJson(jobPath(name), null);
-const writeJob = (name, job) => writeJson(jobPath(name), job);
 const readRun = (name) => readJson(runPath(name), null);
 
 function alive(pid) {
@@ -106,8 +105,7 @@ async function supervise(name) {
   const job = readJob(name);
   let child = null;
   let stopping = false;
-  const publish = (extra = {}) =>
-    writeJson(runPath(name), { supervisor: process.pid, pid: child?.pid ?? 0, started: true, ...extra });
+  const publish = () => writeJson(runPath(name), { supervisor: process.pid, pid: child?.pid ?? 0, started: true });
 
   const launch = () => {
     const { program, args, cwd, env, log } = job.definition;
@@ -231,14 +229,8 @@ function parseUnit(text, file) {
   return definition;
 }
 
-function unescapeXml(text) {
-  return text
-    .replace(/&lt;/g, '<')
-    .replace(/&gt;/g, '>')
-    .replace(/&quot;/g, '"')
-    .replace(/&apos;/g, "'")
-    .replace(/&amp;/g, '&');
-}
+const XML_ENTITIES = { lt: '<', gt: '>', quot: '"', apos: "'", amp: '&' };
+const unescapeXml = (text) => text.replace(/&(lt|gt|quot|apos|amp);/g, (whole, name) => XML_ENTITIES[name]);
 
 // The property list subset launch agents use: dict, array, string, integer, true, false.
 function parsePlist(text) {
@@ -305,20 +297,9 @@ function refusing() {
 
 // ---- systemctl --user -------------------------------------------------------
 
-function unitFolder() {
-  const config = process.env.XDG_CONFIG_HOME && path.isAbsolute(process.env.XDG_CONFIG_HOME)
-    ? process.env.XDG_CONFIG_HOME
-    : path.join(process.env.HOME ?? '/nonexistent', '.config');
-  return path.join(config, 'systemd', 'user');
-}
-
-/** Where a unit's file is, as the manager finds it: its own folder, then links. */
-function unitFile(name) {
-  const links = readJson(path.join(state, 'links.json'), {});
-  if (links[name]) return links[name].target;
-  const own = path.join(unitFolder(), name);
-  return fs.existsSync(own) ? own : null;
-}
+// Only linked units: a test copy never writes into the user's own unit folder.
+const readLinks = () => readJson(path.join(state, 'links.json'), {});
+const unitFile = (name) => readLinks()[name]?.target ?? null;
 
 function load(name) {
   const file = unitFile(name);
@@ -328,7 +309,7 @@ function load(name) {
     return;
   }
   const text = fs.readFileSync(file, 'utf8');
-  writeJob(name, { ...readJob(name), file, definition: parseUnit(text, file) });
+  writeJson(jobPath(name), { ...readJob(name), file, definition: parseUnit(text, file) });
 }
 
 async function systemctl(argv) {
@@ -348,8 +329,7 @@ async function systemctl(argv) {
     case 'daemon-reload': {
       const names = new Set([
         ...fs.readdirSync(path.join(state, 'jobs')).map((f) => f.replace(/\.json$/, '')),
-        ...Object.keys(readJson(path.join(state, 'links.json'), {})),
-        ...(fs.existsSync(unitFolder()) ? fs.readdirSync(unitFolder()).filter((f) => f.endsWith('.service')) : []),
+        ...Object.keys(readLinks()),
       ]);
       try {
         for (const name of names) load(name);
@@ -365,14 +345,10 @@ async function systemctl(argv) {
         return 1;
       }
       const name = path.basename(target);
-      const links = readJson(path.join(state, 'links.json'), {});
-      if (links[name] && links[name].target !== target) {
-        process.stderr.write(`Failed to link unit: File ${name} already exists and is a symlink to ${links[name].target}.\n`);
-        return 1;
-      }
-      if (!runtime && !links[name]) {
+      const links = readLinks();
+      if (!runtime) {
         // A persistent link would land in the user's own unit folder.
-        process.stderr.write(`fake systemctl: a persistent link would write into ${unitFolder()}; use --runtime\n`);
+        process.stderr.write('fake systemctl: a persistent link would write into the user\'s units; use --runtime\n');
         return 1;
       }
       links[name] = { target, runtime };
@@ -387,7 +363,7 @@ async function systemctl(argv) {
         process.stderr.write(`Failed to disable unit: Unit file ${name} does not exist.\n`);
         return 1;
       }
-      const links = readJson(path.join(state, 'links.json'), {});
+      const links = readLinks();
       if (links[name] && links[name].runtime === runtime) {
         delete links[name];
         writeJson(path.join(state, 'links.json'), links);
@@ -405,7 +381,13 @@ async function systemctl(argv) {
         process.stderr.write(`Failed to ${verb} ${name}: Unit ${name} not found.\n`);
         return 5;
       }
-      if (refusing()) return jobFailed(name);
+      if (refusing()) {
+        process.stderr.write(
+          `Job for ${name} failed because the control process exited with error code.\n` +
+            `See "systemctl --user status ${name}" and "journalctl --user -xeu ${name}" for details.\n`,
+        );
+        return 1;
+      }
       if (verb === 'restart') await stopSupervisor(name);
       if (!running(name)) await startSupervisor(name);
       return 0;
@@ -437,14 +419,6 @@ async function systemctl(argv) {
   }
 }
 
-function jobFailed(name) {
-  process.stderr.write(
-    `Job for ${name} failed because the control process exited with error code.\n` +
-      `See "systemctl --user status ${name}" and "journalctl --user -xeu ${name}" for details.\n`,
-  );
-  return 1;
-}
-
 // ---- launchctl ----------------------------------------------------------------
 
 async function launchctl(argv) {
@@ -457,10 +431,6 @@ async function launchctl(argv) {
   };
   switch (verb) {
     case 'bootstrap': {
-      if (target !== `gui/${uid}`) {
-        process.stderr.write('Bootstrap failed: 125: Domain does not support specified action\n');
-        return 125;
-      }
       let definition;
       let label;
       try {
@@ -475,7 +445,7 @@ async function launchctl(argv) {
         process.stderr.write('Bootstrap failed: 5: Input/output error\n');
         return 5;
       }
-      writeJob(label, { file, definition });
+      writeJson(jobPath(label), { file, definition });
       if (definition.runAtLoad) await startSupervisor(label);
       return 0;
     }
@@ -494,25 +464,18 @@ async function launchctl(argv) {
       const job = match && match[1] === uid ? readJob(match[2]) : null;
       if (!job) return notFound(match ? match[2] : target);
       const now = running(match[2]);
-      const lines = [
-        `${target} = {`,
-        '\tactive count = 1',
-        `\tpath = ${job.file}`,
-        '\ttype = LaunchAgent',
-        `\tstate = ${now?.pid ? 'running' : 'waiting'}`,
-        '',
-        `\tprogram = ${job.definition.program}`,
-      ];
+      const lines = [`${target} = {`, `\tpath = ${job.file}`, `\tstate = ${now?.pid ? 'running' : 'waiting'}`];
       if (now?.pid) lines.push(`\tpid = ${now.pid}`);
       lines.push('}');
       process.stdout.write(`${lines.join('\n')}\n`);
       return 0;
     }
     case 'kickstart': {
-      const match = parse(argv.includes('-k') ? argv[argv.indexOf('-k') + 1] : target);
-      if (!match || !readJob(match[2])) return notFound(match ? match[2] : target);
-      if (argv.includes('-k')) await stopSupervisor(match[2]);
-      if (!running(match[2])) await startSupervisor(match[2]);
+      // Always with -k: the running job is ended and started again.
+      const match = parse(file);
+      if (!match || !readJob(match[2])) return notFound(match ? match[2] : file);
+      await stopSupervisor(match[2]);
+      await startSupervisor(match[2]);
       return 0;
     }
     default:

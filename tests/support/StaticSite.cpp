@@ -12,10 +12,19 @@ StaticSite::StaticSite(QString root)
             auto* head = new QByteArray;
             connect(socket, &QTcpSocket::readyRead, socket, [this, socket, head] {
                 *head += socket->readAll();
-                if (head->contains("\r\n\r\n")) {
-                    serve(socket, *head);
-                    head->clear();
+                const qsizetype end = head->indexOf("\r\n\r\n");
+                if (end < 0)
+                    return;
+                qsizetype length = 0;
+                for (const QByteArray& line : head->left(end).split('\n')) {
+                    if (line.toLower().startsWith("content-length:"))
+                        length = line.mid(15).trimmed().toLongLong();
                 }
+                // The whole request, its body too, before the answer.
+                if (head->size() < end + 4 + length)
+                    return;
+                serve(socket, *head);
+                head->clear();
             });
             connect(socket, &QTcpSocket::disconnected, socket, [socket, head] {
                 delete head;
@@ -30,6 +39,7 @@ void StaticSite::serve(QTcpSocket* socket, const QByteArray& head)
     const QList<QByteArray> requestLine = head.left(head.indexOf("\r\n")).split(' ');
     const QString path = requestLine.size() >= 2 ? QString::fromUtf8(requestLine.at(1)) : QString();
     m_requests << path;
+    m_wire << head;
     int status = m_statuses.value(path, 0);
     QByteArray body;
     if (status == 0) {

@@ -18,6 +18,8 @@ public:
     void answer(const QString& path, int status) { m_statuses.insert(path, status); }
     /// The paths asked for, in order.
     const QStringList& requests() const { return m_requests; }
+    /// The requests as they came on the wire, head and body.
+    const QList<QByteArray>& wire() const { return m_wire; }
 
 private:
     void serve(QTcpSocket* socket, const QByteArray& head);
@@ -25,4 +27,5 @@ private:
     QString m_root;
     QHash<QString, int> m_statuses;
     QStringList m_requests;
+    QList<QByteArray> m_wire;
 };

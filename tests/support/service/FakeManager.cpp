@@ -20,20 +20,17 @@ QString shellWord(QString word)
 } // namespace
 
 FakeManager::FakeManager(const ScratchFolder& scratch)
-    : m_folder(scratch.file(QStringLiteral("service-manager")))
+    : m_scratch(scratch)
+    , m_folder(scratch.file(QStringLiteral("service-manager")))
 {
     QDir().mkpath(stateFolder());
     const QString script = QStringLiteral(TIDEWATCH_SOURCE_DIR "/tests/fakes/service-manager.mjs");
     for (const QString& tool : {QStringLiteral("systemctl"), QStringLiteral("launchctl")}) {
-        const QString path = m_folder + QStringLiteral("/bin/") + tool;
-        QDir().mkpath(QFileInfo(path).path());
-        QFile file(path);
-        file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-        file.write(QStringLiteral("#!/bin/sh\nFAKE_MANAGER_STATE=%1 exec %2 %3 %4 \"$@\"\n")
-                       .arg(shellWord(stateFolder()), shellWord(ServiceProcess::nodeProgram()), shellWord(script), tool)
-                       .toUtf8());
-        file.close();
-        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        scratch.write(QStringLiteral("service-manager/bin/") + tool,
+            QStringLiteral("#!/bin/sh\nFAKE_MANAGER_STATE=%1 exec %2 %3 %4 \"$@\"\n")
+                .arg(shellWord(stateFolder()), shellWord(ServiceProcess::nodeProgram()), shellWord(script), tool)
+                .toUtf8(),
+            0700);
     }
 }
 
@@ -69,22 +66,14 @@ OutsideTools FakeManager::tools(platform::ServiceManagerKind kind) const
     return tools;
 }
 
-void FakeManager::dropBus(bool dropped) const
+void FakeManager::dropBus() const
 {
-    const QString marker = stateFolder() + QStringLiteral("/no-bus");
-    if (dropped) {
-        QFile file(marker);
-        file.open(QIODevice::WriteOnly);
-    } else {
-        QFile::remove(marker);
-    }
+    m_scratch.write(QStringLiteral("service-manager/state/no-bus"), {});
 }
 
 void FakeManager::refuse(int count) const
 {
-    QFile file(stateFolder() + QStringLiteral("/refusals"));
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(QByteArray::number(count));
+    m_scratch.write(QStringLiteral("service-manager/state/refusals"), QByteArray::number(count));
 }
 
 QStringList FakeManager::calls() const

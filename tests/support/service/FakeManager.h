@@ -26,12 +26,13 @@ public:
     OutsideTools tools(platform::ServiceManagerKind kind) const;
 
     /// Answers as a machine without a user session of systemd does.
-    void dropBus(bool dropped) const;
+    void dropBus() const;
     /// The next `count` starts fail.
     void refuse(int count) const;
     /// Every call made, one per line, as "systemctl --user show …".
     QStringList calls() const;
 
 private:
+    const ScratchFolder& m_scratch;
     QString m_folder;
 };

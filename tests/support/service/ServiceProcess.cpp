@@ -161,34 +161,22 @@ QString ServiceProcess::token() const
     return QString::fromUtf8(file.readAll()).trimmed();
 }
 
-int ServiceProcess::call(const QByteArray& method, const QString& path, const QJsonValue& body, QJsonValue* reply) const
+QJsonValue ServiceProcess::qa(const QByteArray& method, const QString& path, const QJsonValue& body) const
 {
-    QByteArray payload;
-    if (!body.isUndefined())
-        payload = QJsonDocument::fromVariant(body.toVariant()).toJson(QJsonDocument::Compact);
+    const QByteArray payload = QJsonDocument::fromVariant(body.toVariant()).toJson(QJsonDocument::Compact);
     QByteArray replyBody;
     const QUrl url(QStringLiteral("http://127.0.0.1:%1%2").arg(m_localPort).arg(path));
     const int status
         = exchange(method, url, token().toUtf8(), body.isUndefined() ? nullptr : &payload, &replyBody, 10000);
-    if (reply) {
-        QJsonParseError error{};
-        const QJsonDocument document = QJsonDocument::fromJson(replyBody, &error);
-        *reply = document.isObject() ? QJsonValue(document.object())
-            : document.isArray()     ? QJsonValue(document.array())
-                                     : QJsonValue(QString::fromUtf8(replyBody));
-    }
-    return status;
-}
-
-QJsonValue ServiceProcess::qa(const QByteArray& method, const QString& path, const QJsonValue& body) const
-{
-    QJsonValue reply;
-    const int status = call(method, path, body, &reply);
+    const QJsonDocument document = QJsonDocument::fromJson(replyBody);
+    const QJsonValue reply = document.isObject() ? QJsonValue(document.object())
+        : document.isArray()                     ? QJsonValue(document.array())
+                                                 : QJsonValue(QString::fromUtf8(replyBody));
     if (status < 200 || status > 299) {
         QTest::qFail(qPrintable(QStringLiteral("%1 %2 answered %3: %4")
                                     .arg(QString::fromLatin1(method), path)
                                     .arg(status)
-                                    .arg(QString::fromUtf8(QJsonDocument::fromVariant(reply.toVariant()).toJson()))),
+                                    .arg(QString::fromUtf8(replyBody))),
             __FILE__, __LINE__);
     }
     return reply;

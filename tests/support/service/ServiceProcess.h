@@ -41,10 +41,7 @@ public:
     QString lastError() const { return m_lastError; }
 
     /// A call on the service's /qa interface (or any local route), with the
-    /// token. Gives the HTTP status and fills reply; status 0 when nothing answered.
-    int call(const QByteArray& method, const QString& path, const QJsonValue& body = QJsonValue::Undefined,
-        QJsonValue* reply = nullptr) const;
-    /// call() that must succeed; a failure is recorded as a test failure.
+    /// token, that must succeed; a failure is recorded as a test failure.
     QJsonValue qa(const QByteArray& method, const QString& path, const QJsonValue& body = QJsonValue::Undefined) const;
 
     /// True once every fault planted through /qa/faults has been used.
