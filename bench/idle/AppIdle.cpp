@@ -95,7 +95,7 @@ int runAppIdle(double seconds)
 
     const double before = residentMegabytes();
     for (int i = 0; i < 500; ++i)
-        service.call("POST", QStringLiteral("/qa/sessions"), session(i));
+        service.qa("POST", QStringLiteral("/qa/sessions"), session(i));
     if (!waitUntil([&] { return model.snapshot() && model.snapshot()->sessions.items.size() == 500; }, 30000)) {
         std::puts("FAILED: the 500 sessions never reached the model.");
         return 1;

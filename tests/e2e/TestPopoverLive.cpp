@@ -184,12 +184,17 @@ void TestPopoverLive::initTestCase()
 {
     QDesktopServices::setUrlHandler(u"https"_s, &m_browser, "open");
     QDesktopServices::setUrlHandler(u"http"_s, &m_browser, "open");
-    m_live = std::make_unique<LiveModel>();
-    QVERIFY(m_live->ok());
+    // Sign in runs the pinned Claude Code's own sign-in, offline, in the test copy's home.
+    m_live = std::make_unique<LiveModel>(false);
+    QVERIFY2(m_live->usePinnedClaude(), "Claude Code isn’t installed for the tests (npm ci in daemon/test/tools)");
+    QVERIFY(m_live->restartService());
     installServiceFolder();
 
     const QString expiry = QDateTime::currentDateTimeUtc().addSecs(5 * 86400 + 1800).toString(Qt::ISODateWithMs);
-    const QJsonObject local{{"claude", QJsonObject{{"path", "/usr/local/bin/claude"}, {"version", "2.1.0"}}},
+    const QJsonObject local{
+        {"claude",
+            QJsonObject{
+                {"path", TIDEWATCH_SOURCE_DIR "/daemon/test/tools/node_modules/.bin/claude"}, {"version", "2.1.0"}}},
         {"tailscale",
             QJsonObject{
                 {"installed", true}, {"running", true}, {"loggedIn", true}, {"serveOn", true}, {"keyExpiry", expiry}}}};
