@@ -12,6 +12,8 @@
 namespace {
 
 constexpr double kDefaultSeconds = 10;
+/// How long the feed is heard after the last answer, for the change it made; the service gathers changes for 100 ms.
+constexpr int kSettleMs = 500;
 
 QString plural(qsizetype count, const char* one, const char* many)
 {
@@ -126,16 +128,26 @@ int runFeedSelfTest(const Environment& environment, double seconds, bool signIn,
     bool wentLive = false;
     int messages = 0;
     bool actionsStarted = false;
+    // The listening is over once its time is up and every action has its answer (each call has its own limit).
+    bool listened = false;
+    int unanswered = 0;
+    // What an answer changed reaches the feed a moment after the answer itself.
+    const auto endIfDone = [&] {
+        if (listened && unanswered == 0)
+            QTimer::singleShot(kSettleMs, Qt::PreciseTimer, &loop, &QEventLoop::quit);
+    };
 
     // The actions wait for the first snapshot: it names the session to open.
     const auto startActions = [&](const Snapshot& snapshot) {
         actionsStarted = true;
         if (signIn) {
+            ++unanswered;
             client.request(DaemonClient::Method::Post, QStringLiteral("/v1/account/login"),
-                QJsonObject{{QStringLiteral("where"), QStringLiteral("mac")}}, 20,
-                [&print](DaemonResult<QByteArray> reply) {
+                QJsonObject{{QStringLiteral("where"), QStringLiteral("mac")}}, 20, [&](DaemonResult<QByteArray> reply) {
                     print(reply.ok() ? accountLine(reply.value())
                                      : QStringLiteral("sign-in: ") + reply.error().errorDescription());
+                    --unanswered;
+                    endIfDone();
                 });
         }
         if (open) {
@@ -143,11 +155,14 @@ int runFeedSelfTest(const Environment& environment, double seconds, bool signIn,
                 print(QStringLiteral("open: no session to open"));
             } else {
                 const QString id = snapshot.sessions.items.first().id;
+                ++unanswered;
                 client.request(DaemonClient::Method::Post,
                     QStringLiteral("/v1/sessions/") + DaemonClient::pathSegment(id) + QStringLiteral("/open"),
-                    std::nullopt, 15, [&print, id](DaemonResult<QByteArray> reply) {
+                    std::nullopt, 15, [&, id](DaemonResult<QByteArray> reply) {
                         print(reply.ok() ? openedLine(id, reply.value())
                                          : QStringLiteral("open: ") + reply.error().errorDescription());
+                        --unanswered;
+                        endIfDone();
                     });
             }
         }
@@ -166,7 +181,10 @@ int runFeedSelfTest(const Environment& environment, double seconds, bool signIn,
     });
     feed.setPongSink([&print] { print(QStringLiteral("pong sent")); });
 
-    QTimer::singleShot(int(listen * 1000), Qt::PreciseTimer, &loop, &QEventLoop::quit);
+    QTimer::singleShot(int(listen * 1000), Qt::PreciseTimer, &loop, [&] {
+        listened = true;
+        endIfDone();
+    });
     feed.start();
     loop.exec();
 

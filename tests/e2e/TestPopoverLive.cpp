@@ -360,7 +360,7 @@ void TestPopoverLive::theAccountButtonActsByItsKind()
         return;
     }
     QVERIFY(m_browser.opened.isEmpty());
-    QTRY_VERIFY_WITH_TIMEOUT(model().signingIn(), 5000);
+    QTRY_VERIFY_WITH_TIMEOUT(model().signingIn(), 20000);
     QTRY_VERIFY_WITH_TIMEOUT(Golden::containsRun(m_live->twin(), expected(u"account"_s, u"open"_s).mid(0, 2)), 5000);
 }
 
