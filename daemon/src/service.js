@@ -175,12 +175,13 @@ export async function startService({
   persister.addSection('claude', { save: () => claude.saved(), restore: (saved) => claude.restore(saved) });
   // Claude Code is looked for once the ports are open; a sign-in waits for that look.
   let claudeReady = Promise.resolve();
+  let claudeFound = null;
   const signIn = new ClaudeSignIn({
     state,
     claudeDir: path.dirname(claudeSettings),
     program: async () => {
       await claudeReady;
-      return state.localPart('claude')?.path ?? null;
+      return claudeFound?.path ?? null;
     },
     refreshAccount: () => claude.refreshAccount(),
     browser: !testCopy,
@@ -288,6 +289,7 @@ export async function startService({
   })
     .then((found) => {
       if (closing) return;
+      claudeFound = found;
       state.setLocalParts({ claude: found });
       integration.useHttp(takesHttpHooks(found.version) ? { port: ports.local, token: hookToken } : null);
     })

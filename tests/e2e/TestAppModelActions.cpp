@@ -1,4 +1,5 @@
 #include "LiveModel.h"
+#include "PinnedClaude.h"
 #include "RealPlaces.h"
 
 #include <QElapsedTimer>
@@ -79,7 +80,7 @@ void TestAppModelActions::initTestCase()
 {
     m_live = std::make_unique<LiveModel>(false);
     // Signing in runs the pinned Claude Code's own sign-in.
-    QVERIFY2(m_live->usePinnedClaude(), "Claude Code isn’t installed for the tests (npm ci in daemon/test/tools)");
+    QVERIFY2(m_live->usePinnedClaude(), PinnedClaude::kMissing);
     QVERIFY(m_live->restartService());
 }
 
@@ -209,7 +210,7 @@ void TestAppModelActions::aSuccessShowsItsEffect()
     QFETCH(QString, note);
     action(model());
     // As long as the app waits for the slowest of them: Claude Code's sign-in page, on a busy machine.
-    QTRY_VERIFY_WITH_TIMEOUT(effect(model()), 20000);
+    QTRY_VERIFY2_WITH_TIMEOUT(effect(model()), qPrintable(model().noteText()), 20000);
     QTRY_COMPARE_WITH_TIMEOUT(model().noteText(), note, 5000);
     QTest::qWait(300);
     QCOMPARE(model().noteText(), note);

@@ -1,5 +1,6 @@
 #include "ClaudeScenario.h"
 #include "LiveModel.h"
+#include "PinnedClaude.h"
 #include "RealPlaces.h"
 
 #include <QFile>
@@ -61,8 +62,8 @@ private Q_SLOTS:
 
 void TestClaudeCode::initTestCase()
 {
-    if (!QFileInfo::exists(QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/tools/node_modules/.bin/claude")))
-        QSKIP("Claude Code isn’t installed for the tests (npm ci in daemon/test/tools).");
+    if (!QFileInfo::exists(PinnedClaude::kProgram))
+        QSKIP(PinnedClaude::kMissing);
 }
 
 void TestClaudeCode::answerFromTheModel_data()

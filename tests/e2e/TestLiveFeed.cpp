@@ -1,3 +1,4 @@
+#include "PinnedClaude.h"
 #include "app/FeedSelfTest.h"
 #include "link/LiveFeed.h"
 
@@ -196,7 +197,7 @@ void TestLiveFeed::withoutATokenNothingIsHeard()
 void TestLiveFeed::theSelfTestTellsALiveFeedLineByLine()
 {
     if (!m_claude)
-        QSKIP("Claude Code isn’t installed for the tests (npm ci in daemon/test/tools).");
+        QSKIP(PinnedClaude::kMissing);
     m_live->seed(R"([["/qa/sessions", {"id": "s1", "state": "idle"}],
                      ["/qa/snapshot", {"account": {"state": "logged_out"}}]])");
     QTimer::singleShot(800, [this] { m_service->qa("POST", "/qa/feed/ping", QJsonObject{}); });

@@ -1,6 +1,7 @@
 #include "Golden.h"
 #include "Launch.h"
 #include "LiveModel.h"
+#include "PinnedClaude.h"
 #include "RealPlaces.h"
 #include "StaticSite.h"
 
@@ -186,15 +187,12 @@ void TestPopoverLive::initTestCase()
     QDesktopServices::setUrlHandler(u"http"_s, &m_browser, "open");
     // Sign in runs the pinned Claude Code's own sign-in, offline, in the test copy's home.
     m_live = std::make_unique<LiveModel>(false);
-    QVERIFY2(m_live->usePinnedClaude(), "Claude Code isn’t installed for the tests (npm ci in daemon/test/tools)");
+    QVERIFY2(m_live->usePinnedClaude(), PinnedClaude::kMissing);
     QVERIFY(m_live->restartService());
     installServiceFolder();
 
     const QString expiry = QDateTime::currentDateTimeUtc().addSecs(5 * 86400 + 1800).toString(Qt::ISODateWithMs);
-    const QJsonObject local{
-        {"claude",
-            QJsonObject{
-                {"path", TIDEWATCH_SOURCE_DIR "/daemon/test/tools/node_modules/.bin/claude"}, {"version", "2.1.0"}}},
+    const QJsonObject local{{"claude", QJsonObject{{"path", PinnedClaude::kProgram}, {"version", "2.1.0"}}},
         {"tailscale",
             QJsonObject{
                 {"installed", true}, {"running", true}, {"loggedIn", true}, {"serveOn", true}, {"keyExpiry", expiry}}}};

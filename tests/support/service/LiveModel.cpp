@@ -1,4 +1,5 @@
 #include "LiveModel.h"
+#include "PinnedClaude.h"
 
 #include "Fixture.h"
 #include "Launch.h"
@@ -25,10 +26,9 @@ LiveModel::~LiveModel()
 
 bool LiveModel::usePinnedClaude()
 {
-    const QString pinned = QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/tools/node_modules/.bin");
-    if (!QFileInfo::exists(pinned + QStringLiteral("/claude")))
+    if (!QFileInfo::exists(PinnedClaude::kProgram))
         return false;
-    service.setVariable(QStringLiteral("PATH"), pinned + u':' + qEnvironmentVariable("PATH"));
+    service.setVariable(QStringLiteral("PATH"), PinnedClaude::kFolder + u':' + qEnvironmentVariable("PATH"));
     return true;
 }
 
