@@ -118,7 +118,8 @@ export class SessionRunner {
    * @throws {HttpError} 409 while a turn is at work or in line
    */
   handOff(sessionId) {
-    if (this.#busy(sessionId)) throw new HttpError(409, 'busy', BUSY_FOR_TERMINAL);
+    // A turn whose result is in may still be closing, and writing the conversation.
+    if (this.#busy(sessionId) || this.#running.has(sessionId)) throw new HttpError(409, 'busy', BUSY_FOR_TERMINAL);
     if (this.#heldByTerminal(sessionId)) throw new HttpError(409, 'opening', IN_TERMINAL);
     const request = this.#kept.get(sessionId);
     this.#handedOff.set(sessionId, this.#now());
@@ -145,6 +146,7 @@ export class SessionRunner {
    */
   continue(sessionId, prompt) {
     if (this.#heldByTerminal(sessionId)) throw new HttpError(409, 'opening', IN_TERMINAL);
+    // A turn whose result is in may still be closing: the new one waits for it.
     if (this.#busy(sessionId)) throw new HttpError(409, 'busy', STILL_RUNNING);
     this.#state.patchSession(sessionId, (it) => ({ ...it, state: 'starting', lastActivityAt: this.#now() }));
     this.#line.push({ id: sessionId, prompt, resume: true });
@@ -158,10 +160,9 @@ export class SessionRunner {
     for (const run of this.#running.values()) run.stop();
   }
 
-  // A turn whose result is in may still be closing: it counts as at work.
   #busy(id) {
     const state = this.#state.session(id)?.state;
-    return this.#running.has(id) || ['starting', 'working', 'needs_you'].includes(state) || this.#line.some((turn) => turn.id === id);
+    return ['starting', 'working', 'needs_you'].includes(state) || this.#line.some((turn) => turn.id === id);
   }
 
   #heldByTerminal(id) {
