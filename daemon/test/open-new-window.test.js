@@ -12,7 +12,7 @@ import test from 'node:test';
 
 import { CONTINUE_PROMPT } from '../src/sessions/continuer.js';
 import { BUSY_FOR_TERMINAL, IN_TERMINAL } from '../src/sessions/session-runner.js';
-import { BAD_ID, NO_THREAD, resumeCommand } from '../src/windows/terminal-command.js';
+import { BAD_ID, existingProject, NO_THREAD, projectGone, resumeCommand } from '../src/windows/terminal-command.js';
 import { emulatorArguments, findEmulator } from '../src/windows/terminal-emulator.js';
 import { MacRaiser, OWN_ENV } from '../src/windows/window-raiser-mac.js';
 import { DAEMON, eventually, scratchFolder } from './helpers.js';
@@ -136,6 +136,24 @@ test('the terminal emulator is Debian’s choice, else $TERMINAL, else a common 
       const exists = (file) => on.some((each) => file === `/nowhere/bin/${each}`);
       const found = findEmulator({ PATH: '/nowhere/sbin:/nowhere/bin', ...env }, exists);
       assert.deepEqual(found && emulatorArguments(found.kind, '/p', ['/r', 'claude']), args && [...args, '/r', 'claude']);
+    });
+  }
+});
+
+test('a new window opens only in the session’s own folder, still there, for', async (t) => {
+  const folder = await scratchFolder(t);
+  fs.mkdirSync(path.join(folder, 'kept'));
+  fs.symlinkSync('/', path.join(folder, 'linked'));
+  const rows = [
+    ['the folder as it was', 'kept', null],
+    ['a folder gone', 'gone', projectGone(path.join(folder, 'gone'))],
+    ['a link put in its place', 'linked', projectGone(path.join(folder, 'linked'))],
+  ];
+  for (const [name, leaf, refused] of rows) {
+    await t.test(name, async () => {
+      const project = path.join(folder, leaf);
+      const got = await existingProject(project).catch((error) => error.message);
+      assert.equal(got, refused ?? project);
     });
   }
 });

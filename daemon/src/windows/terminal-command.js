@@ -41,12 +41,13 @@ export function resumeCommand({ relay, agent, program, sessionId, threadId = nul
 }
 
 /**
- * @param {string} project
+ * @param {string} project The session's folder, a real path
  * @return {Promise<string>} The folder, still there
- * @throws {HttpError} 409 when it is gone or no longer a folder
+ * @throws {HttpError} 409 when it is gone, or is no longer a folder itself
  */
 export async function existingProject(project) {
-  const stat = await fs.stat(project).catch(() => null);
+  // Kept as a real path when the session started: a link there now leads elsewhere.
+  const stat = await fs.lstat(project).catch(() => null);
   if (stat === null || !stat.isDirectory()) throw new HttpError(409, 'project_gone', projectGone(project));
   return project;
 }
