@@ -51,6 +51,14 @@ test(
     assert.deepEqual([opened.status, opened.json], [200, { app: 'XTerm', already: false }]);
     const comm = (pid) => fs.readFileSync(`/proc/${pid}/comm`, 'utf8').trim();
     await eventually(() => activePid() !== null && comm(activePid()) === 'xterm', 'the new xterm in front', 10000);
+    const xterm = activePid();
+    t.after(() => {
+      try {
+        process.kill(xterm, 'SIGKILL');
+      } catch {
+        // closed by the test
+      }
+    });
     const again = await open();
     assert.deepEqual([again.status, again.json.error?.message], [409, IN_TERMINAL], 'no second window while it opens');
     const shared = await eventually(async () => (await snapshot()).sessions.find((each) => each.term), 'its terminal shared', 30000);
@@ -67,6 +75,13 @@ test(
     );
     const raised = await open();
     assert.deepEqual([raised.status, raised.json.app], [200, 'XTerm'], 'once shared, its window is brought forward');
+
+    // Its window closed, the service carries the session on again itself.
+    process.kill(xterm, 'SIGTERM');
+    await eventually(async () => (await snapshot()).sessions[0].term === undefined, 'the terminal gone', 30000);
+    await eventually(async () => (await snapshot()).sessions[0].state === 'idle', 'the session at rest', 30000);
+    assert.equal((await service.post(`/v1/sessions/${session.id}/continue`, {})).status, 200);
+    await eventually(() => prompts(standIn).filter((each) => each === CONTINUE_PROMPT).length === 2, 'a turn of the service’s', 30000);
   },
 );
 

@@ -27,7 +27,7 @@ export const BUSY_FOR_TERMINAL =
   'This session is at work in Tidewatch; it can be opened in a terminal once its turn is done.';
 export const IN_TERMINAL = 'This session’s terminal window is still opening; it goes on there.';
 
-/** After a session is handed to a terminal, no turn of the service's starts for this long, in milliseconds. */
+/** After a session is handed to a terminal, no turn of the service's starts until the terminal shows, or for this long, in milliseconds. */
 export const HAND_OFF_MS = 60 * 1000;
 
 /**
@@ -72,6 +72,7 @@ export class SessionRunner {
     this.#sdk = sdk;
     this.#log = log;
     this.#now = now;
+    this.#state.on('change', this.#onChange);
   }
 
   /** @return {boolean} Whether the service runs this session. */
@@ -155,6 +156,7 @@ export class SessionRunner {
 
   /** Stops every turn; the sessions stay as they are. */
   close() {
+    this.#state.off('change', this.#onChange);
     this.#closed = true;
     this.#line = [];
     for (const run of this.#running.values()) run.stop();
@@ -164,6 +166,11 @@ export class SessionRunner {
     const state = this.#state.session(id)?.state;
     return ['starting', 'working', 'needs_you'].includes(state) || this.#line.some((turn) => turn.id === id);
   }
+
+  // Once the terminal shows on the session it holds it, and when it leaves, its agent has ended.
+  #onChange = ({ item }) => {
+    if (item?.kind === 'session' && item.value?.term !== undefined) this.#handedOff.delete(item.value.id);
+  };
 
   #heldByTerminal(id) {
     const at = this.#handedOff.get(id);
