@@ -56,7 +56,8 @@ export class LinuxRaiser {
     child.on('error', () => (failed = true));
     child.on('exit', (code) => (failed ||= code !== 0));
     child.unref();
-    for (let waited = 0; waited < NEW_WINDOW_WAIT_MS && !failed; waited += LOOK_EVERY_MS) {
+    const until = Date.now() + NEW_WINDOW_WAIT_MS;
+    while (Date.now() < until && !failed) {
       const window = await activateWindowOf(display, [[child.pid]]).catch(() => null);
       if (window !== null) return { app: window.app || emulator.kind, already: false };
       // An emulator that hands the window to its server (gnome-terminal) ends at once, content.
