@@ -85,8 +85,9 @@ import { VERSION } from './version.js';
  * @param {string|null} [options.shellHome=null] Whose start files get the
  *     shell integration; null changes none
  * @param {string} [options.shell='/bin/sh'] The login shell, which decides the start files
- * @param {string|null} [options.relay] The terminal relay the shell runs the
- *     agents through; the copy in the support folder's bin/ when null
+ * @param {string|null} [options.relay] The terminal relay the shell, and a
+ *     new window opened on a session the service ran, run the agents
+ *     through; the copy in the support folder's bin/ when null
  * @param {Object} [options.sessions] For tests: `checkEveryMs` (see Continuer)
  * @param {string} [options.home] The person's home folder, where the
  *     sessions the service starts must lie; the home it runs under by default
@@ -94,7 +95,8 @@ import { VERSION } from './version.js';
  *     agents it starts, before a request's own; its own by default
  * @param {function(): Promise<Object|null>} [options.agentSdk] Loads the agent SDK; for tests
  * @param {Object} [options.windows] For tests: `env`, where the screen
- *     (DISPLAY) is read (see window-raiser.js)
+ *     (DISPLAY) and the terminal emulator (PATH, TERMINAL) are found
+ *     (see window-raiser.js)
  * @param {string} [options.claudeSettings] Claude Code's user settings file;
  *     ~/.claude/settings.json of the home the service runs under
  * @param {Object} [options.claudeProgram] Where `claude` is looked for:
@@ -187,6 +189,7 @@ export async function startService({
     browser: !testCopy,
     log,
   });
+  const relayProgram = relay ?? path.join(support, 'bin', RELAY_NAME);
   const integration = new Integration({
     state,
     settingsFile: claudeSettings,
@@ -194,7 +197,7 @@ export async function startService({
     log,
     shell: {
       files: shellHome === null ? [] : profilesFor({ home: shellHome, shell }),
-      relay: relay ?? path.join(support, 'bin', RELAY_NAME),
+      relay: relayProgram,
     },
   });
   const faults = testCopy ? new FaultBook() : NO_FAULTS;
@@ -218,7 +221,8 @@ export async function startService({
   });
   const continuer = new Continuer({ state, terminals, runner, clock, log, ...sessionOptions });
   const places = new AgentPlaces();
-  const opener = new SessionOpener({ terminals, places, raiser: windowRaiser(process.platform, windowOptions) });
+  const raiser = windowRaiser(process.platform, windowOptions);
+  const opener = new SessionOpener({ terminals, places, raiser, runner, relay: relayProgram, support });
   keeper = new AwakeKeeper({
     state,
     support,

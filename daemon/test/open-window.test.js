@@ -4,7 +4,7 @@
 // opened is a refusal with its reason, never a success.
 
 import assert from 'node:assert/strict';
-import { spawn, spawnSync } from 'node:child_process';
+import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
 import path from 'node:path';
 import test from 'node:test';
@@ -13,41 +13,10 @@ import { raiseWords } from '../src/windows/raise-error.js';
 import { MacRaiser } from '../src/windows/window-raiser-mac.js';
 import { claudeFixture, DAEMON, eventually, scratchFolder, startScratchService } from './helpers.js';
 import { CLAUDE, claudeEnv, claudeHome, claudeInteractive, missingClaude, missingTmux, standInFor } from './support/claude-code.js';
+import { missingScreen, screen, started } from './support/x-screen.js';
 
 const LINUX = raiseWords('this computer');
 const FAKES = path.join(DAEMON, 'test', 'fakes');
-
-const missingScreen = () =>
-  ['Xvfb', 'xterm', 'openbox', 'xprop'].every((program) => spawnSync('sh', ['-c', `command -v ${program}`]).status === 0)
-    ? null
-    : 'Xvfb, xterm, openbox or xprop isn’t installed.';
-
-/** Starts a program for the test, killed after it. */
-function started(t, program, args, options) {
-  const child = spawn(program, args, { stdio: 'ignore', ...options });
-  child.on('error', () => {});
-  t.after(() => child.kill('SIGKILL'));
-  return child;
-}
-
-/** A virtual screen on a free display, with an EWMH window manager on it. */
-async function screen(t) {
-  const server = spawn('Xvfb', ['-displayfd', '3', '-screen', '0', '1024x768x24', '-nolisten', 'tcp'], {
-    stdio: ['ignore', 'ignore', 'ignore', 'pipe'],
-  });
-  t.after(() => server.kill('SIGKILL'));
-  const number = await new Promise((resolve, reject) => {
-    server.stdio[3].once('data', (chunk) => resolve(chunk.toString().trim()));
-    server.once('exit', () => reject(new Error('Xvfb ended before it gave its display.')));
-  });
-  const display = `:${number}`;
-  const xprop = (...args) => spawnSync('xprop', ['-display', display, ...args], { encoding: 'utf8' }).stdout ?? '';
-  started(t, 'openbox', [], { env: { ...process.env, DISPLAY: display } });
-  await eventually(() => /window id/.test(xprop('-root', '_NET_SUPPORTING_WM_CHECK')), 'the window manager', 10000);
-  const active = () => /window id # (0x[0-9a-f]+)/.exec(xprop('-root', '_NET_ACTIVE_WINDOW'))?.[1] ?? null;
-  const ownerOf = (window) => Number(/= (\d+)/.exec(xprop('-id', window, '_NET_WM_PID'))?.[1]);
-  return { display, activePid: () => (active() === null ? null : ownerOf(active())) };
-}
 
 const onlySession = async (service) =>
   eventually(async () => (await service.snapshot()).sessions?.[0], 'the session, from its hook', 30000);

@@ -13,40 +13,9 @@ import { DENY_MESSAGE } from '../src/claude/permission.js';
 import { CONTINUE_PROMPT } from '../src/sessions/continuer.js';
 import { IN_LINE, MAX_RUNNING } from '../src/sessions/session-runner.js';
 import { MAX_ALLOWED_TOOLS, MAX_ENV_VARS, MAX_PROMPT_CHARS } from '../src/sessions/session-request.js';
-import { eventually, scratchFolder, startScratchService } from './helpers.js';
-import { CLAUDE, claudeEnv, claudeHome, missingClaude, standInFor } from './support/claude-code.js';
-
-const PROVIDER_VARIABLES = ['ANTHROPIC_BASE_URL', 'ANTHROPIC_API_KEY'];
-
-// The service's home is the scratch folder, which holds the project; the
-// agent's environment is Claude Code's scratch home, and the request brings
-// the provider (the stand-in and its key) as a provider's environment.
-async function setUp(t, script, more = {}) {
-  const folder = await scratchFolder(t);
-  const standIn = await standInFor(t, script ?? {});
-  const { home, project } = claudeHome(folder, path.join(folder, 'support'));
-  const env = claudeEnv(home, standIn);
-  const provider = Object.fromEntries(PROVIDER_VARIABLES.map((name) => [name, env[name]]));
-  for (const name of PROVIDER_VARIABLES) delete env[name];
-  const service = await startScratchService(t, { folder, home: folder, agentEnv: env, claudeProgram: { named: CLAUDE }, ...more });
-  const target = path.join(project, 'made-by-claude');
-  standIn.script.tool = { name: 'Bash', input: { command: `touch ${target}`, description: 'Make a file' } };
-  if (script?.tool === null) standIn.script.tool = null;
-  const snapshot = async () => (await service.local('GET', '/v1/snapshot')).json;
-  const start = (body = {}) =>
-    service.local('POST', '/v1/sessions', { body: { project, prompt: 'make a file please', env: provider, ...body } });
-  return { folder, project, target, standIn, service, snapshot, start };
-}
-
-// The last prompt text of each main-loop request the stand-in had.
-const prompts = (standIn) =>
-  standIn.requests
-    .filter((request) => request.body?.tools?.length > 0)
-    .map((request) => {
-      const last = request.body.messages?.findLast((message) => message.role === 'user');
-      const blocks = typeof last?.content === 'string' ? [{ type: 'text', text: last.content }] : (last?.content ?? []);
-      return blocks.findLast((block) => block?.type === 'text' && !block.text.startsWith('<'))?.text?.trim();
-    });
+import { eventually } from './helpers.js';
+import { missingClaude } from './support/claude-code.js';
+import { prompts, setUp } from './support/service-sessions.js';
 
 const long = (n) => 'x'.repeat(n);
 

@@ -69,7 +69,9 @@ SessionStamp stamp(const Session& session, const QDateTime& now)
 
 bool opensTerminal(const Session& session)
 {
-    return session.term.has_value() || isCodexAgent(session);
+    // The service opens a new window on a session it started itself (origin mac, phone or automation).
+    const bool startedByService = session.origin && *session.origin != u"terminal"_s;
+    return session.term.has_value() || isCodexAgent(session) || startedByService;
 }
 
 QString openTitle(const Session& session)

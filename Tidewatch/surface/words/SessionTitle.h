@@ -28,7 +28,7 @@ QString title(const Session& session);
 std::optional<QString> place(const Session& session, const QString& home);
 QString stampHex(const QString& id);
 SessionStamp stamp(const Session& session, const QDateTime& now);
-/// A click on the row opens a terminal: it has one, or it is Codex's.
+/// A click on the row opens a terminal: it has one, it is Codex's, or the service started it.
 bool opensTerminal(const Session& session);
 /// The hover button: "Show" when a terminal is open on this computer, else "Open".
 QString openTitle(const Session& session);

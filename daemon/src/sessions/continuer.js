@@ -68,16 +68,17 @@ export class Continuer {
   }
 
   /**
-   * Types the continue prompt into the session's terminal, or gives it as a
-   * new turn to a session the service runs itself.
+   * Types the continue prompt into the session's shared terminal, or gives
+   * it as a new turn to a session the service runs itself.
    *
-   * @throws {HttpError} 409 when the session isn't in a shared terminal
+   * @throws {HttpError} 409 when the session is in no shared terminal, or
+   *     the service's own can't take a turn now
    */
   async continueNow(sessionId) {
+    // A session the service ran that a terminal took over goes on in that terminal.
+    if (await this.#terminals.type(sessionId, CONTINUE_PROMPT, { submit: true })) return;
     if (this.#runner?.owns(sessionId)) return this.#runner.continue(sessionId, CONTINUE_PROMPT);
-    if (!(await this.#terminals.type(sessionId, CONTINUE_PROMPT, { submit: true }))) {
-      throw new HttpError(409, 'not_shared', NOT_SHARED);
-    }
+    throw new HttpError(409, 'not_shared', NOT_SHARED);
   }
 
   /**

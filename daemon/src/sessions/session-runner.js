@@ -23,6 +23,12 @@ export const MAX_KEPT = 200;
 export const IN_LINE = `waiting in line: ${MAX_RUNNING} sessions are running`;
 export const STILL_RUNNING = 'This session is still at work; it can be continued once its turn is done.';
 export const FULL = 'Tidewatch keeps as many sessions as it can show, and none of them has ended.';
+export const BUSY_FOR_TERMINAL =
+  'This session is at work in Tidewatch; it can be opened in a terminal once its turn is done.';
+export const IN_TERMINAL = 'This session’s terminal window is still opening; it goes on there.';
+
+/** After a session is handed to a terminal, no turn of the service's starts until the terminal shows, or for this long, in milliseconds. */
+export const HAND_OFF_MS = 60 * 1000;
 
 /**
  * @typedef {Object} AgentRun One turn of an agent
@@ -41,6 +47,8 @@ export class SessionRunner {
   #sdk;
   #kept = new Map();
   #running = new Map();
+  /** session id → when a terminal was opened on it */
+  #handedOff = new Map();
   #line = [];
   #closed = false;
 
@@ -64,6 +72,7 @@ export class SessionRunner {
     this.#sdk = sdk;
     this.#log = log;
     this.#now = now;
+    this.#state.on('change', this.#onChange);
   }
 
   /** @return {boolean} Whether the service runs this session. */
@@ -101,15 +110,45 @@ export class SessionRunner {
   }
 
   /**
+   * Gives a session it ran to a terminal: what the terminal needs to resume
+   * its conversation. No turn of the service's starts on it for a while, so
+   * that the terminal's agent and the service never write it at once.
+   *
+   * @return {{agent: string, project: string, program: (string|null), env: Object<string, string>,
+   *     own: Object<string, string>, threadId: (string|null)}}
+   * @throws {HttpError} 409 while a turn is at work or in line
+   */
+  handOff(sessionId) {
+    // A turn whose result is in may still be closing, and writing the conversation.
+    if (this.#busy(sessionId) || this.#running.has(sessionId)) throw new HttpError(409, 'busy', BUSY_FOR_TERMINAL);
+    if (this.#heldByTerminal(sessionId)) throw new HttpError(409, 'opening', IN_TERMINAL);
+    const request = this.#kept.get(sessionId);
+    this.#handedOff.set(sessionId, this.#now());
+    const agent = request.agent ?? 'claude';
+    return {
+      agent,
+      project: request.project,
+      program: this.#programs[agent](),
+      env: { ...this.#env, ...request.env },
+      own: request.env,
+      threadId: this.#state.session(sessionId)?.codexThreadId ?? null,
+    };
+  }
+
+  /** A terminal couldn't be opened on the session after all: the service may go on with it. */
+  takeBack(sessionId) {
+    this.#handedOff.delete(sessionId);
+  }
+
+  /**
    * A new turn of a session it ran, in the same conversation.
    *
-   * @throws {HttpError} 409 while it is at work or in line
+   * @throws {HttpError} 409 while it is at work or in line, or just given to a terminal
    */
   continue(sessionId, prompt) {
+    if (this.#heldByTerminal(sessionId)) throw new HttpError(409, 'opening', IN_TERMINAL);
     // A turn whose result is in may still be closing: the new one waits for it.
-    const state = this.#state.session(sessionId)?.state;
-    if (['starting', 'working', 'needs_you'].includes(state) || this.#line.some((turn) => turn.id === sessionId))
-      throw new HttpError(409, 'busy', STILL_RUNNING);
+    if (this.#busy(sessionId)) throw new HttpError(409, 'busy', STILL_RUNNING);
     this.#state.patchSession(sessionId, (it) => ({ ...it, state: 'starting', lastActivityAt: this.#now() }));
     this.#line.push({ id: sessionId, prompt, resume: true });
     this.#next();
@@ -117,9 +156,28 @@ export class SessionRunner {
 
   /** Stops every turn; the sessions stay as they are. */
   close() {
+    this.#state.off('change', this.#onChange);
     this.#closed = true;
     this.#line = [];
     for (const run of this.#running.values()) run.stop();
+  }
+
+  #busy(id) {
+    const state = this.#state.session(id)?.state;
+    return ['starting', 'working', 'needs_you'].includes(state) || this.#line.some((turn) => turn.id === id);
+  }
+
+  // Once the terminal shows on the session it holds it, and when it leaves, its agent has ended.
+  #onChange = ({ item }) => {
+    if (item?.kind === 'session' && item.value?.term !== undefined) this.#handedOff.delete(item.value.id);
+  };
+
+  #heldByTerminal(id) {
+    const at = this.#handedOff.get(id);
+    if (at === undefined) return false;
+    if (this.#now() - at < HAND_OFF_MS) return true;
+    this.#handedOff.delete(id);
+    return false;
   }
 
   #keep(id, request) {
@@ -128,6 +186,7 @@ export class SessionRunner {
     const idle = [...this.#kept.keys()].find((each) => !this.#running.has(each) && !this.#line.some((t) => t.id === each));
     if (idle === undefined) return;
     this.#kept.delete(idle);
+    this.#handedOff.delete(idle);
     this.#claude.drive(idle, false);
   }
 

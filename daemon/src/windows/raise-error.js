@@ -16,5 +16,7 @@ export const raiseWords = (machine) => ({
   noScreen: `Tidewatch can’t reach the screen of ${machine}.`,
   noWindow: `No terminal window on ${machine} holds the session.`,
   unsupported: `Tidewatch can’t bring windows forward on ${machine}.`,
+  noEmulator: `No terminal app Tidewatch knows is installed on ${machine}.`,
+  notOpened: 'The terminal window couldn’t be opened.',
 });
 

@@ -7,6 +7,7 @@ import { execFile } from 'node:child_process';
 import { promisify } from 'node:util';
 
 import { RaiseError, raiseWords } from './raise-error.js';
+import { shellLine } from './terminal-command.js';
 
 const run = promisify(execFile);
 
@@ -57,12 +58,51 @@ export const RAISE_SCRIPT = [
   'end run',
 ];
 
+/** Opens a Terminal window running the shell line given as the script's argument. */
+export const NEW_WINDOW_SCRIPT = [
+  'on run argv',
+  'tell application "Terminal"',
+  'do script (item 1 of argv)',
+  'activate',
+  'end tell',
+  'return "Terminal"',
+  'end run',
+];
+
+/** Terminal's shell starts with the person's own environment, so a session's own can't go with it. */
+export const OWN_ENV =
+  'This session runs with settings of its own (a provider’s keys), which Tidewatch can’t hand to a Terminal window safely.';
+
 export class MacRaiser {
   #env;
 
   /** @param {Object} [options] @param {Object} [options.env=process.env] Where osascript is looked for (PATH) */
   constructor({ env = process.env } = {}) {
     this.#env = env;
+  }
+
+  /**
+   * Opens a new Terminal window whose shell runs the command in the folder.
+   *
+   * @param {{cwd: string, command: string[], exported: Object<string, string>, own: Object<string, string>}} launch
+   *     `exported`: variables that are no secret, set in the shell line;
+   *     `own`: the session's own environment, which can't be carried
+   * @return {Promise<{app: string, already: boolean}>}
+   * @throws {RaiseError}
+   */
+  async openNew({ cwd, command, exported = {}, own = {} }) {
+    if (Object.keys(own).length > 0) throw new RaiseError('own_env', OWN_ENV);
+    // The line is the run handler's argument: AppleScript never parses it, the shell does.
+    const line = shellLine(cwd, exported, command);
+    try {
+      await run('osascript', [...NEW_WINDOW_SCRIPT.flatMap((each) => ['-e', each]), line], {
+        timeout: OSASCRIPT_TIMEOUT_MS,
+        env: this.#env,
+      });
+    } catch {
+      throw new RaiseError('not_opened', WORDS.notOpened);
+    }
+    return { app: 'Terminal', already: false };
   }
 
   async raise({ tty }) {

@@ -20,6 +20,10 @@ class NoRaiser {
   async raise() {
     throw new RaiseError('unsupported', raiseWords('this computer').unsupported);
   }
+
+  async openNew() {
+    return this.raise();
+  }
 }
 
 /**
@@ -27,8 +31,10 @@ class NoRaiser {
  *
  * @param {string} [platform=process.platform]
  * @param {Object} [options] Passed to the side: `env` (where DISPLAY is read)
- * @return {{raise(place: AgentPlace): Promise<{app: string, already: boolean}>}}
- *     raise throws RaiseError when the window can't be brought forward
+ * @return {{raise(place: AgentPlace): Promise<{app: string, already: boolean}>,
+ *     openNew(launch: Object): Promise<{app: string, already: boolean}>}}
+ *     raise throws RaiseError when the window can't be brought forward,
+ *     openNew when a new terminal window can't be opened
  */
 export function windowRaiser(platform = process.platform, options = {}) {
   if (platform === 'linux') return new LinuxRaiser(options);
