@@ -38,7 +38,8 @@ std::optional<Account> Account::fromJson(const QJsonValue& value)
     // A shape this app doesn't know yet still says there is an account.
     if (!fields)
         return account;
-    if (std::optional<QString> state = fields->string("state"_L1))
+    // An empty word says no more about the account than no word at all.
+    if (std::optional<QString> state = fields->string("state"_L1); state && !state->isEmpty())
         account.state = std::move(*state);
     account.plan = fields->string("plan"_L1);
     account.limit = fields->record<Limit>("limit"_L1);

@@ -172,7 +172,7 @@ QByteArray mutateBytes(const QByteArray& sample, Rng& rng)
 {
     QByteArray bytes = sample;
     const auto at = [&] { return qsizetype(rng.below(int(bytes.size()) + 1)); };
-    switch (rng.below(5)) {
+    switch (rng.below(4)) {
     case 0:
         for (int flips = 1 + rng.below(8); flips > 0 && !bytes.isEmpty(); --flips)
             bytes[at() % bytes.size()] = char(rng.below(256));
@@ -181,11 +181,6 @@ QByteArray mutateBytes(const QByteArray& sample, Rng& rng)
         bytes.truncate(at());
         break;
     case 2: {
-        const qsizetype from = at();
-        bytes.remove(from, 1 + rng.below(200));
-        break;
-    }
-    case 3: {
         const qsizetype from = at();
         const QByteArray range = bytes.mid(from, 1 + rng.below(400));
         bytes.insert(at(), range);

@@ -206,6 +206,7 @@ void TestWireRecords::records_data()
         "limited, limit");
     row("an account state of another type is unknown", "account", R"({"state":7,"since":1760007200})",
         "unknown, since");
+    row("an empty account state is unknown", "account", R"({"state":"","plan":"max"})", "unknown");
     row("a new account state word is kept", "account", R"({"state":"paused_by_admin"})", "paused_by_admin");
     row("null is no account", "account", "null", "none");
     row("odd battery fields drop out one by one", "battery",

@@ -2,6 +2,7 @@
 #include "model/AppModel.h"
 #include "setup/LoginItem.h"
 
+#include "Golden.h"
 #include "ManualClock.h"
 #include "Offline.h"
 #include "ScratchFolder.h"
@@ -73,43 +74,17 @@ Environment TestLoginItem::copy(bool testCopy) const
 
 void TestLoginItem::theStartAndTheSwitchFollowThePerson_data()
 {
-    QTest::addColumn<bool>("testCopy");
-    QTest::addColumn<bool>("wanted");
-    QTest::addColumn<bool>("present");
-    QTest::addColumn<QString>("act");
-    QTest::addColumn<bool>("registered");
-    QTest::addColumn<bool>("enabled");
-    QTest::addColumn<bool>("stillWanted");
-
-    const QString start = u"start"_s;
-    QTest::newRow("start, wanted and lost: registered again")
-        << false << true << false << start << true << true << true;
-    QTest::newRow("start, never wanted: left off") << false << false << false << start << false << false << false;
-    QTest::newRow("start, wanted and there: left as it is") << false << true << true << start << true << true << true;
-    QTest::newRow("start, there though unwanted: found, not removed")
-        << false << false << true << start << true << true << false;
-    QTest::newRow("start, a test copy never registers, even when wanted")
-        << true << true << false << start << false << false << true;
-    QTest::newRow("start, a test copy never counts the person's item as its own")
-        << true << true << true << start << true << false << true;
-    QTest::newRow("on: the entry is written and the wish kept")
-        << false << false << false << u"on"_s << true << true << true;
-    QTest::newRow("off: the entry goes, and the wish with it")
-        << false << true << true << u"off"_s << false << false << false;
-    QTest::newRow("on again changes nothing but stays on") << false << true << true << u"on"_s << true << true << true;
-    QTest::newRow("on in a test copy touches nothing") << true << false << false << u"on"_s << false << false << false;
-    QTest::newRow("off in a test copy leaves the person's entry and its own wish")
-        << true << true << true << u"off"_s << true << false << true;
+    Golden::addRows({u"login-item.txt"_s});
 }
 
 void TestLoginItem::theStartAndTheSwitchFollowThePerson()
 {
-    QFETCH(bool, testCopy);
-    QFETCH(bool, wanted);
-    QFETCH(bool, present);
-    QFETCH(QString, act);
-    const Environment environment = copy(testCopy);
-    Preferences(environment).setFlag(Preferences::loginItemWanted, wanted);
+    QFETCH(QString, input);
+    const QStringList in = Golden::parts(input);
+    const QString& act = in.at(0);
+    const bool present = in.at(3) == u"there"_s;
+    const Environment environment = copy(in.at(1) == u"test copy"_s);
+    Preferences(environment).setFlag(Preferences::loginItemWanted, in.at(2) == u"wanted"_s);
     if (present)
         m_scratch->write(u"config/autostart/tidewatch.desktop"_s, "[Desktop Entry]\nName=the person's own\n", 0644);
 
@@ -123,9 +98,11 @@ void TestLoginItem::theStartAndTheSwitchFollowThePerson()
         enabled = model.loginItemEnabled();
         QCOMPARE(notes.count(), 0);
     }
-    QTEST(QFile::exists(entry()), "registered");
-    QTEST(enabled, "enabled");
-    QTEST(Preferences(environment).flag(Preferences::loginItemWanted), "stillWanted");
+    const bool stillWanted = Preferences(environment).flag(Preferences::loginItemWanted);
+    QTEST(QStringList({QFile::exists(entry()) ? u"registered"_s : u"none"_s, enabled ? u"enabled"_s : u"off"_s,
+                          stillWanted ? u"still wanted"_s : u"unwanted"_s})
+              .join(u", "_s),
+        "expected");
     QFile kept(entry());
     if (kept.open(QIODevice::ReadOnly) && (act == u"start"_s || !present)) {
         // The start leaves the person's own entry as it was; one written here opens this program.

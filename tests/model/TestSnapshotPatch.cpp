@@ -49,84 +49,64 @@ void TestSnapshotPatch::patch_data()
     QTest::addColumn<QByteArray>("after");
     QTest::addColumn<bool>("changed");
 
+    // The base, the frame, and the base with `key` set to `part` after it ("" takes the key out).
+    const auto row = [](const char* name, const char* frame, const char* key, const QByteArray& part) {
+        QTest::newRow(name) << kBase << QByteArray(frame) << baseWith(QString::fromLatin1(key), part) << true;
+    };
+    const auto same = [](const char* name, const char* frame, const QByteArray& before = kBase) {
+        QTest::newRow(name) << before << QByteArray(frame) << before << false;
+    };
     const QByteArray none;
-    QTest::newRow("a changed session keeps its place in the list")
-        << kBase << QByteArray(R"({"t":"session","session":{"id":"s2","state":"needs_you"}})")
-        << baseWith(
-               "sessions", R"([{"id":"s1","state":"idle"},{"id":"s2","state":"needs_you"},{"id":"s3","state":"idle"}])")
-        << true;
-    QTest::newRow("a new session goes last")
-        << kBase << QByteArray(R"({"t":"session","session":{"id":"s0","state":"starting"}})")
-        << baseWith("sessions",
-               R"([{"id":"s1","state":"idle"},{"id":"s2","state":"working"},{"id":"s3","state":"idle"},)"
-               R"({"id":"s0","state":"starting"}])")
-        << true;
-    QTest::newRow("the same session again changes nothing")
-        << kBase << QByteArray(R"({"t":"session","session":{"id":"s3","state":"idle"}})") << kBase << false;
-    QTest::newRow("a session whose block doesn't read arrives without it")
-        << kBase << QByteArray(R"({"t":"session","session":{"id":"s3","state":"idle","blocked":"soon"}})") << kBase
-        << false;
-    QTest::newRow("a changed approval is replaced where it stands")
-        << kBase << QByteArray(R"({"t":"approval","approval":{"id":"ap1","sessionId":"s1","kind":"plan"}})")
-        << baseWith("approvals",
-               R"([{"id":"ap1","sessionId":"s1","kind":"plan"},{"id":"ap2","sessionId":"s2","kind":"question"}])")
-        << true;
-    QTest::newRow("a new approval goes last")
-        << kBase << QByteArray(R"({"t":"approval","approval":{"id":"ap3"}})")
-        << baseWith("approvals",
-               R"([{"id":"ap1","sessionId":"s1","kind":"tool"},{"id":"ap2","sessionId":"s2","kind":"question"},)"
-               R"({"id":"ap3"}])")
-        << true;
-    QTest::newRow("approval.resolved takes out that approval alone")
-        << kBase
-        << QByteArray(R"({"t":"approval.resolved","id":"ap1","sessionId":"s1","decision":"allow","by":"phone"})")
-        << baseWith("approvals", R"([{"id":"ap2","sessionId":"s2","kind":"question"}])") << true;
-    QTest::newRow("approval.resolved of an approval not held changes nothing")
-        << kBase << QByteArray(R"({"t":"approval.resolved","id":"ap9"})") << kBase << false;
-    QTest::newRow("usage is replaced whole") << kBase << QByteArray(R"({"t":"usage","usage":{"sevenDay":{"pct":80}}})")
-                                             << baseWith("usage", R"({"sevenDay":{"pct":80}})") << true;
-    QTest::newRow("account is replaced whole")
-        << kBase << QByteArray(R"({"t":"account","account":{"state":"logged_out"}})")
-        << baseWith("account", R"({"state":"logged_out"})") << true;
-    QTest::newRow("an account that doesn't read is an unknown one")
-        << kBase << QByteArray(R"({"t":"account","account":7})") << baseWith("account", R"({"state":"unknown"})")
-        << true;
-    QTest::newRow("battery null clears the battery")
-        << kBase << QByteArray(R"({"t":"battery","battery":null})") << baseWith("mac", R"({"id":"m1"})") << true;
-    QTest::newRow("battery without the key changes nothing")
-        << kBase << QByteArray(R"({"t":"battery"})") << kBase << false;
-    QTest::newRow("a battery that doesn't read hides it")
-        << kBase << QByteArray(R"({"t":"battery","battery":{"percent":"low"}})") << baseWith("mac", R"({"id":"m1"})")
-        << true;
+    row("a changed session keeps its place in the list", R"({"t":"session","session":{"id":"s2","state":"needs_you"}})",
+        "sessions", R"([{"id":"s1","state":"idle"},{"id":"s2","state":"needs_you"},{"id":"s3","state":"idle"}])");
+    row("a new session goes last", R"({"t":"session","session":{"id":"s0","state":"starting"}})", "sessions",
+        R"([{"id":"s1","state":"idle"},{"id":"s2","state":"working"},{"id":"s3","state":"idle"},)"
+        R"({"id":"s0","state":"starting"}])");
+    same("the same session again changes nothing", R"({"t":"session","session":{"id":"s3","state":"idle"}})");
+    same("a session whose block doesn't read arrives without it",
+        R"({"t":"session","session":{"id":"s3","state":"idle","blocked":"soon"}})");
+    row("a changed approval is replaced where it stands",
+        R"({"t":"approval","approval":{"id":"ap1","sessionId":"s1","kind":"plan"}})", "approvals",
+        R"([{"id":"ap1","sessionId":"s1","kind":"plan"},{"id":"ap2","sessionId":"s2","kind":"question"}])");
+    row("a new approval goes last", R"({"t":"approval","approval":{"id":"ap3"}})", "approvals",
+        R"([{"id":"ap1","sessionId":"s1","kind":"tool"},{"id":"ap2","sessionId":"s2","kind":"question"},)"
+        R"({"id":"ap3"}])");
+    row("approval.resolved takes out that approval alone",
+        R"({"t":"approval.resolved","id":"ap1","sessionId":"s1","decision":"allow","by":"phone"})", "approvals",
+        R"([{"id":"ap2","sessionId":"s2","kind":"question"}])");
+    same("approval.resolved of an approval not held changes nothing", R"({"t":"approval.resolved","id":"ap9"})");
+    row("usage is replaced whole", R"({"t":"usage","usage":{"sevenDay":{"pct":80}}})", "usage",
+        R"({"sevenDay":{"pct":80}})");
+    row("account is replaced whole", R"({"t":"account","account":{"state":"logged_out"}})", "account",
+        R"({"state":"logged_out"})");
+    row("an account that doesn't read is an unknown one", R"({"t":"account","account":7})", "account",
+        R"({"state":"unknown"})");
+    row("battery null clears the battery", R"({"t":"battery","battery":null})", "mac", R"({"id":"m1"})");
+    same("battery without the key changes nothing", R"({"t":"battery"})");
+    row("a battery that doesn't read hides it", R"({"t":"battery","battery":{"percent":"low"}})", "mac",
+        R"({"id":"m1"})");
     QTest::newRow("a battery on a snapshot without a mac gives it one")
         << baseWith("mac", "") << QByteArray(R"({"t":"battery","battery":{"percent":12}})")
         << baseWith("mac", R"({"battery":{"percent":12}})") << true;
-    QTest::newRow("clearing a battery that isn't there changes nothing")
-        << baseWith("mac", "") << QByteArray(R"({"t":"battery","battery":null})") << baseWith("mac", "") << false;
-    QTest::newRow("awake sets the Mac's awake state")
-        << kBase << QByteArray(R"({"t":"awake","awake":{"mode":"backpack","holding":true}})")
-        << baseWith("mac",
-               R"({"id":"m1","battery":{"percent":64,"charging":false},"awake":{"mode":"backpack","holding":true}})")
-        << true;
-    QTest::newRow("codex null clears Codex")
-        << kBase << QByteArray(R"({"t":"codex","codex":null})") << baseWith("codex", "") << true;
-    QTest::newRow("codex without the key changes nothing") << kBase << QByteArray(R"({"t":"codex"})") << kBase << false;
-    QTest::newRow("a Codex record of odd fields still arrives")
-        << kBase << QByteArray(R"({"t":"codex","codex":{"available":"yes","enabled":true,"version":"0.170.0"}})")
-        << baseWith("codex", R"({"enabled":true,"version":"0.170.0"})") << true;
-    QTest::newRow("providers replace the list")
-        << kBase << QByteArray(R"({"t":"providers","providers":[{"id":"p2","name":"Two","kind":"openrouter"}]})")
-        << baseWith("providers", R"([{"id":"p2","name":"Two","kind":"openrouter"}])") << true;
+    same("clearing a battery that isn't there changes nothing", R"({"t":"battery","battery":null})",
+        baseWith("mac", ""));
+    row("awake sets the Mac's awake state", R"({"t":"awake","awake":{"mode":"backpack","holding":true}})", "mac",
+        R"({"id":"m1","battery":{"percent":64,"charging":false},"awake":{"mode":"backpack","holding":true}})");
+    row("codex null clears Codex", R"({"t":"codex","codex":null})", "codex", "");
+    same("codex without the key changes nothing", R"({"t":"codex"})");
+    row("a Codex record of odd fields still arrives",
+        R"({"t":"codex","codex":{"available":"yes","enabled":true,"version":"0.170.0"}})", "codex",
+        R"({"enabled":true,"version":"0.170.0"})");
+    row("providers replace the list", R"({"t":"providers","providers":[{"id":"p2","name":"Two","kind":"openrouter"}]})",
+        "providers", R"([{"id":"p2","name":"Two","kind":"openrouter"}])");
     QTest::newRow("a snapshot replaces everything")
         << kBase << QByteArray(R"({"t":"snapshot","snapshot":{"sessions":[{"id":"s9"}]}})")
         << QByteArray(R"({"sessions":[{"id":"s9"}]})") << true;
     QTest::newRow("a snapshot where there was none")
         << none << QByteArray(R"({"t":"snapshot","snapshot":{"sessions":[]}})") << QByteArray(R"({"sessions":[]})")
         << true;
-    QTest::newRow("a session with no snapshot to patch changes nothing")
-        << none << QByteArray(R"({"t":"session","session":{"id":"s1"}})") << none << false;
-    QTest::newRow("devices, like the guide and speech-to-text, are not the snapshot's")
-        << kBase << QByteArray(R"({"t":"devices"})") << kBase << false;
+    same("a session with no snapshot to patch changes nothing", R"({"t":"session","session":{"id":"s1"}})", none);
+    same("devices, like the guide and speech-to-text, are not the snapshot's", R"({"t":"devices"})");
 }
 
 void TestSnapshotPatch::patch()

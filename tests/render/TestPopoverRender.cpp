@@ -1,5 +1,6 @@
 #include "surface/PopoverRender.h"
 
+#include "Golden.h"
 #include "ScratchFolder.h"
 #include "model/AppModel.h"
 
@@ -35,57 +36,17 @@ private Q_SLOTS:
 
 void TestPopoverRender::samplesReadInOrder_data()
 {
-    QTest::addColumn<QString>("sample");
-    QTest::addColumn<QStringList>("lines");
-    QTest::addColumn<QStringList>("absent");
-
-    QTest::newRow("checking says only that") << "checking" << QStringList{"Checking the background service…"}
-                                             << QStringList{"SESSIONS", "Testing checklist"};
-    QTest::newRow("a service that is down is the whole page")
-        << "service-down"
-        << QStringList{"The background service isn’t answering.",
-               "Your phone can’t reach your sessions until it’s back. Restarting usually fixes it; shared terminals "
-               "keep running."}
-        << QStringList{"SESSIONS"};
-    QTest::newRow("not set up") << "not-set-up" << QStringList{"Tidewatch isn’t set up on this computer yet."}
-                                << QStringList{"SESSIONS"};
-    QTest::newRow("the approval stands first, its answers in order")
-        << "working-with-approval"
-        << QStringList{"1 WAITING", "Bash", "$ npm test -- --runInBand upload", "Allow", "Always", "Deny", "SESSIONS",
-               "1 needs you", "2 working", "Fix flaky upload retry test", "Migrate settings to the new store"}
-        << QStringList{"all quiet"};
-    QTest::newRow("a question is answered where it was asked")
-        << "ask"
-        << QStringList{"Export one file per month, or one for the whole year?", "under 1m left", "Open terminal"}
-        << QStringList{"Allow"};
-    QTest::newRow("an answer folds in place")
-        << "folded-answer" << QStringList{"Allowed", "Ship the hotfix"} << QStringList{"Allow", "1 WAITING"};
-    QTest::newRow("a button with nothing to open yet isn't drawn")
-        << "idle" << QStringList{"Pair your phone to get started", "Testing checklist", "Quit"}
-        << QStringList{"Pair", "Pair another phone", "Settings"};
-    QTest::newRow("a quiet page") << "idle" << QStringList{"SESSIONS", "all quiet", "Tidy the release notes", "Done"}
-                                  << QStringList{"1 WAITING"};
-    QTest::newRow("the session limit, and the week's pace")
-        << "limits-with-pace"
-        << QStringList{"session limit until 8:56 AM", "5-hour window: limit reached, resets in 50 minutes."}
-        << QStringList{};
-    QTest::newRow("Codex beside Claude Code: both sets of meters")
-        << "codex-beside"
-        << QStringList{"Port the parser to Rust", "Claude 5-hour window 22% used, resets in 3 hours 20 minutes.",
-               "Codex 5-hour window 48% used, resets in 2 hours 13 minutes."}
-        << QStringList{};
-    QTest::newRow("Backpack with its battery level")
-        << "backpack"
-        << QStringList{"Plug it in or its sessions stop.", "52m left at this rate.", "STAY AWAKE", "While working",
-               "Backpack", "Off", "Let it sleep at 20 percent battery"}
-        << QStringList{"Keep working with the lid closed."};
+    Golden::addRows({QStringLiteral("popover-samples.txt")});
 }
 
 void TestPopoverRender::samplesReadInOrder()
 {
-    QFETCH(QString, sample);
-    QFETCH(QStringList, lines);
-    QFETCH(QStringList, absent);
+    QFETCH(QString, input);
+    QFETCH(QString, expected);
+    const QString& sample = input;
+    const QStringList lines = expected.section(QStringLiteral(" | not: "), 0, 0).split(QStringLiteral(" / "));
+    const QStringList absent
+        = expected.section(QStringLiteral(" | not: "), 1, 1).split(QStringLiteral(" / "), Qt::SkipEmptyParts);
     ScratchFolder scratch;
     const Environment environment(
         {{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("support"))}}, scratch.path());

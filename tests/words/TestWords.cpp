@@ -1,0 +1,368 @@
+#include "awake/AwakeWords.h"
+#include "link/Account.h"
+#include "link/Approval.h"
+#include "link/AutomationsSnapshot.h"
+#include "link/AutomationsStatus.h"
+#include "link/Awake.h"
+#include "link/Battery.h"
+#include "link/Codex.h"
+#include "link/Session.h"
+#include "surface/words/AccountWords.h"
+#include "surface/words/ApprovalWords.h"
+#include "surface/words/BatteryWords.h"
+#include "surface/words/CaptureReport.h"
+#include "surface/words/ConnectionPill.h"
+#include "workflows/AutomationWords.h"
+#include "workflows/AutomationsState.h"
+#include "workflows/WorkflowWords.h"
+
+#include "Fixture.h"
+#include "Golden.h"
+#include "GoldenTest.h"
+
+#include <QHash>
+#include <QJsonArray>
+#include <limits>
+
+using namespace Qt::StringLiterals;
+
+// The golden files of the smaller word modules, each read by its own render.
+namespace {
+
+const QString kNone = u"—"_s;
+const QLocale kUs(u"en_US"_s);
+
+QString accountWords(const QString& section, const QStringList& in)
+{
+    const QString flags = in.value(1);
+    if (section == u"card"_s || section == u"button"_s) {
+        const Account account = Fixture::record<Account>(in.at(0).toUtf8());
+        const QLocale locale(flags == u"de_DE"_s ? flags : u"en_US"_s);
+        const std::optional<AccountContent> card = AccountWords::content(account, Fixture::now(), locale,
+            flags.contains(u"signing in"_s), flags.contains(u"beside"_s), flags.contains(u"setup"_s));
+        if (!card)
+            return kNone;
+        if (section == u"card"_s) {
+            return QStringList{
+                card->title, card->detail.value_or(kNone), card->amber ? u"amber"_s : u"plain"_s, card->help}
+                .join(u" | "_s);
+        }
+        if (!card->action)
+            return kNone;
+        static const QStringList acts{u"opens "_s, u"signs in"_s, u"brings Setup forward"_s};
+        return *card->action + u", "_s + acts.at(int(*card->act))
+            + (card->act == AccountContent::Act::Open ? card->url.toString() : QString())
+            + (card->busy ? u", spinning"_s : QString());
+    }
+    if (section == u"key"_s)
+        return AccountWords::key(Fixture::record<Account>(in.at(0).toUtf8()));
+    if (section == u"codexAccount"_s) {
+        const Codex codex = Fixture::record<Codex>(R"({"available":true,"account":)" + in.at(0).toUtf8() + "}");
+        return AccountWords::codexAccountWords(codex).value_or(kNone);
+    }
+    const Codex codex = Fixture::record<Codex>(in.at(0).toUtf8());
+    if (section == u"codex"_s) {
+        const std::optional<CodexCardWords> card = AccountWords::codexCard(codex);
+        return card ? card->title + (card->raisesDot ? u", dot | "_s : u", no dot | "_s) + card->detail : kNone;
+    }
+    if (section == u"codexCard"_s) {
+        const std::optional<CodexAccountCardWords> card = AccountWords::codexAccountCard(codex, true);
+        // Where Claude Code leads, Codex never shows a card of its own.
+        if (AccountWords::codexAccountCard(codex, false))
+            return u"a card beside Claude Code"_s;
+        return card ? QStringList{card->line, card->action, card->key, card->help}.join(u" | "_s) : kNone;
+    }
+    if (section == u"codexLine"_s) {
+        const std::optional<CodexLine> line = AccountWords::codexLine(codex, flags == u"beside"_s);
+        if (!line)
+            return kNone;
+        return (line->label.isEmpty() ? QString() : line->label + u": "_s) + line->text
+            + (line->ink == Ink::Amber ? u" (amber) | "_s : u" (secondary) | "_s) + line->spoken;
+    }
+    return u"no words for the section "_s + section;
+}
+
+QString approvalWords(const QString& section, const QStringList& in)
+{
+    const auto approval = [&] { return Fixture::record<Approval>(in.at(0).toUtf8()); };
+    const bool asks = section == u"ask"_s;
+    const std::optional<Session> session
+        = asks || section == u"terminal"_s ? Fixture::maybe<Session>(in.value(asks ? 1 : 0).toUtf8()) : std::nullopt;
+    if (section == u"command"_s) {
+        const CommandWell well = ApprovalWords::commandWell(approval());
+        return ApprovalWords::toolName(approval()) + u" | "_s + well.prompt + u' ' + well.text;
+    }
+    if (section == u"buttons"_s) {
+        QStringList said;
+        for (const ApprovalButton& button : ApprovalWords::buttons(approval()))
+            said << button.title + (button.help.isEmpty() ? QString() : u" ("_s + button.help + u')');
+        return said.join(u" + "_s);
+    }
+    if (section == u"ask"_s)
+        return ApprovalWords::askSummary(approval(), session ? &*session : nullptr);
+    if (section == u"expiry"_s) {
+        Approval a;
+        if (!in.at(0).isEmpty())
+            a.expiresAt = Fixture::at(in.at(0).toDouble());
+        const std::optional<ExpiryWords> words = ApprovalWords::expiry(a, Fixture::now());
+        if (!words)
+            return kNone;
+        const bool amber = words->ink == Ink::Amber;
+        return words->text + u" | "_s + words->badge + (amber ? u" | amber"_s : u" | muted"_s)
+            + (amber == words->emphasised ? QString() : u" but not emphasised alike"_s);
+    }
+    if (section == u"folded"_s) {
+        Approval a;
+        if (!in.at(0).isEmpty())
+            a.kind = in.at(0);
+        return ApprovalWords::foldedWords(a, in.at(1));
+    }
+    if (section == u"waiting"_s) {
+        const qsizetype count = in.at(0).toLongLong();
+        return ApprovalWords::waitingHeading(count) + u" | "_s + ApprovalWords::moreWaiting(count).value_or(kNone);
+    }
+    if (section == u"terminal"_s) {
+        const TerminalAnswerWords words
+            = ApprovalWords::terminalAnswer(session ? &*session : nullptr, in.value(1) == u"paired"_s);
+        return words.text + u" | "_s + words.action;
+    }
+    return u"no words for the section "_s + section;
+}
+
+AutomationsState automations(const QString& source, const QString& text)
+{
+    if (source == u"status"_s)
+        return AutomationsState::fromStatus(Fixture::record<AutomationsStatus>(text.toUtf8()));
+    return AutomationsState::fromSnapshot(Fixture::record<AutomationsSnapshot>(text.toUtf8()));
+}
+
+QString listed(const QStringList& items)
+{
+    return items.isEmpty() ? kNone : items.join(u", "_s);
+}
+
+QString known(const AutomationsState& state)
+{
+    QStringList next, running;
+    for (const AutomationsState::Next& one : state.upcoming)
+        next << one.name;
+    for (const AutomationsState::Running& one : state.running) {
+        running << one.name + (one.sessionId ? u" in "_s + *one.sessionId : QString())
+                + (one.needsYou ? u" needing you"_s : QString());
+    }
+    QStringList said{QString::number(state.count) + (state.paused ? u", paused"_s : QString()),
+        u"on "_s + (state.enabled ? QString::number(*state.enabled) : u"?"_s), u"next "_s + listed(next),
+        u"running "_s + listed(running), u"features "_s + (state.features ? state.features->join(u',') : u"?"_s)};
+    if (!state.eventNames.isEmpty())
+        said << u"events "_s + listed(state.eventNames);
+    return said.join(u" | "_s);
+}
+
+QString automationLine(const AutomationsState& state)
+{
+    const std::optional<AutomationWords::Line> line = AutomationWords::line(state, Fixture::now(), kUs);
+    if (!line)
+        return kNone;
+    static const QStringList kinds{u"paused"_s, u"running"_s, u"next"_s, u"ready"_s};
+    QStringList said{
+        kinds.at(int(line->kind)) + u": "_s + line->text, line->figure ? line->figure->text : kNone, line->help};
+    if (line->needsYou)
+        said << u"needs you"_s;
+    if (line->tag)
+        said << *line->tag;
+    if (line->action)
+        said << *line->action;
+    return said.join(u" | "_s);
+}
+
+QString automationWords(const QString& section, const QStringList& in)
+{
+    if (section == u"state"_s)
+        return known(automations(in.at(0), in.at(1)));
+    if (section == u"run ask"_s) {
+        const AutomationsState s = automations(u"snapshot"_s,
+            uR"({"features":["steps","ask"],"list":[{"id":"au_a","name":"A","lastRun":)"_s + in.at(0) + u"}]}"_s);
+        if (s.asks.isEmpty())
+            return kNone;
+        const WFAskItem& ask = s.asks.first();
+        return u"%1 of %2 at %3: %4, else %5, until +%6 s"_s.arg(ask.runId, ask.automationId, ask.stepId,
+            ask.answers.join(u" or "_s), ask.defaultAnswer,
+            QString::number((ask.until.msecsSinceEpoch - Fixture::kNowMs) / 1000));
+    }
+    if (section == u"line"_s)
+        return automationLine(automations(u"snapshot"_s, in.at(0)));
+    if (section == u"time"_s)
+        return AutomationWords::time(Fixture::at(in.at(1).toDouble()), Fixture::now(), QLocale(in.at(0)));
+    if (section == u"settings"_s)
+        return AutomationWords::settingsLine(automations(in.at(0), in.at(1)), Fixture::now(), kUs);
+    if (section == u"chip"_s) {
+        AutomationRef ref;
+        if (!in.at(0).isEmpty())
+            ref.name = Fixture::json("[" + in.at(0).toUtf8() + "]").toArray().at(0).toString();
+        return QStringList{AutomationWords::chip(), AutomationWords::chipHelp(ref), AutomationWords::foldedWords()}
+            .join(u" | "_s);
+    }
+    if (section == u"resume"_s)
+        return AutomationWords::resumeHelp();
+    return u"no words for the section "_s + section;
+}
+
+QString awakeSaid(const QString& what)
+{
+    const auto mode = [](Awake::Mode m) { return AwakeWords::modeTitle(m) + u" | "_s + AwakeWords::modeHelp(m); };
+    if (what == u"off"_s)
+        return mode(Awake::Mode::Off);
+    if (what == u"working"_s)
+        return mode(Awake::Mode::Working);
+    if (what == u"backpack"_s)
+        return mode(Awake::Mode::Backpack);
+    if (what == u"minBattery"_s)
+        return AwakeWords::minBatteryCaption();
+    if (what.startsWith(u"permission"_s))
+        return AwakeWords::permissionCaption(what.endsWith(u"set up"_s));
+    if (what == u"settings"_s)
+        return AwakeWords::settingsCaption();
+    const BackpackOffer offer = AwakeWords::backpackOffer(what.section(u' ', 1).toLongLong());
+    return QStringList{offer.title, offer.body, offer.enable, offer.enableBusy, offer.decline}.join(u" | "_s);
+}
+
+QString awakeWords(const QString& section, const QStringList& in)
+{
+    if (section == u"duration"_s) {
+        const double seconds = in.at(0) == u"nan"_s ? std::numeric_limits<double>::quiet_NaN() : in.at(0).toDouble();
+        return AwakeWords::duration(seconds);
+    }
+    if (section == u"said"_s)
+        return awakeSaid(in.at(0));
+    const Awake awake = Fixture::record<Awake>(in.at(0).toUtf8());
+    if (section == u"extend"_s)
+        return AwakeWords::extendLabel(awake, Fixture::now()).value_or(kNone);
+    if (section == u"phrase"_s)
+        return AwakeWords::phrase(awake, Fixture::now())
+            + (AwakeWords::isHighlighted(awake) ? u" | highlighted"_s : u""_s);
+    if (section == u"sentence"_s) {
+        std::optional<Battery> battery;
+        if (!in.value(1).isEmpty()) {
+            battery = Battery{};
+            battery->percent = in.at(1).toDouble();
+        }
+        const QLocale locale(in.value(2, u"en_US"_s));
+        const std::optional<AwakeLine> line = AwakeWords::sentence(awake, Fixture::now(), battery, locale);
+        return line ? line->text + (line->warn ? u" | warns"_s : u""_s) : kNone;
+    }
+    if (section == u"minBattery"_s) {
+        const MinBatteryControl control = AwakeWords::minBatteryControl(awake.minBattery);
+        return control.text + u" |"_s + (control.canRaise ? u" +"_s : u""_s) + (control.canLower ? u" −"_s : u""_s);
+    }
+    if (section == u"setUp"_s)
+        return AwakeWords::backpackSetUp(awake, in.value(1) == u"rule file"_s) ? u"set up"_s : u"not set up"_s;
+    return u"no words for the section "_s + section;
+}
+
+QString batteryWords(const QString& section, const QStringList& in)
+{
+    const Battery battery = Fixture::record<Battery>(in.at(0).toUtf8());
+    if (section == u"notification"_s)
+        return BatteryWords::notification(battery);
+    if (section != u"battery"_s)
+        return u"no words for the section "_s + section;
+    const std::optional<BatteryLine> line = BatteryWords::line(battery);
+    if (!line)
+        return u"—"_s;
+    QStringList said{line->text, line->time};
+    if (line->critical)
+        said << u"critical"_s;
+    return (said << line->help).join(u" | "_s);
+}
+
+QString captureReport(const QString& section, const QStringList& in)
+{
+    if (section == u"statusItem"_s) {
+        const QRect place
+            = in.size() == 4 ? QRect(in.at(0).toInt(), in.at(1).toInt(), in.at(2).toInt(), in.at(3).toInt()) : QRect();
+        return CaptureReport::statusItemLine(place);
+    }
+    if (section == u"popover"_s)
+        return CaptureReport::popoverLine(in.at(0) == u"yes"_s);
+    if (section == u"picture"_s)
+        return CaptureReport::pictureLine(in.at(0), in.value(1));
+    if (section == u"missingWindow"_s)
+        return CaptureReport::missingWindowLine(in.at(0));
+    return u"no words for the section "_s + section;
+}
+
+QString connectionPill(const QString& section, const QStringList& in)
+{
+    if (section == u"connected"_s)
+        return ConnectionPill::connectedSentence(in.at(0).toLongLong());
+    if (section == u"devices"_s) {
+        const std::optional<LocalStatus> status
+            = Fixture::maybe<LocalStatus>(R"({"tailscale":{"installed":false},"devices":)" + in.at(0).toUtf8() + "}");
+        const ConnectionPill::Look look = ConnectionPill::look({true, true, status, false}, Fixture::now());
+        return u"%1 phones"_s.arg(look.phones) + (look.glasses ? u", glasses"_s : QString());
+    }
+    if (section != u"look"_s)
+        return u"no words for the section "_s + section;
+    const QString& flags = in.at(0);
+    const std::optional<LocalStatus> status = Fixture::maybe<LocalStatus>(in.value(1).toUtf8());
+    const ConnectionPill::Look look = ConnectionPill::look(
+        {flags.contains(u"first read done"_s), flags.contains(u"alive"_s), status, true}, Fixture::now());
+    static const QStringList routes{u"tailnet"_s, u"lan"_s, u"none"_s};
+    return Golden::inkName(look.dot) + u": "_s + look.word + u" | "_s + look.help + u" | "_s
+        + routes.at(int(look.route)) + (look.glow ? u", glowing"_s : QString());
+}
+
+QString workflowWords(const QString& section, const QStringList& in)
+{
+    if (section == u"clip"_s) {
+        const QString text = Fixture::json("[" + in.at(1).toUtf8() + "]").toArray().at(0).toString();
+        return WorkflowWords::clip(text, in.at(0).toInt());
+    }
+    if (section == u"countdown"_s) {
+        WFAskItem ask;
+        ask.defaultAnswer = in.value(1);
+        ask.until = Fixture::at(in.at(0).toDouble());
+        return WorkflowWords::countdown(ask, Fixture::now()).value_or(u"—"_s);
+    }
+    if (section == u"answer"_s) {
+        const QString by = in.value(1);
+        return WorkflowWords::answerWords(in.at(0), by.isEmpty() ? std::nullopt : std::optional<QString>(by));
+    }
+    if (section == u"already answered"_s)
+        return WorkflowWords::alreadyAnswered(Fixture::maybe<WFRun>(in.value(0).toUtf8()));
+    if (section == u"answer failure"_s) {
+        const std::optional<QString> code = in.at(1).isEmpty() ? std::nullopt : std::optional<QString>(in.at(1));
+        const QString run = in.value(3);
+        const DaemonError error = run.isEmpty()
+            ? DaemonError::server(in.at(0).toInt(), code, in.at(2))
+            : DaemonError::detail(in.at(0).toInt(), code, in.at(2), std::nullopt, Fixture::json(run.toUtf8()));
+        return WorkflowWords::answerFailure(error);
+    }
+    return u"no words for the section "_s + section;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const QList<std::pair<QString, GoldenTest::Render>> modules{
+        {u"account-words.txt"_s, accountWords},
+        {u"approval-words.txt"_s, approvalWords},
+        {u"automation-words.txt"_s, automationWords},
+        {u"awake-words.txt"_s, awakeWords},
+        {u"battery-words.txt"_s, batteryWords},
+        {u"capture-report.txt"_s, captureReport},
+        {u"connection-pill.txt"_s, connectionPill},
+        {u"workflow-words.txt"_s, workflowWords},
+    };
+    // No two files share a section, so the section alone picks the render.
+    QStringList files;
+    QHash<QString, GoldenTest::Render> bySection;
+    for (const auto& [file, render] : modules) {
+        files << file;
+        for (const Golden::Row& row : Golden::read(file))
+            bySection.insert(row.section, render);
+    }
+    return GoldenTest::main(argc, argv, files,
+        [&](const QString& section, const QStringList& in) { return bySection.value(section)(section, in); });
+}
