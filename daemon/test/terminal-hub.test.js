@@ -91,6 +91,7 @@ test('slow: the person’s terminal outlives the service, and the terminal is sh
   const second = await startScratchService(t, { folder });
   const [after] = await eventually(() => shareds(second), 'the terminal shared again', 8000);
   assert.equal(after.id, before.id);
+  await eventually(async () => /still here\s+still here/.test((await after.screenLines()).join('\n')), 'it sees what it missed');
   await pane.type('seen again');
   await eventually(async () => (await after.screenLines()).join('\n').includes('seen again'), 'the service sees new output');
   pane.keys('C-d');
