@@ -8,11 +8,8 @@ namespace term {
 void OutputTail::append(std::string_view bytes)
 {
     // More than the ring holds: only its end can stay.
-    if (bytes.size() >= kBytes) {
+    if (bytes.size() > kBytes)
         bytes.remove_prefix(bytes.size() - kBytes);
-        end_ = 0;
-        full_ = true;
-    }
     const std::size_t first = std::min(bytes.size(), kBytes - end_);
     std::memcpy(ring_.data() + end_, bytes.data(), first);
     std::memcpy(ring_.data(), bytes.data() + first, bytes.size() - first);
