@@ -7,14 +7,17 @@ namespace term {
 
 std::string encodeFrame(FrameKind kind, std::string_view payload)
 {
-    const auto size = static_cast<std::uint32_t>(payload.size());
-    std::string frame;
-    frame.reserve(kHeaderBytes + payload.size());
-    frame.push_back(static_cast<char>(kind));
-    for (int shift = 24; shift >= 0; shift -= 8)
-        frame.push_back(static_cast<char>((size >> shift) & 0xFFU));
+    std::string frame(kHeaderBytes, static_cast<char>(kind));
+    setFrameSize(frame.data(), payload.size());
     frame.append(payload);
     return frame;
+}
+
+void setFrameSize(char* header, std::size_t size)
+{
+    const auto length = static_cast<std::uint32_t>(size);
+    for (std::size_t i = 1; i < kHeaderBytes; ++i)
+        header[i] = static_cast<char>((length >> (8 * (kHeaderBytes - 1 - i))) & 0xFFU);
 }
 
 std::string jsonString(std::string_view text)

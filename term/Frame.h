@@ -23,6 +23,8 @@ inline constexpr std::size_t kHeaderBytes = 5;
 inline constexpr std::size_t kMaxPayload = 256 * 1024;
 
 std::string encodeFrame(FrameKind kind, std::string_view payload);
+/// Writes `size` into the length of the frame whose header starts at `header`.
+void setFrameSize(char* header, std::size_t size);
 
 /// A JSON string literal of `text`, quotes included; bytes above 0x7F pass as they are.
 std::string jsonString(std::string_view text);

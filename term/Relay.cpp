@@ -23,8 +23,6 @@ namespace {
 
 /// The most read from one side before the other gets its turn.
 constexpr std::size_t kChunk = 64 * 1024;
-/// The end of the output kept, so that a service met later sees the screen.
-constexpr std::size_t kRecentBytes = 64 * 1024;
 /// The exit frame gets this long to reach the service.
 constexpr std::chrono::milliseconds kExitDrain{200};
 
@@ -177,9 +175,9 @@ void Relay::hello()
         + ",\"cols\":" + std::to_string(size.ws_col) + ",\"rows\":" + std::to_string(size.ws_row) + "}";
     link_.send(FrameKind::Hello, json);
     // What the screen showed before we met: the end of the output so far.
-    if (!recent_.empty())
-        link_.send(FrameKind::Output,
-            std::string_view(recent_).substr(recent_.size() > kRecentBytes ? recent_.size() - kRecentBytes : 0));
+    const auto [older, newer] = tail_.parts();
+    link_.sendOutput(older);
+    link_.sendOutput(newer);
 }
 
 void Relay::loop()
@@ -188,12 +186,13 @@ void Relay::loop()
         const auto now = std::chrono::steady_clock::now();
         if (link_.tryConnect(now))
             hello();
+        link_.flushDue(now);
         std::array<pollfd, 4> fds{};
         fds[0] = {signalPipe[0], POLLIN, 0};
         fds[1] = {outputOpen_ ? master_ : -1, POLLIN, 0};
         fds[2] = {inputOpen_ ? STDIN_FILENO : -1, POLLIN, 0};
         fds[3] = {link_.fd(), static_cast<short>(POLLIN | (link_.wantsWrite() ? POLLOUT : 0)), 0};
-        if (::poll(fds.data(), fds.size(), link_.msUntilTry(now)) < 0) {
+        if (::poll(fds.data(), fds.size(), link_.msUntilDue(now)) < 0) {
             if (errno == EINTR)
                 continue;
             break;
@@ -247,11 +246,8 @@ std::size_t Relay::pump(int from, int to, bool mirror)
     writeAll(to, chunk, size);
     if (!mirror)
         return size;
-    link_.send(FrameKind::Output, std::string_view(chunk, size));
-    recent_.append(chunk, size);
-    // Trimmed in halves, so that keeping the end costs nothing per chunk.
-    if (recent_.size() > 2 * kRecentBytes)
-        recent_.erase(0, recent_.size() - kRecentBytes);
+    link_.sendOutput(std::string_view(chunk, size));
+    tail_.append(std::string_view(chunk, size));
     return size;
 }
 

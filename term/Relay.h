@@ -4,6 +4,7 @@
 // it byte for byte, while the service sees the same output and may type into
 // it. With the service away the agent runs exactly as it would without us.
 
+#include "OutputTail.h"
 #include "ServiceLink.h"
 
 #include <string>
@@ -48,7 +49,7 @@ private:
     bool exited_ = false;
     bool inputOpen_ = true;
     bool outputOpen_ = true;
-    std::string recent_;
+    OutputTail tail_;
 };
 
 } // namespace term

@@ -24,6 +24,9 @@ constexpr int kSendFlags = 0; // SO_NOSIGPIPE is set on the socket instead
 constexpr std::chrono::seconds kRetryEvery{2};
 /// Output queued for a service that doesn't read; beyond it the link is dropped.
 constexpr std::size_t kMaxPending = 1024 * 1024;
+/// Output is gathered into one frame for at most this long, or this much.
+constexpr std::chrono::milliseconds kBatchFor{5};
+constexpr std::size_t kBatchBytes = 64 * 1024;
 
 std::string env(const char* name)
 {
@@ -87,41 +90,89 @@ bool ServiceLink::tryConnect(std::chrono::steady_clock::time_point now)
 #endif
     fd_ = fd;
     pending_.clear();
+    batchAt_ = kNoBatch;
     reader_ = FrameReader();
     return true;
 }
 
-int ServiceLink::msUntilTry(std::chrono::steady_clock::time_point now) const
+int ServiceLink::msUntilDue(std::chrono::steady_clock::time_point now) const
 {
-    if (connected() || path_.empty())
+    std::chrono::steady_clock::duration left = std::chrono::steady_clock::duration::max();
+    if (batchAt_ != kNoBatch)
+        left = batchDue_ - now;
+    else if (!connected() && !path_.empty())
+        left = lastTry_ + kRetryEvery - now;
+    if (left == std::chrono::steady_clock::duration::max())
         return -1;
-    const auto due = lastTry_ + kRetryEvery - now;
-    return static_cast<int>(std::max<long long>(0, std::chrono::duration_cast<std::chrono::milliseconds>(due).count()));
+    // Rounded up, so that poll doesn't wake just before it is time.
+    return static_cast<int>(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+}
+
+void ServiceLink::flushDue(std::chrono::steady_clock::time_point now)
+{
+    if (batchAt_ != kNoBatch && now >= batchDue_) {
+        seal();
+        flush();
+    }
 }
 
 void ServiceLink::send(FrameKind kind, std::string_view payload)
 {
     if (!connected())
         return;
+    seal();
     while (payload.size() > kMaxPayload) {
         send(kind, payload.substr(0, kMaxPayload));
         payload.remove_prefix(kMaxPayload);
     }
     pending_ += encodeFrame(kind, payload);
-    if (pending_.size() > kMaxPending) {
-        // Never hold the person's terminal back for a slow reader.
-        close();
-        return;
-    }
+    dropIfBehind();
     flush();
+}
+
+void ServiceLink::sendOutput(std::string_view bytes)
+{
+    while (connected() && !bytes.empty()) {
+        if (batchAt_ == kNoBatch) {
+            batchAt_ = pending_.size();
+            batchDue_ = std::chrono::steady_clock::now() + kBatchFor;
+            pending_ += encodeFrame(FrameKind::Output, {});
+        }
+        const std::size_t room = kBatchBytes - (pending_.size() - batchAt_ - kHeaderBytes);
+        const std::size_t taken = std::min(room, bytes.size());
+        pending_.append(bytes.substr(0, taken));
+        bytes.remove_prefix(taken);
+        if (taken == room) {
+            seal();
+            dropIfBehind();
+            flush();
+        }
+    }
+}
+
+void ServiceLink::seal()
+{
+    if (batchAt_ == kNoBatch)
+        return;
+    setFrameSize(pending_.data() + batchAt_, pending_.size() - batchAt_ - kHeaderBytes);
+    batchAt_ = kNoBatch;
+}
+
+void ServiceLink::dropIfBehind()
+{
+    // Never hold the person's terminal back for a slow reader.
+    if (pending_.size() > kMaxPending)
+        close();
 }
 
 void ServiceLink::flush()
 {
-    while (connected() && !pending_.empty()) {
-        const ssize_t wrote = ::send(fd_, pending_.data(), pending_.size(), kSendFlags);
+    while (connected() && sealedBytes() > 0) {
+        const ssize_t wrote = ::send(fd_, pending_.data(), sealedBytes(), kSendFlags);
         if (wrote > 0) {
             pending_.erase(0, static_cast<std::size_t>(wrote));
+            if (batchAt_ != kNoBatch)
+                batchAt_ -= static_cast<std::size_t>(wrote);
         } else if (wrote < 0 && errno == EINTR) {
             continue;
         } else {
@@ -161,6 +212,7 @@ void ServiceLink::receive(std::string& typed)
 
 void ServiceLink::drain(std::chrono::milliseconds limit)
 {
+    seal();
     const auto until = std::chrono::steady_clock::now() + limit;
     while (connected() && !pending_.empty()) {
         const auto left
@@ -180,6 +232,7 @@ void ServiceLink::close()
         ::close(fd_);
     fd_ = -1;
     pending_.clear();
+    batchAt_ = kNoBatch;
 }
 
 } // namespace term

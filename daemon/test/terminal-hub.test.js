@@ -91,8 +91,34 @@ test('slow: the person’s terminal outlives the service, and the terminal is sh
   const second = await startScratchService(t, { folder });
   const [after] = await eventually(() => shareds(second), 'the terminal shared again', 8000);
   assert.equal(after.id, before.id);
+  await eventually(async () => /still here\s+still here/.test((await after.screenLines()).join('\n')), 'it sees what it missed');
   await pane.type('seen again');
   await eventually(async () => (await after.screenLines()).join('\n').includes('seen again'), 'the service sees new output');
+  pane.keys('C-d');
+});
+
+test('slow: the service’s screen follows a flood, and one met later sees the end of what it missed, in order', { skip, timeout: 60000 }, async (t) => {
+  const folder = await scratchFolder(t);
+  const first = await startScratchService(t, { folder });
+  const pane = shell(t, folder, first.support);
+  await pane.type(`${RELAY} claude sh`);
+  const [before] = await eventually(() => shareds(first), 'the terminal shared');
+  // The marker is worked out by the shell, so only the output shows it.
+  const screenEnds = (terminal, pattern, what) =>
+    eventually(async () => {
+      const lines = (await terminal.screenLines()).join('\n');
+      return pattern.test(lines) && lines;
+    }, what);
+  await pane.type('seq 1 20000; echo "here: $((6*7))"');
+  await screenEnds(before, /19999\n20000\nhere: 42/, 'the service sees the whole flood, in order');
+
+  await first.service.close();
+  // More than the relay keeps while the service is away, so that what it keeps has wrapped round.
+  await pane.type('seq 1 30000; echo "away: $((6*7))"');
+  await pane.waitFor(/away: 42/, 'the person sees it all the same');
+  const second = await startScratchService(t, { folder });
+  const [after] = await eventually(() => shareds(second), 'the terminal shared again', 8000);
+  await screenEnds(after, /29999\n30000\naway: 42/, 'the service met again sees the end of what it missed');
   pane.keys('C-d');
 });
 
