@@ -13,7 +13,7 @@ Card {
     Row {
         spacing: 8
         width: parent.width
-        Rectangle { width: 3; height: heading.height; radius: 1.5; color: card.notice.ink }
+        Rectangle { width: 3; height: heading.height; radius: 1.5; color: card.notice.ink || "transparent" }
         Label { id: heading; text: card.notice.title || ""; strong: true; size: 12; width: parent.width - 11 }
     }
     Label { text: card.notice.line || ""; color: "#B5B0A6"; width: parent.width; size: 11 }
