@@ -81,7 +81,7 @@ import { VERSION } from './version.js';
  *     `folders`, `now`, `detectEveryMs`, `versionTimeoutMs`, `watch`
  *     (see CodexAgent)
  * @param {Object} [options.claude] For tests: `approvalWaitMs`,
- *     `transcriptPollMs`, `now` (see ClaudeAgent)
+ *     `transcriptPollMs`, `carryOnNewsMs`, `now` (see ClaudeAgent)
  * @param {string|null} [options.shellHome=null] Whose start files get the
  *     shell integration; null changes none
  * @param {string} [options.shell='/bin/sh'] The login shell, which decides the start files

@@ -53,6 +53,27 @@ test('a session goes from start to end through its events', async (t) => {
   assert.equal((await snapshot()).sessions[0].state, 'ended');
 });
 
+// No hook follows Claude Code's notices: its plan may land after the refusal's
+// hook, and an Esc in its terminal may come long after that.
+test('Claude Code’s plan to carry on is heard after the limit’s hook, and its cancelling long after', async (t) => {
+  const { send, snapshot, transcript } = await setUp(t, { claude: { transcriptPollMs: 50, carryOnNewsMs: 100 } });
+  const resume = async () => (await snapshot()).sessions.find((each) => each.id === SESSION)?.blocked?.resume;
+  const until = async (check) => {
+    for (let i = 0; i < 60 && !check(await resume()); i++) await sleep(50);
+    return resume();
+  };
+  await send('session-start.json');
+  await send('stop-failure-rate-limit.json');
+  assert.equal(await resume(), undefined);
+  fs.appendFileSync(transcript, `${fixtureLines('transcript-interactive.jsonl').slice(-2).join('\n')}\n`);
+  assert.deepEqual(await until((it) => it?.by === 'claude'), { state: 'armed', at: null, by: 'claude', canCancel: false, canArm: false });
+  await sleep(300);
+  const cancelled = { type: 'system', subtype: 'informational', content: 'Automatic continue cancelled. Your session will wait for you instead.' };
+  fs.appendFileSync(transcript, `${JSON.stringify(cancelled)}\n`);
+  // Not shared with the service, this session has no other plan to offer.
+  assert.equal(await until((it) => it?.by !== 'claude'), undefined);
+});
+
 const hostile = [
   ['not an object', []],
   ['an event the service doesn’t follow', { ...fixture('stop.json'), hook_event_name: 'Delete' }],

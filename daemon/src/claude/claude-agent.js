@@ -9,7 +9,7 @@
 
 import path from 'node:path';
 
-import { isObject, sameJson } from '../json.js';
+import { arrayOr, isObject, sameJson } from '../json.js';
 import { writeFileAtomically } from '../private-files.js';
 import { MAX_SESSIONS } from '../state.js';
 import { APPROVAL_WAIT_MS, ApprovalBroker, MAX_POLL_MS, approvalIdFor } from './approval-broker.js';
@@ -58,6 +58,7 @@ export class ClaudeAgent {
   #readings = [];
   #failures = new Map();
   #justLimited = new Map();
+  #carryOnNewsMs;
   #started = false;
   #account;
   #accountRead = Promise.resolve();
@@ -71,6 +72,7 @@ export class ClaudeAgent {
    * @param {function(): number} [options.now=Date.now]
    * @param {number} [options.approvalWaitMs=APPROVAL_WAIT_MS]
    * @param {number} [options.transcriptPollMs=TRANSCRIPT_POLL_MS]
+   * @param {number} [options.carryOnNewsMs=CARRY_ON_NEWS_MS]
    * @param {function(): void} [options.saveSoon] Something worth keeping moved on
    * @param {function(): void} [options.saveNow] Keep it now, before going on
    * @param {string|null} [options.claudeDir=null] Claude Code's folder
@@ -85,6 +87,7 @@ export class ClaudeAgent {
     now = Date.now,
     approvalWaitMs = APPROVAL_WAIT_MS,
     transcriptPollMs = TRANSCRIPT_POLL_MS,
+    carryOnNewsMs = CARRY_ON_NEWS_MS,
     saveSoon = () => {},
     saveNow = () => {},
     claudeDir = null,
@@ -95,6 +98,7 @@ export class ClaudeAgent {
     this.#log = log;
     this.#now = now;
     this.#saveSoon = saveSoon;
+    this.#carryOnNewsMs = carryOnNewsMs;
     this.#broker = new ApprovalBroker({
       state,
       log,
@@ -107,7 +111,8 @@ export class ClaudeAgent {
     });
     this.#follower = new TranscriptFollower({
       pollMs: transcriptPollMs,
-      watched: () => new Set([...this.#broker.waitingSessions, ...this.#stillLimitNews()]),
+      watched: () =>
+        new Set([...this.#broker.waitingSessions, ...this.#stillLimitNews(), ...this.#carryingOnByThemselves()]),
       read: async (sessionId, tail) => this.#state.patchSession(sessionId, await this.#readTranscript(sessionId, tail)),
     });
     this.#account = claudeDir ? new ClaudeAccount({ state, claudeDir, log, now, ...account }) : null;
@@ -210,6 +215,8 @@ export class ClaudeAgent {
       // a request for it is still open here.
       this.#broker.callEnded(sessionId, event.tool_use_id, callKey(event.tool_name, event.tool_input), 'allow');
     } else if (name === 'StopFailure') {
+      // The transcript may not hold the refusal yet; its plan to carry on follows it.
+      if (this.#state.session(sessionId)?.blocked?.kind === 'limit') this.#expectCarryOnNews(sessionId);
       this.#accountAfterFailure(event, failure);
     } else if (name === 'Stop') {
       this.#accountAfterSuccess();
@@ -392,10 +399,7 @@ export class ClaudeAgent {
     if (Number.isFinite(failure.at) && now - failure.at > FAILURE_NEWS_MS) return;
     if (Number.isFinite(failure.resetsAt) && failure.resetsAt <= now) return;
     this.#failures.set(sessionId, failure);
-    if (failure.error === 'rate_limit') {
-      this.#justLimited.set(sessionId, Date.now() + CARRY_ON_NEWS_MS);
-      this.#follower.watch();
-    }
+    if (failure.error === 'rate_limit') this.#expectCarryOnNews(sessionId);
     const event = { hook_event_name: 'StopFailure', session_id: sessionId, error: failure.error };
     if (failure.text !== undefined) event.last_assistant_message = failure.text;
     this.#putSession(sessionId, (session) => {
@@ -403,6 +407,18 @@ export class ClaudeAgent {
       return session?.state === 'ended' ? { ...next, state: 'ended' } : next;
     });
     this.#accountAfterFailure(event, failure);
+  }
+
+  #expectCarryOnNews(sessionId) {
+    this.#justLimited.set(sessionId, Date.now() + this.#carryOnNewsMs);
+    this.#follower.watch();
+  }
+
+  // While Claude Code means to carry on by itself, an Esc in its terminal can
+  // call that off at any moment, and only the transcript tells.
+  #carryingOnByThemselves() {
+    const sessions = arrayOr(this.#state.part('sessions'));
+    return sessions.filter((it) => it?.state !== 'ended' && it?.blocked?.resume?.by === 'claude').map((it) => it.id);
   }
 
   // Sessions limited moments ago, by the real clock: their notices may follow.
