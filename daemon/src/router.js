@@ -10,6 +10,7 @@ import { HttpError } from './http-reply.js';
  * @param {http.ServerResponse} call.res
  * @param {URL} call.url
  * @param {Object<string, string>} call.params Decoded path parameters
+ * @param {Object|null} call.device The paired device, on a route marked `device`
  * @return {*} A value to send as JSON with 200, or undefined when the
  *     handler answered by itself
  */
@@ -45,7 +46,7 @@ export class Router {
    *
    * @param {string} method
    * @param {string} pathname The raw path, still percent-encoded
-   * @return {{handler: Handler, params: Object, open: boolean, hook: boolean}|{allowed: Array<string>}|null}
+   * @return {{handler: Handler, params: Object, open: boolean, hook: boolean, device: boolean}|{allowed: Array<string>}|null}
    *     the route; or the methods the path allows when the method is wrong;
    *     or null when no route has this path
    * @throws {HttpError} 400 when a parameter isn't valid percent-encoding
@@ -56,7 +57,9 @@ export class Router {
     for (const route of this.routes) {
       const params = matchSegments(route.segments, segments);
       if (!params) continue;
-      if (route.method === method) return { handler: route.handler, params, open: route.open, hook: route.hook };
+      if (route.method === method) {
+        return { handler: route.handler, params, open: route.open, hook: route.hook, device: route.device };
+      }
       if (!allowed.includes(route.method)) allowed.push(route.method);
     }
     return allowed.length > 0 ? { allowed } : null;
