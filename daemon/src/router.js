@@ -29,10 +29,12 @@ export class Router {
    *     for a page with nothing secret in it that a browser opens
    * @param {boolean} [options.hook=false] Also answers the hook credential
    *     (hook-token.js), for the door that takes reported hook events
+   * @param {boolean} [options.device=false] Answers a paired device's token
+   *     and nothing else; the handler's call carries the `device`
    * @return {Router} this, for chaining
    */
-  add(method, pattern, handler, { open = false, hook = false } = {}) {
-    this.routes.push({ method, segments: pattern.split('/'), handler, pattern, open, hook });
+  add(method, pattern, handler, { open = false, hook = false, device = false } = {}) {
+    this.routes.push({ method, segments: pattern.split('/'), handler, pattern, open, hook, device });
     return this;
   }
 
