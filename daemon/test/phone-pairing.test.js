@@ -4,10 +4,12 @@
 // the phone, and a device forgotten for good, also across a restart.
 
 import assert from 'node:assert/strict';
+import { spawn } from 'node:child_process';
 import { createHash, X509Certificate } from 'node:crypto';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
+import readline from 'node:readline';
 import { test } from 'node:test';
 
 import { TOO_MANY, WINDOW_MS } from '../src/phone/attempt-limiter.js';
@@ -18,7 +20,7 @@ import { CODE_LIFE_MS } from '../src/phone/pair-codes.js';
 import { BAD_CODE } from '../src/phone/phone-routes.js';
 import { NOT_PAIRED } from '../src/listener.js';
 import { DEFAULT_PAIR_ORIGIN } from '../src/config.js';
-import { claudeFixture, eventually, refusedFeed, startScratchService } from './helpers.js';
+import { claudeFixture, DAEMON, eventually, refusedFeed, startScratchService } from './helpers.js';
 import { PhoneClient } from './support/phone-client.mjs';
 
 const modeOf = (file) => fs.statSync(file).mode & 0o777;
@@ -119,7 +121,7 @@ test('the phone hears an approval, answers it, and a later answer from the Mac i
 });
 
 test('a forgotten device is cut off at once and stays out after a restart', async (t) => {
-  const { service, phone, start, devices } = await pairedPhone(t);
+  const { service, phone, start } = await pairedPhone(t);
   const other = PhoneClient.fromLink((await start()).link);
   await other.pair({ name: 'Tablet' });
   const feed = await phone.feed();
@@ -202,4 +204,26 @@ test('a pair link carries the phone address when there is one, and no route give
       assert.equal(PhoneClient.fromLink(reply.json.link).keys.u, url);
     });
   }
+});
+
+// The program form, as a test in another language drives it.
+test('the phone client pairs and listens as a program speaking JSON lines', async (t) => {
+  const { start, devices } = await setUp(t);
+  const host = interfaces ? ['--host', '127.0.0.1'] : [];
+  const child = spawn(process.execPath, [path.join(DAEMON, 'test', 'support', 'phone-client.mjs'), ...host], { stdio: ['pipe', 'pipe', 'inherit'] });
+  t.after(() => child.kill());
+  const lines = readline.createInterface({ input: child.stdout })[Symbol.asyncIterator]();
+  const next = async () => JSON.parse((await lines.next()).value);
+  const ask = (command) => {
+    child.stdin.write(`${JSON.stringify(command)}\n`);
+    return next();
+  };
+  assert.deepEqual(await ask({ do: 'call', path: '/phone/snapshot' }), { event: 'error', message: 'Pair first.' });
+  const paired = await ask({ do: 'pair', link: (await start()).link, name: 'Pixel 8' });
+  assert.deepEqual([paired.event, paired.device.id], ['paired', (await devices())[0].id]);
+  assert.deepEqual(await ask({ do: 'feed' }), { event: 'open' });
+  assert.equal((await next()).message.t, 'snapshot');
+  const reply = await ask({ do: 'answer', id: 'ap_none', decision: 'allow' });
+  assert.deepEqual([reply.event, reply.status], ['reply', 404]);
+  child.stdin.end(`${JSON.stringify({ do: 'end' })}\n`);
 });
