@@ -32,7 +32,7 @@ import { addSessionRoutes } from './sessions/session-routes.js';
  * @param {AgentPlaces} [parts.places] Where each session's agent runs
  * @param {SessionOpener} [parts.opener] Brings a session's terminal forward
  * @param {Object} [parts.pairing] What addPairingRoutes takes but the state:
- *     `codes`, `devices`, `origin`; without it devices are forgotten from the list alone
+ *     `codes`, `devices`, `origin`; without it nothing pairs and no device is forgotten
  * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
  *     unknown routes like any other
  * @return {Router}
