@@ -3,7 +3,7 @@
 // Each changes the state, and the feed tells every client.
 
 import { HttpError, invalid, notFound } from './http-reply.js';
-import { readJsonObject, requireBoolean } from './request-body.js';
+import { MAX_BODY_BYTES, readJsonObject, requireBoolean } from './request-body.js';
 import { DECISIONS } from './state.js';
 import { objectOr } from './json.js';
 import { RaiseError } from './windows/raise-error.js';
@@ -23,7 +23,9 @@ function requireText(body, field, message) {
 }
 
 /**
- * Adds the action routes to the local port's table.
+ * Adds the action routes: on the local port the Mac's, all of them; on the
+ * phone's routes the answers to approvals and the session actions, under
+ * the phone's own prefix and answered as the phone.
  *
  * @param {Router} router
  * @param {Object} parts
@@ -32,8 +34,18 @@ function requireText(body, field, message) {
  * @param {Continuer} [parts.continuer] Carries sessions on; without it they can't be
  * @param {ClaudeSignIn} [parts.signIn] Claude Code's own sign-in; without it there is none
  * @param {SessionOpener} [parts.opener] Brings terminals forward; without it none can be
+ * @param {Object} [who] Whose routes these are
+ * @param {string} [who.prefix='/v1']
+ * @param {string} [who.by=LOCAL_DECIDER] Who an answer to an approval is recorded as
+ * @param {boolean} [who.device=false] A paired device's: its token and not the
+ *     admin token opens them, and the Mac's account and readings are left out
+ * @param {number} [who.limit=MAX_BODY_BYTES] The largest body read
  */
-export function addActionRoutes(router, { state, codex = null, continuer = null, signIn = null, opener = null }) {
+export function addActionRoutes(
+  router,
+  { state, codex = null, continuer = null, signIn = null, opener = null },
+  { prefix = '/v1', by = LOCAL_DECIDER, device = false, limit = MAX_BODY_BYTES } = {},
+) {
   const requireSession = (id) => {
     if (state.session(id) === undefined) throw notFound('session', id);
   };
@@ -46,22 +58,23 @@ export function addActionRoutes(router, { state, codex = null, continuer = null,
     return signIn;
   };
 
+  const access = { device };
   router
-    .add('POST', '/v1/approvals/:id/decision', async ({ req, params }) => {
-      const { decision } = await readJsonObject(req);
+    .add('POST', `${prefix}/approvals/:id/decision`, async ({ req, params }) => {
+      const { decision } = await readJsonObject(req, limit);
       if (!DECISIONS.includes(decision)) {
         throw invalid('decision', 'The decision must be “allow”, “deny”, “session” or “always”.');
       }
-      if (state.resolveApproval(params.id, { decision, by: LOCAL_DECIDER }) !== null) return { ok: true };
+      if (state.resolveApproval(params.id, { decision, by }) !== null) return { ok: true };
       // Answered already (on the phone, say) or withdrawn: the user's wish was
       // overtaken, which the app takes as done. An id never seen is an error.
       if (state.approvalLeft(params.id)) {
         throw new HttpError(409, 'already_resolved', 'That approval was already answered, or it’s no longer waiting.');
       }
       throw notFound('approval', params.id);
-    })
-    .add('POST', '/v1/sessions/:id/open', async ({ req, params }) => {
-      await readJsonObject(req);
+    }, access)
+    .add('POST', `${prefix}/sessions/:id/open`, async ({ req, params }) => {
+      await readJsonObject(req, limit);
       requireSession(params.id);
       if (opener === null) throw new HttpError(503, 'no_windows', 'This service can’t reach any terminal window.');
       try {
@@ -70,19 +83,21 @@ export function addActionRoutes(router, { state, codex = null, continuer = null,
         if (error instanceof RaiseError) throw new HttpError(409, error.code, error.message);
         throw error;
       }
-    })
-    .add('POST', '/v1/sessions/:id/continue', async ({ req, params }) => {
-      await readJsonObject(req);
+    }, access)
+    .add('POST', `${prefix}/sessions/:id/continue`, async ({ req, params }) => {
+      await readJsonObject(req, limit);
       requireSession(params.id);
       await requireContinuer().continueNow(params.id);
       return { ok: true };
-    })
-    .add('POST', '/v1/sessions/:id/auto-continue', async ({ req, params }) => {
-      const on = requireBoolean(await readJsonObject(req), 'on');
+    }, access)
+    .add('POST', `${prefix}/sessions/:id/auto-continue`, async ({ req, params }) => {
+      const on = requireBoolean(await readJsonObject(req, limit), 'on');
       requireSession(params.id);
       requireContinuer().arm(params.id, on);
       return { ok: true };
-    })
+    }, access);
+  if (device) return;
+  router
     .add('POST', '/v1/account/login', async ({ req }) => {
       const where = requireText(await readJsonObject(req), 'where', 'Say where the sign-in happens, such as “mac”.');
       return { account: await requireSignIn().start(where.slice(0, 40)) };

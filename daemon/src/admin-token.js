@@ -56,6 +56,15 @@ export function loadToken(support, name) {
 const digest = (text) => createHash('sha256').update(text, 'utf8').digest();
 
 /**
+ * @param {string|undefined} header The Authorization header as received
+ * @return {string|null} The bearer credential it carries
+ */
+export function bearerOf(header) {
+  if (typeof header !== 'string') return null;
+  return /^Bearer[ \t]+([^ \t]+)[ \t]*$/i.exec(header)?.[1] ?? null;
+}
+
+/**
  * Whether an Authorization header carries the token. The comparison takes
  * the same time wherever the first difference lies, and whatever the length
  * of the guess, since both sides are hashed to one length first.
@@ -65,8 +74,7 @@ const digest = (text) => createHash('sha256').update(text, 'utf8').digest();
  * @return {boolean}
  */
 export function bearerMatches(header, token) {
-  if (typeof header !== 'string' || !token) return false;
-  const match = /^Bearer[ \t]+([^ \t]+)[ \t]*$/i.exec(header);
-  if (!match) return false;
-  return timingSafeEqual(digest(match[1]), digest(token));
+  const given = bearerOf(header);
+  if (given === null || !token) return false;
+  return timingSafeEqual(digest(given), digest(token));
 }

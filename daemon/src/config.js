@@ -7,6 +7,10 @@ import path from 'node:path';
 
 export const DEFAULT_API_PORT = 47321;
 export const DEFAULT_LOCAL_PORT = 47322;
+/** The LAN route's port: phones on the same network connect here over HTTPS. */
+export const DEFAULT_LAN_PORT = 47323;
+/** Where a pair link leads a phone that has no app yet; the fragment stays on the phone. */
+export const DEFAULT_PAIR_ORIGIN = 'https://tidewatch.app';
 
 const INT_MAX = 2 ** 31 - 1;
 
@@ -28,6 +32,26 @@ export function parsePort(text) {
   return negative ? -value : value;
 }
 
+/**
+ * Reads the pairing origin: an https origin (http only for the loopback, for
+ * trying a page out), without path, query or fragment.
+ *
+ * @param {string|undefined} text
+ * @return {string|null} The origin, or null when the text isn't one
+ */
+export function parseOrigin(text) {
+  if (typeof text !== 'string') return null;
+  let url;
+  try {
+    url = new URL(text);
+  } catch {
+    return null;
+  }
+  const loopback = ['127.0.0.1', 'localhost', '[::1]'].includes(url.hostname);
+  const bare = (url.pathname === '/' || url.pathname === '') && url.search === '' && url.hash === '' && url.username === '';
+  return bare && (url.protocol === 'https:' || (url.protocol === 'http:' && loopback)) ? url.origin : null;
+}
+
 // An XDG variable counts only when it holds an absolute path, as the
 // base-directory rules say.
 function xdgFolder(env, name, fallback) {
@@ -43,8 +67,10 @@ function xdgFolder(env, name, fallback) {
  * @param {string} [system.platform=process.platform]
  * @param {string} [system.home=os.homedir()]
  * @return {{support: string, logs: string, shellHome: string, shell: string, apiPort: number,
- *     localPort: number, testCopy: boolean, codexHome: string, codexPath: (string|null),
- *     claudeSettings: string}} `shellHome` holds the start files the shell integration changes `codexHome` is Codex's
+ *     localPort: number, lanPort: number, pairOrigin: string, testCopy: boolean, codexHome: string,
+ *     codexPath: (string|null), claudeSettings: string}} `lanPort` is `TIDEWATCH_LAN_PORT`, else
+ *     47323 (a test copy: any free port); `pairOrigin` is `TIDEWATCH_PAIR_ORIGIN` when it is an
+ *     origin, else the default; `shellHome` holds the start files the shell integration changes `codexHome` is Codex's
  *     own folder, `CODEX_HOME` as Codex reads it, else ~/.codex (a test copy
  *     without `CODEX_HOME` gets an empty one in its support folder, so that it
  *     never reads the person's sessions); `codexPath` is the program named
@@ -99,6 +125,8 @@ export function readConfig(env = process.env, { platform = process.platform, hom
     shell: given('SHELL') ?? loginShell(),
     apiPort: parsePort(given('TIDEWATCH_API_PORT')) ?? DEFAULT_API_PORT,
     localPort: parsePort(given('TIDEWATCH_LOCAL_PORT')) ?? DEFAULT_LOCAL_PORT,
+    lanPort: parsePort(given('TIDEWATCH_LAN_PORT')) ?? (testCopy ? 0 : DEFAULT_LAN_PORT),
+    pairOrigin: parseOrigin(given('TIDEWATCH_PAIR_ORIGIN')) ?? DEFAULT_PAIR_ORIGIN,
     testCopy,
     codexHome,
     claudeSettings,

@@ -1,5 +1,6 @@
 // The live feed: one WebSocket per client on the API port, at /v1/ws, behind
-// the admin token. A client gets the whole snapshot when it connects and
+// the admin token; a phone (`client=phone`) comes with its device token
+// instead, there or on the LAN route, and only so. A client gets the whole snapshot when it connects and
 // then every change of the state as a small message, bursts folded; it is
 // pinged now and then, and a client that can't keep up is let go rather
 // than buffered without end.
@@ -12,7 +13,7 @@ import { bearerMatches } from './admin-token.js';
 import { Coalescer, COALESCE_MS } from './coalescer.js';
 import { FeedMessages } from './feed-messages.js';
 import { HttpError, JSON_TYPE } from './http-reply.js';
-import { readTarget } from './listener.js';
+import { NOT_PAIRED, pairedDevice, readTarget } from './listener.js';
 
 export const FEED_PATH = '/v1/ws';
 
@@ -38,6 +39,12 @@ export const CLOSE_GRACE_MS = 500;
 export const MAX_CLIENT_NAME_CHARS = 64;
 
 const PING = Buffer.from('{"t":"ping"}');
+
+/** The `client` a phone names itself; it alone is let in with a device token. */
+export const PHONE_CLIENT = 'phone';
+
+/** The close code of a forgotten device's connections (policy violation). */
+export const FORGOTTEN_CLOSE = 1008;
 
 const clientName = (raw) =>
   (raw ?? '')
@@ -74,6 +81,7 @@ export class FeedServer {
 
   #state;
   #token;
+  #phone;
   #faults;
   #pending;
   #log;
@@ -92,6 +100,8 @@ export class FeedServer {
    * @param {http.Server} options.server The API listener
    * @param {ServiceState} options.state
    * @param {string} options.token The admin token
+   * @param {{devices: DeviceBook, limiter: AttemptLimiter}} [options.phone] Who may
+   *     join as a phone; without it no phone can
    * @param {FaultBook} options.faults Faults apply to the handshake too
    * @param {PendingTimers} options.pending
    * @param {Log} options.log
@@ -103,6 +113,7 @@ export class FeedServer {
     server,
     state,
     token,
+    phone = null,
     faults,
     pending,
     log,
@@ -112,6 +123,7 @@ export class FeedServer {
   }) {
     this.#state = state;
     this.#token = token;
+    this.#phone = phone;
     this.#faults = faults;
     this.#pending = pending;
     this.#log = log;
@@ -136,10 +148,22 @@ export class FeedServer {
     this.#closing = null;
 
     state.on('change', this.#onChange);
-    server.on('upgrade', this.#onUpgrade);
+    phone?.devices.on('revoked', this.#onRevoked);
+    this.attach(server);
     this.#pinger = setInterval(() => this.ping(), pingIntervalMs);
     // The listeners keep the process alive; the ping alone must not.
     this.#pinger.unref();
+  }
+
+  /**
+   * Takes the handshakes of one more listener.
+   *
+   * @param {http.Server} server
+   * @param {Object} [options]
+   * @param {boolean} [options.phoneOnly=false] Phones alone, for the LAN route
+   */
+  attach(server, { phoneOnly = false } = {}) {
+    server.on('upgrade', (req, socket, head) => this.#onUpgrade(req, socket, head, phoneOnly));
   }
 
   /** @return {number} The clients connected now. */
@@ -186,6 +210,7 @@ export class FeedServer {
       clearInterval(this.#pinger);
       this.#coalescer.clear();
       this.#state.off('change', this.#onChange);
+      this.#phone?.devices.off('revoked', this.#onRevoked);
       for (const socket of this.#held) socket.destroy();
       const open = [...this.#clients.keys()];
       let left = open.length;
@@ -209,6 +234,16 @@ export class FeedServer {
     });
     return this.#closing;
   }
+
+  // A forgotten device hears nothing more: its connections close at once.
+  #onRevoked = (id) => {
+    for (const [socket, client] of [...this.#clients]) {
+      if (client.device !== id) continue;
+      this.#forget(socket, 'was forgotten');
+      socket.close(FORGOTTEN_CLOSE, 'This device was forgotten.');
+      setTimeout(() => socket.terminate(), CLOSE_GRACE_MS).unref();
+    }
+  };
 
   #onChange = (change) => {
     this.#changes += 1;
@@ -260,7 +295,7 @@ export class FeedServer {
     this.#state.setConnectedClients(this.#clients.size);
   }
 
-  #onUpgrade = (req, socket, head) => {
+  #onUpgrade = (req, socket, head, phoneOnly) => {
     // A client that resets mid-handshake must not take the service with it.
     socket.on('error', () => {});
     const target = readTarget(req.url);
@@ -268,7 +303,7 @@ export class FeedServer {
       refuseWithError(socket, new HttpError(400, 'bad_request', 'The request’s path can’t be read.'));
       return;
     }
-    const proceed = () => this.#admit(req, socket, head, target);
+    const proceed = () => this.#admit(req, socket, head, target, phoneOnly);
     const fault = this.#faults.take(req.method, target.path);
     if (!fault) {
       proceed();
@@ -290,36 +325,46 @@ export class FeedServer {
     this.#pending.after(fault.delayMs, act);
   };
 
-  #admit(req, socket, head, { path, url }) {
+  #admit(req, socket, head, { path, url }, phoneOnly) {
     if (socket.destroyed) return;
+    const name = clientName(url.searchParams.get('client'));
     let error = null;
+    let device = null;
     if (path !== FEED_PATH) {
       error = new HttpError(404, 'not_found', `Nothing here answers ${req.method} ${path}.`);
     } else if (req.method !== 'GET') {
       error = new HttpError(405, 'method_not_allowed', `${path} doesn’t take ${req.method}; it takes GET.`, {
         headers: { Allow: 'GET' },
       });
+    } else if (name === PHONE_CLIENT || phoneOnly) {
+      try {
+        if (name !== PHONE_CLIENT) throw new HttpError(401, 'unauthorized', NOT_PAIRED);
+        device = pairedDevice(req, this.#phone).id;
+      } catch (refusal) {
+        error = refusal;
+      }
     } else if (!bearerMatches(req.headers.authorization, this.#token)) {
       error = new HttpError(401, 'unauthorized', 'The feed needs the admin token, sent as “Authorization: Bearer <token>”.', {
         headers: { 'WWW-Authenticate': 'Bearer' },
       });
-    } else if (this.refusing || this.#closing !== null) {
+    }
+    if (error === null && (this.refusing || this.#closing !== null)) {
       error = new HttpError(503, 'unavailable', 'The feed isn’t taking new connections just now.');
     }
     if (error !== null) {
       refuseWithError(socket, error);
       return;
     }
-    const name = clientName(url.searchParams.get('client'));
-    this.#sockets.handleUpgrade(req, socket, head, (ws) => this.#join(ws, name));
+    this.#sockets.handleUpgrade(req, socket, head, (ws) => this.#join(ws, name, device));
   }
 
-  #join(socket, name) {
-    if (this.#closing !== null) {
+  #join(socket, name, device) {
+    // Closing, or the device was forgotten during the handshake.
+    if (this.#closing !== null || (device !== null && !this.#phone.devices.has(device))) {
       socket.terminate();
       return;
     }
-    this.#clients.set(socket, { name, joined: this.#changes });
+    this.#clients.set(socket, { name, device, joined: this.#changes });
     // Clients send only pongs, and nothing reads what they send, so no frame
     // of theirs can do harm. A frame over the limit or broken at the
     // protocol level makes ws close that one socket; its error is expected.

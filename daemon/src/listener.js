@@ -1,16 +1,18 @@
-// One loopback HTTP listener and the road every request takes on it:
-// planted faults first, then the admin token (where the listener asks for
-// it, unless the route is an open page; the hook door takes the hook
-// credential too), then the route table. Both the API port and the local port are one of
-// these; the API port's feed hangs on the same server's upgrade event.
+// One HTTP listener and the road every request takes on it: planted faults
+// first, then the admin token (where the listener asks for it, unless the
+// route is an open page; the hook door takes the hook credential too), or
+// a paired device's token on the phone's routes, then the route table. The
+// API port, the local port and (over HTTPS) the LAN route are each one of
+// these; the feed hangs on the server's upgrade event.
 
 import http from 'node:http';
+import https from 'node:https';
 
-import { bearerMatches } from './admin-token.js';
+import { bearerMatches, bearerOf } from './admin-token.js';
 import { answerWithFault } from './faults.js';
 import { HttpError, sendError, sendJson } from './http-reply.js';
 
-/** Loopback only: nothing on the network may reach these ports. */
+/** Loopback only: nothing on the network may reach these ports (the LAN route aside). */
 export const HOST = '127.0.0.1';
 /** The most bytes of request line and headers. */
 export const MAX_HEADER_BYTES = 16 * 1024;
@@ -31,18 +33,22 @@ export const MAX_CONNECTIONS = 256;
  * @param {Log} options.log
  * @param {string} [options.token] When given, every request must carry it
  * @param {string} [options.hookToken] Taken instead of `token` by the routes marked `hook`
- * @return {http.Server} Not listening yet
+ * @param {{devices: DeviceBook, limiter: AttemptLimiter}} [options.phone] Who may
+ *     use the routes marked `device`; without it they answer no one
+ * @param {{key: string, cert: string}} [options.tls] Makes it an HTTPS listener
+ * @return {http.Server|https.Server} Not listening yet
  */
-export function createListener({ router, faults, pending, log, token, hookToken }) {
-  const server = http.createServer(
-    { maxHeaderSize: MAX_HEADER_BYTES, headersTimeout: HEADERS_TIMEOUT_MS, requestTimeout: REQUEST_TIMEOUT_MS },
+export function createListener({ router, faults, pending, log, token, hookToken, phone = null, tls = null }) {
+  const options = { maxHeaderSize: MAX_HEADER_BYTES, headersTimeout: HEADERS_TIMEOUT_MS, requestTimeout: REQUEST_TIMEOUT_MS };
+  const server = (tls ? https : http).createServer(
+    tls ? { ...options, key: tls.key, cert: tls.cert, minVersion: 'TLSv1.2' } : options,
     (req, res) => {
       const target = readTarget(req.url);
       if (target === null) {
         sendError(res, new HttpError(400, 'bad_request', 'The request’s path can’t be read.'));
         return;
       }
-      const proceed = () => respond(req, res, target, { router, log, token, hookToken });
+      const proceed = () => respond(req, res, target, { router, log, token, hookToken, phone });
       const fault = faults.take(req.method, target.path);
       if (fault) answerWithFault(req, res, fault, pending, proceed);
       else proceed();
@@ -80,10 +86,32 @@ function admitted(found, authorization, token, hookToken) {
   return Boolean(found?.hook) && hookToken !== undefined && bearerMatches(authorization, hookToken);
 }
 
-async function respond(req, res, { path, url }, { router, log, token, hookToken }) {
+/** The sentence of a 401 on the phone's routes. */
+export const NOT_PAIRED = 'This needs the token of a paired device; pair again with a fresh code.';
+
+/**
+ * The paired device a phone route's request comes from. Failed tries count
+ * against the remote address, which is refused for a while after too many.
+ *
+ * @param {http.IncomingMessage} req
+ * @param {{devices: DeviceBook, limiter: AttemptLimiter}|null} phone
+ * @return {Object} The device
+ * @throws {HttpError} 429 or 401
+ */
+export function pairedDevice(req, phone) {
+  const address = req.socket.remoteAddress ?? '';
+  phone?.limiter.check(address);
+  const device = phone?.devices.verify(bearerOf(req.headers.authorization)) ?? null;
+  if (device !== null) return device;
+  phone?.limiter.fail(address);
+  throw new HttpError(401, 'unauthorized', NOT_PAIRED, { headers: { 'WWW-Authenticate': 'Bearer' } });
+}
+
+async function respond(req, res, { path, url }, { router, log, token, hookToken, phone }) {
   try {
     const found = router.find(req.method, path);
-    if (!admitted(found, req.headers.authorization, token, hookToken)) {
+    const device = found?.device ? pairedDevice(req, phone) : null;
+    if (!device && !admitted(found, req.headers.authorization, token, hookToken)) {
       throw new HttpError(401, 'unauthorized', 'This request needs the admin token, sent as “Authorization: Bearer <token>”.', {
         headers: { 'WWW-Authenticate': 'Bearer' },
       });
@@ -97,7 +125,7 @@ async function respond(req, res, { path, url }, { router, log, token, hookToken 
         { headers: { Allow: found.allowed.join(', ') } },
       );
     }
-    const value = await found.handler({ req, res, url, params: found.params });
+    const value = await found.handler({ req, res, url, params: found.params, device });
     if (value !== undefined) sendJson(res, 200, value);
   } catch (error) {
     if (error instanceof HttpError) {
@@ -110,14 +138,15 @@ async function respond(req, res, { path, url }, { router, log, token, hookToken 
 }
 
 /**
- * Starts listening on the loopback interface.
+ * Starts listening, on the loopback interface unless told otherwise.
  *
  * @param {http.Server} server
  * @param {number} port 0 for any free port
+ * @param {string} [host=HOST]
  * @return {Promise<number>} The port it got
  * @throws {Error} with a sentence as its message and `code` "TIDEWATCH_PORT"
  */
-export function listen(server, port) {
+export function listen(server, port, host = HOST) {
   return new Promise((resolve, reject) => {
     const fail = (error) => {
       const sentence =
@@ -132,7 +161,7 @@ export function listen(server, port) {
     };
     server.once('error', fail);
     try {
-      server.listen({ port, host: HOST, exclusive: true }, () => {
+      server.listen({ port, host, exclusive: true }, () => {
         server.off('error', fail);
         resolve(server.address().port);
       });

@@ -8,6 +8,7 @@ import { addChecklistRoute } from './checklist.js';
 import { addAwakeRoutes, addPowerQaRoutes } from './awake/awake-routes.js';
 import { addClaudeRoutes } from './claude/claude-routes.js';
 import { addIntegrationRoutes } from './integration.js';
+import { addPairingRoutes } from './phone/phone-routes.js';
 import { addQaRoutes } from './qa-routes.js';
 import { Router } from './router.js';
 import { addSettingsRoutes } from './settings-routes.js';
@@ -30,6 +31,8 @@ import { addSessionRoutes } from './sessions/session-routes.js';
  * @param {string} [parts.home] The person's home folder, where those sessions must lie
  * @param {AgentPlaces} [parts.places] Where each session's agent runs
  * @param {SessionOpener} [parts.opener] Brings a session's terminal forward
+ * @param {Object} [parts.pairing] What addPairingRoutes takes but the state:
+ *     `codes`, `devices`, `origin`; without it nothing pairs and no device is forgotten
  * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
  *     unknown routes like any other
  * @return {Router}
@@ -50,6 +53,7 @@ export function localRoutes({
   home = null,
   places = null,
   opener = null,
+  pairing = null,
   testCopy = false,
 }) {
   const router = new Router()
@@ -63,6 +67,7 @@ export function localRoutes({
   if (runner) addSessionRoutes(router, { runner, home, codexProgram: () => codex?.program ?? null });
   addAutomationsRoutes(router, { state });
   addSettingsRoutes(router, { state });
+  if (pairing) addPairingRoutes(router, { state, ...pairing });
   addAwakeRoutes(router, { keeper });
   if (claude) addClaudeRoutes(router, { claude, terminals, places });
   if (integration) addIntegrationRoutes(router, { integration, state });

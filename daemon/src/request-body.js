@@ -10,8 +10,11 @@ import { isObject } from './json.js';
  */
 export const MAX_BODY_BYTES = 1024 * 1024;
 
-const tooLarge = () =>
-  new HttpError(413, 'too_large', 'The request body is larger than 1 MiB, the most this service reads.', {
+// "1 MiB", "16 KiB": the limits are whole powers of two.
+const sizeWords = (bytes) => (bytes >= 1024 * 1024 ? `${bytes / (1024 * 1024)} MiB` : `${bytes / 1024} KiB`);
+
+const tooLarge = (limit) =>
+  new HttpError(413, 'too_large', `The request body is larger than ${sizeWords(limit)}, the most this service reads.`, {
     // What is left of the body is never read, so the connection can't be reused.
     headers: { Connection: 'close' },
   });
@@ -27,13 +30,13 @@ const tooLarge = () =>
  */
 export async function readJsonObject(req, limit = MAX_BODY_BYTES) {
   const announced = Number(req.headers['content-length']);
-  if (Number.isFinite(announced) && announced > limit) throw tooLarge();
+  if (Number.isFinite(announced) && announced > limit) throw tooLarge(limit);
 
   const chunks = [];
   let size = 0;
   for await (const chunk of req) {
     size += chunk.length;
-    if (size > limit) throw tooLarge();
+    if (size > limit) throw tooLarge(limit);
     chunks.push(chunk);
   }
   const text = Buffer.concat(chunks).toString('utf8');

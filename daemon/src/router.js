@@ -10,6 +10,7 @@ import { HttpError } from './http-reply.js';
  * @param {http.ServerResponse} call.res
  * @param {URL} call.url
  * @param {Object<string, string>} call.params Decoded path parameters
+ * @param {Object|null} call.device The paired device, on a route marked `device`
  * @return {*} A value to send as JSON with 200, or undefined when the
  *     handler answered by itself
  */
@@ -28,10 +29,12 @@ export class Router {
    *     for a page with nothing secret in it that a browser opens
    * @param {boolean} [options.hook=false] Also answers the hook credential
    *     (hook-token.js), for the door that takes reported hook events
+   * @param {boolean} [options.device=false] Answers a paired device's token
+   *     and nothing else; the handler's call carries the `device`
    * @return {Router} this, for chaining
    */
-  add(method, pattern, handler, { open = false, hook = false } = {}) {
-    this.routes.push({ method, segments: pattern.split('/'), handler, pattern, open, hook });
+  add(method, pattern, handler, { open = false, hook = false, device = false } = {}) {
+    this.routes.push({ method, segments: pattern.split('/'), handler, pattern, open, hook, device });
     return this;
   }
 
@@ -45,7 +48,7 @@ export class Router {
    *
    * @param {string} method
    * @param {string} pathname The raw path, still percent-encoded
-   * @return {{handler: Handler, params: Object, open: boolean, hook: boolean}|{allowed: Array<string>}|null}
+   * @return {{handler: Handler, params: Object, open: boolean, hook: boolean, device: boolean}|{allowed: Array<string>}|null}
    *     the route; or the methods the path allows when the method is wrong;
    *     or null when no route has this path
    * @throws {HttpError} 400 when a parameter isn't valid percent-encoding
@@ -56,7 +59,9 @@ export class Router {
     for (const route of this.routes) {
       const params = matchSegments(route.segments, segments);
       if (!params) continue;
-      if (route.method === method) return { handler: route.handler, params, open: route.open, hook: route.hook };
+      if (route.method === method) {
+        return { handler: route.handler, params, open: route.open, hook: route.hook, device: route.device };
+      }
       if (!allowed.includes(route.method)) allowed.push(route.method);
     }
     return allowed.length > 0 ? { allowed } : null;

@@ -10,7 +10,7 @@ import { AwakeKeeper, ServiceClock } from './awake/awake-keeper.js';
 import { ClaudeSignIn } from './claude/sign-in.js';
 import { ClaudeAgent } from './claude/claude-agent.js';
 import { CodexAgent } from './codex/codex-agent.js';
-import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';
+import { DEFAULT_API_PORT, DEFAULT_LAN_PORT, DEFAULT_LOCAL_PORT, DEFAULT_PAIR_ORIGIN } from './config.js';
 import { FaultBook, NO_FAULTS, PendingTimers } from './faults.js';
 import { FeedServer } from './feed-server.js';
 import { hookPlace, Integration } from './integration.js';
@@ -20,6 +20,10 @@ import { usualFolders } from './codex/codex-binary.js';
 import { closeListener, createListener, HOST, listen } from './listener.js';
 import { localRoutes } from './local-routes.js';
 import { Log } from './log.js';
+import { AttemptLimiter } from './phone/attempt-limiter.js';
+import { DeviceBook } from './phone/device-book.js';
+import { startLanRoute } from './phone/lan-route.js';
+import { PairCodes } from './phone/pair-codes.js';
 import { StatePersister } from './persist.js';
 import { Continuer } from './sessions/continuer.js';
 import { SessionRunner } from './sessions/session-runner.js';
@@ -36,6 +40,8 @@ import { VERSION } from './version.js';
  * @typedef {Object} RunningService
  * @property {number} apiPort The port the API listener got
  * @property {number} localPort The port the local listener got
+ * @property {number|null} lanPort The port the LAN route got; null when it couldn't open
+ * @property {DeviceBook} devices The paired devices and their tokens
  * @property {ServiceState} state
  * @property {FaultBook|NO_FAULTS} faults A book only in a test copy
  * @property {http.Server} apiServer Where the feed attaches (its upgrade event)
@@ -66,6 +72,11 @@ import { VERSION } from './version.js';
  * @param {string} options.logs The log folder
  * @param {number} [options.apiPort=47321] 0 for any free port
  * @param {number} [options.localPort=47322] 0 for any free port
+ * @param {number} [options.lanPort=47323] The LAN route's port, 0 for any free port
+ * @param {string} [options.lanHost='0.0.0.0'] Where the LAN route listens
+ * @param {function(): Object} [options.interfaces] The network interfaces, for tests
+ *     (os.networkInterfaces by default)
+ * @param {string} [options.pairOrigin] The origin of the pair links
  * @param {boolean} [options.testCopy=false] Only a test copy has the /qa
  *     routes and takes planted faults; a real install answers /qa with 404
  * @param {Object} [options.feed] The feed's timing and limits, for tests:
@@ -113,6 +124,10 @@ export async function startService({
   logs,
   apiPort = DEFAULT_API_PORT,
   localPort = DEFAULT_LOCAL_PORT,
+  lanPort = DEFAULT_LAN_PORT,
+  lanHost,
+  interfaces,
+  pairOrigin = DEFAULT_PAIR_ORIGIN,
   testCopy = false,
   feed: feedOptions = {},
   awake: awakeOptions = {},
@@ -153,6 +168,11 @@ export async function startService({
   // What was kept before a restart comes back before anyone can ask.
   const persister = new StatePersister({ support, state, log, ...persistOptions });
   persister.load();
+  const clock = awakeOptions.clock ?? new ServiceClock();
+  const devices = new DeviceBook({ support, state, log, clock });
+  devices.load();
+  const phone = { devices, limiter: new AttemptLimiter(clock) };
+  const codes = new PairCodes(clock);
   const codex = new CodexAgent({
     state,
     log,
@@ -204,9 +224,6 @@ export async function startService({
   const pending = new PendingTimers();
   // Switched by /qa to make the service look hung while its feed lives on.
   const health = { answering: true };
-  const apiServer = createListener({ router: apiRoutes({ health }), faults, pending, log });
-  const feed = new FeedServer({ server: apiServer, state, token, faults, pending, log, ...feedOptions });
-  const clock = awakeOptions.clock ?? new ServiceClock();
   const terminals = new TerminalHub({ state, support, log });
   const runner = new SessionRunner({
     state,
@@ -223,6 +240,9 @@ export async function startService({
   const places = new AgentPlaces();
   const raiser = windowRaiser(process.platform, windowOptions);
   const opener = new SessionOpener({ terminals, places, raiser, runner, relay: relayProgram, support });
+  const apiRouter = apiRoutes({ health, phone: { state, codes, ...phone, actions: { continuer, opener } } });
+  const apiServer = createListener({ router: apiRouter, faults, pending, log, phone });
+  const feed = new FeedServer({ server: apiServer, state, token, phone, faults, pending, log, ...feedOptions });
   keeper = new AwakeKeeper({
     state,
     support,
@@ -249,6 +269,7 @@ export async function startService({
       home,
       places,
       opener,
+      pairing: { codes, devices, origin: pairOrigin },
       testCopy,
     }),
     faults,
@@ -275,6 +296,23 @@ export async function startService({
     throw error;
   }
   state.setApiPort(ports.api);
+  // Phones still have Tailscale without it, so a LAN port that can't be had stops nothing else.
+  const lan = await startLanRoute({
+    support,
+    state,
+    router: apiRouter,
+    feed,
+    phone,
+    faults,
+    pending,
+    log,
+    port: lanPort,
+    host: lanHost,
+    interfaces,
+  }).catch((error) => {
+    log.error(`Phones on the local network can’t connect: ${error.message}`);
+    return null;
+  });
   persister.start();
   try {
     await terminals.start();
@@ -318,7 +356,7 @@ export async function startService({
       persister.close();
       pending.clear();
       await feed.close();
-      await Promise.all([closeListener(apiServer), closeListener(localServer), keeper.close()]);
+      await Promise.all([closeListener(apiServer), closeListener(localServer), lan?.close(), keeper.close()]);
     })();
     return closing;
   };
@@ -326,6 +364,8 @@ export async function startService({
   return {
     apiPort: ports.api,
     localPort: ports.local,
+    lanPort: lan?.port ?? null,
+    devices,
     state,
     faults,
     apiServer,

@@ -1,9 +1,9 @@
-// The Mac's settings and its paired devices, as the app changes them on the
-// local port: Codex, the built-in Tailscale node, browsing outside the
-// projects folder, the private-name service; forgetting a device; signing
-// the built-in node out.
+// The Mac's settings, as the app changes them on the local port: Codex,
+// the built-in Tailscale node, browsing outside the projects folder, the
+// private-name service; signing the built-in node out. (Forgetting a device
+// is pairing's: phone/phone-routes.js.)
 
-import { HttpError, invalid, notFound } from './http-reply.js';
+import { HttpError, invalid } from './http-reply.js';
 import { readJsonObject } from './request-body.js';
 import { objectOr } from './json.js';
 
@@ -55,10 +55,6 @@ export function addSettingsRoutes(router, { state }) {
       }
       // No private name is held yet, so turning the service off gives none up.
       return entries.some(([name]) => name === 'nameService') ? { nameRelease: { released: false } } : { ok: true };
-    })
-    .add('DELETE', '/local/devices/:id', ({ params }) => {
-      if (!state.removeDevice(params.id)) throw notFound('device', params.id);
-      return { ok: true };
     })
     .add('POST', '/local/tsnet/logout', async ({ req }) => {
       await readJsonObject(req);

@@ -45,3 +45,18 @@ test('folders, ports and a test copy follow the environment', () => {
     assert.deepEqual([support, logs, testCopy, apiPort, localPort], expected, name);
   }
 });
+
+test('the LAN port and the pairing origin', () => {
+  const rows = [
+    ['a real install: the LAN port and the default origin', {}, [47323, 'https://tidewatch.app']],
+    ['a test copy takes any free LAN port', { TIDEWATCH_SUPPORT: '/tmp/t/support' }, [0, 'https://tidewatch.app']],
+    ['both given', { TIDEWATCH_LAN_PORT: '47380', TIDEWATCH_PAIR_ORIGIN: 'https://pair.example/' }, [47380, 'https://pair.example']],
+    ['an origin with a path isn’t one', { TIDEWATCH_PAIR_ORIGIN: 'https://pair.example/x' }, [47323, 'https://tidewatch.app']],
+    ['plain http only on the loopback', { TIDEWATCH_PAIR_ORIGIN: 'http://pair.example' }, [47323, 'https://tidewatch.app']],
+    ['plain http on the loopback', { TIDEWATCH_PAIR_ORIGIN: 'http://127.0.0.1:8080' }, [47323, 'http://127.0.0.1:8080']],
+  ];
+  for (const [name, env, expected] of rows) {
+    const { lanPort, pairOrigin } = readConfig(env, { platform: 'linux', home: '/home/u' });
+    assert.deepEqual([lanPort, pairOrigin], expected, name);
+  }
+});

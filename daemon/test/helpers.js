@@ -93,6 +93,7 @@ export async function startScratchService(t, { folder, testCopy = true, codexHom
     logs,
     apiPort: 0,
     localPort: 0,
+    lanPort: 0,
     testCopy,
     codexHome: codexHome ?? path.join(folder, 'codex-home'),
     codexPath,
