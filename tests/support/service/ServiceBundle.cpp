@@ -21,6 +21,44 @@ bool copyFolder(const QString& from, const QString& to)
     return !ServiceInstaller::copyServiceFolder(from, to).has_value();
 }
 
+// The installed folders of the packages the service runs on, their own
+// dependencies included, as the lock file resolves them; the SDK is left out.
+QStringList runtimePackages()
+{
+    QFile lock(kSource + QStringLiteral("/package-lock.json"));
+    lock.open(QIODevice::ReadOnly);
+    const QJsonObject packages = QJsonDocument::fromJson(lock.readAll())["packages"].toObject();
+    const auto dependencies
+        = [&packages](const QString& folder) { return packages[folder]["dependencies"].toObject().keys(); };
+    QStringList wanted;
+    QStringList queue;
+    for (const QString& name : dependencies(QString())) {
+        if (name != ClaudeSDK::kPackage)
+            queue << QStringLiteral("node_modules/") + name;
+    }
+    while (!queue.isEmpty()) {
+        const QString folder = queue.takeFirst();
+        if (wanted.contains(folder) || !packages.contains(folder))
+            continue;
+        wanted << folder;
+        for (const QString& name : dependencies(folder)) {
+            // As Node.js looks: beside the package first, then up the tree.
+            QString at = folder;
+            for (;;) {
+                const QString candidate
+                    = (at.isEmpty() ? QString() : at + QLatin1Char('/')) + QStringLiteral("node_modules/") + name;
+                if (packages.contains(candidate) || at.isEmpty()) {
+                    queue << candidate;
+                    break;
+                }
+                const qsizetype up = at.lastIndexOf(QStringLiteral("/node_modules/"));
+                at = up < 0 ? QString() : at.left(up);
+            }
+        }
+    }
+    return wanted;
+}
+
 } // namespace
 
 QString makeServiceBundle(const ScratchFolder& scratch, const QString& relative)
@@ -29,13 +67,8 @@ QString makeServiceBundle(const ScratchFolder& scratch, const QString& relative)
     QDir().mkpath(bundle);
     // The sources and the packages the service runs on (the SDK is fetched by the installer).
     QStringList folders{QStringLiteral("src"), QStringLiteral("bin")};
-    QFile manifest(kSource + QStringLiteral("/package.json"));
-    manifest.open(QIODevice::ReadOnly);
-    const QJsonObject dependencies = QJsonDocument::fromJson(manifest.readAll())["dependencies"].toObject();
-    for (const QString& package : dependencies.keys()) {
-        if (package != ClaudeSDK::kPackage)
-            folders << QStringLiteral("node_modules/") + package;
-    }
+    for (const QString& package : runtimePackages())
+        folders << package;
     for (const QString& folder : folders)
         copyFolder(kSource + QLatin1Char('/') + folder, bundle + QLatin1Char('/') + folder);
     for (const QString& file : {QStringLiteral("package.json"), QStringLiteral("package-lock.json"),
