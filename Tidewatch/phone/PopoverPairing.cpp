@@ -141,7 +141,9 @@ void PopoverPairing::askForCode()
             self->cancel(*self->m_pair->code);
         self->m_pair = std::move(fresh);
         self->m_localOnly = address.isEmpty();
-        self->setPhase(Phase::Showing);
+        self->m_phase = Phase::Showing;
+        self->m_detail.clear();
+        self->m_failure = Failure::Service;
         Q_EMIT self->changed();
     });
 }

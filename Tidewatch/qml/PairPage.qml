@@ -6,7 +6,7 @@ import Tidewatch 1.0
 // comes from `pages.pair`.
 Column {
     id: root
-    required property var pages
+    property var pages
     readonly property var pair: pages ? pages.pair : ({})
     width: parent ? parent.width : 0
     spacing: 12

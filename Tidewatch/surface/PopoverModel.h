@@ -16,6 +16,7 @@ class QTimer;
 class PopoverModel : public QObject
 {
     Q_OBJECT
+    Q_MOC_INCLUDE("surface/PopoverPages.h")
     Q_PROPERTY(QVariantMap page READ page NOTIFY pageChanged)
     /// Which page shows, and the pair page's words.
     Q_PROPERTY(PopoverPages* pages READ pages CONSTANT)

@@ -9,6 +9,7 @@
 #include <QJsonDocument>
 #include <QSignalSpy>
 #include <QTest>
+#include <algorithm>
 
 using namespace Qt::StringLiterals;
 
