@@ -37,7 +37,8 @@ public:
 
     /// Any call on the local port. A body-less POST or PUT sends "{}"; GET and
     /// DELETE send neither body nor content type. The 2xx reply's bytes come back.
-    void request(Method method, const QString& path, std::optional<QJsonObject> body, double timeoutSeconds,
+    /// Virtual so that a test can answer as the service would, without a socket.
+    virtual void request(Method method, const QString& path, std::optional<QJsonObject> body, double timeoutSeconds,
         Callback<QByteArray> done);
 
     /// request() with the reply decoded tolerantly as T; a reply that doesn't

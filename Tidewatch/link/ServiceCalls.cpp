@@ -48,6 +48,18 @@ ServiceCall<Ignored> forgetDevice(const QString& deviceId)
     return {Method::Delete, QStringLiteral("/local/devices/") + DaemonClient::pathSegment(deviceId), std::nullopt, 8};
 }
 
+ServiceCall<PairStart> pairStart(bool claimName)
+{
+    if (claimName)
+        return {Method::Post, QStringLiteral("/local/pair/start?name=1"), std::nullopt, 8};
+    return {Method::Post, QStringLiteral("/local/pair/start"), std::nullopt, 10};
+}
+
+ServiceCall<Ignored> pairCancel(const QString& code)
+{
+    return {Method::Post, QStringLiteral("/local/pair/cancel"), one(QLatin1StringView("code"), code), 8};
+}
+
 ServiceCall<Ignored> decideApproval(const QString& approvalId, const QString& decision)
 {
     return {Method::Post,

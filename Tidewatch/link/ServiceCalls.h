@@ -2,6 +2,7 @@
 
 #include "link/ActionReplies.h"
 #include "link/DaemonClient.h"
+#include "link/PairStart.h"
 #include "link/WFRun.h"
 
 #include <QJsonObject>
@@ -36,6 +37,10 @@ ServiceCall<Snapshot> snapshot();
 ServiceCall<LocalStatus> localStatus(bool fresh = false, bool qr = false);
 ServiceCall<FlexList<Device>> devices();
 ServiceCall<Ignored> forgetDevice(const QString& deviceId);
+/// A new one-time pairing code; `claimName` also claims this machine's private name.
+ServiceCall<PairStart> pairStart(bool claimName = false);
+/// Withdraws a code that was replaced or left on screen.
+ServiceCall<Ignored> pairCancel(const QString& code);
 
 /// `decision` is the service's word, such as "allow" or "deny".
 ServiceCall<Ignored> decideApproval(const QString& approvalId, const QString& decision);

@@ -7,7 +7,10 @@ Rectangle {
     id: root
     property var popover
     readonly property var page: popover ? popover.page : ({})
-    readonly property real contentHeight: column.implicitHeight + 2 * 16
+    // The pages: main here below, the others loaded by name in `otherPage`.
+    readonly property var pages: popover ? popover.pages : null
+    readonly property bool onMain: !pages || pages.current === "main"
+    readonly property real contentHeight: (onMain ? column.implicitHeight : otherPage.implicitHeight) + 2 * 16
     width: 360
     height: contentHeight
     radius: 16
@@ -27,13 +30,41 @@ Rectangle {
     }
 
     Column {
-        id: column
+        id: otherPage
+        visible: !root.onMain
         x: 16
         y: 16
         width: parent.width - 32
         spacing: 12
 
-        PopoverHeader { pill: root.page.pill || ({}) }
+        PopoverHeader {
+            pill: root.page.pill || ({})
+            opens: !!root.pages && root.pages.settingsReady
+            opensHelp: root.pages ? root.pages.words.settingsHelp : ""
+            onOpened: root.pages.show("settings")
+        }
+        Loader {
+            width: parent.width
+            readonly property string current: root.pages ? root.pages.current : "main"
+            source: current === "pair" ? "PairPage.qml" : current === "settings" ? "SettingsPage.qml" : ""
+            onLoaded: item.pages = root.pages
+        }
+    }
+
+    Column {
+        id: column
+        visible: root.onMain
+        x: 16
+        y: 16
+        width: parent.width - 32
+        spacing: 12
+
+        PopoverHeader {
+            pill: root.page.pill || ({})
+            opens: !!root.pages && root.pages.settingsReady
+            opensHelp: root.pages ? root.pages.words.settingsHelp : ""
+            onOpened: root.pages.show("settings")
+        }
 
         Row {
             // The battery, when it puts the sessions at risk.
@@ -230,6 +261,13 @@ Rectangle {
                 title: root.page.footer ? root.page.footer.quit : ""
                 help: root.page.footer ? root.page.footer.quitHelp : ""
                 onPressed: root.popover.quit()
+            }
+            GlassButton {
+                anchors.right: parent.right
+                visible: !!root.pages && root.pages.settingsReady
+                title: root.pages ? root.pages.words.settings : ""
+                help: root.pages ? root.pages.words.settingsHelp : ""
+                onPressed: root.pages.show("settings")
             }
         }
     }

@@ -3,6 +3,10 @@ import QtQuick
 // The name, and the connection pill: the service's reach in one word.
 Item {
     property var pill: ({})
+    // A click on the pill opens the connection settings, once that page is there.
+    property bool opens: false
+    property string opensHelp
+    signal opened()
     width: parent ? parent.width : 0
     implicitHeight: 32
 
@@ -15,9 +19,9 @@ Item {
     }
     Rectangle {
         readonly property string spoken: pill.word || ""
-        Accessible.role: Accessible.StaticText
+        Accessible.role: opens ? Accessible.Button : Accessible.StaticText
         Accessible.name: spoken
-        Accessible.description: pill.help || ""
+        Accessible.description: opens ? opensHelp : (pill.help || "")
         anchors.right: parent.right
         anchors.verticalCenter: parent.verticalCenter
         implicitWidth: row.implicitWidth + 18
@@ -35,6 +39,13 @@ Item {
                 color: pill.dot || "#7A7468"
             }
             Label { text: pill.word || ""; size: 11; color: "#B5B0A6"; wrapMode: Text.NoWrap }
+        }
+        MouseArea {
+            anchors.fill: parent
+            enabled: opens
+            hoverEnabled: opens
+            cursorShape: opens ? Qt.PointingHandCursor : Qt.ArrowCursor
+            onClicked: opened()
         }
     }
 }

@@ -4,6 +4,7 @@
 #include "base/UserAccount.h"
 #include "model/AppModel.h"
 #include "surface/PopoverPage.h"
+#include "surface/PopoverPages.h"
 #include "surface/words/ModelChip.h"
 #include "surface/words/RowAction.h"
 
@@ -18,6 +19,7 @@ PopoverModel::PopoverModel(AppModel& model, DismissedNotices& dismissed, const C
     , m_dismissed(dismissed)
     , m_clock(clock)
     , m_tick(new QTimer(this))
+    , m_pages(new PopoverPages(model, clock, this))
 {
     m_tick->setInterval(1000);
     connect(m_tick, &QTimer::timeout, this, &PopoverModel::refresh);
@@ -174,6 +176,8 @@ void PopoverModel::quickAction(const QString& id)
 {
     if (id == u"checklist")
         QDesktopServices::openUrl(QUrl(m_model.environment().localBase() + QStringLiteral("/checklist")));
+    else
+        m_pages->show(id);
 }
 
 void PopoverModel::checkProviderOf(const QString& sessionId)

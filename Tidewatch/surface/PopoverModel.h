@@ -7,6 +7,7 @@
 #include <QVariantMap>
 
 class AppModel;
+class PopoverPages;
 class QTimer;
 
 /// What the panel's views bind to: the page as finished words, and the
@@ -15,12 +16,16 @@ class QTimer;
 class PopoverModel : public QObject
 {
     Q_OBJECT
+    Q_MOC_INCLUDE("surface/PopoverPages.h")
     Q_PROPERTY(QVariantMap page READ page NOTIFY pageChanged)
+    /// Which page shows, and the pair page's words.
+    Q_PROPERTY(PopoverPages* pages READ pages CONSTANT)
 
 public:
     PopoverModel(AppModel& model, DismissedNotices& dismissed, const Clock& clock, QObject* parent = nullptr);
 
     const QVariantMap& page() const { return m_page; }
+    PopoverPages* pages() const { return m_pages; }
     /// Builds the page now; the views follow on a change only.
     void refresh();
     /// Ages and countdowns move once a second while this is on.
@@ -71,6 +76,7 @@ private:
     DismissedNotices& m_dismissed;
     const Clock& m_clock;
     QTimer* m_tick;
+    PopoverPages* m_pages;
     QVariantMap m_page;
     bool m_queued = false;
 };

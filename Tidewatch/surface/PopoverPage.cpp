@@ -4,6 +4,7 @@
 #include "model/Agents.h"
 #include "model/AppModel.h"
 #include "model/DismissedNotices.h"
+#include "surface/PopoverPages.h"
 #include "surface/words/AccountWords.h"
 #include "surface/words/ApprovalWords.h"
 #include "surface/words/BatteryWords.h"
@@ -11,6 +12,7 @@
 #include "surface/words/MeterReading.h"
 #include "surface/words/ModelChip.h"
 #include "surface/words/NoticeWords.h"
+#include "surface/words/PairWords.h"
 #include "surface/words/RowAction.h"
 #include "surface/words/SessionList.h"
 #include "surface/words/SessionTitle.h"
@@ -445,9 +447,15 @@ QVariantMap build(const Inputs& in)
             {u"quitHelp"_s,
                 u"Quit Tidewatch. The background service keeps running, so your phone still reaches "_s + agentsWord},
             {u"quit"_s, u"Quit"_s}});
-    page.insert(u"quick"_s,
-        QVariantList{QVariantMap{{u"id"_s, u"checklist"_s}, {u"title"_s, u"Testing checklist"_s},
-            {u"help"_s, u"The testing checklist, in your browser"_s}}});
+    QVariantList quick{QVariantMap{{u"id"_s, PopoverPages::kPair}, {u"title"_s, PairWords::pairAnother()},
+                           {u"help"_s, PairWords::pairAnotherHelp()}},
+        QVariantMap{{u"id"_s, u"checklist"_s}, {u"title"_s, u"Testing checklist"_s},
+            {u"help"_s, u"The testing checklist, in your browser"_s}}};
+    if (PopoverPages::kSettingsPage) {
+        quick << QVariantMap{{u"id"_s, PopoverPages::kSettings}, {u"title"_s, PairWords::settings()},
+            {u"help"_s, PairWords::settingsHelp()}};
+    }
+    page.insert(u"quick"_s, quick);
     if (model.dialog())
         page.insert(u"dialog"_s, dialog(*model.dialog(), model.dialogWorking()));
     return page;

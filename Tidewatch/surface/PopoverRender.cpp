@@ -4,8 +4,10 @@
 #include "entry/Environment.h"
 #include "model/AppModel.h"
 #include "model/DismissedNotices.h"
+#include "phone/PopoverPairing.h"
 #include "surface/MenuBarFrames.h"
 #include "surface/PopoverModel.h"
+#include "surface/PopoverPages.h"
 #include "surface/StatusButton.h"
 #include "surface/StatusItemController.h"
 
@@ -150,6 +152,25 @@ bool showSample(AppModel& model, const QString& name, const QDateTime& now)
     return false;
 }
 
+void showSamplePage(PopoverPages& pages, const QString& name, const QDateTime& now)
+{
+    using Phase = PopoverPairing::Phase;
+    static const QHash<QString, Phase> phases{{u"starting"_s, Phase::Starting}, {u"showing"_s, Phase::Showing},
+        {u"needsAccess"_s, Phase::NeedsAccess}, {u"failed"_s, Phase::Failed}, {u"paired"_s, Phase::Paired}};
+    for (const QJsonValue& entry : samples()) {
+        const QJsonObject sample = resolveMoments(entry, now).toObject();
+        if (sample.value(u"name"_s).toString() != name || !sample.contains(u"page"_s))
+            continue;
+        const QJsonObject pairing = sample.value(u"pairing"_s).toObject();
+        pages.pairing().showSample(phases.value(pairing.value(u"phase"_s).toString(), Phase::Starting),
+            PairStart::fromJson(pairing.value(u"pair"_s)), pairing.value(u"localOnly"_s).toBool(),
+            pairing.value(u"detail"_s).toString(),
+            pairing.value(u"stale"_s).toBool() ? PopoverPairing::Failure::StaleAddress
+                                               : PopoverPairing::Failure::Service);
+        pages.show(sample.value(u"page"_s).toString());
+    }
+}
+
 QStringList textTwin(QQuickItem* root)
 {
     struct Spoken {
@@ -185,10 +206,13 @@ QStringList textTwin(QQuickItem* root)
     return twin;
 }
 
-std::optional<Rendered> render(AppModel& model, const Clock& clock, QString* error)
+std::optional<Rendered> render(
+    AppModel& model, const Clock& clock, QString* error, const std::function<void(PopoverPages&)>& prepare)
 {
     DismissedNotices dismissed;
     PopoverModel popover(model, dismissed, clock);
+    if (prepare)
+        prepare(*popover.pages());
     QQuickView view;
     view.setColor(Qt::transparent);
     view.setInitialProperties({{u"popover"_s, QVariant::fromValue<QObject*>(&popover)}});
@@ -226,7 +250,7 @@ bool save(const Rendered& rendered, const QString& folder, const QString& name, 
     return writeFile(folder + u'/' + name + u".txt"_s, (rendered.twin.join(u'\n') + u'\n').toUtf8(), error);
 }
 
-int renderPopover(const QString& folder, bool live)
+int renderPopover(const QString& folder, bool live, const QString& page)
 {
     QString error;
     if (live) {
@@ -244,8 +268,15 @@ int renderPopover(const QString& folder, bool live)
             model, environment, [](const QString&) { return StatusButton::unseen(); }, Clock::system());
         item.install();
         item.sync();
-        const std::optional<Rendered> rendered = render(model, Clock::system(), &error);
-        if (!rendered || !save(*rendered, folder, u"live-popover"_s, &error)
+        const std::optional<Rendered> rendered = render(model, Clock::system(), &error, [&page](PopoverPages& pages) {
+            if (page.isEmpty())
+                return;
+            pages.show(page);
+            // The pair page is drawn once its first code came, or the reason there is none.
+            waitFor([&pages] { return pages.pairing().phase() != PopoverPairing::Phase::Starting; }, 15000);
+        });
+        const QString name = page.isEmpty() ? u"live-popover"_s : u"live-"_s + page;
+        if (!rendered || !save(*rendered, folder, name, &error)
             || !writeFile(folder + u"/status-item.txt"_s, statusItemText(item).toUtf8(), &error)) {
             say(u"render failed: "_s + error);
             return 1;
@@ -254,8 +285,10 @@ int renderPopover(const QString& folder, bool live)
     }
     for (const QString& name : sampleNames()) {
         AppModel model(Environment::current(), Clock::system(), {}, true);
-        showSample(model, name, Clock::system().now());
-        const std::optional<Rendered> rendered = render(model, Clock::system(), &error);
+        const QDateTime now = Clock::system().now();
+        showSample(model, name, now);
+        const std::optional<Rendered> rendered
+            = render(model, Clock::system(), &error, [&](PopoverPages& pages) { showSamplePage(pages, name, now); });
         if (!rendered || !save(*rendered, folder, name, &error)) {
             say(u"render failed: "_s + name + u": "_s + error);
             return 1;

@@ -5,10 +5,12 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <optional>
 
 class AppModel;
 class Clock;
+class PopoverPages;
 class QQuickItem;
 
 /// The popover drawn without a screen, with its text twin: every visible text
@@ -21,13 +23,15 @@ struct Rendered {
 };
 
 /// Draws the popover as it shows this model now; none, with the reason in `error`, when it can't.
-std::optional<Rendered> render(AppModel& model, const Clock& clock, QString* error);
+/// `prepare` turns to a page before the drawing.
+std::optional<Rendered> render(
+    AppModel& model, const Clock& clock, QString* error, const std::function<void(PopoverPages&)>& prepare = {});
 QStringList textTwin(QQuickItem* root);
 /// Writes name.png and name.txt into the folder.
 bool save(const Rendered& rendered, const QString& folder, const QString& name, QString* error);
 
-/// --render-popover: the sample states, or with `live` what this copy's service shows now.
-int renderPopover(const QString& folder, bool live);
+/// --render-popover: the sample states, or with `live` what this copy's service shows now, on `page` when named.
+int renderPopover(const QString& folder, bool live, const QString& page = {});
 /// --snapshots: the status item's frames and the sample popovers.
 int renderSnapshots(const QString& folder);
 
@@ -35,5 +39,7 @@ int renderSnapshots(const QString& folder);
 QStringList sampleNames();
 /// Puts a sample state into a sample model; false when there is no such sample.
 bool showSample(AppModel& model, const QString& name, const QDateTime& now);
+/// Turns a sample panel to the sample's page, with its pairing, if the sample names one.
+void showSamplePage(PopoverPages& pages, const QString& name, const QDateTime& now);
 
 } // namespace PopoverRender

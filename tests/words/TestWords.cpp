@@ -12,6 +12,7 @@
 #include "surface/words/BatteryWords.h"
 #include "surface/words/CaptureReport.h"
 #include "surface/words/ConnectionPill.h"
+#include "surface/words/PairWords.h"
 #include "workflows/AutomationWords.h"
 #include "workflows/AutomationsState.h"
 #include "workflows/WorkflowWords.h"
@@ -341,6 +342,34 @@ QString workflowWords(const QString& section, const QStringList& in)
     return u"no words for the section "_s + section;
 }
 
+QString pairWords(const QString& section, const QStringList& in)
+{
+    if (section == u"pair download"_s) {
+        const QString address = PairWords::downloadAddress(Fixture::record<LocalStatus>(in.at(0).toUtf8()));
+        return address.isEmpty() ? kNone : address;
+    }
+    if (section == u"pair fixed"_s) {
+        static const QHash<QString, std::function<QString()>> fixed{{u"stale"_s, PairWords::staleAddress},
+            {u"another"_s, PairWords::pairAnother}, {u"another help"_s, PairWords::pairAnotherHelp},
+            {u"copy"_s, PairWords::copyLink}, {u"copy help"_s, PairWords::copyLinkHelp},
+            {u"download"_s, PairWords::downloadLine}, {u"settings"_s, PairWords::settings},
+            {u"settings help"_s, PairWords::settingsHelp}, {u"back"_s, PairWords::back}};
+        return fixed.value(in.at(0))();
+    }
+    using Phase = PopoverPairing::Phase;
+    static const QHash<QString, Phase> phases{{u"starting"_s, Phase::Starting}, {u"showing"_s, Phase::Showing},
+        {u"needsAccess"_s, Phase::NeedsAccess}, {u"failed"_s, Phase::Failed}, {u"paired"_s, Phase::Paired}};
+    const QString flags = in.value(2);
+    const bool stale = in.value(1) == u"stale"_s;
+    const PairWords::Page page = PairWords::page(phases.value(in.at(0)),
+        stale ? PopoverPairing::Failure::StaleAddress : PopoverPairing::Failure::Service,
+        stale ? QString() : in.value(1), flags.contains(u"code"_s), flags.contains(u"lan only"_s));
+    const auto orNone = [](const QString& text) { return text.isEmpty() ? kNone : text; };
+    return QStringList{page.lead, orNone(page.detail), orNone(page.wifi), page.showsCode ? u"QR"_s : u"no QR"_s,
+        page.offersAnother ? PairWords::pairAnother() : kNone, page.warns ? u"amber"_s : u"plain"_s}
+        .join(u" | "_s);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -353,6 +382,7 @@ int main(int argc, char** argv)
         {u"battery-words.txt"_s, batteryWords},
         {u"capture-report.txt"_s, captureReport},
         {u"connection-pill.txt"_s, connectionPill},
+        {u"pair-words.txt"_s, pairWords},
         {u"workflow-words.txt"_s, workflowWords},
     };
     // No two files share a section, so the section alone picks the render.
