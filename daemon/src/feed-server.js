@@ -80,6 +80,7 @@ export class FeedServer {
   #maxBufferedBytes;
   #sockets;
   #clients;
+  #reportCount;
   #held;
   #changes;
   #messages;
@@ -98,6 +99,8 @@ export class FeedServer {
    * @param {number} [options.pingIntervalMs=PING_INTERVAL_MS]
    * @param {number} [options.coalesceMs=COALESCE_MS]
    * @param {number} [options.maxBufferedBytes=MAX_BUFFERED_BYTES]
+   * @param {function(number): void} [options.reportCount] Hears the number of
+   *     clients on each change; the state's `connectedClients` by default
    */
   constructor({
     server,
@@ -109,7 +112,9 @@ export class FeedServer {
     pingIntervalMs = PING_INTERVAL_MS,
     coalesceMs = COALESCE_MS,
     maxBufferedBytes = MAX_BUFFERED_BYTES,
+    reportCount = (count) => state.setConnectedClients(count),
   }) {
+    this.#reportCount = reportCount;
     this.#state = state;
     this.#token = token;
     this.#faults = faults;
@@ -257,7 +262,7 @@ export class FeedServer {
     if (!client) return;
     this.#clients.delete(socket);
     this.#log.info(`Feed client “${client.name}” ${how}; ${this.#clients.size} connected.`);
-    this.#state.setConnectedClients(this.#clients.size);
+    this.#reportCount(this.#clients.size);
   }
 
   #onUpgrade = (req, socket, head) => {
@@ -326,7 +331,7 @@ export class FeedServer {
     socket.on('error', () => {});
     socket.on('close', (code) => this.#forget(socket, `left (${code})`));
     this.#log.info(`Feed client “${name}” connected; ${this.#clients.size} connected.`);
-    this.#state.setConnectedClients(this.#clients.size);
+    this.#reportCount(this.#clients.size);
     this.#deliver(socket, Buffer.from(JSON.stringify({ t: 'snapshot', snapshot: this.#state.snapshot() }), 'utf8'));
   }
 }

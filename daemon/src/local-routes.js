@@ -11,6 +11,7 @@ import { addIntegrationRoutes } from './integration.js';
 import { addQaRoutes } from './qa-routes.js';
 import { Router } from './router.js';
 import { addSettingsRoutes } from './settings-routes.js';
+import { addPhoneAccessRoutes } from './tailscale/phone-access.js';
 import { addSessionRoutes } from './sessions/session-routes.js';
 
 /**
@@ -30,8 +31,10 @@ import { addSessionRoutes } from './sessions/session-routes.js';
  * @param {string} [parts.home] The person's home folder, where those sessions must lie
  * @param {AgentPlaces} [parts.places] Where each session's agent runs
  * @param {SessionOpener} [parts.opener] Brings a session's terminal forward
- * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
- *     unknown routes like any other
+ * @param {PhoneAccess} parts.access Tailscale, the app and the built-in node
+ * @param {function(): void} parts.keep Writes the kept settings now
+ * @param {boolean} [parts.testCopy=false] Adds /qa, and leaves Tailscale's
+ *     serving alone; elsewhere /qa's paths are unknown routes like any other
  * @return {Router}
  */
 export function localRoutes({
@@ -50,19 +53,24 @@ export function localRoutes({
   home = null,
   places = null,
   opener = null,
+  access,
+  keep,
   testCopy = false,
 }) {
   const router = new Router()
     .add('GET', '/v1/snapshot', () => state.snapshot())
-    // `fresh=1` asks for a new look rather than the cache; everything here
-    // is current already, so it changes nothing yet.
-    .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
+    // `fresh=1` reads Tailscale again first; the rest is current already.
+    .add('GET', '/local/status', async ({ url }) => {
+      if (url.searchParams.get('fresh') === '1') await access?.refresh();
+      return state.localStatus({ qr: url.searchParams.get('qr') === '1' });
+    })
     .add('GET', '/local/devices', () => state.devices());
   addChecklistRoute(router, { state });
   addActionRoutes(router, { state, codex, continuer, signIn, opener });
   if (runner) addSessionRoutes(router, { runner, home, codexProgram: () => codex?.program ?? null });
   addAutomationsRoutes(router, { state });
-  addSettingsRoutes(router, { state });
+  addSettingsRoutes(router, { state, node: access.node, keep });
+  addPhoneAccessRoutes(router, { state, access, testCopy });
   addAwakeRoutes(router, { keeper });
   if (claude) addClaudeRoutes(router, { claude, terminals, places });
   if (integration) addIntegrationRoutes(router, { integration, state });

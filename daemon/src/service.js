@@ -11,6 +11,7 @@ import { ClaudeSignIn } from './claude/sign-in.js';
 import { ClaudeAgent } from './claude/claude-agent.js';
 import { CodexAgent } from './codex/codex-agent.js';
 import { DEFAULT_API_PORT, DEFAULT_LOCAL_PORT } from './config.js';
+import { ConnectionCount } from './connection-count.js';
 import { FaultBook, NO_FAULTS, PendingTimers } from './faults.js';
 import { FeedServer } from './feed-server.js';
 import { hookPlace, Integration } from './integration.js';
@@ -29,7 +30,11 @@ import { AgentPlaces } from './windows/agent-places.js';
 import { SessionOpener } from './windows/session-opener.js';
 import { windowRaiser } from './windows/window-raiser.js';
 import { ensurePrivateFolder } from './private-files.js';
+import { keptSettings } from './settings-routes.js';
 import { ServiceState } from './state.js';
+import { BuiltInNode } from './tailscale/built-in-node.js';
+import { PhoneAccess } from './tailscale/phone-access.js';
+import { TailscaleApp } from './tailscale/tailscale-app.js';
 import { VERSION } from './version.js';
 
 /**
@@ -41,6 +46,9 @@ import { VERSION } from './version.js';
  * @property {http.Server} apiServer Where the feed attaches (its upgrade event)
  * @property {http.Server} localServer
  * @property {FeedServer} feed
+ * @property {ConnectionCount} connections The clients connected now, every
+ *     kind together; a new kind of connection reports through its reporter()
+ * @property {PhoneAccess} access Tailscale: the app and the built-in node
  * @property {AwakeKeeper} awake
  * @property {CodexAgent} codex
  * @property {Promise<void>} codexReady When Codex's first look (program and files) is done
@@ -104,6 +112,12 @@ import { VERSION } from './version.js';
  *     folders by default
  * @param {Object} [options.persist] For tests: `now`, `saveDelayMs`,
  *     `saveMaxDelayMs`, `sweepEveryMs` (see StatePersister)
+ * @param {Object} [options.tailscale] Where the `tailscale` command line is
+ *     looked for (`program`: `named`, `searchPath`, `folders`, `app`; see
+ *     TailscaleApp), the `env` it and the helper run in, and `everyMs`, the
+ *     pace of reading them; PATH and the usual folders by default
+ * @param {string|null} [options.tsnetHelper=null] The built-in Tailscale
+ *     node's helper program; none by default
  * @return {Promise<RunningService>}
  * @throws {Error} A port that can't be bound gives code "TIDEWATCH_PORT" and
  *     a sentence as its message, already written to the log
@@ -131,6 +145,8 @@ export async function startService({
   shellHome = null,
   shell = '/bin/sh',
   relay = null,
+  tailscale: tailscaleOptions = {},
+  tsnetHelper = null,
 }) {
   ensurePrivateFolder(support);
   ensurePrivateFolder(logs);
@@ -205,7 +221,27 @@ export async function startService({
   // Switched by /qa to make the service look hung while its feed lives on.
   const health = { answering: true };
   const apiServer = createListener({ router: apiRoutes({ health }), faults, pending, log });
-  const feed = new FeedServer({ server: apiServer, state, token, faults, pending, log, ...feedOptions });
+  const connections = new ConnectionCount(state);
+  const feed = new FeedServer({
+    server: apiServer,
+    state,
+    token,
+    faults,
+    pending,
+    log,
+    reportCount: connections.reporter('feed'),
+    ...feedOptions,
+  });
+  const access = new PhoneAccess({
+    app: new TailscaleApp({ state, log, program: tailscaleOptions.program, env: tailscaleOptions.env }),
+    node: new BuiltInNode({ state, helper: tsnetHelper, env: tailscaleOptions.env, log }),
+    everyMs: tailscaleOptions.everyMs,
+  });
+  persister.addSection('settings', keptSettings({ state, node: access.node }));
+  const keepSettings = () => {
+    persister.markDirty();
+    persister.flush();
+  };
   const clock = awakeOptions.clock ?? new ServiceClock();
   const terminals = new TerminalHub({ state, support, log });
   const runner = new SessionRunner({
@@ -249,6 +285,8 @@ export async function startService({
       home,
       places,
       opener,
+      access,
+      keep: keepSettings,
       testCopy,
     }),
     faults,
@@ -276,6 +314,8 @@ export async function startService({
   }
   state.setApiPort(ports.api);
   persister.start();
+  // The served port is known now, so whether Tailscale serves it can be told.
+  access.start();
   try {
     await terminals.start();
   } catch (error) {
@@ -309,6 +349,7 @@ export async function startService({
   const close = () => {
     closing ??= (async () => {
       runner.close();
+      access.close();
       codex.close();
       claude.close();
       signIn.close();
@@ -331,6 +372,8 @@ export async function startService({
     apiServer,
     localServer,
     feed,
+    connections,
+    access,
     awake: keeper,
     codex,
     codexReady,
