@@ -5,8 +5,7 @@
 // `account`, `listening`, `tls`, `error`, and the node's `url` and
 // `controlUrl`), and `logout` signs the node out.
 
-import fs from 'node:fs';
-
+import { findProgram } from '../codex/codex-binary.js';
 import { HttpError } from '../http-reply.js';
 import { isObject } from '../json.js';
 import { parseAnswer, runTool, ToolError } from './command-line.js';
@@ -26,15 +25,6 @@ export const MODE_REASONS = Object.freeze({
 
 /** The helper's state while it can't be asked, with what keeps it. */
 export const NO_HELPER = 'The built-in Tailscale node’s helper isn’t installed, so the node can’t start.';
-
-function isExecutable(file) {
-  try {
-    fs.accessSync(file, fs.constants.X_OK);
-    return fs.statSync(file).isFile();
-  } catch {
-    return false;
-  }
-}
 
 /** The helper's answer, kept to the fields the status carries. */
 function helperRecord(answer) {
@@ -81,7 +71,7 @@ export class BuiltInNode {
 
   /** @return {boolean} Whether the helper is there to run. */
   available() {
-    return this.#helper !== null && isExecutable(this.#helper);
+    return this.#helper !== null && findProgram('helper', { named: this.#helper, searchPath: [] }) !== null;
   }
 
   /**
