@@ -141,35 +141,20 @@ test('the phone-access settings act, and survive a restart', async (t) => {
 });
 
 test('the built-in node signs out through its helper, and without one refuses', async (t) => {
-  const folder = await scratchFolder(t);
-  const helper = path.join(folder, 'tsnet-helper');
-  // A helper that runs until it is signed out, then waits for a sign-in.
-  fs.writeFileSync(
-    helper,
-    `#!/bin/sh
-case "$1" in
-status) if [ -f "$0.out" ]; then echo '{"state":"NeedsLogin","loginUrl":"https://login.tailscale.com/a/abc"}'
-        else echo '{"state":"Running","dnsName":"tidewatch.tail1234.ts.net","listening":"443","tls":"pinned","url":"https://tidewatch.tail1234.ts.net"}'; fi ;;
-logout) touch "$0.out" ;;
-*) echo "unknown command $1" >&2; exit 2 ;;
-esac
-`,
-    { mode: 0o755 },
-  );
   const without = await startScratchService(t);
   const refused = await without.local('POST', '/local/tsnet/logout');
   assert.deepEqual([refused.status, refused.json.error.message], [409, `${NO_HELPER} There’s nothing to sign out.`]);
 
-  const { local } = await startScratchService(t, { tsnetHelper: helper });
+  const fake = await standIn(t, null);
+  const running = { state: 'Running', dnsName: 'tidewatch.tail1234.ts.net', listening: '443', tls: 'pinned', url: 'https://tidewatch.tail1234.ts.net' };
+  fs.writeFileSync(path.join(fake.dir, 'tsnet-state.json'), JSON.stringify(running));
+  const { local } = await startScratchService(t, { tsnetHelper: path.join(FAKES, 'tsnet-helper'), tailscale: { env: fake.env } });
   await local('POST', '/local/settings', { body: { builtInTailscale: true } });
-  const running = (await local('GET', '/local/status')).json.tsnet;
-  assert.deepEqual([running.available, running.helper, running.url], [
-    true,
-    { state: 'Running', dnsName: 'tidewatch.tail1234.ts.net', listening: '443', tls: 'pinned' },
-    'https://tidewatch.tail1234.ts.net',
-  ]);
+  const up = (await local('GET', '/local/status')).json.tsnet;
+  assert.deepEqual([up.available, up.helper, up.url], [true, { state: 'Running', dnsName: 'tidewatch.tail1234.ts.net', listening: '443', tls: 'pinned' }, running.url]);
+
   const reply = await local('POST', '/local/tsnet/logout');
   assert.equal(reply.status, 200);
-  assert.deepEqual(reply.json.tsnet.helper, { state: 'NeedsLogin', loginUrl: 'https://login.tailscale.com/a/abc' });
-  assert.equal(reply.json.tsnet.url, undefined);
+  assert.deepEqual([reply.json.tsnet.helper, reply.json.tsnet.url], [{ state: 'NeedsLogin', loginUrl: 'https://login.tailscale.com/a/stand-in' }, undefined]);
+  assert.ok(fake.calls().includes('tsnet-helper logout'));
 });
