@@ -68,13 +68,15 @@ function xdgFolder(env, name, fallback) {
  * @param {string} [system.home=os.homedir()]
  * @return {{support: string, logs: string, shellHome: string, shell: string, apiPort: number,
  *     localPort: number, lanPort: number, pairOrigin: string, testCopy: boolean, codexHome: string,
- *     codexPath: (string|null), claudeSettings: string}} `lanPort` is `TIDEWATCH_LAN_PORT`, else
- *     47323 (a test copy: any free port); `pairOrigin` is `TIDEWATCH_PAIR_ORIGIN` when it is an
- *     origin, else the default; `shellHome` holds the start files the shell integration changes `codexHome` is Codex's
+ *     codexPath: (string|null), claudeSettings: string, tsnetHelper: (string|null)}} `lanPort` is
+ *     `TIDEWATCH_LAN_PORT`, else 47323 (a test copy: any free port); `pairOrigin` is
+ *     `TIDEWATCH_PAIR_ORIGIN` when it is an origin, else the default; `shellHome` holds the start files the shell integration changes `codexHome` is Codex's
  *     own folder, `CODEX_HOME` as Codex reads it, else ~/.codex (a test copy
  *     without `CODEX_HOME` gets an empty one in its support folder, so that it
  *     never reads the person's sessions); `codexPath` is the program named
- *     by `TIDEWATCH_CODEX`, else null for looking it up
+ *     by `TIDEWATCH_CODEX`, else null for looking it up; `tsnetHelper` is
+ *     the built-in Tailscale node's helper program named by
+ *     `TIDEWATCH_TSNET_HELPER`, else null: no built-in node can start
  */
 // launchd and systemd start services without SHELL; the account knows.
 function loginShell() {
@@ -131,5 +133,6 @@ export function readConfig(env = process.env, { platform = process.platform, hom
     codexHome,
     claudeSettings,
     codexPath: given('TIDEWATCH_CODEX') !== null ? path.resolve(given('TIDEWATCH_CODEX')) : null,
+    tsnetHelper: given('TIDEWATCH_TSNET_HELPER') !== null ? path.resolve(given('TIDEWATCH_TSNET_HELPER')) : null,
   };
 }

@@ -88,6 +88,7 @@ export class FeedServer {
   #maxBufferedBytes;
   #sockets;
   #clients;
+  #reportCount;
   #held;
   #changes;
   #messages;
@@ -108,6 +109,8 @@ export class FeedServer {
    * @param {number} [options.pingIntervalMs=PING_INTERVAL_MS]
    * @param {number} [options.coalesceMs=COALESCE_MS]
    * @param {number} [options.maxBufferedBytes=MAX_BUFFERED_BYTES]
+   * @param {function(number): void} [options.reportCount] Hears the number of
+   *     clients on each change; the state's `connectedClients` by default
    */
   constructor({
     server,
@@ -120,7 +123,9 @@ export class FeedServer {
     pingIntervalMs = PING_INTERVAL_MS,
     coalesceMs = COALESCE_MS,
     maxBufferedBytes = MAX_BUFFERED_BYTES,
+    reportCount = (count) => state.setConnectedClients(count),
   }) {
+    this.#reportCount = reportCount;
     this.#state = state;
     this.#token = token;
     this.#phone = phone;
@@ -292,7 +297,7 @@ export class FeedServer {
     if (!client) return;
     this.#clients.delete(socket);
     this.#log.info(`Feed client “${client.name}” ${how}; ${this.#clients.size} connected.`);
-    this.#state.setConnectedClients(this.#clients.size);
+    this.#reportCount(this.#clients.size);
   }
 
   #onUpgrade = (req, socket, head, phoneOnly) => {
@@ -371,7 +376,7 @@ export class FeedServer {
     socket.on('error', () => {});
     socket.on('close', (code) => this.#forget(socket, `left (${code})`));
     this.#log.info(`Feed client “${name}” connected; ${this.#clients.size} connected.`);
-    this.#state.setConnectedClients(this.#clients.size);
+    this.#reportCount(this.#clients.size);
     this.#deliver(socket, Buffer.from(JSON.stringify({ t: 'snapshot', snapshot: this.#state.snapshot() }), 'utf8'));
   }
 }

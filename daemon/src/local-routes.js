@@ -12,6 +12,7 @@ import { addPairingRoutes } from './phone/phone-routes.js';
 import { addQaRoutes } from './qa-routes.js';
 import { Router } from './router.js';
 import { addSettingsRoutes } from './settings-routes.js';
+import { addPhoneAccessRoutes } from './tailscale/phone-access.js';
 import { addSessionRoutes } from './sessions/session-routes.js';
 
 /**
@@ -33,8 +34,10 @@ import { addSessionRoutes } from './sessions/session-routes.js';
  * @param {SessionOpener} [parts.opener] Brings a session's terminal forward
  * @param {Object} [parts.pairing] What addPairingRoutes takes but the state:
  *     `codes`, `devices`, `origin`; without it nothing pairs and no device is forgotten
- * @param {boolean} [parts.testCopy=false] Adds /qa; elsewhere its paths are
- *     unknown routes like any other
+ * @param {PhoneAccess} parts.access Tailscale, the app and the built-in node
+ * @param {function(): void} parts.keep Writes the kept settings now
+ * @param {boolean} [parts.testCopy=false] Adds /qa, and leaves Tailscale's
+ *     serving alone; elsewhere /qa's paths are unknown routes like any other
  * @return {Router}
  */
 export function localRoutes({
@@ -54,19 +57,24 @@ export function localRoutes({
   places = null,
   opener = null,
   pairing = null,
+  access,
+  keep,
   testCopy = false,
 }) {
   const router = new Router()
     .add('GET', '/v1/snapshot', () => state.snapshot())
-    // `fresh=1` asks for a new look rather than the cache; everything here
-    // is current already, so it changes nothing yet.
-    .add('GET', '/local/status', ({ url }) => state.localStatus({ qr: url.searchParams.get('qr') === '1' }))
+    // `fresh=1` reads Tailscale again first; the rest is current already.
+    .add('GET', '/local/status', async ({ url }) => {
+      if (url.searchParams.get('fresh') === '1') await access?.refresh();
+      return state.localStatus({ qr: url.searchParams.get('qr') === '1' });
+    })
     .add('GET', '/local/devices', () => state.devices());
   addChecklistRoute(router, { state });
   addActionRoutes(router, { state, codex, continuer, signIn, opener });
   if (runner) addSessionRoutes(router, { runner, home, codexProgram: () => codex?.program ?? null });
   addAutomationsRoutes(router, { state });
-  addSettingsRoutes(router, { state });
+  addSettingsRoutes(router, { state, node: access.node, keep });
+  addPhoneAccessRoutes(router, { state, access, testCopy });
   if (pairing) addPairingRoutes(router, { state, ...pairing });
   addAwakeRoutes(router, { keeper });
   if (claude) addClaudeRoutes(router, { claude, terminals, places });

@@ -11,6 +11,7 @@ import { ClaudeSignIn } from './claude/sign-in.js';
 import { ClaudeAgent } from './claude/claude-agent.js';
 import { CodexAgent } from './codex/codex-agent.js';
 import { DEFAULT_API_PORT, DEFAULT_LAN_PORT, DEFAULT_LOCAL_PORT, DEFAULT_PAIR_ORIGIN } from './config.js';
+import { ConnectionCount } from './connection-count.js';
 import { FaultBook, NO_FAULTS, PendingTimers } from './faults.js';
 import { FeedServer } from './feed-server.js';
 import { hookPlace, Integration } from './integration.js';
@@ -33,7 +34,11 @@ import { AgentPlaces } from './windows/agent-places.js';
 import { SessionOpener } from './windows/session-opener.js';
 import { windowRaiser } from './windows/window-raiser.js';
 import { ensurePrivateFolder } from './private-files.js';
+import { keptSettings } from './settings-routes.js';
 import { ServiceState } from './state.js';
+import { BuiltInNode } from './tailscale/built-in-node.js';
+import { PhoneAccess } from './tailscale/phone-access.js';
+import { TailscaleApp } from './tailscale/tailscale-app.js';
 import { VERSION } from './version.js';
 
 /**
@@ -47,6 +52,9 @@ import { VERSION } from './version.js';
  * @property {http.Server} apiServer Where the feed attaches (its upgrade event)
  * @property {http.Server} localServer
  * @property {FeedServer} feed
+ * @property {ConnectionCount} connections The clients connected now, every
+ *     kind together; a new kind of connection reports through its reporter()
+ * @property {PhoneAccess} access Tailscale: the app and the built-in node
  * @property {AwakeKeeper} awake
  * @property {CodexAgent} codex
  * @property {Promise<void>} codexReady When Codex's first look (program and files) is done
@@ -115,6 +123,12 @@ import { VERSION } from './version.js';
  *     folders by default
  * @param {Object} [options.persist] For tests: `now`, `saveDelayMs`,
  *     `saveMaxDelayMs`, `sweepEveryMs` (see StatePersister)
+ * @param {Object} [options.tailscale] Where the `tailscale` command line is
+ *     looked for (`program`: `named`, `searchPath`, `folders`, `app`; see
+ *     TailscaleApp), the `env` it and the helper run in, and `everyMs`, the
+ *     pace of reading them; PATH and the usual folders by default
+ * @param {string|null} [options.tsnetHelper=null] The built-in Tailscale
+ *     node's helper program; none by default
  * @return {Promise<RunningService>}
  * @throws {Error} A port that can't be bound gives code "TIDEWATCH_PORT" and
  *     a sentence as its message, already written to the log
@@ -146,6 +160,8 @@ export async function startService({
   shellHome = null,
   shell = '/bin/sh',
   relay = null,
+  tailscale: tailscaleOptions = {},
+  tsnetHelper = null,
 }) {
   ensurePrivateFolder(support);
   ensurePrivateFolder(logs);
@@ -224,6 +240,17 @@ export async function startService({
   const pending = new PendingTimers();
   // Switched by /qa to make the service look hung while its feed lives on.
   const health = { answering: true };
+  const connections = new ConnectionCount(state);
+  const access = new PhoneAccess({
+    app: new TailscaleApp({ state, log, program: tailscaleOptions.program, env: tailscaleOptions.env }),
+    node: new BuiltInNode({ state, helper: tsnetHelper, env: tailscaleOptions.env, log }),
+    everyMs: tailscaleOptions.everyMs,
+  });
+  persister.addSection('settings', keptSettings({ state, node: access.node }));
+  const keepSettings = () => {
+    persister.markDirty();
+    persister.flush();
+  };
   const terminals = new TerminalHub({ state, support, log });
   const runner = new SessionRunner({
     state,
@@ -242,7 +269,17 @@ export async function startService({
   const opener = new SessionOpener({ terminals, places, raiser, runner, relay: relayProgram, support });
   const apiRouter = apiRoutes({ health, phone: { state, codes, ...phone, actions: { continuer, opener } } });
   const apiServer = createListener({ router: apiRouter, faults, pending, log, phone });
-  const feed = new FeedServer({ server: apiServer, state, token, phone, faults, pending, log, ...feedOptions });
+  const feed = new FeedServer({
+    server: apiServer,
+    state,
+    token,
+    phone,
+    faults,
+    pending,
+    log,
+    reportCount: connections.reporter('feed'),
+    ...feedOptions,
+  });
   keeper = new AwakeKeeper({
     state,
     support,
@@ -270,6 +307,8 @@ export async function startService({
       places,
       opener,
       pairing: { codes, devices, origin: pairOrigin },
+      access,
+      keep: keepSettings,
       testCopy,
     }),
     faults,
@@ -314,6 +353,8 @@ export async function startService({
     return null;
   });
   persister.start();
+  // The served port is known now, so whether Tailscale serves it can be told.
+  access.start();
   try {
     await terminals.start();
   } catch (error) {
@@ -347,6 +388,7 @@ export async function startService({
   const close = () => {
     closing ??= (async () => {
       runner.close();
+      access.close();
       codex.close();
       claude.close();
       signIn.close();
@@ -371,6 +413,8 @@ export async function startService({
     apiServer,
     localServer,
     feed,
+    connections,
+    access,
     awake: keeper,
     codex,
     codexReady,

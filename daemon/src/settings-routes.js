@@ -1,22 +1,60 @@
 // The Mac's settings, as the app changes them on the local port: Codex,
 // the built-in Tailscale node, browsing outside the projects folder, the
-// private-name service; signing the built-in node out. (Forgetting a device
-// is pairing's: phone/phone-routes.js.)
+// private-name service. (Signing the built-in node out is phone access's:
+// tailscale/phone-access.js; forgetting a device is pairing's:
+// phone/phone-routes.js.)
 
 import { HttpError, invalid } from './http-reply.js';
 import { readJsonObject } from './request-body.js';
-import { objectOr } from './json.js';
+import { isObject, objectOr } from './json.js';
+
+// One boolean field of a part, the rest of the part kept.
+const withField = (part, field, on) => ({ ...objectOr(part, {}), [field]: on });
 
 /**
- * Each setting the app may post, and where it lands: a snapshot part or a
- * local one, and the boolean field in it.
+ * Each setting the app may post, and how it acts: `apply(parts, on)` with
+ * the parts given to addSettingsRoutes; `kept` ones are saved at once and
+ * survive a restart.
  */
 export const SETTINGS = Object.freeze({
-  codex: { snapshot: 'codex', field: 'enabled' },
-  builtInTailscale: { local: 'tsnet', field: 'enabled' },
-  browseOutsideProjects: { local: 'files', field: 'browseOutsideProjects' },
-  nameService: { local: 'name', field: 'setting' },
+  codex: {
+    apply: ({ state }, on) => state.setSnapshotParts({ codex: withField(state.part('codex'), 'enabled', on) }),
+    kept: true,
+  },
+  builtInTailscale: { apply: ({ node }, on) => node.choose(on), kept: true },
+  browseOutsideProjects: {
+    apply: ({ state }, on) => state.setLocalParts({ files: withField(state.localPart('files'), 'browseOutsideProjects', on) }),
+    kept: true,
+  },
+  nameService: {
+    apply: ({ state }, on) => state.setLocalParts({ name: withField(state.localPart('name'), 'setting', on) }),
+    kept: false,
+  },
 });
+
+/**
+ * The settings kept in the service's file (a section of the persister's),
+ * read from where they act and put back there at start.
+ *
+ * @param {Object} parts
+ * @param {ServiceState} parts.state
+ * @param {BuiltInNode} parts.node
+ * @return {{save: function(): Object, restore: function(*): void}}
+ */
+export function keptSettings({ state, node }) {
+  return {
+    save: () => ({
+      builtInTailscale: node.chosen,
+      browseOutsideProjects: state.localPart('files')?.browseOutsideProjects === true,
+    }),
+    restore: (saved) => {
+      if (!isObject(saved)) return;
+      for (const name of ['builtInTailscale', 'browseOutsideProjects']) {
+        if (typeof saved[name] === 'boolean') SETTINGS[name].apply({ state, node }, saved[name]);
+      }
+    },
+  };
+}
 
 const NAMES = Object.keys(SETTINGS);
 const listed = `${NAMES.slice(0, -1).join(', ')} and ${NAMES.at(-1)}`;
@@ -43,23 +81,18 @@ export function parseSettings(body) {
  * @param {Router} router
  * @param {Object} parts
  * @param {ServiceState} parts.state
+ * @param {BuiltInNode} parts.node The built-in Tailscale node
+ * @param {function(): void} parts.keep Writes the kept settings now
  */
-export function addSettingsRoutes(router, { state }) {
+export function addSettingsRoutes(router, { state, node, keep }) {
   router
     .add('POST', '/local/settings', async ({ req }) => {
       const entries = parseSettings(await readJsonObject(req));
-      for (const [name, on] of entries) {
-        const { snapshot, local, field } = SETTINGS[name];
-        if (snapshot) state.setSnapshotParts({ [snapshot]: { ...objectOr(state.part(snapshot), {}), [field]: on } });
-        else state.setLocalParts({ [local]: { ...objectOr(state.localPart(local), {}), [field]: on } });
-      }
+      for (const [name, on] of entries) SETTINGS[name].apply({ state, node }, on);
+      if (entries.some(([name]) => SETTINGS[name].kept)) keep();
+      // The helper may have something to say as soon as the node is chosen.
+      if (entries.some(([name, on]) => name === 'builtInTailscale' && on)) await node.refresh();
       // No private name is held yet, so turning the service off gives none up.
       return entries.some(([name]) => name === 'nameService') ? { nameRelease: { released: false } } : { ok: true };
-    })
-    .add('POST', '/local/tsnet/logout', async ({ req }) => {
-      await readJsonObject(req);
-      // The built-in node comes later; there is nothing to sign out of yet,
-      // and the answer is the status as it stands.
-      return state.localStatus();
     });
 }

@@ -60,3 +60,12 @@ test('the LAN port and the pairing origin', () => {
     assert.deepEqual([lanPort, pairOrigin], expected, name);
   }
 });
+
+test('the built-in node’s helper is named by its variable, and is none by default', () => {
+  const rows = [
+    ['none by default', {}, null],
+    ['empty is none', { TIDEWATCH_TSNET_HELPER: '' }, null],
+    ['a path given', { TIDEWATCH_TSNET_HELPER: '/opt/tidewatch/tsnet-helper' }, '/opt/tidewatch/tsnet-helper'],
+  ];
+  for (const [name, env, expected] of rows) assert.equal(readConfig(env, { platform: 'linux', home: '/home/ada' }).tsnetHelper, expected, name);
+});

@@ -81,9 +81,9 @@ function clientOf(t, { apiPort, localPort, token }) {
 
 /**
  * The service in a scratch folder on free ports, closed after the test; Codex's home and Claude Code's
- * settings lie in that folder, never the person's own. Gives the service, its folders and the calls of clientOf.
+ * settings lie in that folder, never the person's own, and no `tailscale` is found unless `tailscale.program` names one. Gives the service, its folders and the calls of clientOf.
  */
-export async function startScratchService(t, { folder, testCopy = true, codexHome, codexPath = null, codex = {}, claudeSettings, claudeProgram = {}, ...options } = {}) {
+export async function startScratchService(t, { folder, testCopy = true, codexHome, codexPath = null, codex = {}, claudeSettings, claudeProgram = {}, tailscale = {}, ...options } = {}) {
   folder ??= await scratchFolder(t);
   const support = path.join(folder, 'support');
   const logs = path.join(folder, 'logs');
@@ -101,6 +101,8 @@ export async function startScratchService(t, { folder, testCopy = true, codexHom
     claudeSettings: claudeSettings ?? path.join(folder, 'claude-home', '.claude', 'settings.json'),
     // No Claude Code unless a test names one: the command hooks, as before one is found.
     claudeProgram: { searchPath: [], folders: [], ...claudeProgram },
+    // Nor any Tailscale: the machine's own is never asked unless a test names one.
+    tailscale: { ...tailscale, program: { searchPath: [], folders: [], app: null, ...tailscale.program } },
   });
   t.after(() => service.close());
   // Its first read of Claude Code's account would land on whatever a test plants first.

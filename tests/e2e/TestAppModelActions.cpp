@@ -81,6 +81,9 @@ void TestAppModelActions::initTestCase()
     m_live = std::make_unique<LiveModel>(false);
     // Signing in runs the pinned Claude Code's own sign-in.
     QVERIFY2(m_live->usePinnedClaude(), PinnedClaude::kMissing);
+    // Signing the built-in node out needs its helper: the stand-in, signed out from the start.
+    m_live->service.setVariable(QStringLiteral("TIDEWATCH_TSNET_HELPER"),
+        QStringLiteral(TIDEWATCH_SOURCE_DIR "/daemon/test/fakes/tsnet-helper"));
     QVERIFY(m_live->restartService());
 }
 
