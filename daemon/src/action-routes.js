@@ -17,6 +17,10 @@ export const USAGE_STALE_MS = 10 * 60 * 1000;
  */
 export const LOCAL_DECIDER = 'mac';
 
+// Who starts a sign-in is a short word, shown back on the account card.
+const WHERE = /^[a-z]{1,40}$/;
+const WHERE_SENTENCE = 'Say where the sign-in happens in one word of up to 40 small letters, such as “mac”.';
+
 function requireText(body, field, message) {
   if (typeof body[field] !== 'string' || body[field].trim() === '') throw invalid(field, message);
   return body[field];
@@ -99,8 +103,9 @@ export function addActionRoutes(
   if (device) return;
   router
     .add('POST', '/v1/account/login', async ({ req }) => {
-      const where = requireText(await readJsonObject(req), 'where', 'Say where the sign-in happens, such as “mac”.');
-      return { account: await requireSignIn().start(where.slice(0, 40)) };
+      const where = requireText(await readJsonObject(req), 'where', WHERE_SENTENCE);
+      if (!WHERE.test(where)) throw invalid('where', WHERE_SENTENCE);
+      return { account: await requireSignIn().start(where) };
     })
     .add('POST', '/v1/account/login/code', async ({ req }) => {
       requireSignIn().typeCode((await readJsonObject(req)).code);

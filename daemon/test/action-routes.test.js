@@ -114,7 +114,9 @@ test('slow: Claude Code’s own sign-in: its page goes on the account, the code 
 
   const early = await local('POST', '/v1/account/login/code', { body: { code: 'abc' } });
   assert.deepEqual([early.status, early.json.error.code], [409, 'no_sign_in']);
-  assert.equal((await local('POST', '/v1/account/login', { body: {} })).json.error.field, 'where');
+  for (const body of [{}, { where: 'x'.repeat(41) }, { where: 'mac; rm' }]) {
+    assert.equal((await local('POST', '/v1/account/login', { body })).json.error.field, 'where', JSON.stringify(body));
+  }
 
   const started = await local('POST', '/v1/account/login', { body: { where: 'mac' } });
   const { login } = started.json.account;
