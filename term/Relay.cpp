@@ -79,9 +79,10 @@ std::string randomId()
     return id;
 }
 
-std::string sizeJson(const winsize& size)
+// The window's size as JSON members, for a frame of its own or the hello.
+std::string sizeFields(const winsize& size)
 {
-    return "{\"cols\":" + std::to_string(size.ws_col) + ",\"rows\":" + std::to_string(size.ws_row) + "}";
+    return "\"cols\":" + std::to_string(size.ws_col) + ",\"rows\":" + std::to_string(size.ws_row);
 }
 
 } // namespace
@@ -171,8 +172,7 @@ void Relay::hello()
     const char* tty = ::ttyname(STDIN_FILENO);
     const std::string json = "{\"v\":1,\"id\":\"" + id_ + "\",\"agent\":" + jsonString(agentName(command_.front()))
         + ",\"pid\":" + std::to_string(::getpid()) + ",\"child\":" + std::to_string(child_)
-        + ",\"cwd\":" + jsonString(cwd) + ",\"tty\":" + jsonString(tty ? tty : "")
-        + ",\"cols\":" + std::to_string(size.ws_col) + ",\"rows\":" + std::to_string(size.ws_row) + "}";
+        + ",\"cwd\":" + jsonString(cwd) + ",\"tty\":" + jsonString(tty ? tty : "") + "," + sizeFields(size) + "}";
     link_.send(FrameKind::Hello, json);
     // What the screen showed before we met: the end of the output so far.
     const auto [older, newer] = tail_.parts();
@@ -275,7 +275,7 @@ void Relay::resize()
     if (::ioctl(STDIN_FILENO, TIOCGWINSZ, &size) != 0)
         return;
     ::ioctl(master_, TIOCSWINSZ, &size);
-    link_.send(FrameKind::Size, sizeJson(size));
+    link_.send(FrameKind::Size, "{" + sizeFields(size) + "}");
 }
 
 void Relay::onChildChanged()

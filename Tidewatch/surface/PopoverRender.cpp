@@ -171,6 +171,16 @@ void showSamplePage(PopoverPages& pages, const QString& name, const QDateTime& n
     }
 }
 
+std::optional<Rendered> renderSample(
+    AppModel& model, const Clock& clock, const QString& name, const QDateTime& now, QString* error)
+{
+    if (!showSample(model, name, now)) {
+        *error = u"there is no sample named "_s + name;
+        return std::nullopt;
+    }
+    return render(model, clock, error, [&](PopoverPages& pages) { showSamplePage(pages, name, now); });
+}
+
 QStringList textTwin(QQuickItem* root)
 {
     struct Spoken {
@@ -286,9 +296,7 @@ int renderPopover(const QString& folder, bool live, const QString& page)
     for (const QString& name : sampleNames()) {
         AppModel model(Environment::current(), Clock::system(), {}, true);
         const QDateTime now = Clock::system().now();
-        showSample(model, name, now);
-        const std::optional<Rendered> rendered
-            = render(model, Clock::system(), &error, [&](PopoverPages& pages) { showSamplePage(pages, name, now); });
+        const std::optional<Rendered> rendered = renderSample(model, Clock::system(), name, now, &error);
         if (!rendered || !save(*rendered, folder, name, &error)) {
             say(u"render failed: "_s + name + u": "_s + error);
             return 1;

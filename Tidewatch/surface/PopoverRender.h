@@ -41,5 +41,8 @@ QStringList sampleNames();
 bool showSample(AppModel& model, const QString& name, const QDateTime& now);
 /// Turns a sample panel to the sample's page, with its pairing, if the sample names one.
 void showSamplePage(PopoverPages& pages, const QString& name, const QDateTime& now);
+/// Puts the sample into a sample model and draws it on its page; none, with the reason in `error`, when it can't.
+std::optional<Rendered> renderSample(
+    AppModel& model, const Clock& clock, const QString& name, const QDateTime& now, QString* error);
 
 } // namespace PopoverRender

@@ -22,8 +22,9 @@ public:
     /// Makes this system's item: an NSStatusItem under the autosave name on
     /// macOS, a tray icon elsewhere. It shows nothing until the first image.
     static std::unique_ptr<StatusButton> create(const QString& autosaveName);
-    /// A button on no screen, for renders and checks that read the icon's state instead.
-    static std::unique_ptr<StatusButton> unseen();
+    /// A button on no screen (or said to stand at `place`), for renders and checks that
+    /// read the icon's state instead.
+    static std::unique_ptr<StatusButton> unseen(QRect place = {});
 
     /// `image` is the frame's template image, black on transparent.
     virtual void setImage(const MenuBarFrames::Frame& frame, const MenuBarFrames::Image& image) = 0;

@@ -192,9 +192,7 @@ export class Integration {
   useHttp(http) {
     this.#http = http;
     try {
-      const { settings } = readSettings(this.#file);
-      if (refreshedSettings(settings, this.#hookPlace()) === null) return;
-      this.#rewrite((current) => refreshedSettings(current, this.#hookPlace()) ?? current, 'reconnected');
+      this.#rewrite((current) => refreshedSettings(current, this.#hookPlace()), 'reconnected');
     } catch (error) {
       this.#log?.warn(`Claude Code’s hooks couldn’t be brought up to date: ${error.message}`);
     }
@@ -228,6 +226,7 @@ export class Integration {
     return this.#rewrite((settings) => removeFromSettings(settings), 'disconnected');
   }
 
+  // `change` gives the settings to write, or null when they stand as they should.
   #rewrite(change, done) {
     const { settings, mode } = readSettings(this.#file);
     // Nothing to take out of a file that isn't there.
@@ -236,6 +235,8 @@ export class Integration {
       return this.status();
     }
     const next = change(settings);
+    // The file says it all already.
+    if (next === null) return this.status();
     const text = `${JSON.stringify(next, null, 2)}\n`;
     try {
       if (mode === null) {

@@ -28,18 +28,6 @@ const QStringList kMissingWindows{u"providers: this build has no such window, no
     u"providers editor: this build has no such window, nothing drawn"_s,
     u"setup: this build has no such window, nothing drawn"_s};
 
-// A status item that stands where a menu bar would put it.
-class PlacedButton final : public StatusButton
-{
-public:
-    void setImage(const MenuBarFrames::Frame&, const MenuBarFrames::Image&) override { }
-    void setTitle(const QString&) override { }
-    void setLabel(const QString&) override { }
-    void setHighlighted(bool) override { }
-    void setWide(bool) override { }
-    QRect place() const override { return {1204, 0, 24, 22}; }
-};
-
 } // namespace
 
 /// The built program launched as a person's machine runs it: its one-shot
@@ -160,7 +148,10 @@ void TestLaunch::theTourFindsTheItemWhereItStands()
     QVERIFY(live.ok());
     QVERIFY(live.startModel());
     StatusItemController item(
-        live.model(), live.model().environment(), [](const QString&) { return std::make_unique<PlacedButton>(); },
+        live.model(), live.model().environment(),
+        [](const QString&) {
+            return StatusButton::unseen({1204, 0, 24, 22});
+        },
         Clock::system());
     item.install();
     MenuPanel panel(live.model(), Clock::system());

@@ -58,9 +58,9 @@ void TestPopoverRender::samplesReadInOrder()
     } clock;
     clock.at = now;
     AppModel model(environment, clock, {}, true);
-    QVERIFY(PopoverRender::showSample(model, sample, now));
     QString error;
-    const std::optional<PopoverRender::Rendered> rendered = PopoverRender::render(model, clock, &error);
+    const std::optional<PopoverRender::Rendered> rendered
+        = PopoverRender::renderSample(model, clock, sample, now, &error);
     QVERIFY2(rendered, qPrintable(error));
     const QString missing = missingInOrder(rendered->twin, lines);
     QVERIFY2(missing.isEmpty(),
@@ -78,9 +78,9 @@ void TestPopoverRender::everySampleDraws()
         {{QStringLiteral("TIDEWATCH_SUPPORT"), scratch.file(QStringLiteral("support"))}}, scratch.path());
     for (const QString& sample : PopoverRender::sampleNames()) {
         AppModel model(environment, Clock::system(), {}, true);
-        QVERIFY(PopoverRender::showSample(model, sample, Clock::system().now()));
         QString error;
-        const std::optional<PopoverRender::Rendered> rendered = PopoverRender::render(model, Clock::system(), &error);
+        const std::optional<PopoverRender::Rendered> rendered
+            = PopoverRender::renderSample(model, Clock::system(), sample, Clock::system().now(), &error);
         QVERIFY2(rendered, qPrintable(sample + QStringLiteral(": ") + error));
         QCOMPARE(rendered->image.width(), 360);
         QVERIFY2(rendered->image.height() >= 60, qPrintable(sample));
