@@ -58,6 +58,8 @@ export class ClaudeAgent {
   #readings = [];
   #failures = new Map();
   #justLimited = new Map();
+  /** session id → Claude Code's own plan after its last limit, "armed" or "off" */
+  #plans = new Map();
   #carryOnNewsMs;
   #started = false;
   #account;
@@ -199,13 +201,17 @@ export class ClaudeAgent {
     const failure = name === 'StopFailure' ? this.#failures.get(sessionId) : undefined;
     // One change for the event and what the transcript told: a second one
     // right after would wait out the feed's window before anyone saw it.
+    if (name === 'UserPromptSubmit' || name === 'SessionEnd') this.#plans.delete(sessionId);
     this.#putSession(sessionId, (session) =>
-      sessionAfter(session && told ? told(session) : session, event, {
-        now: this.#now(),
-        tty,
-        usage: this.#state.part('usage'),
-        failure,
-      }),
+      this.#withPlan(
+        sessionId,
+        sessionAfter(session && told ? told(session) : session, event, {
+          now: this.#now(),
+          tty,
+          usage: this.#state.part('usage'),
+          failure,
+        }),
+      ),
     );
 
     if (name === 'PreToolUse') {
@@ -344,13 +350,15 @@ export class ClaudeAgent {
     for (const { id, outcome } of facts.outcomes) {
       this.#broker.callEnded(sessionId, id, null, outcome === 'refused' ? 'deny' : 'allow');
     }
-    if (facts.failure === null) this.#failures.delete(sessionId);
-    else if (facts.failure) this.#turnFailed(sessionId, facts.failure);
+    // Claude Code's notice of its plan may come before the refusal it follows:
+    // it is held until the block is there, and an answer that went through ends it.
+    if (facts.carryOn !== undefined) this.#plans.set(sessionId, facts.carryOn);
+    if (facts.failure === null) {
+      this.#failures.delete(sessionId);
+      this.#plans.delete(sessionId);
+    } else if (facts.failure) this.#turnFailed(sessionId, facts.failure);
     return (session) => {
-      const next = { ...session };
-      if (facts.carryOn !== undefined && next.blocked?.kind === 'limit') {
-        next.blocked = withCarryOn(next.blocked, facts.carryOn);
-      }
+      const next = this.#withPlan(sessionId, { ...session });
       if (facts.lastText !== undefined) next.lastText = facts.lastText.slice(0, 4000);
       if (facts.model !== undefined && next.model === undefined) next.model = facts.model;
       // Refused in the terminal: Claude Code stops and waits for the next prompt.
@@ -403,10 +411,17 @@ export class ClaudeAgent {
     const event = { hook_event_name: 'StopFailure', session_id: sessionId, error: failure.error };
     if (failure.text !== undefined) event.last_assistant_message = failure.text;
     this.#putSession(sessionId, (session) => {
-      const next = sessionAfter(session, event, { now, usage: this.#state.part('usage'), failure });
+      const next = this.#withPlan(sessionId, sessionAfter(session, event, { now, usage: this.#state.part('usage'), failure }));
       return session?.state === 'ended' ? { ...next, state: 'ended' } : next;
     });
     this.#accountAfterFailure(event, failure);
+  }
+
+  // The session with Claude Code's last told plan put into its limit block, if it has one.
+  #withPlan(sessionId, session) {
+    const plan = this.#plans.get(sessionId);
+    if (plan === undefined || session?.blocked?.kind !== 'limit') return session;
+    return { ...session, blocked: withCarryOn(session.blocked, plan) };
   }
 
   #expectCarryOnNews(sessionId) {
