@@ -119,8 +119,9 @@ int main(int argc, char** argv)
         platform::drawOffscreenWithoutDisplay();
         QApplication application(argc, argv);
         BundledFonts::load(BundledFonts::folder());
-        return line.work == CommandLine::Work::Snapshots ? PopoverRender::renderSnapshots(*line.value)
-                                                         : PopoverRender::renderPopover(*line.value, line.live);
+        return line.work == CommandLine::Work::Snapshots
+            ? PopoverRender::renderSnapshots(*line.value)
+            : PopoverRender::renderPopover(*line.value, line.live, line.page);
     }
     if (line.isOneShot()) {
         QCoreApplication application(argc, argv);

@@ -24,7 +24,7 @@ struct CommandLine {
         FeedSelfTest, ///< --feed-selftest [seconds] [--sign-in] [--open]
         LensGuideSelfTest, ///< --lens-guide-selftest <folder>
         RenderLensGuide, ///< --render-lens-guide <folder>
-        RenderPopover, ///< --render-popover <folder> [--live]
+        RenderPopover, ///< --render-popover <folder> [--live] [--page settings]
     };
 
     Work work = Work::Normal;
@@ -35,6 +35,8 @@ struct CommandLine {
     bool signIn = false;
     bool open = false;
     bool live = false;
+    /// The panel's page a live render draws: "main" unless --page names another.
+    QString page = QStringLiteral("main");
     /// Where the popover self-check writes its report; it doesn't end the scan.
     std::optional<QString> popoverSelfTestReport;
     /// Set by the program itself when it relaunches from Applications.

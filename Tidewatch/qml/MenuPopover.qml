@@ -7,6 +7,12 @@ Rectangle {
     id: root
     property var popover
     readonly property var page: popover ? popover.page : ({})
+    /// The page under the header: "main" or "settings".
+    property string currentPage: "main"
+    readonly property var pages: ["main", "settings"]
+    /// Drawn for a picture: what a hover would reveal shows at once.
+    property bool rendering: false
+    function showPage(name) { if (pages.indexOf(name) >= 0) currentPage = name }
     readonly property real contentHeight: column.implicitHeight + 2 * 16
     width: 360
     height: contentHeight
@@ -34,6 +40,22 @@ Rectangle {
         spacing: 12
 
         PopoverHeader { pill: root.page.pill || ({}) }
+
+        SettingsPage {
+            visible: root.currentPage === "settings"
+            popover: root.popover
+            settings: root.page.settings || ({})
+            awake: root.page.awake
+            canPair: root.pages.indexOf("pair") >= 0
+            revealForget: root.rendering
+            onPairRequested: root.showPage("pair")
+        }
+
+        // The main page, while it is the one shown.
+        Column {
+        visible: root.currentPage === "main"
+        width: parent.width
+        spacing: 12
 
         Row {
             // The battery, when it puts the sessions at risk.
@@ -218,6 +240,8 @@ Rectangle {
                     onPressed: root.popover.quickAction(modelData.id)
                 }
             }
+        }
+
         }
 
         Label { text: root.page.note || ""; size: 11; color: "#E8B341"; width: parent.width }

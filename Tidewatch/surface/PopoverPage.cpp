@@ -4,6 +4,7 @@
 #include "model/Agents.h"
 #include "model/AppModel.h"
 #include "model/DismissedNotices.h"
+#include "surface/SettingsPage.h"
 #include "surface/words/AccountWords.h"
 #include "surface/words/ApprovalWords.h"
 #include "surface/words/BatteryWords.h"
@@ -448,6 +449,7 @@ QVariantMap build(const Inputs& in)
     page.insert(u"quick"_s,
         QVariantList{QVariantMap{{u"id"_s, u"checklist"_s}, {u"title"_s, u"Testing checklist"_s},
             {u"help"_s, u"The testing checklist, in your browser"_s}}});
+    page.insert(u"settings"_s, SettingsPage::build(model, in.now));
     if (model.dialog())
         page.insert(u"dialog"_s, dialog(*model.dialog(), model.dialogWorking()));
     return page;

@@ -150,6 +150,16 @@ bool showSample(AppModel& model, const QString& name, const QDateTime& now)
     return false;
 }
 
+View sampleView(const QString& name)
+{
+    for (const QJsonValue& entry : samples()) {
+        const QJsonObject sample = entry.toObject();
+        if (sample.value(u"name"_s).toString() == name)
+            return {sample.value(u"page"_s).toString(u"main"_s), sample.value(u"forget"_s).toString()};
+    }
+    return {};
+}
+
 QStringList textTwin(QQuickItem* root)
 {
     struct Spoken {
@@ -185,13 +195,18 @@ QStringList textTwin(QQuickItem* root)
     return twin;
 }
 
-std::optional<Rendered> render(AppModel& model, const Clock& clock, QString* error)
+std::optional<Rendered> render(AppModel& model, const Clock& clock, QString* error, const View& shown)
 {
     DismissedNotices dismissed;
     PopoverModel popover(model, dismissed, clock);
+    if (!shown.forget.isEmpty()) {
+        popover.forgetDevice(shown.forget);
+        popover.refresh();
+    }
     QQuickView view;
     view.setColor(Qt::transparent);
-    view.setInitialProperties({{u"popover"_s, QVariant::fromValue<QObject*>(&popover)}});
+    view.setInitialProperties({{u"popover"_s, QVariant::fromValue<QObject*>(&popover)}, {u"currentPage"_s, shown.page},
+        {u"rendering"_s, true}});
     view.setSource(QUrl(u"qrc:/qml/MenuPopover.qml"_s));
     if (view.status() != QQuickView::Ready || !view.rootObject()) {
         QStringList reasons;
@@ -226,7 +241,7 @@ bool save(const Rendered& rendered, const QString& folder, const QString& name, 
     return writeFile(folder + u'/' + name + u".txt"_s, (rendered.twin.join(u'\n') + u'\n').toUtf8(), error);
 }
 
-int renderPopover(const QString& folder, bool live)
+int renderPopover(const QString& folder, bool live, const QString& page)
 {
     QString error;
     if (live) {
@@ -244,8 +259,9 @@ int renderPopover(const QString& folder, bool live)
             model, environment, [](const QString&) { return StatusButton::unseen(); }, Clock::system());
         item.install();
         item.sync();
-        const std::optional<Rendered> rendered = render(model, Clock::system(), &error);
-        if (!rendered || !save(*rendered, folder, u"live-popover"_s, &error)
+        const std::optional<Rendered> rendered = render(model, Clock::system(), &error, View{page, {}});
+        const QString name = page == u"main"_s ? u"live-popover"_s : u"live-"_s + page;
+        if (!rendered || !save(*rendered, folder, name, &error)
             || !writeFile(folder + u"/status-item.txt"_s, statusItemText(item).toUtf8(), &error)) {
             say(u"render failed: "_s + error);
             return 1;
@@ -255,7 +271,7 @@ int renderPopover(const QString& folder, bool live)
     for (const QString& name : sampleNames()) {
         AppModel model(Environment::current(), Clock::system(), {}, true);
         showSample(model, name, Clock::system().now());
-        const std::optional<Rendered> rendered = render(model, Clock::system(), &error);
+        const std::optional<Rendered> rendered = render(model, Clock::system(), &error, sampleView(name));
         if (!rendered || !save(*rendered, folder, name, &error)) {
             say(u"render failed: "_s + name + u": "_s + error);
             return 1;

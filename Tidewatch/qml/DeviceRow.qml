@@ -1,0 +1,44 @@
+import QtQuick
+
+// One paired phone or pair of glasses on the Settings page; a hover reveals Forget.
+Item {
+    id: row
+    required property var device
+    /// Shows Forget without a hover, as a render of the page does.
+    property bool revealed: false
+    signal forget(string id)
+    width: parent ? parent.width : 0
+    implicitHeight: 30
+
+    Accessible.role: Accessible.ListItem
+    Accessible.name: device.name
+    Accessible.description: device.via
+
+    MouseArea {
+        id: hover
+        anchors.fill: parent
+        hoverEnabled: true
+        acceptedButtons: Qt.NoButton
+    }
+    Rectangle {
+        anchors.fill: parent
+        radius: 8
+        color: hover.containsMouse ? "#221F1B" : "transparent"
+    }
+    Row {
+        x: 8
+        anchors.verticalCenter: parent.verticalCenter
+        spacing: 8
+        Label { text: row.device.name; size: 12; wrapMode: Text.NoWrap }
+        Label { text: row.device.via; size: 11; color: "#7A7468"; wrapMode: Text.NoWrap }
+    }
+    GlassButton {
+        anchors.right: parent.right
+        anchors.rightMargin: 2
+        anchors.verticalCenter: parent.verticalCenter
+        visible: hover.containsMouse || forgetHover.containsMouse || row.revealed
+        title: row.device.forget
+        onPressed: row.forget(row.device.id)
+        MouseArea { id: forgetHover; anchors.fill: parent; hoverEnabled: true; acceptedButtons: Qt.NoButton }
+    }
+}
