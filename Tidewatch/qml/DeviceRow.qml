@@ -26,11 +26,12 @@ Item {
         color: hover.containsMouse ? "#221F1B" : "transparent"
     }
     Row {
+        // As tall as the row, so the name reads before the button that a hover reveals.
         x: 8
-        anchors.verticalCenter: parent.verticalCenter
+        height: parent.height
         spacing: 8
-        Label { text: row.device.name; size: 12; wrapMode: Text.NoWrap }
-        Label { text: row.device.via; size: 11; color: "#7A7468"; wrapMode: Text.NoWrap }
+        Label { text: row.device.name; size: 12; wrapMode: Text.NoWrap; height: parent.height; verticalAlignment: Text.AlignVCenter }
+        Label { text: row.device.via; size: 11; color: "#7A7468"; wrapMode: Text.NoWrap; height: parent.height; verticalAlignment: Text.AlignVCenter }
     }
     GlassButton {
         anchors.right: parent.right

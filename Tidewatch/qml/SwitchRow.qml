@@ -21,9 +21,9 @@ Column {
         }
         Rectangle {
             Accessible.role: Accessible.CheckBox
-            Accessible.name: row.setting.title
-            Accessible.checked: row.setting.on
-            Accessible.description: row.setting.help
+            Accessible.name: row.setting.title || ""
+            Accessible.checked: !!row.setting.on
+            Accessible.description: row.setting.help || ""
             anchors.right: parent.right
             anchors.verticalCenter: parent.verticalCenter
             width: 34; height: 20; radius: 10

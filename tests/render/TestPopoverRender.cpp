@@ -60,7 +60,8 @@ void TestPopoverRender::samplesReadInOrder()
     AppModel model(environment, clock, {}, true);
     QVERIFY(PopoverRender::showSample(model, sample, now));
     QString error;
-    const std::optional<PopoverRender::Rendered> rendered = PopoverRender::render(model, clock, &error);
+    const std::optional<PopoverRender::Rendered> rendered
+        = PopoverRender::render(model, clock, &error, PopoverRender::sampleView(sample));
     QVERIFY2(rendered, qPrintable(error));
     const QString missing = missingInOrder(rendered->twin, lines);
     QVERIFY2(missing.isEmpty(),
@@ -80,7 +81,8 @@ void TestPopoverRender::everySampleDraws()
         AppModel model(environment, Clock::system(), {}, true);
         QVERIFY(PopoverRender::showSample(model, sample, Clock::system().now()));
         QString error;
-        const std::optional<PopoverRender::Rendered> rendered = PopoverRender::render(model, Clock::system(), &error);
+        const std::optional<PopoverRender::Rendered> rendered
+            = PopoverRender::render(model, Clock::system(), &error, PopoverRender::sampleView(sample));
         QVERIFY2(rendered, qPrintable(sample + QStringLiteral(": ") + error));
         QCOMPARE(rendered->image.width(), 360);
         QVERIFY2(rendered->image.height() >= 60, qPrintable(sample));
