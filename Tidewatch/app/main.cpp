@@ -121,7 +121,7 @@ int main(int argc, char** argv)
         BundledFonts::load(BundledFonts::folder());
         return line.work == CommandLine::Work::Snapshots
             ? PopoverRender::renderSnapshots(*line.value)
-            : PopoverRender::renderPopover(*line.value, line.live, line.page);
+            : PopoverRender::renderPopover(*line.value, line.live, line.page.value_or(QString()));
     }
     if (line.isOneShot()) {
         QCoreApplication application(argc, argv);

@@ -125,7 +125,7 @@ CommandLine CommandLine::scan(const QStringList& list)
     if (arguments.has(QLatin1StringView("--render-popover"))) {
         if (auto folder = arguments.after(QLatin1StringView("--render-popover"))) {
             line.live = arguments.has(QLatin1StringView("--live"));
-            line.page = arguments.after(QLatin1StringView("--page")).value_or(line.page);
+            line.page = arguments.after(QLatin1StringView("--page"));
             return with(Work::RenderPopover, std::move(folder));
         }
     }

@@ -24,7 +24,7 @@ struct CommandLine {
         FeedSelfTest, ///< --feed-selftest [seconds] [--sign-in] [--open]
         LensGuideSelfTest, ///< --lens-guide-selftest <folder>
         RenderLensGuide, ///< --render-lens-guide <folder>
-        RenderPopover, ///< --render-popover <folder> [--live] [--page settings]
+        RenderPopover, ///< --render-popover <folder> [--live] [--page <main|pair>]
     };
 
     Work work = Work::Normal;
@@ -35,8 +35,8 @@ struct CommandLine {
     bool signIn = false;
     bool open = false;
     bool live = false;
-    /// The panel's page a live render draws: "main" unless --page names another.
-    QString page = QStringLiteral("main");
+    /// The panel's page a live render draws; none for the main page.
+    std::optional<QString> page;
     /// Where the popover self-check writes its report; it doesn't end the scan.
     std::optional<QString> popoverSelfTestReport;
     /// Set by the program itself when it relaunches from Applications.

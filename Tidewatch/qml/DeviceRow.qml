@@ -4,8 +4,6 @@ import QtQuick
 Item {
     id: row
     required property var device
-    /// Shows Forget without a hover, as a render of the page does.
-    property bool revealed: false
     signal forget(string id)
     width: parent ? parent.width : 0
     implicitHeight: 30
@@ -37,7 +35,7 @@ Item {
         anchors.right: parent.right
         anchors.rightMargin: 2
         anchors.verticalCenter: parent.verticalCenter
-        visible: hover.containsMouse || forgetHover.containsMouse || row.revealed
+        visible: hover.containsMouse || forgetHover.containsMouse
         title: row.device.forget
         onPressed: row.forget(row.device.id)
         MouseArea { id: forgetHover; anchors.fill: parent; hoverEnabled: true; acceptedButtons: Qt.NoButton }

@@ -9,10 +9,6 @@ Rectangle {
     readonly property var page: popover ? popover.page : ({})
     /// The page under the header: "main" or "settings".
     property string currentPage: "main"
-    readonly property var pages: ["main", "settings"]
-    /// Drawn for a picture: what a hover would reveal shows at once.
-    property bool rendering: false
-    function showPage(name) { if (pages.indexOf(name) >= 0) currentPage = name }
     readonly property real contentHeight: column.implicitHeight + 2 * 16
     width: 360
     height: contentHeight
@@ -44,11 +40,6 @@ Rectangle {
         SettingsPage {
             visible: root.currentPage === "settings"
             popover: root.popover
-            settings: root.page.settings || ({})
-            awake: root.page.awake
-            canPair: root.pages.indexOf("pair") >= 0
-            revealForget: root.rendering
-            onPairRequested: root.showPage("pair")
         }
 
         // The main page, while it is the one shown.

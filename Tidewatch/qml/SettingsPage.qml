@@ -2,23 +2,25 @@ import QtQuick
 
 // The Settings page: phone access and its route, the paired phones and
 // glasses, the files rule, the private name, Stay awake, and the way out.
-// Everything it says comes from `settings` (the page's "settings" part).
+// Everything it says comes from the "settings" part of `popover.page`.
 Column {
     id: page
-    required property var popover
-    property var settings: ({})
-    property var awake
-    /// The panel has a pair page to switch to.
-    property bool canPair: false
-    /// Forget shows on every device row, as in a render, not only on hover.
-    property bool revealForget: false
-    signal pairRequested()
+    property var popover
+    /// The panel's pages, where "Pair another phone" leads; none where there is no pair page.
+    property var pages
+    readonly property var settings: popover && popover.page.settings ? popover.page.settings : ({})
+    readonly property var awake: popover ? popover.page.awake : undefined
     width: parent ? parent.width : 0
     spacing: 12
 
     readonly property var phone: settings.phone || ({})
     readonly property var devices: settings.devices
 
+    GlassButton {
+        visible: !!page.pages
+        title: page.pages ? page.pages.words.back : ""
+        onPressed: page.pages.back()
+    }
     Label { text: page.settings.title || ""; size: 14; strong: true }
 
     Column {
@@ -83,16 +85,15 @@ Column {
             DeviceRow {
                 required property var modelData
                 device: modelData
-                revealed: page.revealForget
                 onForget: function (id) { page.popover.forgetDevice(id) }
             }
         }
         Label { text: page.devices ? page.devices.none : ""; size: 11; color: "#7A7468" }
         GlassButton {
-            visible: page.canPair
+            visible: !!page.pages
             title: page.devices ? page.devices.pair : ""
             help: page.devices ? page.devices.pairHelp : ""
-            onPressed: page.pairRequested()
+            onPressed: page.pages.show("pair")
         }
     }
 

@@ -437,6 +437,7 @@ QVariantMap build(const Inputs& in)
         addMainPage(page, in, agents);
     }
     page.insert(u"state"_s, state);
+    page.insert(u"settings"_s, SettingsPage::build(model, in.now));
 
     const QString agentsWord = agents.codexBeside()
         ? u"Claude Code and Codex"_s
@@ -449,7 +450,6 @@ QVariantMap build(const Inputs& in)
     page.insert(u"quick"_s,
         QVariantList{QVariantMap{{u"id"_s, u"checklist"_s}, {u"title"_s, u"Testing checklist"_s},
             {u"help"_s, u"The testing checklist, in your browser"_s}}});
-    page.insert(u"settings"_s, SettingsPage::build(model, in.now));
     if (model.dialog())
         page.insert(u"dialog"_s, dialog(*model.dialog(), model.dialogWorking()));
     return page;

@@ -150,12 +150,12 @@ bool showSample(AppModel& model, const QString& name, const QDateTime& now)
     return false;
 }
 
-View sampleView(const QString& name)
+QString samplePage(const QString& name)
 {
     for (const QJsonValue& entry : samples()) {
         const QJsonObject sample = entry.toObject();
         if (sample.value(u"name"_s).toString() == name)
-            return {sample.value(u"page"_s).toString(u"main"_s), sample.value(u"forget"_s).toString()};
+            return sample.value(u"page"_s).toString();
     }
     return {};
 }
@@ -195,18 +195,14 @@ QStringList textTwin(QQuickItem* root)
     return twin;
 }
 
-std::optional<Rendered> render(AppModel& model, const Clock& clock, QString* error, const View& shown)
+std::optional<Rendered> render(AppModel& model, const Clock& clock, QString* error, const QString& page)
 {
     DismissedNotices dismissed;
     PopoverModel popover(model, dismissed, clock);
-    if (!shown.forget.isEmpty()) {
-        popover.forgetDevice(shown.forget);
-        popover.refresh();
-    }
     QQuickView view;
     view.setColor(Qt::transparent);
-    view.setInitialProperties({{u"popover"_s, QVariant::fromValue<QObject*>(&popover)}, {u"currentPage"_s, shown.page},
-        {u"rendering"_s, true}});
+    view.setInitialProperties({{u"popover"_s, QVariant::fromValue<QObject*>(&popover)},
+        {u"currentPage"_s, page.isEmpty() ? u"main"_s : page}});
     view.setSource(QUrl(u"qrc:/qml/MenuPopover.qml"_s));
     if (view.status() != QQuickView::Ready || !view.rootObject()) {
         QStringList reasons;
@@ -259,8 +255,8 @@ int renderPopover(const QString& folder, bool live, const QString& page)
             model, environment, [](const QString&) { return StatusButton::unseen(); }, Clock::system());
         item.install();
         item.sync();
-        const std::optional<Rendered> rendered = render(model, Clock::system(), &error, View{page, {}});
-        const QString name = page == u"main"_s ? u"live-popover"_s : u"live-"_s + page;
+        const std::optional<Rendered> rendered = render(model, Clock::system(), &error, page);
+        const QString name = page.isEmpty() ? u"live-popover"_s : u"live-"_s + page;
         if (!rendered || !save(*rendered, folder, name, &error)
             || !writeFile(folder + u"/status-item.txt"_s, statusItemText(item).toUtf8(), &error)) {
             say(u"render failed: "_s + error);
@@ -271,7 +267,7 @@ int renderPopover(const QString& folder, bool live, const QString& page)
     for (const QString& name : sampleNames()) {
         AppModel model(Environment::current(), Clock::system(), {}, true);
         showSample(model, name, Clock::system().now());
-        const std::optional<Rendered> rendered = render(model, Clock::system(), &error, sampleView(name));
+        const std::optional<Rendered> rendered = render(model, Clock::system(), &error, samplePage(name));
         if (!rendered || !save(*rendered, folder, name, &error)) {
             say(u"render failed: "_s + name + u": "_s + error);
             return 1;

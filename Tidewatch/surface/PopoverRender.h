@@ -20,22 +20,14 @@ struct Rendered {
     QStringList twin;
 };
 
-/// Which of the panel's pages is drawn, and what stands open on it.
-struct View {
-    /// "main" or "settings".
-    QString page = QStringLiteral("main");
-    /// The device whose Forget dialog stands open.
-    QString forget;
-};
-
-/// Draws the popover as it shows this model now; none, with the reason in `error`, when it can't.
-std::optional<Rendered> render(AppModel& model, const Clock& clock, QString* error, const View& view = {});
+/// Draws the popover as it shows this model now, on `page` when named; none, with the reason in `error`, when it can't.
+std::optional<Rendered> render(AppModel& model, const Clock& clock, QString* error, const QString& page = {});
 QStringList textTwin(QQuickItem* root);
 /// Writes name.png and name.txt into the folder.
 bool save(const Rendered& rendered, const QString& folder, const QString& name, QString* error);
 
-/// --render-popover: the sample states, or with `live` what this copy's service shows now on `page`.
-int renderPopover(const QString& folder, bool live, const QString& page = QStringLiteral("main"));
+/// --render-popover: the sample states, or with `live` what this copy's service shows now, on `page` when named.
+int renderPopover(const QString& folder, bool live, const QString& page = {});
 /// --snapshots: the status item's frames and the sample popovers.
 int renderSnapshots(const QString& folder);
 
@@ -43,7 +35,7 @@ int renderSnapshots(const QString& folder);
 QStringList sampleNames();
 /// Puts a sample state into a sample model; false when there is no such sample.
 bool showSample(AppModel& model, const QString& name, const QDateTime& now);
-/// The page a sample is drawn on.
-View sampleView(const QString& name);
+/// The page a sample is drawn on; empty for the main page.
+QString samplePage(const QString& name);
 
 } // namespace PopoverRender

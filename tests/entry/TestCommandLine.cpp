@@ -84,10 +84,10 @@ void TestCommandLine::scan_data()
     CommandLine live = expect(Work::RenderPopover, "/tmp/out");
     live.live = true;
     QTest::newRow("--live is found anywhere") << "--live --render-popover /tmp/out" << live;
-    CommandLine settings = live;
-    settings.page = QStringLiteral("settings");
+    CommandLine pairPage = live;
+    pairPage.page = QStringLiteral("pair");
     QTest::newRow("--page names the page a live render draws")
-        << "--render-popover /tmp/out --live --page settings" << settings;
+        << "--render-popover /tmp/out --live --page pair" << pairPage;
 
     CommandLine moved;
     moved.moved = true;

@@ -61,7 +61,7 @@ void TestPopoverRender::samplesReadInOrder()
     QVERIFY(PopoverRender::showSample(model, sample, now));
     QString error;
     const std::optional<PopoverRender::Rendered> rendered
-        = PopoverRender::render(model, clock, &error, PopoverRender::sampleView(sample));
+        = PopoverRender::render(model, clock, &error, PopoverRender::samplePage(sample));
     QVERIFY2(rendered, qPrintable(error));
     const QString missing = missingInOrder(rendered->twin, lines);
     QVERIFY2(missing.isEmpty(),
@@ -82,7 +82,7 @@ void TestPopoverRender::everySampleDraws()
         QVERIFY(PopoverRender::showSample(model, sample, Clock::system().now()));
         QString error;
         const std::optional<PopoverRender::Rendered> rendered
-            = PopoverRender::render(model, Clock::system(), &error, PopoverRender::sampleView(sample));
+            = PopoverRender::render(model, Clock::system(), &error, PopoverRender::samplePage(sample));
         QVERIFY2(rendered, qPrintable(sample + QStringLiteral(": ") + error));
         QCOMPARE(rendered->image.width(), 360);
         QVERIFY2(rendered->image.height() >= 60, qPrintable(sample));
