@@ -122,6 +122,8 @@ ServiceCall<Ignored> setSetting(Setting setting, bool on)
         return call("builtInTailscale", 30);
     case Setting::BrowseOutsideProjects:
         return call("browseOutsideProjects", 8);
+    case Setting::NameService:
+        return call("nameService", 8);
     }
     return call("codex", 15);
 }

@@ -55,7 +55,7 @@ ServiceCall<CodexReply> refreshCodex();
 /// A change of Stay awake: any of `mode`, `minBattery` and `extend`.
 ServiceCall<AwakeReply> setAwake(const QJsonObject& change);
 /// One of the switches in the service's settings; each has a time limit of its own.
-enum class Setting { Codex, BuiltInTailscale, BrowseOutsideProjects };
+enum class Setting { Codex, BuiltInTailscale, BrowseOutsideProjects, NameService };
 ServiceCall<Ignored> setSetting(Setting setting, bool on);
 ServiceCall<LocalStatus> signOutTailscale();
 

@@ -277,21 +277,16 @@ void AppModel::forgetDevice(const QString& deviceId, const QString& name)
         [this](Ignored) { readDevices(); });
 }
 
-void AppModel::askForgetDevice(const QString& deviceId, const QString& name)
+void AppModel::askForgetDevice(const QString& deviceId, const QString& name, GlassDialog dialog)
 {
-    GlassDialog dialog;
-    dialog.title = QStringLiteral("Forget ") + name;
-    dialog.line = QStringLiteral("Its token stops working at once, on Tailscale and on the local network. Glasses that "
-                                 "come through it stop too.");
     dialog.accent = Tone::Danger;
-    dialog.secondary = QStringLiteral("Keep");
-    dialog.primary = QStringLiteral("Forget");
     dialog.confirm = [this, deviceId, name](bool, GlassDialog::Finish finish) {
         m_source->act([&](ActionCalls& calls) {
             calls.runWith<Ignored>(
                 ServiceCalls::forgetDevice(deviceId),
                 [this, finish](Ignored) {
                     readDevices();
+                    read(true);
                     finish(std::nullopt);
                 },
                 [name, finish](const DaemonError& error) {
@@ -369,14 +364,19 @@ void AppModel::setBuiltInTailscale(bool on)
         QStringLiteral("Couldn’t change that. "), [this](Ignored) { read(true); });
 }
 
-void AppModel::setBrowseOutsideProjects(bool on)
+void AppModel::setBrowseOutsideProjects(bool on, const QString& changed)
 {
     run<Ignored>(ServiceCalls::setSetting(ServiceCalls::Setting::BrowseOutsideProjects, on),
-        QStringLiteral("Couldn’t change Browse outside projects. "), [this, on](Ignored) {
-            showNote(on ? QStringLiteral("Phones can open sessions’ folders in your home folder too, read only")
-                        : QStringLiteral("Phones open only your projects folder again"));
+        QStringLiteral("Couldn’t change Browse outside projects. "), [this, changed](Ignored) {
+            showNote(changed);
             read(true);
         });
+}
+
+void AppModel::setNameService(bool on)
+{
+    run<Ignored>(ServiceCalls::setSetting(ServiceCalls::Setting::NameService, on),
+        QStringLiteral("Couldn’t change the private name. "), [this](Ignored) { read(true); });
 }
 
 void AppModel::signOutTailscale()

@@ -188,8 +188,9 @@ public:
     void signIn(const QString& where = QStringLiteral("mac"));
     /// `name` is the device's, for the sentence. The device list is read again after.
     void forgetDevice(const QString& deviceId, const QString& name);
-    /// Asks first, in a dialog, whether to forget the device.
-    void askForgetDevice(const QString& deviceId, const QString& name);
+    /// Asks first, with `question`'s words, whether to forget the device; the
+    /// status is read again after, so the device leaves every list that shows it.
+    void askForgetDevice(const QString& deviceId, const QString& name, GlassDialog question);
 
     /// Asks the service for another Stay awake mode; the picker shows the
     /// choice until the service answers.
@@ -247,7 +248,10 @@ public:
     /// The application came to the front.
     void applicationBecameActive();
     void setBuiltInTailscale(bool on);
-    void setBrowseOutsideProjects(bool on);
+    /// `changed` is the note that tells what the new rule means.
+    void setBrowseOutsideProjects(bool on, const QString& changed);
+    /// The private name for this machine, on or off.
+    void setNameService(bool on);
     /// Signs the built-in Tailscale node out.
     void signOutTailscale();
     /// Open at Login on or off, remembered as the person's wish; a test copy

@@ -18,6 +18,7 @@ Rectangle {
         Label { text: host.dialog ? host.dialog.eyebrow : ""; size: 10; color: "#7A7468"; font.letterSpacing: 1.2 }
         Label { text: host.dialog ? host.dialog.title : ""; strong: true; size: 14; width: parent.width }
         Label { text: host.dialog ? host.dialog.line : ""; size: 11; color: "#B5B0A6"; width: parent.width }
+        Label { text: host.dialog ? host.dialog.more : ""; size: 10; color: "#7A7468"; width: parent.width }
         Row {
             id: option
             property bool checked: false

@@ -39,7 +39,7 @@ Rectangle {
 
         PopoverHeader {
             pill: root.page.pill || ({})
-            opens: !!root.pages && root.pages.settingsReady
+            opens: !!root.pages
             opensHelp: root.pages ? root.pages.words.settingsHelp : ""
             onOpened: root.pages.show("settings")
         }
@@ -47,7 +47,7 @@ Rectangle {
             width: parent.width
             readonly property string current: root.pages ? root.pages.current : "main"
             source: current === "pair" ? "PairPage.qml" : current === "settings" ? "SettingsPage.qml" : ""
-            onLoaded: item.pages = root.pages
+            onLoaded: { item.pages = root.pages; if (current === "settings") item.popover = root.popover }
         }
     }
 
@@ -61,7 +61,7 @@ Rectangle {
 
         PopoverHeader {
             pill: root.page.pill || ({})
-            opens: !!root.pages && root.pages.settingsReady
+            opens: !!root.pages
             opensHelp: root.pages ? root.pages.words.settingsHelp : ""
             onOpened: root.pages.show("settings")
         }
@@ -264,7 +264,7 @@ Rectangle {
             }
             GlassButton {
                 anchors.right: parent.right
-                visible: !!root.pages && root.pages.settingsReady
+                visible: !!root.pages
                 title: root.pages ? root.pages.words.settings : ""
                 help: root.pages ? root.pages.words.settingsHelp : ""
                 onPressed: root.pages.show("settings")

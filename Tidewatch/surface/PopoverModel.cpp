@@ -5,8 +5,10 @@
 #include "model/AppModel.h"
 #include "surface/PopoverPage.h"
 #include "surface/PopoverPages.h"
+#include "surface/words/DeviceWords.h"
 #include "surface/words/ModelChip.h"
 #include "surface/words/RowAction.h"
+#include "surface/words/SettingsWords.h"
 
 #include <QCoreApplication>
 #include <QDesktopServices>
@@ -91,7 +93,7 @@ void PopoverModel::noticeAction(const QString& id)
     else if (id == u"sdk")
         m_model.fetchSDK();
     else if (id == u"key")
-        QDesktopServices::openUrl(QUrl(TailscaleStatus::adminConsole));
+        fixTailscaleKey();
 }
 
 void PopoverModel::serviceAction(const QString& act)
@@ -244,4 +246,55 @@ void PopoverModel::dismissCodexCard()
 {
     if (const std::optional<Notice> card = PopoverPage::codexCardNotice(m_model, m_clock.now()))
         m_dismissed.dismiss(*card);
+}
+
+void PopoverModel::chooseBuiltInTailscale(bool on)
+{
+    m_model.setBuiltInTailscale(on);
+}
+
+void PopoverModel::signOutTailscale()
+{
+    m_model.signOutTailscale();
+}
+
+void PopoverModel::fixTailscaleKey()
+{
+    QDesktopServices::openUrl(QUrl(TailscaleStatus::adminConsole));
+}
+
+void PopoverModel::forgetDevice(const QString& deviceId)
+{
+    if (!m_model.status())
+        return;
+    const QList<Device>& devices = m_model.status()->devices.items;
+    for (const Device& device : devices) {
+        if (device.id != deviceId)
+            continue;
+        const DeviceWords::Row row = DeviceWords::row(device, devices);
+        const DeviceWords::Forget words = DeviceWords::forget(row);
+        GlassDialog question;
+        question.title = words.title;
+        question.line = words.line;
+        question.more = words.help;
+        question.secondary = words.keep;
+        question.primary = words.forget;
+        m_model.askForgetDevice(deviceId, row.name, std::move(question));
+        return;
+    }
+}
+
+void PopoverModel::setBrowseOutsideProjects(bool on)
+{
+    m_model.setBrowseOutsideProjects(on, SettingsWords::filesChanged(on));
+}
+
+void PopoverModel::setPrivateName(bool on)
+{
+    m_model.setNameService(on);
+}
+
+void PopoverModel::uninstall()
+{
+    m_model.askUninstall();
 }

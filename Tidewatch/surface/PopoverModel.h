@@ -62,6 +62,19 @@ public:
     Q_INVOKABLE void signInCodex();
     Q_INVOKABLE void dismissCodexCard();
 
+    // The Settings page.
+
+    /// The built-in Tailscale node serves phones, or the Tailscale app does.
+    Q_INVOKABLE void chooseBuiltInTailscale(bool on);
+    Q_INVOKABLE void signOutTailscale();
+    /// Opens the Tailscale admin console, where key expiry is turned off.
+    Q_INVOKABLE void fixTailscaleKey();
+    /// Asks first, then forgets the paired device.
+    Q_INVOKABLE void forgetDevice(const QString& deviceId);
+    Q_INVOKABLE void setBrowseOutsideProjects(bool on);
+    Q_INVOKABLE void setPrivateName(bool on);
+    Q_INVOKABLE void uninstall();
+
 Q_SIGNALS:
     void pageChanged();
     /// The content no longer fits the panel it stands in.

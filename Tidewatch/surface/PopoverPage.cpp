@@ -5,6 +5,7 @@
 #include "model/AppModel.h"
 #include "model/DismissedNotices.h"
 #include "surface/PopoverPages.h"
+#include "surface/SettingsPage.h"
 #include "surface/words/AccountWords.h"
 #include "surface/words/ApprovalWords.h"
 #include "surface/words/BatteryWords.h"
@@ -438,6 +439,7 @@ QVariantMap build(const Inputs& in)
         addMainPage(page, in, agents);
     }
     page.insert(u"state"_s, state);
+    page.insert(u"settings"_s, SettingsPage::build(model, in.now));
 
     const QString agentsWord = agents.codexBeside()
         ? u"Claude Code and Codex"_s
@@ -450,11 +452,9 @@ QVariantMap build(const Inputs& in)
     QVariantList quick{QVariantMap{{u"id"_s, PopoverPages::kPair}, {u"title"_s, PairWords::pairAnother()},
                            {u"help"_s, PairWords::pairAnotherHelp()}},
         QVariantMap{{u"id"_s, u"checklist"_s}, {u"title"_s, u"Testing checklist"_s},
-            {u"help"_s, u"The testing checklist, in your browser"_s}}};
-    if (PopoverPages::kSettingsPage) {
-        quick << QVariantMap{{u"id"_s, PopoverPages::kSettings}, {u"title"_s, PairWords::settings()},
-            {u"help"_s, PairWords::settingsHelp()}};
-    }
+            {u"help"_s, u"The testing checklist, in your browser"_s}},
+        QVariantMap{{u"id"_s, PopoverPages::kSettings}, {u"title"_s, PairWords::settings()},
+            {u"help"_s, PairWords::settingsHelp()}}};
     page.insert(u"quick"_s, quick);
     if (model.dialog())
         page.insert(u"dialog"_s, dialog(*model.dialog(), model.dialogWorking()));

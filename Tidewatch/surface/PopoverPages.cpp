@@ -55,7 +55,7 @@ QVariantMap PopoverPages::words() const
 
 void PopoverPages::show(const QString& page)
 {
-    if (page != kMain && page != kPair && !(page == kSettings && kSettingsPage))
+    if (page != kMain && page != kPair && page != kSettings)
         return;
     if (page == m_current)
         return;

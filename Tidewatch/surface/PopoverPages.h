@@ -18,13 +18,9 @@ class PopoverPages : public QObject
     Q_OBJECT
     Q_PROPERTY(QString current READ current NOTIFY currentChanged)
     Q_PROPERTY(QVariantMap pair READ pair NOTIFY pairChanged)
-    Q_PROPERTY(bool settingsReady READ settingsReady CONSTANT)
     Q_PROPERTY(QVariantMap words READ words CONSTANT)
 
 public:
-    /// The settings page's content comes on its own; until then nothing leads to it.
-    static constexpr bool kSettingsPage = false;
-
     static inline const QString kMain = QStringLiteral("main");
     static inline const QString kPair = QStringLiteral("pair");
     static inline const QString kSettings = QStringLiteral("settings");
@@ -34,7 +30,6 @@ public:
 
     const QString& current() const { return m_current; }
     const QVariantMap& pair() const { return m_pair; }
-    bool settingsReady() const { return kSettingsPage; }
     /// The fixed words of the ways between pages.
     QVariantMap words() const;
     PopoverPairing& pairing() { return *m_pairing; }

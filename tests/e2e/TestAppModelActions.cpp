@@ -1,6 +1,7 @@
 #include "LiveModel.h"
 #include "PinnedClaude.h"
 #include "RealPlaces.h"
+#include "surface/words/SettingsWords.h"
 
 #include <QElapsedTimer>
 #include <QJsonArray>
@@ -127,8 +128,10 @@ void TestAppModelActions::aFailureSaysWhatDidntHappen_data()
     QTest::newRow("built-in Tailscale") << Action([](AppModel& m) { m.setBuiltInTailscale(true); })
                                         << u"POST /local/settings"_s << u"Couldn’t change that. Nope."_s;
     QTest::newRow("browse outside projects")
-        << Action([](AppModel& m) { m.setBrowseOutsideProjects(true); }) << u"POST /local/settings"_s
-        << u"Couldn’t change Browse outside projects. Nope."_s;
+        << Action([](AppModel& m) { m.setBrowseOutsideProjects(true, SettingsWords::filesChanged(true)); })
+        << u"POST /local/settings"_s << u"Couldn’t change Browse outside projects. Nope."_s;
+    QTest::newRow("the private name") << Action([](AppModel& m) { m.setNameService(true); })
+                                      << u"POST /local/settings"_s << u"Couldn’t change the private name. Nope."_s;
     QTest::newRow("Tailscale sign-out speaks in the service's words alone")
         << Action([](AppModel& m) { m.signOutTailscale(); }) << u"POST /local/tsnet/logout"_s << u"Nope."_s;
     QTest::newRow("a battery level out of range")
@@ -197,10 +200,14 @@ void TestAppModelActions::aSuccessShowsItsEffect_data()
         << Action([](AppModel& m) { m.setBuiltInTailscale(true); })
         << Effect([](const AppModel& m) { return m.status()->tsnet && m.status()->tsnet->enabled == true; })
         << QString();
-    QTest::newRow("browse outside projects: the status says so, and a note tells what it means") << Action(
-        [](AppModel& m) { m.setBrowseOutsideProjects(true); }) << Effect([](const AppModel& m) {
-        return m.status()->files && m.status()->files->browseOutsideProjects == true;
-    }) << "Phones can open sessions’ folders in your home folder too, read only";
+    QTest::newRow("browse outside projects: the status says so, and a note tells what it means")
+        << Action([](AppModel& m) { m.setBrowseOutsideProjects(true, SettingsWords::filesChanged(true)); })
+        << Effect(
+               [](const AppModel& m) { return m.status()->files && m.status()->files->browseOutsideProjects == true; })
+        << "Phones can open sessions’ folders in your home folder too, read only";
+    QTest::newRow("the private name: the status holds the choice")
+        << Action([](AppModel& m) { m.setNameService(true); })
+        << Effect([](const AppModel& m) { return m.status()->name && m.status()->name->setting == true; }) << QString();
     QTest::newRow("a battery level: the service holds it")
         << Action([](AppModel& m) { m.setMinBattery(25); })
         << Effect([](const AppModel& m) { return awake(m)->minBattery == 25; }) << QString();

@@ -12,7 +12,10 @@
 #include "surface/words/BatteryWords.h"
 #include "surface/words/CaptureReport.h"
 #include "surface/words/ConnectionPill.h"
+#include "surface/words/DeviceWords.h"
 #include "surface/words/PairWords.h"
+#include "surface/words/PhoneAccessWords.h"
+#include "surface/words/SettingsWords.h"
 #include "workflows/AutomationWords.h"
 #include "workflows/AutomationsState.h"
 #include "workflows/WorkflowWords.h"
@@ -313,6 +316,46 @@ QString connectionPill(const QString& section, const QStringList& in)
         + routes.at(int(look.route)) + (look.glow ? u", glowing"_s : QString());
 }
 
+QString settingsWords(const QString& section, const QStringList& in)
+{
+    const auto status = [&](int at) { return Fixture::record<LocalStatus>(in.value(at).toUtf8()); };
+    if (section == u"phone access"_s) {
+        const std::optional<LocalStatus> read = Fixture::maybe<LocalStatus>(in.value(1).toUtf8());
+        const PhoneAccessWords::Row row = PhoneAccessWords::row({in.at(0) == u"up"_s, read});
+        const std::optional<QString> wifi = read ? PhoneAccessWords::wifiLine(*read) : std::nullopt;
+        return (row.url ? *row.url + u" | "_s : QString()) + row.lines.join(u" / "_s) + u" ("_s
+            + Golden::inkName(row.ink) + u')' + (wifi ? u" + "_s + *wifi : QString());
+    }
+    if (section == u"key expiry"_s) {
+        const std::optional<PhoneAccessWords::KeyWarning> key = PhoneAccessWords::keyWarning(status(0), Fixture::now());
+        return key ? QStringList{key->text, key->action, key->line, key->help}.join(u" | "_s) : kNone;
+    }
+    if (section == u"route choice"_s) {
+        const auto said = [](const std::optional<PhoneAccessWords::Choice>& choice) {
+            return choice ? choice->title + u" ("_s + choice->help + u')' : kNone;
+        };
+        const LocalStatus read = status(0);
+        return said(PhoneAccessWords::routeChoice(read)) + u" + "_s + said(PhoneAccessWords::signOut(read));
+    }
+    if (section == u"device"_s) {
+        const QList<Device> devices
+            = Fixture::record<LocalStatus>(R"({"devices":)" + in.at(1).toUtf8() + "}").devices.items;
+        const DeviceWords::Row row = DeviceWords::row(Fixture::record<Device>(in.at(0).toUtf8()), devices);
+        const DeviceWords::Forget forget = DeviceWords::forget(row);
+        return row.name + (row.via ? u", "_s + *row.via : QString()) + u" | "_s
+            + QStringList{forget.title, forget.line, forget.help, forget.keep, forget.forget}.join(u" | "_s);
+    }
+    if (section == u"switch"_s) {
+        const SettingsWords::Switch words
+            = in.at(0) == u"files"_s ? SettingsWords::files(status(1)) : SettingsWords::privateName(status(1));
+        return words.title + (words.on ? u", on"_s : u", off"_s) + (words.tag ? u" ["_s + *words.tag + u']' : QString())
+            + u" | "_s + words.help + u" | "_s + words.why.value_or(kNone) + u" | "_s + words.note.value_or(kNone);
+    }
+    if (section == u"files changed"_s)
+        return SettingsWords::filesChanged(in.at(0) == u"on"_s);
+    return u"no words for the section "_s + section;
+}
+
 QString workflowWords(const QString& section, const QStringList& in)
 {
     if (section == u"clip"_s) {
@@ -383,6 +426,7 @@ int main(int argc, char** argv)
         {u"capture-report.txt"_s, captureReport},
         {u"connection-pill.txt"_s, connectionPill},
         {u"pair-words.txt"_s, pairWords},
+        {u"settings-words.txt"_s, settingsWords},
         {u"workflow-words.txt"_s, workflowWords},
     };
     // No two files share a section, so the section alone picks the render.

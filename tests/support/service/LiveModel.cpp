@@ -90,16 +90,19 @@ QStringList LiveModel::twin() const
     return rendered ? rendered->twin : QStringList();
 }
 
-QStringList LiveModel::liveRender(QStringList* statusItem) const
+QStringList LiveModel::liveRender(QStringList* statusItem, const QString& page) const
 {
     const QString folder = scratch.file(QStringLiteral("renders"));
-    const LaunchResult result = launch({QStringLiteral("--render-popover"), folder, QStringLiteral("--live")},
-        launchEnvironment(scratch, service.variables()), 60000);
+    QStringList arguments{QStringLiteral("--render-popover"), folder, QStringLiteral("--live")};
+    if (!page.isEmpty())
+        arguments << QStringLiteral("--page") << page;
+    const LaunchResult result = launch(arguments, launchEnvironment(scratch, service.variables()), 60000);
     if (result.code != 0)
         qWarning("the live render failed: %s", qPrintable(result.output));
     if (statusItem)
         *statusItem = textLines(folder + QStringLiteral("/status-item.txt"));
-    return textLines(folder + QStringLiteral("/live-popover.txt"));
+    return textLines(
+        folder + (page.isEmpty() ? QStringLiteral("/live-popover.txt") : QStringLiteral("/live-%1.txt").arg(page)));
 }
 
 std::optional<Session> LiveModel::session(const QString& id) const

@@ -49,8 +49,8 @@ public:
     /// (with a warning) when the render fails.
     QStringList twin() const;
     /// The built program's own live render against this service: the
-    /// panel's text twin, and the status item's lines into statusItem.
-    QStringList liveRender(QStringList* statusItem = nullptr) const;
+    /// panel's text twin (on `page` when named), and the status item's lines into statusItem.
+    QStringList liveRender(QStringList* statusItem = nullptr, const QString& page = {}) const;
 
     /// A feed that gives up and comes back within a second, for tests of its pace.
     static LiveFeed::Timing quickFeed();
