@@ -74,6 +74,20 @@ test('Claude Code’s plan to carry on is heard after the limit’s hook, and it
   assert.equal(await until((it) => it?.by !== 'claude'), undefined);
 });
 
+test('a prompt reported after its turn failed leaves the block in place; the next prompt lifts it', async (t) => {
+  const { send, snapshot, transcript } = await setUp(t);
+  const lines = fixtureLines('transcript-interactive.jsonl');
+  const prompt = lines.find((line) => JSON.parse(line).promptSource !== undefined);
+  const blocked = async () => (await snapshot()).sessions.find((each) => each.id === SESSION)?.blocked?.kind;
+  await send('session-start.json');
+  fs.appendFileSync(transcript, `${prompt}\n${lines.at(-2)}\n`);
+  await send('stop-failure-rate-limit.json');
+  await send('user-prompt-submit.json', { prompt: JSON.parse(prompt).message.content });
+  assert.equal(await blocked(), 'limit');
+  await send('user-prompt-submit.json', { prompt: 'try again' });
+  assert.equal(await blocked(), undefined);
+});
+
 const hostile = [
   ['not an object', []],
   ['an event the service doesn’t follow', { ...fixture('stop.json'), hook_event_name: 'Delete' }],

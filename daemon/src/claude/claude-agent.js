@@ -198,6 +198,12 @@ export class ClaudeAgent {
     const told = tail ? await this.#readTranscript(sessionId, tail) : null;
 
     const name = event.hook_event_name;
+    // Claude Code may report a prompt after the turn it started has failed: the
+    // block that failure put in stands.
+    if (name === 'UserPromptSubmit' && tail?.turn?.failed === true && tail.turn.prompt === event.prompt) {
+      if (told) this.#state.patchSession(sessionId, told);
+      return;
+    }
     const failure = name === 'StopFailure' ? this.#failures.get(sessionId) : undefined;
     // One change for the event and what the transcript told: a second one
     // right after would wait out the feed's window before anyone saw it.

@@ -38,6 +38,9 @@ export const INTERRUPTED_FOR_TOOL = '[Request interrupted by user for tool use]'
  *     them yet to tell a refusal from a failure
  * @property {TurnFailure|null|undefined} failure How the last answer read
  *     ended: a failure; null for a good answer; undefined when none was read
+ * @property {{prompt: (string|null), failed: boolean}|null} turn The last turn
+ *     told of, with what was known of it before these lines: its prompt, and
+ *     whether an error answer ended it
  * @property {string|undefined} carryOn Claude Code's own plan after a usage
  *     limit, as last told: "armed" (it goes on by itself at the reset) or
  *     "off" (the person cancelled it); undefined when nothing was told
@@ -65,6 +68,13 @@ function carryOnOf(record) {
   if (record.subtype !== 'informational' || typeof record.content !== 'string') return undefined;
   if (CARRY_ON_ARMED.test(record.content)) return 'armed';
   return CARRY_ON_OFF.test(record.content) ? 'off' : undefined;
+}
+
+// A prompt's words as its hook reports them.
+function promptOf(content) {
+  if (typeof content === 'string') return content;
+  const texts = Array.isArray(content) ? content.filter((block) => isObject(block) && block.type === 'text') : [];
+  return texts.map((block) => String(block.text ?? '')).join('\n');
 }
 
 /** The longest failure text kept. */
@@ -111,10 +121,13 @@ export function failureOf(record) {
  * Code marks the result as the person's rejection); alone it has failed.
  *
  * @param {Array<string>} lines
+ * @param {Object} [options]
+ * @param {Object|null} [options.turn] The last turn as the lines before told it
  * @return {TranscriptFacts}
  */
-export function transcriptFacts(lines) {
+export function transcriptFacts(lines, { turn = null } = {}) {
   const facts = {
+    turn,
     lastText: undefined,
     toolUses: [],
     outcomes: [],
@@ -142,6 +155,7 @@ export function transcriptFacts(lines) {
     if (record.type === 'assistant' && Array.isArray(content)) {
       if (record.isApiErrorMessage === true) {
         facts.failure = failureOf(record) ?? facts.failure;
+        facts.turn = { prompt: facts.turn?.prompt ?? null, failed: true };
       } else if (typeof record.message.model === 'string' && !record.message.model.startsWith('<')) {
         facts.model = record.message.model;
         facts.failure = null;
@@ -156,6 +170,7 @@ export function transcriptFacts(lines) {
         }
       }
     } else if (record.type === 'user') {
+      if (typeof record.promptSource === 'string') facts.turn = { prompt: promptOf(content), failed: false };
       const blocks =
         typeof content === 'string' ? [{ type: 'text', text: content }] : Array.isArray(content) ? content : [];
       for (const block of blocks) {
@@ -194,6 +209,8 @@ export class TranscriptTail {
   #file;
   #cursor;
   #pendingErrors = [];
+  #turn = null;
+  #reading = Promise.resolve(null);
 
   /**
    * @param {string} file
@@ -205,6 +222,17 @@ export class TranscriptTail {
     this.#pendingErrors = Array.isArray(saved?.pendingErrors)
       ? saved.pendingErrors.filter((id) => typeof id === 'string')
       : [];
+    if (isObject(saved?.turn) && typeof saved.turn.failed === 'boolean') {
+      this.#turn = { prompt: typeof saved.turn.prompt === 'string' ? saved.turn.prompt : null, failed: saved.turn.failed };
+    }
+  }
+
+  /**
+   * @return {{prompt: (string|null), failed: boolean}|null} The last turn read
+   *     of: its prompt, and whether it failed; null before any
+   */
+  get turn() {
+    return this.#turn;
   }
 
   get file() {
@@ -213,7 +241,7 @@ export class TranscriptTail {
 
   /** @return {Object} Where reading stands, as plain data. */
   saved() {
-    return { cursor: this.#cursor, pendingErrors: this.#pendingErrors };
+    return { cursor: this.#cursor, pendingErrors: this.#pendingErrors, turn: this.#turn };
   }
 
   /**
@@ -221,7 +249,13 @@ export class TranscriptTail {
    *
    * @return {Promise<TranscriptFacts|null>} null when the file can't be read
    */
-  async read() {
+  read() {
+    // One read at a time: two from the same place would tell the same lines twice.
+    this.#reading = this.#reading.then(() => this.#readOn());
+    return this.#reading;
+  }
+
+  async #readOn() {
     try {
       if (this.#cursor === null) {
         const stat = await fs.stat(this.#file);
@@ -240,8 +274,9 @@ export class TranscriptTail {
           message: { content: [{ type: 'tool_result', tool_use_id: id, is_error: true }] },
         }),
       );
-      const facts = transcriptFacts([...carried, ...lines]);
+      const facts = transcriptFacts([...carried, ...lines], { turn: this.#turn });
       this.#pendingErrors = facts.pendingErrors;
+      this.#turn = facts.turn;
       return facts;
     } catch {
       return null;
