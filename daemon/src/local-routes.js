@@ -36,6 +36,7 @@ import { addSessionRoutes } from './sessions/session-routes.js';
  *     `codes`, `devices`, `origin`; without it nothing pairs and no device is forgotten
  * @param {PhoneAccess} parts.access Tailscale, the app and the built-in node
  * @param {function(): void} parts.keep Writes the kept settings now
+ * @param {function(): Promise<void>} [parts.settled] For /qa: settles once the start's lookups are done
  * @param {boolean} [parts.testCopy=false] Adds /qa, and leaves Tailscale's
  *     serving alone; elsewhere /qa's paths are unknown routes like any other
  * @return {Router}
@@ -60,6 +61,7 @@ export function localRoutes({
   access,
   keep,
   testCopy = false,
+  settled,
 }) {
   const router = new Router()
     .add('GET', '/v1/snapshot', () => state.snapshot())
@@ -80,7 +82,7 @@ export function localRoutes({
   if (claude) addClaudeRoutes(router, { claude, terminals, places });
   if (integration) addIntegrationRoutes(router, { integration, state });
   if (testCopy) {
-    addQaRoutes(router, { state, faults, feed, health });
+    addQaRoutes(router, { state, faults, feed, health, settled });
     addPowerQaRoutes(router, { keeper });
   }
   return router;

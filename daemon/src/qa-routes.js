@@ -23,6 +23,7 @@ const ROUTES = [
   ['POST', '/qa/devices', 'one device with an "id"'],
   ['DELETE', '/qa/devices/:id', 'takes that device out'],
   ['POST', '/qa/reset', 'everything back to the state of a fresh start (faults stay)'],
+  ['GET', '/qa/settled', 'answers once the start’s own lookups (the agents, the LAN route) are done, so what is put in stands'],
   ['GET', '/qa/faults', 'the faults still waiting'],
   [
     'POST',
@@ -93,8 +94,9 @@ function requireId(body, kind) {
  * @param {FaultBook} parts.faults
  * @param {FeedServer} parts.feed
  * @param {{answering: boolean}} parts.health The switch of the health route
+ * @param {function(): Promise<void>} [parts.settled] Settles once the start's own lookups are done
  */
-export function addQaRoutes(router, { state, faults, feed, health }) {
+export function addQaRoutes(router, { state, faults, feed, health, settled = () => Promise.resolve() }) {
   router
     .add('GET', '/qa', ({ res }) => send(res, 200, PAGE, 'text/html; charset=utf-8'))
     .add('GET', '/qa/state', () => ({
@@ -110,6 +112,10 @@ export function addQaRoutes(router, { state, faults, feed, health }) {
     .add('POST', '/qa/local', async ({ req }) => {
       state.setLocalParts(await readJsonObject(req));
       return { local: state.localStatus() };
+    })
+    .add('GET', '/qa/settled', async () => {
+      await settled();
+      return { ok: true };
     })
     .add('POST', '/qa/reset', async ({ req }) => {
       await readJsonObject(req);

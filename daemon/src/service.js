@@ -213,6 +213,11 @@ export async function startService({
   persister.addSection('claude', { save: () => claude.saved(), restore: (saved) => claude.restore(saved) });
   // Claude Code is looked for once the ports are open; a sign-in waits for that look.
   let claudeReady = Promise.resolve();
+  // The start's own lookups, done: what /qa puts in after them stands.
+  let markSettled;
+  const settled = new Promise((resolve) => {
+    markSettled = resolve;
+  });
   let claudeFound = null;
   const signIn = new ClaudeSignIn({
     state,
@@ -310,6 +315,7 @@ export async function startService({
       access,
       keep: keepSettings,
       testCopy,
+      settled: () => settled,
     }),
     faults,
     pending,
@@ -336,7 +342,8 @@ export async function startService({
   }
   state.setApiPort(ports.api);
   // Phones still have Tailscale without it, so a LAN port that can't be had stops nothing else.
-  const lan = await startLanRoute({
+  // Its certificate may take a moment the first time: the agents are looked for meanwhile.
+  const lanStarting = startLanRoute({
     support,
     state,
     router: apiRouter,
@@ -378,6 +385,8 @@ export async function startService({
     })
     .catch((error) => log.error(`Claude Code couldn’t be looked for: ${error?.stack ?? error}`));
   const codexReady = codex.start().catch((error) => log.error(`Codex couldn’t be followed: ${error?.stack ?? error}`));
+  const lan = await lanStarting;
+  Promise.all([claudeReady, codexReady]).then(markSettled);
 
   const startLine =
     `Tidewatch service ${VERSION} is listening on ${HOST}:${ports.api} (API) and ${HOST}:${ports.local} (local); ` +
