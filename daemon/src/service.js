@@ -371,6 +371,7 @@ export async function startService({
   continuer.start();
   integration.start();
   claude.start({ localPort: ports.local });
+  let closing = null;
   // Which hooks this Claude Code takes; until it is known, the command hooks.
   claudeReady = detectClaude({
     searchPath: (process.env.PATH ?? '').split(path.delimiter),
@@ -393,7 +394,6 @@ export async function startService({
     `support folder ${support}.`;
   log.info(startLine);
 
-  let closing = null;
   const close = () => {
     closing ??= (async () => {
       runner.close();
