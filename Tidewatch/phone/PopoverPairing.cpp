@@ -30,7 +30,8 @@ bool PopoverPairing::codeDue(
     if (!pair)
         return true;
     // A code without an end lasts as long as the page.
-    return pair->expiresAt && pair->expiresAt->msecsSinceEpoch - now.toMSecsSinceEpoch() < kReplaceWithinSeconds * 1000;
+    return pair->expiresAt
+        && pair->expiresAt->msecsSinceEpoch - now.toMSecsSinceEpoch() < qint64(kReplaceWithinSeconds) * 1000;
 }
 
 QString PopoverPairing::comparable(const QString& url)
@@ -151,7 +152,7 @@ void PopoverPairing::askForCode()
 void PopoverPairing::cancel(const QString& code)
 {
     // Fire and forget: a code the service keeps lapses by itself within minutes.
-    ServiceCalls::pairCancel(code).send(*m_client, [](DaemonResult<Ignored>) {});
+    ServiceCalls::pairCancel(code).send(*m_client, [](const DaemonResult<Ignored>&) {});
 }
 
 void PopoverPairing::setPhase(Phase phase, const QString& detail, Failure failure)
