@@ -1,6 +1,5 @@
 #include "surface/words/PairWords.h"
 
-#include "model/TailscaleAction.h"
 #include "text/Machine.h"
 
 using namespace Qt::StringLiterals;
@@ -81,13 +80,8 @@ QString downloadLine()
 
 QString downloadAddress(const LocalStatus& status)
 {
-    QString base = phoneAddress(status);
-    if (base.isEmpty() && hasLanRoute(status) && status.lan->port) {
-        const QString& host = status.lan->addresses->first();
-        // An IPv6 address stands in brackets before its port.
-        base = (host.contains(u':') ? u"https://[%1]:%2"_s : u"https://%1:%2"_s).arg(host).arg(*status.lan->port);
-    }
-    return base.isEmpty() ? QString() : base + u"/download/android"_s;
+    // Only the service knows whether it has the app to hand out.
+    return status.downloadUrl.value_or(QString());
 }
 
 QString back()

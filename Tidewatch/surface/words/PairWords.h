@@ -37,8 +37,7 @@ QString pairAnotherHelp();
 QString copyLink();
 QString copyLinkHelp();
 QString downloadLine();
-/// Where a phone fetches the app, from an address of this machine it can reach;
-/// empty when no route reaches it.
+/// The page where a phone fetches the app, as the service serves it; empty when it serves none.
 QString downloadAddress(const LocalStatus& status);
 /// The page's way back to the main page.
 QString back();
