@@ -1,8 +1,8 @@
 #pragma once
 
+#include "ScriptProgram.h"
+
 #include <QJsonObject>
-#include <QList>
-#include <QProcess>
 #include <QString>
 
 /// Real Claude Code for a test: daemon/test/support/claude-scenario.mjs run
@@ -18,7 +18,6 @@ public:
     /// Claude Code's home and project go under folder; support is the
     /// service's support folder.
     ClaudeScenario(const QString& folder, const QString& support, Mode mode);
-    ~ClaudeScenario();
 
     /// Starts the program and waits until the home is ready, or until it says
     /// what is missing here. False, with the reason in lastError(), when it
@@ -30,23 +29,20 @@ public:
     const QJsonObject& ready() const { return m_ready; }
 
     /// One command, such as {"do":"run","prompt":"…"}.
-    void send(const QJsonObject& command);
+    void send(const QJsonObject& command) { m_program.send(command); }
     /// The next event of that name not taken yet, waited for while the
     /// test's own events run; empty when none came in time.
-    QJsonObject next(const QString& event, int timeoutMs);
+    QJsonObject next(const QString& event, int timeoutMs) { return m_program.next(event, timeoutMs); }
 
     QString lastError() const { return m_lastError; }
     /// What the program said on its error output, and the events it gave that nobody took.
-    QString diagnostics();
+    QString diagnostics() { return m_program.diagnostics(); }
 
 private:
-    void readEvents();
-
     QString m_folder;
     QString m_support;
     Mode m_mode;
-    QProcess m_process;
-    QList<QJsonObject> m_events;
+    ScriptProgram m_program;
     QJsonObject m_ready;
     QString m_missing;
     QString m_lastError;
