@@ -11,6 +11,7 @@ import https from 'node:https';
 import { bearerMatches, bearerOf } from './admin-token.js';
 import { answerWithFault } from './faults.js';
 import { HttpError, sendError, sendJson } from './http-reply.js';
+import { attemptSources } from './phone/attempt-limiter.js';
 
 /** Loopback only: nothing on the network may reach these ports (the LAN route aside). */
 export const HOST = '127.0.0.1';
@@ -99,11 +100,11 @@ export const NOT_PAIRED = 'This needs the token of a paired device; pair again w
  * @throws {HttpError} 429 or 401
  */
 export function pairedDevice(req, phone) {
-  const address = req.socket.remoteAddress ?? '';
-  phone?.limiter.check(address);
+  const sources = attemptSources(req);
+  phone?.limiter.check(sources);
   const device = phone?.devices.verify(bearerOf(req.headers.authorization)) ?? null;
   if (device !== null) return device;
-  phone?.limiter.fail(address);
+  phone?.limiter.fail(sources);
   throw new HttpError(401, 'unauthorized', NOT_PAIRED, { headers: { 'WWW-Authenticate': 'Bearer' } });
 }
 

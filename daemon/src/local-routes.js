@@ -82,7 +82,7 @@ export function localRoutes({
   if (claude) addClaudeRoutes(router, { claude, terminals, places });
   if (integration) addIntegrationRoutes(router, { integration, state });
   if (testCopy) {
-    addQaRoutes(router, { state, faults, feed, health, settled });
+    addQaRoutes(router, { state, faults, feed, health, settled, devices: pairing?.devices });
     addPowerQaRoutes(router, { keeper });
   }
   return router;

@@ -95,8 +95,9 @@ function requireId(body, kind) {
  * @param {FeedServer} parts.feed
  * @param {{answering: boolean}} parts.health The switch of the health route
  * @param {function(): Promise<void>} [parts.settled] Settles once the start's own lookups are done
+ * @param {{forgetAll: function(): void}} [parts.devices] The paired devices, whose tokens a reset revokes
  */
-export function addQaRoutes(router, { state, faults, feed, health, settled = () => Promise.resolve() }) {
+export function addQaRoutes(router, { state, faults, feed, health, settled = () => Promise.resolve(), devices = null }) {
   router
     .add('GET', '/qa', ({ res }) => send(res, 200, PAGE, 'text/html; charset=utf-8'))
     .add('GET', '/qa/state', () => ({
@@ -119,6 +120,8 @@ export function addQaRoutes(router, { state, faults, feed, health, settled = () 
     })
     .add('POST', '/qa/reset', async ({ req }) => {
       await readJsonObject(req);
+      // A fresh start has no paired phone: a token kept past the reset would still open the phone's routes.
+      devices?.forgetAll();
       state.reset();
       return { snapshot: state.snapshot(), local: state.localStatus() };
     });

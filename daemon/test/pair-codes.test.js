@@ -4,7 +4,7 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 
-import { AttemptLimiter, MAX_FAILURES, WINDOW_MS } from '../src/phone/attempt-limiter.js';
+import { AttemptLimiter, attemptSources, MAX_FAILURES, MAX_FORWARDED_FAILURES, WINDOW_MS } from '../src/phone/attempt-limiter.js';
 import { lanAddresses } from '../src/phone/lan-route.js';
 import { CODE_LIFE_MS, MAX_CODES, normalCode, PairCodes } from '../src/phone/pair-codes.js';
 import { pairLink, phoneAddress, readPairLink } from '../src/phone/pair-link.js';
@@ -42,6 +42,31 @@ test('failed tries from one address are held off for a minute, others go on', ()
   limiter.check('10.0.0.3');
   clock.move(WINDOW_MS);
   limiter.check('10.0.0.2');
+});
+
+// Only the machine's own proxy may say whom it forwards: a phone on the LAN can't choose its count.
+test('failed tries count against the phone, and behind the local proxy against its forwarded address too', () => {
+  const through = (client) => [
+    { key: `${client} through 127.0.0.1`, max: MAX_FAILURES },
+    { key: 'anyone through 127.0.0.1', max: MAX_FORWARDED_FAILURES },
+  ];
+  const rows = [
+    ['a phone on the LAN', '192.168.1.40', undefined, [{ key: '192.168.1.40', max: MAX_FAILURES }]],
+    ['a phone on the LAN naming another address', '192.168.1.40', '10.0.0.9', [{ key: '192.168.1.40', max: MAX_FAILURES }]],
+    ['loopback, nothing forwarded', '127.0.0.1', undefined, [{ key: '127.0.0.1', max: MAX_FAILURES }]],
+    ['loopback, forwarded by the proxy', '127.0.0.1', '100.64.0.7', through('100.64.0.7')],
+    ['loopback, the proxy’s address last', '127.0.0.1', '203.0.113.5, 100.64.0.7', through('100.64.0.7')],
+    ['loopback, something that isn’t an address', '127.0.0.1', 'phone', [{ key: '127.0.0.1', max: MAX_FAILURES }]],
+  ];
+  for (const [name, peer, forwarded, expected] of rows) {
+    const req = { socket: { remoteAddress: peer }, headers: forwarded === undefined ? {} : { 'x-forwarded-for': forwarded } };
+    assert.deepEqual(attemptSources(req), expected, name);
+  }
+
+  // Many forwarded addresses together meet the proxy's ceiling.
+  const limiter = new AttemptLimiter(clockAt());
+  for (let i = 0; i < MAX_FORWARDED_FAILURES; i++) limiter.fail(through(`100.64.1.${i}`));
+  assert.throws(() => limiter.check(through('100.64.2.1')), (error) => error.status === 429);
 });
 
 test('the pair link has its keys in order, percent-encoded', () => {

@@ -9,9 +9,11 @@ import os from 'node:os';
 import path from 'node:path';
 import test from 'node:test';
 
+import { MAX_FAILURES, TOO_MANY } from '../src/phone/attempt-limiter.js';
 import { NO_HELPER } from '../src/tailscale/built-in-node.js';
 import { TEST_COPY_SERVE } from '../src/tailscale/phone-access.js';
 import { DAEMON, eventually, openFeed, request, scratchFolder, startScratchService } from './helpers.js';
+import { PhoneClient } from './support/phone-client.mjs';
 
 const FAKES = path.join(DAEMON, 'test', 'fakes');
 const DNS = 'mac.tail1234.ts.net';
@@ -68,6 +70,29 @@ test('turning on phone access serves the API on the tailnet, and the status foll
   execFileSync(cliPath, ['serve', '--https=443', 'off'], { env: fake.env });
   const after = (await local('GET', '/local/status?fresh=1')).json.tailscale;
   assert.deepEqual([after.serveOn, after.url], [false, undefined]);
+});
+
+// Loopback addresses stand in for the phones' tailnet addresses: the stand-in serve forwards them as the real one does.
+test('a phone away from home pairs at the link’s tailnet address, and each phone’s failed tries count on their own', async (t) => {
+  const fake = await standIn(t, { backend: 'Running', https: true, dnsName: DNS });
+  const { local, post } = await startScratchService(t, { testCopy: false, tailscale: fake.tailscale });
+  assert.equal((await local('POST', '/local/tailscale/serve')).status, 200);
+  const code = await post('/local/pair/start', {});
+  assert.equal(code.json.url, `https://${DNS}`, code.text);
+  const away = (localAddress) => PhoneClient.overTailnet(code.json.link, { host: '127.0.0.1', port: fake.proxy().port, localAddress });
+
+  const guesser = away('127.0.0.2');
+  for (let i = 0; i < MAX_FAILURES; i++) assert.equal((await guesser.pair({ code: 'ZZZZZZ' })).status, 403);
+  const held = await guesser.pair();
+  assert.deepEqual([held.status, held.json.error.message], [429, TOO_MANY]);
+
+  const phone = away('127.0.0.3');
+  const paired = await phone.pair({ name: 'Pixel 9' });
+  assert.equal(paired.status, 200, paired.text);
+  assert.deepEqual((await local('GET', '/local/devices')).json.map((device) => device.name), ['Pixel 9']);
+  const feed = await phone.feed();
+  assert.equal((await feed.next('snapshot')).t, 'snapshot');
+  assert.equal((await phone.call('GET', '/phone/snapshot')).status, 200);
 });
 
 test('phone access is refused with a sentence when it can’t be turned on', async (t) => {

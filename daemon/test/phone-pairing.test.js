@@ -144,6 +144,15 @@ test('a forgotten device is cut off at once and stays out after a restart', asyn
   assert.equal((await again.local('DELETE', `/local/devices/${phone.device.id}`)).status, 404);
 });
 
+test('a reset of a test copy forgets the paired phones, tokens and all', async (t) => {
+  const { service, phone, devices } = await pairedPhone(t);
+  const feed = await phone.feed();
+  await feed.next('snapshot');
+  assert.equal((await service.post('/qa/reset', {})).status, 200);
+  assert.equal(await feed.closed, 1008);
+  assert.deepEqual([(await phone.call('GET', '/phone/snapshot')).status, await devices()], [401, []]);
+});
+
 // Every refusal leaves nothing registered.
 test('codes and bodies that don’t pair are refused with their sentence', async (t) => {
   const spend = (phone) => phone.pair();

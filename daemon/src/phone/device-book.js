@@ -146,6 +146,11 @@ export class DeviceBook extends EventEmitter {
     return true;
   }
 
+  /** Forgets every device, as {@link revoke} forgets one. */
+  forgetAll() {
+    for (const id of [...this.#entries.keys()]) this.revoke(id);
+  }
+
   #seen(entry) {
     const now = this.#now();
     if (now - (entry.device.lastSeenAt ?? 0) < SEEN_EVERY_MS) return;

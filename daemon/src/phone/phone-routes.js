@@ -8,6 +8,7 @@ import { addActionRoutes } from '../action-routes.js';
 import { HttpError, invalid, notFound } from '../http-reply.js';
 import { readJsonObject } from '../request-body.js';
 import { pairLink, phoneAddress } from './pair-link.js';
+import { attemptSources } from './attempt-limiter.js';
 import { MAX_DEVICES } from './device-book.js';
 
 /** The prefix of the phone's routes. */
@@ -73,14 +74,14 @@ export function addPhoneRoutes(router, { state, codes, devices, limiter, actions
       'POST',
       `${PHONE_PREFIX}/pair`,
       async ({ req }) => {
-        const address = req.socket.remoteAddress ?? '';
-        limiter.check(address);
+        const sources = attemptSources(req);
+        limiter.check(sources);
         const about = readRegistration(await readJsonObject(req, PHONE_BODY_BYTES));
         if (devices.count >= MAX_DEVICES) {
           throw new HttpError(409, 'too_many_devices', `${MAX_DEVICES} devices are paired already; forget one in Settings first.`);
         }
         if (!codes.take(about.code)) {
-          limiter.fail(address);
+          limiter.fail(sources);
           throw new HttpError(403, 'bad_code', BAD_CODE);
         }
         return devices.register(about);

@@ -4,7 +4,10 @@
 // and then reads, listens and answers with its device token.
 //
 // As a module: `PhoneClient.fromLink(link)`, then `pair()`, `call()`,
-// `feed()`, `answer()`. As a program, for tests in another language:
+// `feed()`, `answer()`. `PhoneClient.overTailnet(link, reach)` goes to the
+// link's `u` instead, through the place where the tailnet name leads on
+// this machine (the stand-in serve's port). As a program, for tests in
+// another language:
 //
 //   node phone-client.mjs [--host <address>]
 //
@@ -25,6 +28,7 @@
 
 import { createHash } from 'node:crypto';
 import http from 'node:http';
+import net from 'node:net';
 import readline from 'node:readline';
 import tls from 'node:tls';
 import { fileURLToPath } from 'node:url';
@@ -86,6 +90,19 @@ export class PhoneClient {
     return new PhoneClient({ keys, route: { host: host ?? keys.lan, port: Number(keys.lp), fingerprint: fingerprint ?? keys.fp } });
   }
 
+  /**
+   * A phone away from home, which reaches the service at the link's `u`.
+   *
+   * @param {string} link The pair link
+   * @param {{host: string, port: number, localAddress: (string|undefined)}} reach Where `u`
+   *     leads on this machine, and the address this phone comes from
+   */
+  static overTailnet(link, reach) {
+    const keys = readPairLink(link);
+    if (!keys.u) throw new Error('The link has no address for away from home.');
+    return new PhoneClient({ keys, route: { ...reach, tailnet: new URL(keys.u).host } });
+  }
+
   constructor({ keys, route }) {
     /** The link's keys: v, u, c, n, fp, lan, lp. */
     this.keys = keys;
@@ -101,9 +118,9 @@ export class PhoneClient {
    * @return {Promise<{status: number, json: *, text: string}>}
    */
   async call(method, path, { body, token = this.token, raw } = {}) {
-    const socket = await pinnedConnect(this.route);
+    const socket = await this.#connect();
     const payload = raw ?? (body === undefined ? undefined : JSON.stringify(body));
-    const headers = {};
+    const headers = this.#hostHeader();
     if (payload !== undefined) Object.assign(headers, { 'Content-Type': 'application/json', 'Content-Length': Buffer.byteLength(payload) });
     if (token) headers.Authorization = `Bearer ${token}`;
     return new Promise((resolve, reject) => {
@@ -154,9 +171,10 @@ export class PhoneClient {
    * @return {Promise<{socket: WebSocket, messages: Array<Object>, closed: Promise<number>, next: function(string, number=): Promise<Object>}>}
    */
   async feed({ token = this.token } = {}) {
-    const socket = await pinnedConnect(this.route);
-    const ws = new WebSocket(`wss://${this.route.host}:${this.route.port}/v1/ws?client=phone`, {
-      headers: token ? { Authorization: `Bearer ${token}` } : {},
+    const socket = await this.#connect();
+    const scheme = this.route.tailnet ? 'ws' : 'wss';
+    const ws = new WebSocket(`${scheme}://${this.route.host}:${this.route.port}/v1/ws?client=phone`, {
+      headers: { ...this.#hostHeader(), ...(token ? { Authorization: `Bearer ${token}` } : {}) },
       createConnection: () => socket,
     });
     const messages = [];
@@ -189,6 +207,23 @@ export class PhoneClient {
       }
     };
     return { socket: ws, messages, closed, next };
+  }
+
+  // The tailnet's own TLS ends at the serve proxy; the LAN route's is the service's, pinned.
+  #connect() {
+    if (!this.route.tailnet) return pinnedConnect(this.route);
+    const { host, port, localAddress } = this.route;
+    return new Promise((resolve, reject) => {
+      const socket = net.connect({ host, port, localAddress }, () => {
+        socket.off('error', reject);
+        resolve(socket);
+      });
+      socket.once('error', reject);
+    });
+  }
+
+  #hostHeader() {
+    return this.route.tailnet ? { Host: this.route.tailnet } : {};
   }
 }
 
