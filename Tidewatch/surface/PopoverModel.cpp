@@ -94,6 +94,12 @@ void PopoverModel::noticeAction(const QString& id)
         m_model.fetchSDK();
     else if (id == u"key")
         fixTailscaleKey();
+    else if (id == u"setup") {
+        for (const Notice& notice : PopoverPage::currentNotices(m_model, m_clock.now())) {
+            if (notice.id == id && PopoverPage::opensPairing(notice))
+                m_pages->show(PopoverPages::kPair);
+        }
+    }
 }
 
 void PopoverModel::serviceAction(const QString& act)

@@ -86,7 +86,7 @@ QVariantList notices(const Inputs& in)
     QVariantList list;
     for (const Notice& notice : in.dismissed.visibleOf(currentNotices(in.model, in.now))) {
         list << QVariantMap{{u"id"_s, notice.id}, {u"ink"_s, inkHex(toneInk(notice.tone))}, {u"title"_s, notice.title},
-            {u"line"_s, text(notice.line)}, {u"action"_s, noticeActs(notice.id) ? text(notice.action) : QString()},
+            {u"line"_s, text(notice.line)}, {u"action"_s, noticeActs(notice) ? text(notice.action) : QString()},
             {u"busy"_s, notice.busy}, {u"help"_s, text(noticeHelp(notice))}, {u"choices"_s, notice.choices},
             {u"figure"_s, text(noticeFigure(notice, in.now))}};
     }
@@ -411,10 +411,16 @@ std::optional<Notice> codexCardNotice(const AppModel& model, const QDateTime& no
     return notice;
 }
 
-bool noticeActs(const QString& id)
+bool opensPairing(const Notice& notice)
 {
-    // Setup, voice and pairing open windows that the panel can't show yet.
-    return id == u"error" || id == u"update" || id == u"sdk" || id == u"key";
+    return notice.id == u"setup" && notice.key == u"phone";
+}
+
+bool noticeActs(const Notice& notice)
+{
+    // The other setup steps and voice open the setup window, which the panel can't show yet.
+    const QString& id = notice.id;
+    return id == u"error" || id == u"update" || id == u"sdk" || id == u"key" || opensPairing(notice);
 }
 
 QVariantMap build(const Inputs& in)

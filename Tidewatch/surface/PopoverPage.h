@@ -39,7 +39,10 @@ QList<Notice> currentNotices(const AppModel& model, const QDateTime& now);
 std::optional<Notice> codexCardNotice(const AppModel& model, const QDateTime& now);
 
 /// The notice's button can do its work from the panel now; one that can't isn't drawn.
-bool noticeActs(const QString& id);
+bool noticeActs(const Notice& notice);
+
+/// The setup notice that asks for a phone, whose button opens the pair page.
+bool opensPairing(const Notice& notice);
 
 /// What the account card's button does, by the page's word for it.
 inline constexpr QStringView kAccountOpen = u"open";
