@@ -28,7 +28,7 @@ export const SETTINGS = Object.freeze({
   },
   nameService: {
     apply: ({ state }, on) => state.setLocalParts({ name: withField(state.localPart('name'), 'setting', on) }),
-    kept: false,
+    kept: true,
   },
 });
 
@@ -46,10 +46,11 @@ export function keptSettings({ state, node }) {
     save: () => ({
       builtInTailscale: node.chosen,
       browseOutsideProjects: state.localPart('files')?.browseOutsideProjects === true,
+      nameService: state.localPart('name')?.setting === true,
     }),
     restore: (saved) => {
       if (!isObject(saved)) return;
-      for (const name of ['builtInTailscale', 'browseOutsideProjects']) {
+      for (const name of ['builtInTailscale', 'browseOutsideProjects', 'nameService']) {
         if (typeof saved[name] === 'boolean') SETTINGS[name].apply({ state, node }, saved[name]);
       }
     },

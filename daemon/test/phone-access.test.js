@@ -144,6 +144,8 @@ test('the phone-access settings act, and survive a restart', async (t) => {
   for (const body of [{ builtInTailscale: true }, { browseOutsideProjects: true }]) {
     assert.deepEqual((await first.local('POST', '/local/settings', { body })).json, { ok: true });
   }
+  // No private name is held, so choosing it gives nothing up.
+  assert.deepEqual((await first.local('POST', '/local/settings', { body: { nameService: true } })).json, { nameRelease: { released: false } });
   const builtIn = {
     mode: 'builtIn',
     reason: 'Tidewatch’s built-in Tailscale node serves the phone API.',
@@ -158,11 +160,13 @@ test('the phone-access settings act, and survive a restart', async (t) => {
 
   const second = await start();
   assert.deepEqual([(await second.status()).tsnet, (await second.status()).files], [builtIn, { browseOutsideProjects: true }], 'kept');
-  await second.local('POST', '/local/settings', { body: { builtInTailscale: false, browseOutsideProjects: false } });
+  assert.equal((await second.status()).name?.setting, true, 'the private name’s choice kept');
+  await second.local('POST', '/local/settings', { body: { builtInTailscale: false, browseOutsideProjects: false, nameService: false } });
   await second.service.close();
 
   const third = await start();
   assert.deepEqual([(await third.status()).tsnet, (await third.status()).files], [off.tsnet, off.files], 'both off again');
+  assert.equal((await third.status()).name?.setting ?? false, false, 'the private name’s choice off again');
 });
 
 test('the built-in node signs out through its helper, and without one refuses', async (t) => {
