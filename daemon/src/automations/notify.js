@@ -58,7 +58,7 @@ export async function notifyDesktop(title, text, { platform = process.platform, 
   // "--" ends the options, so a title that starts with "-" is still a title.
   const args =
     platform === 'darwin'
-      ? [...NOTIFICATION_SCRIPT.flatMap((line) => ['-e', line]), shownTitle, shownText]
+      ? [...NOTIFICATION_SCRIPT.flatMap((line) => ['-e', line]), '--', shownTitle, shownText]
       : ['--app-name=Tidewatch', '--', shownTitle, shownText];
   const failure = await new Promise((resolve) => {
     execFile(chosen, args, { timeout: NOTIFY_TIMEOUT_MS, env }, (error, _stdout, stderr) => {

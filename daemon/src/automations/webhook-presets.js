@@ -35,6 +35,8 @@ function slackEscaped(text) {
 }
 
 const secondsOf = (value) => (typeof value === 'number' && Number.isFinite(value) && value >= 0 ? value : null);
+// Retry-After in its seconds form; a date or nothing leaves the wait to the backoff.
+const headerSeconds = (reply) => (reply.headers.get('retry-after') === null ? null : secondsOf(Number(reply.headers.get('retry-after'))));
 
 /**
  * The presets by name. Each has `name` (the service, for sentences),
@@ -55,7 +57,7 @@ export const PRESETS = {
     },
     accepted: () => true,
     words: (reply) => (typeof reply.json?.error === 'string' ? reply.json.error : null),
-    retryAfterSec: (reply) => secondsOf(Number(reply.headers.get('retry-after'))),
+    retryAfterSec: headerSeconds,
   },
   // Incoming webhook: {"text"}; it answers "ok", or a word such as invalid_payload.
   slack: {
@@ -63,7 +65,7 @@ export const PRESETS = {
     request: ({ text }) => ({ headers: { 'Content-Type': JSON_TYPE }, body: JSON.stringify({ text: clip(slackEscaped(text), SLACK_LIMIT) }) }),
     accepted: () => true,
     words: (reply) => reply.text.trim() || null,
-    retryAfterSec: (reply) => secondsOf(Number(reply.headers.get('retry-after'))),
+    retryAfterSec: headerSeconds,
   },
   // Execute webhook: {"content"} of 2000 characters at most, 204 when taken; a 429
   // carries {"message","retry_after" (seconds),"global"}. Mentions stay text.
@@ -75,7 +77,7 @@ export const PRESETS = {
     }),
     accepted: () => true,
     words: (reply) => (typeof reply.json?.message === 'string' ? reply.json.message : null),
-    retryAfterSec: (reply) => secondsOf(reply.json?.retry_after) ?? secondsOf(Number(reply.headers.get('retry-after'))),
+    retryAfterSec: (reply) => secondsOf(reply.json?.retry_after) ?? headerSeconds(reply),
   },
   // sendMessage: {"chat_id","text"} with 1 to 4096 characters; it answers
   // {"ok":true,"result":…} or {"ok":false,"error_code","description","parameters":{"retry_after"}}.
@@ -95,7 +97,7 @@ export const PRESETS = {
     }),
     accepted: () => true,
     words: (reply) => reply.text.trim() || null,
-    retryAfterSec: (reply) => secondsOf(Number(reply.headers.get('retry-after'))),
+    retryAfterSec: headerSeconds,
   },
 };
 

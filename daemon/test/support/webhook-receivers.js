@@ -116,7 +116,8 @@ const telegram = {
 const post = {
   planned: {
     server_error: () => text(500, 'Internal Server Error'),
-    not_found: () => text(404, 'Not Found'),
+    // Many servers name the path they couldn't find, as Express does.
+    not_found: ({ path }) => text(404, `Cannot POST ${path}`),
     moved: () => ({ status: 302, headers: { Location: 'http://127.0.0.1:9/elsewhere' }, body: '' }),
   },
   answer: () => ({ status: 200, headers: { 'Content-Type': 'application/json' }, body: '{"received":true}' }),
@@ -136,7 +137,7 @@ async function startReceiver(t, service) {
       const request = { method: req.method, path: req.url, headers: req.headers, body: Buffer.concat(chunks).toString('utf8') };
       requests.push(request);
       const planned = queue.shift();
-      const reply = req.method !== 'POST' ? text(405, 'Method Not Allowed') : planned ? service.planned[planned]() : service.answer(request);
+      const reply = req.method !== 'POST' ? text(405, 'Method Not Allowed') : planned ? service.planned[planned](request) : service.answer(request);
       res.writeHead(reply.status, reply.headers);
       res.end(reply.body);
     });
