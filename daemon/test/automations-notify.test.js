@@ -8,16 +8,16 @@ import path from 'node:path';
 import test from 'node:test';
 
 import { NO_NOTIFIER, NO_VOICE, NOTIFICATION_SCRIPT, notifierOptions, notifyDesktop } from '../src/automations/notify.js';
-import { deliver } from '../src/automations/outputs.js';
+import { createOutputs, deliver } from '../src/automations/outputs.js';
 import { DAEMON, scratchFolder } from './helpers.js';
 
 const FAKES = path.join(DAEMON, 'test', 'fakes');
 const AT = 1795856700000;
 
-// The NUL-ended arguments each call of a stand-in kept, oldest call first.
+// The NUL-ended arguments each call of a stand-in kept, in no order (the files are named by pid).
 const kept = (folder, prefix) =>
-  fs.readdirSync(folder).filter((name) => name.startsWith(`${prefix}.`)).sort()
-    .map((name) => fs.readFileSync(path.join(folder, name), 'utf8').split('\0').slice(0, -1));
+  fs.readdirSync(folder).filter((name) => name.startsWith(`${prefix}.`))
+    .map((name) => fs.readFileSync(path.join(folder, name), 'utf8').split('\0').slice(0, -1)).sort();
 
 test('a notification goes to the system’s program with its title and text as arguments, never as script', async (t) => {
   const folder = await scratchFolder(t);
@@ -68,11 +68,19 @@ test('which program notifies: a test copy only the one it is given', () => {
   }
 });
 
-test('the notify output shows the automation’s name and the text; the say output says it can’t yet', async (t) => {
+test('the notify output shows the automation’s name and the text, the say output says it can’t yet, and a step’s text loses its NUL bytes', async (t) => {
   const folder = await scratchFolder(t);
   const notifier = { platform: 'linux', program: path.join(FAKES, 'notify-send'), env: { ...process.env, TIDEWATCH_FAKE_TOOLS: folder } };
   const message = { automation: { id: 'au_1', name: 'Morning brief' }, run: { id: 'ru_1', state: 'done' }, text: 'All green.' };
   assert.deepEqual(await deliver({ id: 'ou_1', kind: 'notify' }, null, message, { notifier, now: () => AT }), { state: 'sent', at: AT });
   assert.deepEqual(kept(folder, 'notify-send'), [['--app-name=Tidewatch', '--', 'Morning brief', 'All green.']]);
   assert.deepEqual(await deliver({ id: 'ou_2', kind: 'say' }, null, message, { now: () => AT }), { state: 'failed', error: NO_VOICE, at: AT });
+
+  // A notify step's text may come from a command, NUL bytes and all.
+  const steps = createOutputs({ notifier, now: () => AT });
+  assert.deepEqual(await steps.notifyDesktop('Build', 'bin\0ary'), { state: 'sent', at: AT });
+  assert.deepEqual(kept(folder, 'notify-send'), [
+    ['--app-name=Tidewatch', '--', 'Build', 'binary'],
+    ['--app-name=Tidewatch', '--', 'Morning brief', 'All green.'],
+  ]);
 });

@@ -53,8 +53,9 @@ export function notifierOptions(env, { platform = process.platform, testCopy }) 
 export async function notifyDesktop(title, text, { platform = process.platform, program, env = process.env, now = Date.now } = {}) {
   const chosen = program === undefined ? notifierOptions(env, { platform, testCopy: false }).program : program;
   if (chosen === null) return { state: 'failed', error: NO_NOTIFIER, at: now() };
-  const shownTitle = clip(oneLine(title), TITLE_LIMIT) || 'Tidewatch';
-  const shownText = clip(String(text ?? ''), TEXT_LIMIT);
+  // A NUL can't be an argument at all; a command's output may hold one.
+  const shownTitle = clip(oneLine(title).replaceAll('\0', ''), TITLE_LIMIT) || 'Tidewatch';
+  const shownText = clip(String(text ?? '').replaceAll('\0', ''), TEXT_LIMIT);
   // "--" ends the options, so a title that starts with "-" is still a title.
   const args =
     platform === 'darwin'

@@ -29,6 +29,7 @@ const WORDS = {
   insecure: 'It sends only to https addresses.',
   badToken: 'Its bot token isn’t one from @BotFather.',
   noChat: 'It has no chat to write to.',
+  broke: (kind) => `It couldn’t be sent (${clip(oneLine(kind), 40)}).`,
   unknownKind: (kind) => `Tidewatch can’t send to “${clip(oneLine(kind), 40)}”.`,
 };
 
@@ -51,28 +52,40 @@ const WORDS = {
 export async function deliver(output, secret, message, options = {}) {
   const now = options.now ?? Date.now;
   const text = String(message.text ?? '').trim() || message.automation.name;
-  switch (output.kind) {
-    case 'notify':
-      return notifyDesktop(message.automation.name, text, { ...options.notifier, now });
-    case 'say':
-      return sayAloud(text, { now });
-    case 'file':
-      return appendRunLine(output, { ...message, text }, now());
-    case 'webhook':
-      return postWebhook(output, secret, { ...message, text }, { ...options, now });
-    default:
-      return { state: 'failed', error: WORDS.unknownKind(output.kind), at: now() };
+  try {
+    switch (output.kind) {
+      case 'notify':
+        return await notifyDesktop(message.automation.name, text, { ...options.notifier, now });
+      case 'say':
+        return await sayAloud(text, { now });
+      case 'file':
+        return appendRunLine(output, { ...message, text }, now());
+      case 'webhook':
+        return await postWebhook(output, secret, { ...message, text }, { ...options, now });
+      default:
+        return { state: 'failed', error: WORDS.unknownKind(output.kind), at: now() };
+    }
+  } catch (error) {
+    // Only the error's kind: its message might carry an address.
+    return { state: 'failed', error: WORDS.broke(error.code ?? error.name), at: now() };
   }
 }
 
 /**
- * Everything {@link deliver} needs but the output, for the run engine.
+ * This part's places with their options bound, for the run engine: outputs
+ * through `deliver`, and the notify and say steps.
  *
  * @param {Object} options As {@link deliver}'s
- * @return {{deliver: function(Object, *, Object): Promise<Object>}}
+ * @return {{deliver: function(Object, *, Object): Promise<Object>, notifyDesktop: function(string, string): Promise<Object>,
+ *     sayAloud: function(string): Promise<Object>}}
  */
 export function createOutputs(options = {}) {
-  return { deliver: (output, secret, message) => deliver(output, secret, message, options) };
+  const now = options.now ?? Date.now;
+  return {
+    deliver: (output, secret, message) => deliver(output, secret, message, options),
+    notifyDesktop: (title, text) => notifyDesktop(title, text, { ...options.notifier, now }),
+    sayAloud: (text) => sayAloud(text, { now }),
+  };
 }
 
 // Where a webhook goes and what may never show in an error: the address
@@ -82,7 +95,7 @@ function webhookTarget(output, secret) {
     const token = secret?.botToken;
     const chatId = secret?.chatId ?? output.chatId;
     if (typeof token !== 'string' || !BOT_TOKEN.test(token)) return { error: WORDS.badToken };
-    if (typeof chatId !== 'string' || chatId === '') return { error: WORDS.noChat };
+    if (!(typeof chatId === 'string' && chatId !== '') && !Number.isSafeInteger(chatId)) return { error: WORDS.noChat };
     return { url: new URL(`${TELEGRAM_API}/bot${token}/sendMessage`), chatId, hidden: [token] };
   }
   const address = typeof secret === 'string' ? secret : secret?.url;

@@ -9,6 +9,8 @@ import os from 'node:os';
 export const OUTPUT_LIMIT = 64 * 1024;
 /** How long a command has to end after SIGTERM before SIGKILL. */
 export const KILL_GRACE_MS = 5000;
+/** The limit of a step that gives none that holds, as a new shell step has. */
+export const DEFAULT_TIMEOUT_SEC = 60;
 /** The PATH a command gets, whatever the service itself was started with. */
 export const CLEAN_PATH =
   process.platform === 'darwin'
@@ -23,7 +25,7 @@ export const CLEAN_PATH =
  * @param {string} step.command The script, as the person wrote it; outside words reach it only through `env`
  * @param {string} step.cwd The folder it runs in
  * @param {Object<string, string>} [step.env={}] Its whole environment, but for PATH, which is {@link CLEAN_PATH}
- * @param {number} step.timeoutSec Its limit: SIGTERM to its process group then, SIGKILL `killGraceMs` later
+ * @param {number} [step.timeoutSec=DEFAULT_TIMEOUT_SEC] Its limit: SIGTERM to its process group then, SIGKILL `killGraceMs` later
  * @param {number} [step.killGraceMs=KILL_GRACE_MS]
  * @return {Promise<{exit: (number|null), output: string, timedOut: boolean, dropped: number, error?: string}>}
  *     `exit` is the shell's status, 128 + the signal's number when a signal ended it, null when it
@@ -52,7 +54,7 @@ export function runShell({ command, cwd, env = {}, timeoutSec, killGraceMs = KIL
       timedOut = true;
       signalGroup('SIGTERM');
       killTimer = setTimeout(() => signalGroup('SIGKILL'), killGraceMs);
-    }, timeoutSec * 1000);
+    }, (Number.isFinite(timeoutSec) && timeoutSec > 0 ? timeoutSec : DEFAULT_TIMEOUT_SEC) * 1000);
     let done = false;
     const finish = (result) => {
       if (done) return;
