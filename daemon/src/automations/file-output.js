@@ -50,13 +50,13 @@ export function appendRunLine(output, message, at) {
   if (isSecretFile(relative)) return { state: 'failed', error: WORDS.secret, at };
   try {
     fs.mkdirSync(path.dirname(target), { recursive: true });
-    // A folder on the way may be a link out of the project: its real place
-    // decides. O_NONBLOCK: a pipe in its place fails at once instead of hanging.
+    // A folder on the way may be a link out of the project: its real place decides.
     const realProject = fs.realpathSync(project);
     const realFolder = fs.realpathSync(path.dirname(target));
     const realRelative = path.relative(realProject, path.join(realFolder, path.basename(target)));
     if (realRelative.startsWith('..') || path.isAbsolute(realRelative)) return { state: 'failed', error: WORDS.outside, at };
     if (isSecretFile(realRelative)) return { state: 'failed', error: WORDS.secret, at };
+    // The file itself may not be a link; a pipe in its place fails at once instead of hanging.
     const fd = fs.openSync(target, fs.constants.O_WRONLY | fs.constants.O_APPEND | fs.constants.O_CREAT | fs.constants.O_NOFOLLOW | fs.constants.O_NONBLOCK, 0o644);
     try {
       if (!fs.fstatSync(fd).isFile()) return { state: 'failed', error: WORDS.notFile, at };
