@@ -77,7 +77,9 @@ export function isWatchedPath(relative, matches) {
 /** @return {function(string): boolean|null} A glob such as "*.md" (any folder) or "docs/**"; null for none. */
 export function globMatcher(glob) {
   if (typeof glob !== 'string' || glob.trim() === '') return null;
-  return picomatch(glob.trim(), { basename: true, dot: true });
+  const pattern = glob.trim();
+  // picomatch's name matching would also bend a pattern that names folders.
+  return picomatch(pattern, { basename: !pattern.includes('/'), dot: true });
 }
 
 const statOf = async (file) => {
