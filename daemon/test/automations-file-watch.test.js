@@ -8,7 +8,8 @@ import fs from 'node:fs';
 import path from 'node:path';
 import test from 'node:test';
 
-import { FileWatch, filesMoment, isSecretPath, MAX_PAYLOAD_FILES, QUIET_MS } from '../src/automations/file-watch.js';
+import { FileWatch, filesMoment, MAX_PAYLOAD_FILES, QUIET_MS } from '../src/automations/file-watch.js';
+import { isSecretFile } from '../src/automations/secret-file.js';
 import { eventually, scratchFolder } from './helpers.js';
 
 const QUIET = 150;
@@ -107,9 +108,9 @@ test('what the automation’s own runs change is ignored until the time given', 
 
 test('secret files are known by name and by the folder they are in', () => {
   for (const secret of ['.env', 'a/.env.production', 'id_ed25519', 'x/.aws/config', 'tls.key', '.npmrc']) {
-    assert.equal(isSecretPath(secret), true, secret);
+    assert.equal(isSecretFile(secret), true, secret);
   }
-  for (const plain of ['env.md', 'src/keyboard.js', 'docs/secretary.md', 'README.md']) assert.equal(isSecretPath(plain), false, plain);
+  for (const plain of ['env.md', 'src/keyboard.js', 'docs/secretary.md', 'README.md']) assert.equal(isSecretFile(plain), false, plain);
 });
 
 test('a long list of files is named up to its limit and counted after it', () => {

@@ -9,6 +9,8 @@ import path from 'node:path';
 
 import picomatch from 'picomatch';
 
+import { isSecretFile } from './secret-file.js';
+
 /** The folder must be this quiet, in ms, before the changes count. */
 export const QUIET_MS = 10_000;
 
@@ -25,14 +27,6 @@ export const MAX_PAYLOAD_FILES = 200;
 export const FILE_EVENTS = ['created', 'changed', 'deleted'];
 
 const EXCLUDED_FOLDERS = new Set(['.git', 'node_modules']);
-const SECRET_FOLDERS = new Set(['.ssh', '.aws', '.gnupg', '.docker', '.kube']);
-const SECRET_NAMES = [
-  /^\.env(\..*)?$/,
-  /^\.(npmrc|pypirc|netrc|pgpass|git-credentials)$/,
-  /^id_(rsa|dsa|ecdsa|ed25519)$/,
-  /\.(pem|key|p12|pfx|jks|keystore|kdbx)$/,
-  /^(credentials|secrets?)(\.[a-z0-9]+)?$/i,
-];
 // What editors write beside a file while it is saved.
 const EDITOR_LEFTOVERS = [/\.sw[a-p]$/, /~$/, /^\.#/, /^4913$/];
 
@@ -43,20 +37,6 @@ const NO_FOLDER_SENTENCE = 'That project folder isn’t there.';
 
 const DONE_WORDS = { created: 'was added', changed: 'changed', deleted: 'was deleted' };
 const DONE_MANY_WORDS = { created: 'were added', changed: 'changed', deleted: 'were deleted' };
-
-/**
- * Whether a path inside a project names a file that holds secrets: keys,
- * tokens, environment files, or anything in a folder of them.
- *
- * @param {string} relative A path relative to the project, "/" or the system's separator
- * @return {boolean}
- */
-export function isSecretPath(relative) {
-  const parts = relative.split(/[\\/]/).filter(Boolean);
-  if (parts.some((part) => SECRET_FOLDERS.has(part))) return true;
-  const name = parts.at(-1) ?? '';
-  return SECRET_NAMES.some((pattern) => pattern.test(name));
-}
 
 /**
  * Whether a change to this path may fire a file trigger: never inside
@@ -70,7 +50,7 @@ export function isSecretPath(relative) {
 export function isWatchedPath(relative, matches) {
   const parts = relative.split('/');
   if (parts.some((part) => EXCLUDED_FOLDERS.has(part))) return false;
-  if (isSecretPath(relative) || EDITOR_LEFTOVERS.some((pattern) => pattern.test(parts.at(-1)))) return false;
+  if (isSecretFile(relative) || EDITOR_LEFTOVERS.some((pattern) => pattern.test(parts.at(-1)))) return false;
   return matches === null || matches(relative);
 }
 
