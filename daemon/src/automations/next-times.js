@@ -7,8 +7,8 @@ import { Cron } from 'croner';
 /** The most next times one question gets. */
 export const MAX_COUNT = 10;
 
-/** Days looked ahead for a `time` or `every` trigger: a week and a margin for a change of clocks. */
-const DAYS_AHEAD = 9;
+/** Days looked ahead for a `time` or `every` trigger: enough for the most times on one weekday, and a margin for a change of clocks. */
+const DAYS_AHEAD = 7 * MAX_COUNT + 2;
 
 /**
  * Reads a five-field cron expression.
