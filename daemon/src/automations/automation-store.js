@@ -288,8 +288,12 @@ export class AutomationStore {
       return saved;
     } catch (error) {
       if (error.code === 'ENOENT') return null;
-      fs.renameSync(file, `${file}.broken`);
-      this.#log?.warn(`${name} couldn’t be read (${error.message}); it is now ${name}.broken.`);
+      try {
+        fs.renameSync(file, `${file}.broken`);
+      } catch {
+        // It stays where it is, and is replaced at the next change.
+      }
+      this.#log?.warn(`${name} couldn’t be read (${error.message}); it is set aside as ${name}.broken.`);
       return null;
     }
   }
