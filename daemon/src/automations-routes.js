@@ -1,7 +1,7 @@
-// What the app may do to the automations the service keeps, while the engine
-// that runs them is still to come: pause or resume them all, and answer a run
-// that waits at an ask. Both change only the stored automations, which the
-// feed tells every client.
+// Pausing every automation and answering a run that waits at an ask, on the
+// automations part the state holds: both change only that part, which the
+// feed tells every client. The book's own routes (automations/
+// automation-routes.js) pause the kept automations instead.
 
 import { HttpError, invalid, notFound } from './http-reply.js';
 import { LOCAL_DECIDER } from './action-routes.js';
@@ -46,22 +46,35 @@ function answered(run, stepId, text, at) {
   };
 }
 
+const automationsOf = (state) => objectOr(state.part('automations'), EMPTY);
+
 /**
- * Adds the automations routes to the local port's table.
+ * Adds the pause route and the answer route to the local port's table.
  *
  * @param {Router} router
  * @param {Object} parts
  * @param {ServiceState} parts.state
  */
 export function addAutomationsRoutes(router, { state }) {
-  const automations = () => objectOr(state.part('automations'), EMPTY);
+  router.add('POST', '/v1/automations/paused', async ({ req }) => {
+    const paused = requireBoolean(await readJsonObject(req), 'paused');
+    state.setSnapshotParts({ automations: { ...automationsOf(state), paused } });
+    return { paused };
+  });
+  addAnswerRoute(router, { state });
+}
+
+/**
+ * Adds the answer to a run that waits at an ask, kept on the state's part.
+ *
+ * @param {Router} router
+ * @param {Object} parts
+ * @param {ServiceState} parts.state
+ */
+export function addAnswerRoute(router, { state }) {
+  const automations = () => automationsOf(state);
 
   router
-    .add('POST', '/v1/automations/paused', async ({ req }) => {
-      const paused = requireBoolean(await readJsonObject(req), 'paused');
-      state.setSnapshotParts({ automations: { ...automations(), paused } });
-      return { paused };
-    })
     .add('POST', '/v1/automations/runs/:runId/answer', async ({ req, params }) => {
       const body = await readJsonObject(req);
       const runId = requireId(params.runId, 'runId', 'run');

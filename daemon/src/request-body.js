@@ -20,15 +20,14 @@ const tooLarge = (limit) =>
   });
 
 /**
- * Reads the body as one JSON object. An empty body counts as `{}`, so that a
- * bare POST works.
+ * Reads the whole body as it came.
  *
  * @param {http.IncomingMessage} req
  * @param {number} [limit=MAX_BODY_BYTES]
- * @return {Promise<Object>}
- * @throws {HttpError} 413 over the limit, 400 when it isn't a JSON object
+ * @return {Promise<Buffer>}
+ * @throws {HttpError} 413 over the limit
  */
-export async function readJsonObject(req, limit = MAX_BODY_BYTES) {
+export async function readBody(req, limit = MAX_BODY_BYTES) {
   const announced = Number(req.headers['content-length']);
   if (Number.isFinite(announced) && announced > limit) throw tooLarge(limit);
 
@@ -39,7 +38,20 @@ export async function readJsonObject(req, limit = MAX_BODY_BYTES) {
     if (size > limit) throw tooLarge(limit);
     chunks.push(chunk);
   }
-  const text = Buffer.concat(chunks).toString('utf8');
+  return Buffer.concat(chunks);
+}
+
+/**
+ * Reads the body as one JSON object. An empty body counts as `{}`, so that a
+ * bare POST works.
+ *
+ * @param {http.IncomingMessage} req
+ * @param {number} [limit=MAX_BODY_BYTES]
+ * @return {Promise<Object>}
+ * @throws {HttpError} 413 over the limit, 400 when it isn't a JSON object
+ */
+export async function readJsonObject(req, limit = MAX_BODY_BYTES) {
+  const text = (await readBody(req, limit)).toString('utf8');
   if (text.trim() === '') return {};
 
   let value;
