@@ -25,8 +25,6 @@ const GUARDS = [
   { name: 'the first step always runs', guard: null, before: null, whole: '', skip: null },
   { name: 'no guard runs after a step that went fine', guard: null, before: done, skip: null },
   { name: 'no guard skips after a failure', guard: null, before: { state: 'failed' }, skip: 'failed_before' },
-  { name: 'no guard skips after a step skipped for a failure', guard: null, before: { state: 'skipped', reason: 'failed_before' }, skip: 'failed_before' },
-  { name: 'no guard runs after a step its own guard skipped', guard: null, before: { state: 'skipped', reason: 'guard' }, skip: null },
   { name: 'ok holds after done', guard: { on: 'ok' }, before: done, skip: null },
   { name: 'ok fails after a failure', guard: { on: 'ok' }, before: { state: 'failed' }, skip: 'guard' },
   { name: 'failed holds after a failure', guard: { on: 'failed' }, before: { state: 'failed' }, skip: null },
@@ -143,6 +141,11 @@ test('how a run ends, by its steps:', async (t) => {
       want: { state: 'done', steps: [['failed', 'exit', 1], ['done']] },
     },
     {
+      name: 'a failure reaches past a step its guard skipped',
+      steps: [shell('st_a', 'exit 2'), { id: 'st_b', kind: 'notify', if: { on: 'ok' }, text: 'x' }, { id: 'st_c', kind: 'notify', if: null, text: 'x' }],
+      want: { state: 'failed', reason: 'exit', steps: [['failed', 'exit', 2], ['skipped', 'guard'], ['skipped', 'failed_before']] },
+    },
+    {
       name: 'a command with nothing to say is quiet, and the quiet guard follows it',
       steps: [shell('st_a', 'true'), { id: 'st_b', kind: 'notify', if: { on: 'not_quiet' }, text: 'news' }],
       want: { state: 'done', quiet: true, steps: [['done', undefined, 0], ['skipped', 'guard']] },
@@ -193,6 +196,7 @@ const ASK = { id: 'st_q', kind: 'ask', if: null, question: 'Ship it?', answers: 
 const AFTER_ASK = [
   ASK,
   { id: 'st_s', kind: 'notify', if: { on: 'answer', text: 'Ship' }, text: 'Shipping: {answer}' },
+  { id: 'st_k', kind: 'notify', if: { on: 'answer', text: 'Skip' }, text: 'Skipped: {answer}' },
 ];
 
 test('an ask waits for the first answer, or takes its default when the time runs out', async (t) => {
@@ -212,6 +216,7 @@ test('an ask waits for the first answer, or takes its default when the time runs
     const after = await ended(engine, run.id);
     assert.deepEqual([after.state, after.steps[0].answer.text, after.ask], ['done', 'Ship', undefined]);
     assert.deepEqual(notified.map((each) => each.text), ['Shipping: Ship']);
+    assert.deepEqual(after.steps[2].reason, 'guard');
   });
   await t.test('timed out: the default is taken, by timeout, and the answer guard follows it', async (t) => {
     const { engine, automation: made, clock, notified } = await setUp(t, AFTER_ASK);
@@ -224,7 +229,7 @@ test('an ask waits for the first answer, or takes its default when the time runs
     const after = await ended(engine, run.id);
     assert.deepEqual(after.steps[0].answer, { text: 'Skip', by: 'timeout', at: clock.now() });
     assert.deepEqual(after.steps[1].reason, 'guard');
-    assert.deepEqual(notified, []);
+    assert.deepEqual(notified.map((each) => each.text), ['Skipped: Skip'], 'the answer reaches past the step it chose against');
   });
 });
 

@@ -1,15 +1,16 @@
-// Whether a step runs, by its guard and the step directly before it.
+// Whether a step runs, by its guard and the step before it: the nearest
+// earlier one that ran, as a skipped step has nothing to say. So a failure
+// reaches past a step its guard skipped, and an answer past a step it chose against.
 
 /** The guards a step may carry. */
 export const GUARDS = Object.freeze(['ok', 'failed', 'quiet', 'not_quiet', 'contains', 'answer']);
 
-/** A step that went wrong, or was skipped because one before it did. */
-export const wentWrong = (step) =>
-  step.state === 'failed' || step.state === 'stopped' || (step.state === 'skipped' && step.reason === 'failed_before');
+/** A step that went wrong. */
+export const wentWrong = (step) => step.state === 'failed' || step.state === 'stopped';
 
 /**
  * @param {{on: string, text: string}|null|undefined} guard The step's `if`
- * @param {Object|null} before The run's record of the step before; null for the first
+ * @param {Object|null} before The run's record of the nearest earlier step that ran; null for the first
  * @param {string} [beforeWhole=''] That step's whole reply or output
  * @return {null|'guard'|'failed_before'} null when the step runs, else why it is skipped
  */

@@ -331,7 +331,7 @@ export class RunEngine {
     const steps = automation.steps ?? [];
     for (let i = entry.from; i < steps.length && !entry.stopped; i++) {
       const record = run.steps[i];
-      const before = i > 0 ? run.steps[i - 1] : null;
+      const before = run.steps.slice(0, i).findLast((step) => step.state !== 'skipped') ?? null;
       const reason = skipReason(steps[i].if, before, before?.whole ?? before?.result ?? '');
       if (reason) {
         Object.assign(record, { state: 'skipped', reason });

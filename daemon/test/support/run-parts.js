@@ -41,7 +41,7 @@ export function runShell({ command, cwd, env, timeoutSec, signal }) {
 }
 
 /** The parts of an engine, and the engine, over a scratch support folder. */
-export async function engineParts(t, { folder, automations = [], usage = null, sessions = null, tickEveryMs = 0 } = {}) {
+export async function engineParts(t, { folder, projects, automations = [], usage = null, sessions = null, tickEveryMs = 0 } = {}) {
   folder ??= await scratchFolder(t);
   fs.mkdirSync(path.join(folder, 'support'), { recursive: true, mode: 0o700 });
   const book = new Map(automations.map((each) => [each.id, each]));
@@ -75,7 +75,7 @@ export async function engineParts(t, { folder, automations = [], usage = null, s
       support: parts.support,
       sessions,
       facts: { battery: () => 81 },
-      projectsRoot: () => folder,
+      projectsRoot: () => projects ?? folder,
       tickEveryMs,
     });
     t.after(() => engine.close());
