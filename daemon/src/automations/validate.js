@@ -14,7 +14,7 @@ import { isObject } from '../json.js';
 import { MAX_ALLOWED_TOOLS, MAX_PROJECT_CHARS, MAX_PROMPT_CHARS } from '../sessions/session-request.js';
 import { clockOf, cronOf } from './next-times.js';
 import { judgeRule } from './permission-rules.js';
-import { allowedPlaceholders, forbiddenPlaceholder, PLACES } from './placeholders.js';
+import { allowedPlaceholders, forbiddenPlaceholder, PLACES } from './placeholder-rules.js';
 import { isSecretFile } from './secret-files.js';
 
 /** The limits, as the refusals' sentences state them. */

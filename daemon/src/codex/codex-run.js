@@ -85,6 +85,7 @@ export class CodexRun {
   async run() {
     const { request, prompt, resumeThread, program, env, message } = this.#options;
     const args = ['exec', ...(resumeThread ? ['resume', resumeThread] : []), '--json', '--skip-git-repo-check'];
+    if (request.model) args.push('--model', request.model);
     args.push(...sandboxArgs(request.permissionMode), '-');
     await runJsonLines(program, args, {
       cwd: request.project,

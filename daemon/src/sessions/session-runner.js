@@ -154,6 +154,12 @@ export class SessionRunner {
     this.#next();
   }
 
+  /** Stops the session's turn, at work or in line; the session stays. */
+  stop(sessionId) {
+    this.#line = this.#line.filter((turn) => turn.id !== sessionId);
+    this.#running.get(sessionId)?.stop();
+  }
+
   /** Stops every turn; the sessions stay as they are. */
   close() {
     this.#state.off('change', this.#onChange);
