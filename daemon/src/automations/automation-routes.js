@@ -7,7 +7,7 @@ import { bearerOf } from '../admin-token.js';
 import { HttpError, notFound } from '../http-reply.js';
 import { cut } from '../json.js';
 import { readBody, readJsonObject, requireBoolean } from '../request-body.js';
-import { nextTimes as scheduledTimes } from './next-times.js';
+import { nextTimes as scheduledTimes } from './schedule.js';
 import { StatusPublisher } from './status-publisher.js';
 import { FEATURES, validateInput, validateTrigger } from './validate.js';
 

@@ -52,9 +52,10 @@ export function inSpan(minutes, from, to) {
   return minutes >= start && minutes <= end;
 }
 
+// No weekdays listed means every day, as the book keeps it.
 function daysField(days) {
-  if (days === undefined || days === null) return '*';
-  const valid = Array.isArray(days) && days.length > 0 && days.every((day) => Number.isInteger(day) && day >= 0 && day <= 6);
+  if (days === undefined || days === null || (Array.isArray(days) && days.length === 0)) return '*';
+  const valid = Array.isArray(days) && days.every((day) => Number.isInteger(day) && day >= 0 && day <= 6);
   if (!valid) throw refuse('bad_trigger', NOT_A_MOMENT);
   return [...new Set(days)].sort((a, b) => a - b).join(',');
 }
@@ -123,15 +124,29 @@ export function nextTimes(trigger, now, count, { timeZone } = {}) {
     return trigger.at > now ? [trigger.at] : [];
   }
   if (!SCHEDULED_KINDS.includes(trigger.kind)) return [];
-  const pattern = cronPattern(trigger);
-  let cron;
-  try {
-    // A list of hours is as fixed as a single one: it runs once when DST repeats an hour.
-    cron = new Cron(pattern, { paused: true, mode: '5-part', fixedTimeRule: 'no-wildcard', timezone: timeZone });
-  } catch {
+  const cron = cronOf(cronPattern(trigger), { timeZone });
+  if (cron === null) {
     throw refuse(trigger.kind === 'cron' ? 'bad_cron' : 'bad_trigger', trigger.kind === 'cron' ? NOT_A_SCHEDULE : NOT_A_MOMENT);
   }
   return cron.nextRuns(wanted, new Date(now)).map((date) => date.getTime());
+}
+
+/**
+ * A calculator for a five-field pattern, never started.
+ *
+ * @param {string} pattern
+ * @param {Object} [options]
+ * @param {string} [options.timeZone] A named zone; the machine's (TZ honoured) when absent
+ * @return {Cron|null} null for a pattern that doesn't read as five fields
+ */
+export function cronOf(pattern, { timeZone } = {}) {
+  if (typeof pattern !== 'string' || pattern.trim().split(/\s+/).length !== 5) return null;
+  try {
+    // A list of hours is as fixed as a single one: it runs once when DST repeats an hour.
+    return new Cron(pattern.trim(), { paused: true, mode: '5-part', fixedTimeRule: 'no-wildcard', timezone: timeZone });
+  } catch {
+    return null;
+  }
 }
 
 /**

@@ -7,7 +7,8 @@ const SECRET_NAMES = [
   /^\.(npmrc|netrc|pypirc|pgpass|git-credentials)$/i,
   /^id_(rsa|dsa|ecdsa|ed25519)(\.pub)?$/i,
   /\.(pem|key|p12|pfx|jks|keystore|kdbx|asc|gpg)$/i,
-  /^(credentials|secrets?)(\.[a-z0-9]+)?$/i,
+  /^(credentials|secrets?)(\..*)?$/i,
+  /^admin-token$/,
 ];
 
 /**

@@ -3,7 +3,7 @@
 // next time has passed, so the next time a client sees is never one gone by.
 
 import { sameJson } from '../json.js';
-import { nextAt as scheduledAt } from './next-times.js';
+import { nextAt as scheduledAt } from './schedule.js';
 import { FEATURES } from './validate.js';
 
 /** The longest wait of the timer, in milliseconds: setTimeout takes no more. */

@@ -12,10 +12,10 @@ import picomatch from 'picomatch';
 import { HttpError, invalid } from '../http-reply.js';
 import { isObject } from '../json.js';
 import { MAX_ALLOWED_TOOLS, MAX_PROJECT_CHARS, MAX_PROMPT_CHARS } from '../sessions/session-request.js';
-import { clockOf, cronOf } from './next-times.js';
+import { clockMinutes, cronOf } from './schedule.js';
 import { judgeRule } from './permission-rules.js';
 import { allowedPlaceholders, forbiddenPlaceholder, PLACES } from './placeholder-rules.js';
-import { isSecretFile } from './secret-files.js';
+import { isSecretFile } from './secret-file.js';
 
 /** The limits, as the refusals' sentences state them. */
 export const LIMITS = Object.freeze({
@@ -243,7 +243,7 @@ function daysOf(value) {
 
 function clockOrNull(value) {
   if (value === undefined || value === null) return null;
-  if (!clockOf(value)) throw refusal('bad_trigger', 'trigger');
+  if (clockMinutes(value) === null) throw refusal('bad_trigger', 'trigger');
   return value;
 }
 
@@ -289,7 +289,7 @@ async function triggerOf(value, context) {
   const now = context.now ?? Date.now();
   switch (kind) {
     case 'time':
-      if (!clockOf(value.at)) throw refusal('bad_trigger', field);
+      if (clockMinutes(value.at) === null) throw refusal('bad_trigger', field);
       return { trigger: { kind, at: value.at, days: daysOf(value.days) }, project: null };
     case 'once': {
       const kept = context.existing?.trigger?.kind === 'once' && context.existing.trigger.at === value.at;
@@ -297,7 +297,7 @@ async function triggerOf(value, context) {
       return { trigger: { kind, at: value.at }, project: null };
     }
     case 'every': {
-      if (!isInt(value.hours, 1, MAX_EVERY_HOURS) || !clockOf(value.from)) throw refusal('bad_trigger', field);
+      if (!isInt(value.hours, 1, MAX_EVERY_HOURS) || clockMinutes(value.from) === null) throw refusal('bad_trigger', field);
       const to = clockOrNull(value.to);
       if (to !== null && to < value.from) throw refusal('bad_trigger', field);
       return { trigger: { kind, hours: value.hours, from: value.from, to, days: daysOf(value.days) }, project: null };
