@@ -34,18 +34,13 @@ const LOOPBACK = new Set(['127.0.0.1', '::1', '::ffff:127.0.0.1']);
  *     validateInput as it stands now, without `existing` and `now`
  * @param {function(Object): void} parts.publish Gets the snapshot's `automations` part on every change
  * @param {{now: function(): number}} parts.clock
- * @param {function(Object, number, number): (Array<number>|null)} [parts.nextTimes]
- *     The next times of a trigger (trigger, now, count); null for one that waits for an event
+ * @param {function(Object, number): (number|null)} [parts.nextAt] The next start of an
+ *     automation (automation, now); by its schedule alone when not given
+ * @param {function(string): (string|null)} [parts.problemOf] Why an automation can't run as it stands, by id
  * @return {StatusPublisher} Its refresh() publishes again, as after a run changed
  */
-export function addAutomationRoutes(router, { store, engine = null, validationContext, publish, clock, nextTimes = scheduledTimes }) {
-  const status = new StatusPublisher({
-    store,
-    publish,
-    clock,
-    nextAt: (automation, now) => nextTimes(automation.trigger, now, 1)?.[0] ?? null,
-    lastRun: (id) => engine?.runsOf?.(id, 1)?.[0] ?? null,
-  });
+export function addAutomationRoutes(router, { store, engine = null, validationContext, publish, clock, nextAt, problemOf }) {
+  const status = new StatusPublisher({ store, publish, clock, nextAt, problemOf, lastRun: (id) => engine?.runsOf?.(id, 1)?.runs?.[0] ?? null });
   const context = (existing = null) => ({ ...validationContext(), existing, now: clock.now() });
   const stored = (id) => store.get(id) ?? fail(notFound('automation', id));
   const shown = (id) => status.list().find((automation) => automation.id === id);
@@ -60,7 +55,7 @@ export function addAutomationRoutes(router, { store, engine = null, validationCo
     .add('POST', '/v1/automations/check', async ({ req }) => {
       const body = await readJsonObject(req, MAX_AUTOMATION_BODY_BYTES);
       const trigger = await validateTrigger(body.trigger, context());
-      return { next: nextTimes(trigger, clock.now(), CHECK_COUNT) ?? [] };
+      return { next: scheduledTimes(trigger, clock.now(), CHECK_COUNT) };
     })
     .add('POST', '/v1/automations/paused', async ({ req }) => {
       const paused = requireBoolean(await readJsonObject(req), 'paused');

@@ -18,6 +18,7 @@ export class StatusPublisher {
   #clock;
   #nextAt;
   #lastRun;
+  #problemOf;
   #last = null;
   #timer = null;
   #stop;
@@ -30,24 +31,37 @@ export class StatusPublisher {
    * @param {function(Object, number): (number|null)} [options.nextAt] The next
    *     start of an automation, by its trigger and now
    * @param {function(string): (Object|null)} [options.lastRun] The last run of an automation, by id
+   * @param {function(string): (string|null)} [options.problemOf] Why an automation can't run as it stands, by id
    */
-  constructor({ store, publish, clock, nextAt = (automation, now) => scheduledAt(automation.trigger, now), lastRun = () => null }) {
+  constructor({
+    store,
+    publish,
+    clock,
+    nextAt = (automation, now) => scheduledAt(automation.trigger, now),
+    lastRun = () => null,
+    problemOf = () => null,
+  }) {
     this.#store = store;
     this.#publish = publish;
     this.#clock = clock;
     this.#nextAt = nextAt;
     this.#lastRun = lastRun;
+    this.#problemOf = problemOf;
     this.#stop = store.onChange(() => this.refresh());
   }
 
   /** @return {Array<Object>} Every automation with its `nextAt` and `lastRun`, as the list route shows them. */
   list() {
     const now = this.#clock.now();
-    return this.#store.list().map((automation) => ({
-      ...automation,
-      nextAt: automation.enabled === false ? null : this.#nextAt(automation, now),
-      lastRun: this.#lastRun(automation.id) ?? null,
-    }));
+    return this.#store.list().map((automation) => {
+      const problem = this.#problemOf(automation.id);
+      return {
+        ...automation,
+        nextAt: automation.enabled === false ? null : this.#nextAt(automation, now),
+        lastRun: this.#lastRun(automation.id) ?? null,
+        ...(problem ? { problem } : {}),
+      };
+    });
   }
 
   /** @return {{paused: boolean, list: Array<Object>, features: Array<string>}} */

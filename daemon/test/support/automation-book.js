@@ -30,7 +30,8 @@ export class RecordingEngine {
   }
 
   runsOf(id, limit) {
-    return this.runs.filter((run) => run.automationId === id).slice(0, limit).map(({ payload, ...run }) => run);
+    const runs = this.runs.filter((run) => run.automationId === id);
+    return { runs: runs.slice(0, limit).map(({ payload, ...run }) => run), total: runs.length };
   }
 
   setPaused(on) {
