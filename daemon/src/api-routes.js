@@ -19,9 +19,10 @@ export const PROTOCOL = 1;
  *     hung service would hold them, until the client gives up or the service
  *     closes
  * @param {Object} [parts.phone] What addPhoneRoutes takes; without it there are no phone routes
+ * @param {Automations} [parts.automations] Whose webhook door answers here
  * @return {Router}
  */
-export function apiRoutes({ health, phone = null }) {
+export function apiRoutes({ health, phone = null, automations = null }) {
   const router = new Router()
     .add('GET', '/v1/health', () => (health.answering ? { ok: true, protocol: PROTOCOL, name: os.hostname() } : undefined))
     .add('GET', '/v1/ws', () => {
@@ -30,5 +31,6 @@ export function apiRoutes({ health, phone = null }) {
       });
     });
   if (phone) addPhoneRoutes(router, phone);
+  automations?.addApiRoutes(router);
   return router;
 }

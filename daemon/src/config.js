@@ -68,7 +68,7 @@ function xdgFolder(env, name, fallback) {
  * @param {string} [system.home=os.homedir()]
  * @return {{support: string, logs: string, shellHome: string, shell: string, apiPort: number,
  *     localPort: number, lanPort: number, pairOrigin: string, testCopy: boolean, codexHome: string,
- *     codexPath: (string|null), claudeSettings: string, tsnetHelper: (string|null)}} `lanPort` is
+ *     codexPath: (string|null), claudeSettings: string, tsnetHelper: (string|null), projects: string}} `lanPort` is
  *     `TIDEWATCH_LAN_PORT`, else 47323 (a test copy: any free port); `pairOrigin` is
  *     `TIDEWATCH_PAIR_ORIGIN` when it is an origin, else the default; `shellHome` holds the start files the shell integration changes `codexHome` is Codex's
  *     own folder, `CODEX_HOME` as Codex reads it, else ~/.codex (a test copy
@@ -76,7 +76,9 @@ function xdgFolder(env, name, fallback) {
  *     never reads the person's sessions); `codexPath` is the program named
  *     by `TIDEWATCH_CODEX`, else null for looking it up; `tsnetHelper` is
  *     the built-in Tailscale node's helper program named by
- *     `TIDEWATCH_TSNET_HELPER`, else null: no built-in node can start
+ *     `TIDEWATCH_TSNET_HELPER`, else null: no built-in node can start; `projects`, where every
+ *     automation's project lies, is `TIDEWATCH_PROJECTS`, else ~/Programming (a test copy's is
+ *     in its support folder, so that its automations never reach the person's projects)
  */
 // launchd and systemd start services without SHELL; the account knows.
 function loginShell() {
@@ -119,6 +121,8 @@ export function readConfig(env = process.env, { platform = process.platform, hom
   // The login shell's start files get the shell integration; a test copy's
   // live in its own folder.
   const shellHome = testCopy ? path.join(support, 'shell-home') : home;
+  let projects = testCopy ? path.join(support, 'projects') : path.join(home, 'Programming');
+  if (given('TIDEWATCH_PROJECTS') !== null) projects = path.resolve(given('TIDEWATCH_PROJECTS'));
 
   return {
     support,
@@ -134,5 +138,6 @@ export function readConfig(env = process.env, { platform = process.platform, hom
     claudeSettings,
     codexPath: given('TIDEWATCH_CODEX') !== null ? path.resolve(given('TIDEWATCH_CODEX')) : null,
     tsnetHelper: given('TIDEWATCH_TSNET_HELPER') !== null ? path.resolve(given('TIDEWATCH_TSNET_HELPER')) : null,
+    projects,
   };
 }

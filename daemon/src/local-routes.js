@@ -3,7 +3,6 @@
 // makes, and in a test copy the /qa interface.
 
 import { addActionRoutes } from './action-routes.js';
-import { addAutomationsRoutes } from './automations-routes.js';
 import { addChecklistRoute } from './checklist.js';
 import { addAwakeRoutes, addPowerQaRoutes } from './awake/awake-routes.js';
 import { addClaudeRoutes } from './claude/claude-routes.js';
@@ -34,6 +33,7 @@ import { addSessionRoutes } from './sessions/session-routes.js';
  * @param {SessionOpener} [parts.opener] Brings a session's terminal forward
  * @param {Object} [parts.pairing] What addPairingRoutes takes but the state:
  *     `codes`, `devices`, `origin`; without it nothing pairs and no device is forgotten
+ * @param {Automations} [parts.automations] The automations' book and runs; without it they have no routes
  * @param {PhoneAccess} parts.access Tailscale, the app and the built-in node
  * @param {function(): void} parts.keep Writes the kept settings now
  * @param {function(): Promise<void>} [parts.settled] For /qa: settles once the start's lookups are done
@@ -58,6 +58,7 @@ export function localRoutes({
   places = null,
   opener = null,
   pairing = null,
+  automations = null,
   access,
   keep,
   testCopy = false,
@@ -74,12 +75,12 @@ export function localRoutes({
   addChecklistRoute(router, { state });
   addActionRoutes(router, { state, codex, continuer, signIn, opener });
   if (runner) addSessionRoutes(router, { runner, home, codexProgram: () => codex?.program ?? null });
-  addAutomationsRoutes(router, { state });
+  automations?.addRoutes(router);
   addSettingsRoutes(router, { state, node: access.node, keep });
   addPhoneAccessRoutes(router, { state, access, testCopy });
   if (pairing) addPairingRoutes(router, { state, ...pairing });
   addAwakeRoutes(router, { keeper });
-  if (claude) addClaudeRoutes(router, { claude, terminals, places });
+  if (claude) addClaudeRoutes(router, { claude, terminals, places, heard: automations ? (event) => automations.hook(event) : null });
   if (integration) addIntegrationRoutes(router, { integration, state });
   if (testCopy) {
     addQaRoutes(router, { state, faults, feed, health, settled, devices: pairing?.devices });

@@ -6,6 +6,7 @@ import path from 'node:path';
 
 import { loadAdminToken } from './admin-token.js';
 import { apiRoutes } from './api-routes.js';
+import { Automations } from './automations/automations.js';
 import { AwakeKeeper, ServiceClock } from './awake/awake-keeper.js';
 import { ClaudeSignIn } from './claude/sign-in.js';
 import { ClaudeAgent } from './claude/claude-agent.js';
@@ -110,6 +111,9 @@ import { VERSION } from './version.js';
  * @param {Object} [options.sessions] For tests: `checkEveryMs` (see Continuer)
  * @param {string} [options.home] The person's home folder, where the
  *     sessions the service starts must lie; the home it runs under by default
+ * @param {string} [options.projects] The person's projects folder, where
+ *     every automation's project lies; "Programming" in the home folder by default
+ * @param {Object} [options.automations] For tests: `recheckMs`, `tickEveryMs` (see Automations)
  * @param {Object<string, string>} [options.agentEnv] The environment of the
  *     agents it starts, before a request's own; its own by default
  * @param {function(): Promise<Object|null>} [options.agentSdk] Loads the agent SDK; for tests
@@ -152,6 +156,8 @@ export async function startService({
   claude: claudeOptions = {},
   sessions: sessionOptions = {},
   home = os.homedir(),
+  projects = path.join(home, 'Programming'),
+  automations: automationTiming = {},
   agentEnv = process.env,
   agentSdk,
   windows: windowOptions = {},
@@ -268,11 +274,27 @@ export async function startService({
       codex: () => codex.program,
     },
   });
+  let ports;
+  const automations = new Automations({
+    support,
+    state,
+    clock,
+    log,
+    home,
+    projects,
+    testCopy,
+    apiPort: () => ports?.api ?? apiPort,
+    runner,
+    terminals,
+    programs: { claude: () => state.localPart('claude')?.path ?? null, codex: () => codex.program },
+    timing: automationTiming,
+  });
+  persister.addSection('triggers', { save: () => automations.saved(), restore: (saved) => automations.restore(saved) });
   const continuer = new Continuer({ state, terminals, runner, clock, log, ...sessionOptions });
   const places = new AgentPlaces();
   const raiser = windowRaiser(process.platform, windowOptions);
   const opener = new SessionOpener({ terminals, places, raiser, runner, relay: relayProgram, support });
-  const apiRouter = apiRoutes({ health, phone: { state, codes, ...phone, actions: { continuer, opener } } });
+  const apiRouter = apiRoutes({ health, phone: { state, codes, ...phone, actions: { continuer, opener } }, automations });
   const apiServer = createListener({ router: apiRouter, faults, pending, log, phone });
   const feed = new FeedServer({
     server: apiServer,
@@ -312,6 +334,7 @@ export async function startService({
       places,
       opener,
       pairing: { codes, devices, origin: pairOrigin },
+      automations,
       access,
       keep: keepSettings,
       testCopy,
@@ -324,7 +347,6 @@ export async function startService({
     hookToken,
   });
 
-  let ports;
   try {
     // Decided before anyone can ask, so that the first snapshot is current.
     await keeper.start();
@@ -335,6 +357,7 @@ export async function startService({
     });
     ports = { api, local };
   } catch (error) {
+    automations.close();
     await feed.close();
     await keeper.close();
     log.error(error.message);
@@ -405,6 +428,8 @@ export async function startService({
       terminals.close();
       integration.close();
       persister.close();
+      // After the last save, which keeps the moments it knows.
+      automations.close();
       pending.clear();
       await feed.close();
       await Promise.all([closeListener(apiServer), closeListener(localServer), lan?.close(), keeper.close()]);

@@ -69,3 +69,13 @@ test('the built-in node’s helper is named by its variable, and is none by defa
   ];
   for (const [name, env, expected] of rows) assert.equal(readConfig(env, { platform: 'linux', home: '/home/ada' }).tsnetHelper, expected, name);
 });
+
+// A test copy's automations never reach the person's own projects.
+test('the projects folder is the person’s Programming folder, a test copy’s own, or the one named', () => {
+  const rows = [
+    ['the person’s', {}, '/home/ada/Programming'],
+    ['a test copy’s own', { TIDEWATCH_SUPPORT: '/tmp/copy' }, '/tmp/copy/projects'],
+    ['the one named', { TIDEWATCH_SUPPORT: '/tmp/copy', TIDEWATCH_PROJECTS: '/tmp/work' }, '/tmp/work'],
+  ];
+  for (const [name, env, expected] of rows) assert.equal(readConfig(env, { platform: 'linux', home: '/home/ada' }).projects, expected, name);
+});

@@ -95,6 +95,7 @@ export async function startScratchService(t, { folder, testCopy = true, codexHom
     localPort: 0,
     lanPort: 0,
     testCopy,
+    projects: options.projects ?? path.join(folder, 'projects'),
     codexHome: codexHome ?? path.join(folder, 'codex-home'),
     codexPath,
     codex: { searchPath: [], folders: [], ...codex },

@@ -508,12 +508,29 @@ void TestPopoverLive::resumeAndAnswerChangeTheService()
 {
     LiveModel live;
     QVERIFY(live.ok());
-    live.seed(withTimes(automations(true)));
+    // Two real runs: one at work in a long command, one waiting at an ask, both while paused.
+    const QString project = live.service.supportFolder() + u"/projects/app"_s;
+    QVERIFY(QDir().mkpath(project));
+    const auto save = [&](const QString& name, const QJsonArray& steps) {
+        const QJsonObject body{{"name", name}, {"trigger", QJsonObject{{"kind", "webhook"}}}, {"steps", steps},
+            {"outputs", QJsonArray()}, {"budget", QJsonValue::Null}, {"confirmShell", true}};
+        return live.service.qa("POST", u"/v1/automations"_s, body)[u"automation"_s][u"id"_s].toString();
+    };
+    const QJsonObject working{{"id", "st_sh"}, {"kind", "shell"}, {"if", QJsonValue::Null}, {"projectPath", project},
+        {"command", "sleep 120"}, {"timeoutSec", 600}};
+    const QJsonObject ask{{"id", "st_q"}, {"kind", "ask"}, {"if", QJsonValue::Null}, {"question", "Push the branch?"},
+        {"answers", QJsonArray{"Push", "Skip"}}, {"default", "Skip"}, {"timeoutMin", 10}};
+    const QString build = save(u"Nightly build"_s, {working});
+    const QString tidy = save(u"Nightly tidy"_s, {ask, working});
+    live.service.qa("POST", u"/v1/automations/paused"_s, QJsonObject{{"paused", true}});
+    for (const QString& id : {build, tidy})
+        live.service.qa("POST", u"/v1/automations/%1/run"_s.arg(id), QJsonObject());
+
     QVERIFY(live.startModel());
     AppModel& model = live.model();
     DismissedNotices dismissed;
     PopoverModel popover(model, dismissed, Clock::system());
-    QCOMPARE(line(popover), u"Automations paused"_s);
+    QTRY_COMPARE(line(popover), u"Automations paused"_s);
 
     // Resume: the line moves on at once, the service is resumed, and the read after settles the choice.
     popover.resumeAutomations();
@@ -530,15 +547,16 @@ void TestPopoverLive::resumeAndAnswerChangeTheService()
         "two runs: no one terminal to open");
 
     // An answer: the run is the Mac's answer on, and its notice goes.
+    QTRY_COMPARE(model.automations()->asks.size(), 1);
     const WFAskItem asked = model.automations()->asks.value(0);
-    QCOMPARE(
-        noticeOf(popover, u"ask-ru_tidy"_s).value(u"choices"_s).toStringList(), (QStringList{u"Push"_s, u"Skip"_s}));
-    popover.chooseNotice(u"ask-ru_tidy"_s, u"Push"_s);
+    const QString notice = u"ask-"_s + asked.runId;
+    QCOMPARE(noticeOf(popover, notice).value(u"choices"_s).toStringList(), (QStringList{u"Push"_s, u"Skip"_s}));
+    popover.chooseNotice(notice, u"Push"_s);
     QTRY_COMPARE(lastRun(live, 1)[u"state"_s].toString(), u"running"_s);
     const QJsonObject answer = lastRun(live, 1)[u"steps"_s].toArray().at(0)[u"answer"_s].toObject();
     QCOMPARE(answer[u"text"_s].toString(), u"Push"_s);
     QCOMPARE(answer[u"by"_s].toString(), u"mac"_s);
-    QTRY_VERIFY(noticeOf(popover, u"ask-ru_tidy"_s).isEmpty());
+    QTRY_VERIFY(noticeOf(popover, notice).isEmpty());
     QVERIFY(model.automations()->asks.isEmpty());
 
     // The same ask answered again, as from a card still open elsewhere, is told gently.

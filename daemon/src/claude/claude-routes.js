@@ -54,13 +54,15 @@ function checked(event) {
  * @param {ClaudeAgent} parts.claude
  * @param {TerminalHub} [parts.terminals] Told which terminal a session runs in
  * @param {AgentPlaces} [parts.places] Told which process runs a session
+ * @param {function(Object): void} [parts.heard] Told of each hook event once Claude Code's side took it
  */
-export function addClaudeRoutes(router, { claude, terminals = null, places = null }) {
+export function addClaudeRoutes(router, { claude, terminals = null, places = null, heard = null }) {
   const report = async (event, { tty, term, place = null }) => {
     if (term !== null && !TERM_ID.test(term)) throw invalid('term', '“term” must be a terminal’s id: 32 hex digits.');
     await claude.hookEvent(event, { tty: tty || term !== null });
     if (term !== null) terminals?.link(event.session_id, term);
     if (place !== null) places?.note(event.session_id, place);
+    heard?.(event);
   };
   router
     .add('POST', '/claude/hook', async ({ req, url }) => {

@@ -1,0 +1,165 @@
+// The automations as one part of the service: the book that keeps them, the
+// engine that runs them, the hub that knows their moments and the places
+// they tell, wired to each other and to what the service hears.
+
+import { createOutputs } from './outputs.js';
+import { notifierOptions } from './notify.js';
+import { AutomationStore } from './automation-store.js';
+import { addAutomationRoutes, addFireRoute } from './automation-routes.js';
+import { ghAvailable } from './github-watch.js';
+import { RunEngine } from './run-engine.js';
+import { addRunRoutes } from './run-routes.js';
+import { serviceSessions } from './session-steps.js';
+import { runShell } from './shell-step.js';
+import { TriggerHub } from './trigger-hub.js';
+import { isObject } from '../json.js';
+
+export class Automations {
+  #state;
+  #store;
+  #engine;
+  #hub;
+  #status = null;
+  #projects;
+  #home;
+  #gh;
+  #clock;
+  #onChange;
+
+  /**
+   * @param {Object} options
+   * @param {string} options.support The support folder, where the book and the runs are kept
+   * @param {ServiceState} options.state
+   * @param {{now: function(): number}} options.clock
+   * @param {Log} options.log
+   * @param {string} options.home Where "~" in a typed folder leads
+   * @param {string} options.projects The person's projects folder: every automation's project lies inside it
+   * @param {boolean} options.testCopy A test copy shows no desktop notifications unless told to
+   * @param {function(): number} options.apiPort The port the webhook door answers on
+   * @param {SessionRunner} options.runner
+   * @param {TerminalHub} options.terminals
+   * @param {{claude: function(): (string|null), codex: function(): (string|null)}} options.programs
+   * @param {Object<string, string>} [options.env=process.env] Where the notifier and gh are found
+   * @param {Object} [options.timing] For tests: `recheckMs`, how often the moments are
+   *     looked at again (see TriggerHub), and `tickEveryMs` (see RunEngine)
+   */
+  constructor({ support, state, clock, log, home, projects, testCopy, apiPort, runner, terminals, programs, env = process.env, timing = {} }) {
+    this.#state = state;
+    this.#clock = clock;
+    this.#home = home;
+    this.#projects = projects;
+    this.#store = new AutomationStore({
+      support,
+      clock,
+      log,
+      fireUrl: (id) => `http://127.0.0.1:${apiPort()}/v1/automations/${encodeURIComponent(id)}/fire`,
+    });
+    const outputs = createOutputs({ now: () => clock.now(), notifier: { ...notifierOptions(env, { testCopy }), env } });
+    this.#engine = new RunEngine({
+      clock,
+      store: this.#store,
+      steps: { runShell, notifyDesktop: outputs.notifyDesktop, sayAloud: outputs.sayAloud },
+      outputs,
+      usage: () => state.part('usage') ?? null,
+      publish: () => this.#status?.refresh(),
+      support,
+      sessions: serviceSessions({ state, runner, terminals, programs }),
+      facts: { battery: () => state.part('mac')?.battery?.percent ?? null },
+      projectsRoot: () => projects,
+      log,
+      tickEveryMs: timing.tickEveryMs,
+    });
+    this.#engine.restore();
+    this.#engine.setPaused(this.#store.paused);
+    this.#hub = new TriggerHub({ clock, log, home, recheckMs: timing.recheckMs, fire: (automation, fired) => this.#engine.fire(automation, fired) });
+    this.#gh = { available: () => ghAvailable({ env }) };
+    // The hub hears of a change before the status is built from it, so that a new moment is in the list.
+    this.#store.onChange((change) => {
+      if (change.kind === 'removed') this.#engine.forget(change.id);
+      this.#engine.setPaused(this.#store.paused);
+      this.#sync();
+    });
+    this.#onChange = (change) => this.#heard(change);
+    state.on('change', this.#onChange);
+  }
+
+  /** What the hub keeps across a restart: the due times, so a moment missed while the service was off fires once. */
+  saved() {
+    return this.#hub.saved();
+  }
+
+  /** @param {*} saved What {@link saved} gave; taken before the first moments are counted. */
+  restore(saved) {
+    this.#hub.restore(saved);
+  }
+
+  /**
+   * Adds the book's and the runs' routes to the local port's table and
+   * starts publishing the snapshot's `automations` part.
+   *
+   * @param {Router} router
+   */
+  addRoutes(router) {
+    this.#status = addAutomationRoutes(router, {
+      store: this.#store,
+      engine: this.#engine,
+      clock: this.#clock,
+      validationContext: () => this.#validationContext(),
+      publish: (part) => this.#state.setSnapshotParts({ automations: part }),
+      nextAt: (automation) => this.#hub.nextAt(automation.id),
+      problemOf: (id) => this.#hub.problemOf(id),
+    });
+    addRunRoutes(router, { engine: this.#engine, store: this.#store });
+    this.#hub.onChange(() => this.#status.refresh());
+    this.#sync();
+  }
+
+  /**
+   * Adds the webhook door to the API port's table.
+   *
+   * @param {Router} router
+   */
+  addApiRoutes(router) {
+    addFireRoute(router, { store: this.#store, engine: this.#engine, clock: this.#clock });
+  }
+
+  /** @param {Object} event A Claude Code hook event the service took */
+  hook(event) {
+    this.#hub.hook(event);
+  }
+
+  close() {
+    this.#state.off('change', this.#onChange);
+    this.#hub.close();
+    this.#engine.close();
+    this.#status?.close();
+  }
+
+  #sync() {
+    this.#hub.sync(this.#store.list(), this.#store.paused);
+    this.#status?.refresh();
+  }
+
+  #validationContext() {
+    const devices = this.#state.devices();
+    const list = Array.isArray(devices) ? devices : [];
+    return {
+      projectsRoot: this.#projects,
+      home: this.#home,
+      glasses: list.some((device) => isObject(device) && device.client === 'lens'),
+      gh: this.#gh,
+      providers: Array.isArray(this.#state.part('providers')) ? this.#state.part('providers') : [],
+    };
+  }
+
+  // What the service hears that may be an automation's moment: sessions, usage, the battery.
+  #heard({ snapshot, item }) {
+    if (item?.kind === 'session') {
+      if (isObject(item.value)) this.#hub.session(item.value);
+    } else if (snapshot.includes('sessions')) {
+      for (const session of this.#state.part('sessions') ?? []) if (isObject(session)) this.#hub.session(session);
+    }
+    if (snapshot.includes('usage')) this.#hub.usage(this.#state.part('usage'));
+    if (snapshot.includes('mac')) this.#hub.power(this.#state.part('mac')?.battery ?? null);
+  }
+}

@@ -1,0 +1,90 @@
+// The automations as the running service has them: saved through its routes,
+// fired at its webhook door or by its clock, run by its engine, and told on
+// its feed, all in one test copy.
+
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import path from 'node:path';
+import test from 'node:test';
+
+import { claudeFixture, eventually, request, startScratchService } from './helpers.js';
+
+async function setUp(t, options = {}) {
+  const running = await startScratchService(t, { automations: { recheckMs: 50, tickEveryMs: 50 }, ...options });
+  const project = path.join(running.folder, 'projects', 'app');
+  fs.mkdirSync(project, { recursive: true });
+  const runs = async (id) => (await running.local('GET', `/v1/automations/${id}/runs?limit=20`)).json.runs;
+  const ended = async (id) => {
+    let last = null;
+    await eventually(async () => {
+      [last] = await runs(id);
+      return ['done', 'failed', 'stopped', 'skipped'].includes(last?.state);
+    }, 'a run that ended');
+    return last;
+  };
+  return { ...running, project, runs, ended };
+}
+
+function body(project, trigger, command) {
+  const step = { id: 'st_sh', kind: 'shell', if: null, projectPath: project, command, timeoutSec: 30 };
+  return { name: 'Shout it', trigger, steps: [step], outputs: [], budget: null, confirmShell: true };
+}
+
+test('a webhook fires its automation, whose command reads the payload from its environment', async (t) => {
+  const { local, service, project, ended, snapshot } = await setUp(t);
+  const made = await local('POST', '/v1/automations', { body: body(project, { kind: 'webhook' }, 'printf "%s" "$TIDEWATCH_PAYLOAD" | tr a-z A-Z') });
+  assert.equal(made.status, 200, made.text);
+  const { automation, token } = made.json;
+  assert.equal(automation.trigger.url, `http://127.0.0.1:${service.apiPort}/v1/automations/${automation.id}/fire`);
+
+  const fire = (headers) => request(service.apiPort, 'POST', `/v1/automations/${automation.id}/fire`, { body: 'ship $(rm -rf ~) now', headers });
+  assert.equal((await fire({ Authorization: 'Bearer nope' })).status, 401);
+  assert.equal((await fire({ Authorization: `Bearer ${token}` })).status, 200);
+
+  const run = await ended(automation.id);
+  assert.deepEqual([run.state, run.fired.by, run.steps[0].state], ['done', 'webhook', 'done']);
+  assert.match(run.steps[0].result, /SHIP \$\(RM -RF ~\) NOW/, 'the payload is words, never a command');
+  await eventually(async () => (await snapshot()).automations.list[0]?.lastRun?.state === 'done', 'the snapshot tells the run');
+});
+
+test('a cron automation fires when the clock passes its moment, and pausing holds the next', async (t) => {
+  const { local, post, project, runs, ended } = await setUp(t);
+  const made = await local('POST', '/v1/automations', { body: body(project, { kind: 'cron', expr: '*/5 * * * *' }, 'echo tick') });
+  assert.equal(made.status, 200, made.text);
+  const { id, nextAt } = made.json.automation;
+  assert.ok(nextAt > Date.now(), 'its next moment is in the list');
+
+  await post('/qa/power', { offsetMs: nextAt - Date.now() + 1000 });
+  const run = await ended(id);
+  assert.deepEqual([run.state, run.fired.by], ['done', 'cron']);
+
+  assert.equal((await post('/v1/automations/paused', { paused: true })).status, 200);
+  await post('/qa/power', { offsetMs: nextAt - Date.now() + 6 * 60 * 1000 });
+  // The hub looks every 50 ms here; several looks go by with nothing fired.
+  await new Promise((resolve) => setTimeout(resolve, 500));
+  assert.equal((await runs(id)).length, 1);
+});
+
+test('automations and their runs come back after a restart', async (t) => {
+  const first = await setUp(t);
+  const made = await first.local('POST', '/v1/automations', { body: body(first.project, { kind: 'webhook' }, 'echo kept') });
+  const { automation } = made.json;
+  assert.equal((await first.post(`/v1/automations/${automation.id}/run`, {})).status, 200);
+  assert.equal((await first.ended(automation.id)).state, 'done');
+  await first.service.close();
+
+  const again = await setUp(t, { folder: first.folder });
+  const list = (await again.local('GET', '/v1/automations')).json;
+  assert.deepEqual(list.automations.map((each) => [each.id, each.lastRun?.state]), [[automation.id, 'done']]);
+  assert.equal((await again.runs(automation.id))[0].steps[0].result.trim(), 'kept');
+});
+
+test('a Claude Code hook the service hears fires the automation that waits for it', async (t) => {
+  const { local, post, project, ended, folder } = await setUp(t);
+  const made = await local('POST', '/v1/automations', { body: body(project, { kind: 'hook', event: 'Stop', from: 'any' }, 'echo heard') });
+  assert.equal(made.status, 200, made.text);
+  const { transcript_path: _, ...event } = claudeFixture('stop.json');
+  assert.equal((await post('/claude/hook', { ...event, cwd: folder })).status, 200);
+  const run = await ended(made.json.automation.id);
+  assert.deepEqual([run.state, run.fired.by, run.fired.sessionId], ['done', 'hook', event.session_id]);
+});
