@@ -83,7 +83,7 @@ export function localRoutes({
   if (claude) addClaudeRoutes(router, { claude, terminals, places, heard: automations ? (event) => automations.hook(event) : null });
   if (integration) addIntegrationRoutes(router, { integration, state });
   if (testCopy) {
-    addQaRoutes(router, { state, faults, feed, health, settled, devices: pairing?.devices });
+    addQaRoutes(router, { state, faults, feed, health, settled, devices: pairing?.devices, automations });
     addPowerQaRoutes(router, { keeper });
   }
   return router;

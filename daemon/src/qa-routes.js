@@ -96,8 +96,9 @@ function requireId(body, kind) {
  * @param {{answering: boolean}} parts.health The switch of the health route
  * @param {function(): Promise<void>} [parts.settled] Settles once the start's own lookups are done
  * @param {{forgetAll: function(): void}} [parts.devices] The paired devices, whose tokens a reset revokes
+ * @param {{forgetAll: function(): void}} [parts.automations] The automations, which a reset forgets with their runs
  */
-export function addQaRoutes(router, { state, faults, feed, health, settled = () => Promise.resolve(), devices = null }) {
+export function addQaRoutes(router, { state, faults, feed, health, settled = () => Promise.resolve(), devices = null, automations = null }) {
   router
     .add('GET', '/qa', ({ res }) => send(res, 200, PAGE, 'text/html; charset=utf-8'))
     .add('GET', '/qa/state', () => ({
@@ -123,6 +124,8 @@ export function addQaRoutes(router, { state, faults, feed, health, settled = () 
       // A fresh start has no paired phone: a token kept past the reset would still open the phone's routes.
       devices?.forgetAll();
       state.reset();
+      // After the state's reset, so that the empty book is what the snapshot says.
+      automations?.forgetAll();
       return { snapshot: state.snapshot(), local: state.localStatus() };
     });
 

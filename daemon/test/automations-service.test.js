@@ -88,3 +88,14 @@ test('a Claude Code hook the service hears fires the automation that waits for i
   const run = await ended(made.json.automation.id);
   assert.deepEqual([run.state, run.fired.by, run.fired.sessionId], ['done', 'hook', event.session_id]);
 });
+
+test('a reset of a test copy forgets the automations and their runs', async (t) => {
+  const { local, post, project, snapshot } = await setUp(t);
+  const { automation } = (await local('POST', '/v1/automations', { body: body(project, { kind: 'webhook' }, 'echo gone') })).json;
+  await post('/v1/automations/paused', { paused: true });
+  assert.equal((await post('/qa/reset', {})).status, 200);
+  assert.deepEqual((await local('GET', '/v1/automations')).json.automations, []);
+  const { automations } = await snapshot();
+  assert.deepEqual([automations.paused, automations.list, automations.features.length > 0], [false, [], true]);
+  assert.equal((await local('GET', `/v1/automations/${automation.id}/runs`)).status, 404);
+});

@@ -128,6 +128,13 @@ export class Automations {
     this.#hub.hook(event);
   }
 
+  /** Forgets every automation and its runs, and resumes: a fresh start's book. */
+  forgetAll() {
+    for (const { id } of this.#store.list()) this.#store.remove(id);
+    this.#store.setPaused(false);
+    this.#status?.republish();
+  }
+
   close() {
     this.#state.off('change', this.#onChange);
     this.#hub.close();

@@ -78,6 +78,12 @@ export class StatusPublisher {
     this.#publish(part);
   }
 
+  /** Publishes the part even when it seems unchanged, as after the state was reset under it. */
+  republish() {
+    this.#last = null;
+    this.refresh();
+  }
+
   /** Stops following the book. */
   close() {
     this.#stop();
