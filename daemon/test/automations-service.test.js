@@ -99,3 +99,16 @@ test('a reset of a test copy forgets the automations and their runs', async (t) 
   assert.deepEqual([automations.paused, automations.list, automations.features.length > 0], [false, [], true]);
   assert.equal((await local('GET', `/v1/automations/${automation.id}/runs`)).status, 404);
 });
+
+test('an automation that runs only once is finished when its moment’s run ends, but not by a run from the Mac', async (t) => {
+  const { local, post, service, project, ended, runs } = await setUp(t);
+  const { automation, token } = (await local('POST', '/v1/automations', { body: { ...body(project, { kind: 'webhook' }, 'echo once'), onlyOnce: true } })).json;
+  const get = async () => (await local('GET', '/v1/automations')).json.automations[0];
+  assert.equal((await post(`/v1/automations/${automation.id}/run`, {})).status, 200);
+  await ended(automation.id);
+  assert.notEqual((await get()).enabled, false, 'a run from the Mac leaves it on');
+
+  const fired = await request(service.apiPort, 'POST', `/v1/automations/${automation.id}/fire`, { headers: { Authorization: `Bearer ${token}` } });
+  assert.equal(fired.status, 200, fired.text);
+  await eventually(async () => (await runs(automation.id)).length === 2 && (await get()).enabled === false, 'finished after its moment');
+});

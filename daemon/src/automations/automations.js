@@ -11,8 +11,14 @@ import { RunEngine } from './run-engine.js';
 import { addRunRoutes } from './run-routes.js';
 import { serviceSessions } from './session-steps.js';
 import { runShell } from './shell-step.js';
-import { TriggerHub } from './trigger-hub.js';
+import { QUIET_MS } from './file-watch.js';
+import { resolvePath, TriggerHub } from './trigger-hub.js';
 import { isObject } from '../json.js';
+
+const ENDED = ['done', 'failed', 'stopped', 'skipped'];
+
+/** How long a run at work keeps its own changes from its file trigger. */
+const OWN_WORK_MS = 24 * 60 * 60 * 1000;
 
 export class Automations {
   #state;
@@ -61,7 +67,10 @@ export class Automations {
       steps: { runShell, notifyDesktop: outputs.notifyDesktop, sayAloud: outputs.sayAloud },
       outputs,
       usage: () => state.part('usage') ?? null,
-      publish: () => this.#status?.refresh(),
+      publish: (automationId, run) => {
+        this.#followRun(automationId, run);
+        this.#status?.refresh();
+      },
       support,
       sessions: serviceSessions({ state, runner, terminals, programs }),
       facts: { battery: () => state.part('mac')?.battery?.percent ?? null },
@@ -140,6 +149,22 @@ export class Automations {
     this.#hub.close();
     this.#engine.close();
     this.#status?.close();
+  }
+
+  // A run's own changes to its folders don't fire its file trigger again; a
+  // run at work holds them for a day, an ended one for one more quiet period.
+  // An automation that runs only once is finished when its moment's run ends.
+  #followRun(automationId, run) {
+    const automation = this.#store.get(automationId);
+    if (!automation || !isObject(run)) return;
+    const ended = ENDED.includes(run.state);
+    if (automation.trigger?.kind === 'file') {
+      const folders = (automation.steps ?? []).map((step) => resolvePath(step?.projectPath, this.#home)).filter(Boolean);
+      this.#hub.ignore(automationId, folders, this.#clock.now() + (ended ? 2 * QUIET_MS : OWN_WORK_MS));
+    }
+    if (ended && automation.onlyOnce === true && automation.enabled !== false && run.fired?.by === automation.trigger?.kind) {
+      this.#store.setEnabled(automationId, false);
+    }
   }
 
   #sync() {
