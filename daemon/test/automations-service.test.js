@@ -80,13 +80,21 @@ test('automations and their runs come back after a restart', async (t) => {
 });
 
 test('a Claude Code hook the service hears fires the automation that waits for it', async (t) => {
-  const { local, post, project, ended, folder } = await setUp(t);
-  const made = await local('POST', '/v1/automations', { body: body(project, { kind: 'hook', event: 'Stop', from: 'any' }, 'echo heard') });
-  assert.equal(made.status, 200, made.text);
-  const { transcript_path: _, ...event } = claudeFixture('stop.json');
-  assert.equal((await post('/claude/hook', { ...event, cwd: folder })).status, 200);
-  const run = await ended(made.json.automation.id);
-  assert.deepEqual([run.state, run.fired.by, run.fired.sessionId], ['done', 'hook', event.session_id]);
+  const { transcript_path: _, ...stop } = claudeFixture('stop.json');
+  const rows = [
+    ['a turn ends', 'Stop', stop],
+    ['its context is about to compact', 'PreCompact', { ...stop, hook_event_name: 'PreCompact', trigger: 'auto', custom_instructions: '' }],
+  ];
+  for (const [name, hookEvent, event] of rows) {
+    await t.test(name, async (t) => {
+      const { local, post, project, ended, folder } = await setUp(t);
+      const made = await local('POST', '/v1/automations', { body: body(project, { kind: 'hook', event: hookEvent, from: 'any' }, 'echo heard') });
+      assert.equal(made.status, 200, made.text);
+      assert.equal((await post('/claude/hook', { ...event, cwd: folder })).status, 200);
+      const run = await ended(made.json.automation.id);
+      assert.deepEqual([run.state, run.fired.by, run.fired.sessionId], ['done', 'hook', event.session_id]);
+    });
+  }
 });
 
 test('a reset of a test copy forgets the automations and their runs', async (t) => {

@@ -33,6 +33,7 @@ export const REPORT_EVENTS = [
   'Notification',
   'Stop',
   'StopFailure',
+  'PreCompact',
   'SessionEnd',
 ];
 
