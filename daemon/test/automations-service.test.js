@@ -8,6 +8,8 @@ import path from 'node:path';
 import test from 'node:test';
 
 import { claudeFixture, eventually, request, startScratchService } from './helpers.js';
+import { missingClaude } from './support/claude-code.js';
+import { setUp as sessionsSetUp } from './support/service-sessions.js';
 
 async function setUp(t, options = {}) {
   const running = await startScratchService(t, { automations: { recheckMs: 50, tickEveryMs: 50 }, ...options });
@@ -119,4 +121,20 @@ test('an automation that runs only once is finished when its moment’s run ends
   const fired = await request(service.apiPort, 'POST', `/v1/automations/${automation.id}/fire`, { headers: { Authorization: `Bearer ${token}` } });
   assert.equal(fired.status, 200, fired.text);
   await eventually(async () => (await runs(automation.id)).length === 2 && (await get()).enabled === false, 'finished after its moment');
+});
+
+// Sessions the service runs itself send no hooks: the end of their turn stands in for Stop.
+test('slow: the end of a turn of a session the service runs fires a Stop hook automation', { skip: missingClaude() ?? false, timeout: 90000 }, async (t) => {
+  const { service, start } = await sessionsSetUp(t, { tool: null }, { automations: { recheckMs: 50, tickEveryMs: 50 } });
+  const shell = path.join(service.folder, 'projects', 'app');
+  fs.mkdirSync(shell, { recursive: true });
+  const made = await service.local('POST', '/v1/automations', { body: body(shell, { kind: 'hook', event: 'Stop', from: 'any' }, 'echo after') });
+  assert.equal(made.status, 200, made.text);
+  const session = (await start()).json.session;
+  let run;
+  await eventually(async () => {
+    [run] = (await service.local('GET', `/v1/automations/${made.json.automation.id}/runs`)).json.runs;
+    return run?.state === 'done';
+  }, 'the run the turn’s end fired', 60000);
+  assert.deepEqual([run.fired.by, run.fired.sessionId], ['hook', session.id]);
 });

@@ -17,6 +17,9 @@ import { isObject } from '../json.js';
 
 const ENDED = ['done', 'failed', 'stopped', 'skipped'];
 
+/** The hook a turn's end stands in for, by the state it ends in. */
+const TURN_ENDS = { idle: 'Stop', error: 'StopFailure' };
+
 /** How long a run at work keeps its own changes from its file trigger. */
 const OWN_WORK_MS = 24 * 60 * 60 * 1000;
 
@@ -30,7 +33,10 @@ export class Automations {
   #home;
   #gh;
   #clock;
+  #runner;
   #onChange;
+  /** id → state, of the sessions the service runs itself: they send no hooks, so their turns' ends stand in. */
+  #turns = new Map();
 
   /**
    * @param {Object} options
@@ -52,6 +58,7 @@ export class Automations {
   constructor({ support, state, clock, log, home, projects, testCopy, apiPort, runner, terminals, programs, env = process.env, timing = {} }) {
     this.#state = state;
     this.#clock = clock;
+    this.#runner = runner;
     this.#home = home;
     this.#projects = projects;
     this.#store = new AutomationStore({
@@ -167,6 +174,17 @@ export class Automations {
     }
   }
 
+  #sessionNow(session) {
+    this.#hub.session(session);
+    if (!this.#runner?.owns(session.id)) return;
+    const before = this.#turns.get(session.id);
+    this.#turns.set(session.id, session.state);
+    if (before !== 'working' || !TURN_ENDS[session.state]) return;
+    const event = { hook_event_name: TURN_ENDS[session.state], session_id: session.id, cwd: session.cwd };
+    if (typeof session.lastText === 'string') event.last_assistant_message = session.lastText;
+    this.#hub.hook(event);
+  }
+
   #sync() {
     this.#hub.sync(this.#store.list(), this.#store.paused);
     this.#status?.refresh();
@@ -187,9 +205,10 @@ export class Automations {
   // What the service hears that may be an automation's moment: sessions, usage, the battery.
   #heard({ snapshot, item }) {
     if (item?.kind === 'session') {
-      if (isObject(item.value)) this.#hub.session(item.value);
+      if (isObject(item.value)) this.#sessionNow(item.value);
+      else this.#turns.delete(item.id);
     } else if (snapshot.includes('sessions')) {
-      for (const session of this.#state.part('sessions') ?? []) if (isObject(session)) this.#hub.session(session);
+      for (const session of this.#state.part('sessions') ?? []) if (isObject(session)) this.#sessionNow(session);
     }
     if (snapshot.includes('usage')) this.#hub.usage(this.#state.part('usage'));
     if (snapshot.includes('mac')) this.#hub.power(this.#state.part('mac')?.battery ?? null);
