@@ -96,6 +96,20 @@ std::optional<QStringList> strings(const QJsonValue& value)
     return list;
 }
 
+std::optional<QList<qint64>> integers(const QJsonValue& value)
+{
+    if (!value.isArray())
+        return std::nullopt;
+    const QJsonArray array = value.toArray();
+    QList<qint64> list;
+    list.reserve(reserveFor(array.size()));
+    for (const QJsonValue element : array) {
+        if (std::optional<qint64> whole = readInteger(element))
+            list.append(*whole);
+    }
+    return list;
+}
+
 std::optional<JSONValue> json(const QJsonValue& value)
 {
     if (value.isUndefined() || value.isNull())

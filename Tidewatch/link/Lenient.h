@@ -41,6 +41,8 @@ std::optional<double> number(const QJsonValue& value);
 std::optional<qint64> integer(const QJsonValue& value);
 /// The string elements of a JSON array, others dropped; none for a non-array.
 std::optional<QStringList> strings(const QJsonValue& value);
+/// The whole-number elements of a JSON array, others dropped; none for a non-array.
+std::optional<QList<qint64>> integers(const QJsonValue& value);
 /// Any JSON value but null, kept as it came.
 std::optional<JSONValue> json(const QJsonValue& value);
 
@@ -132,6 +134,7 @@ public:
     std::optional<qint64> integer(QLatin1StringView key) const;
     std::optional<FlexDate> date(QLatin1StringView key) const;
     std::optional<QStringList> strings(QLatin1StringView key) const { return Lenient::strings(value(key)); }
+    std::optional<QList<qint64>> integers(QLatin1StringView key) const { return Lenient::integers(value(key)); }
     std::optional<JSONValue> json(QLatin1StringView key) const { return Lenient::json(value(key)); }
 
     template <class T> std::optional<T> record(QLatin1StringView key) const { return T::fromJson(value(key)); }
