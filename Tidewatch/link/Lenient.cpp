@@ -177,6 +177,15 @@ std::optional<QString> Fields::string(QLatin1StringView key) const
     return index < 0 ? std::nullopt : readString(m_object.constBegin()[index]);
 }
 
+std::optional<std::pair<QString, QString>> Fields::stringPair(QLatin1StringView first, QLatin1StringView second) const
+{
+    std::optional<QString> one = string(first);
+    std::optional<QString> two = string(second);
+    if (!one || !two)
+        return std::nullopt;
+    return std::pair{std::move(*one), std::move(*two)};
+}
+
 std::optional<bool> Fields::boolean(QLatin1StringView key) const
 {
     const qsizetype index = indexOf(key);

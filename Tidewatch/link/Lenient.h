@@ -16,6 +16,7 @@
 
 #include <array>
 #include <optional>
+#include <utility>
 
 // The service and the app are updated at different moments, so every reply may
 // come from an older or a newer service. The readers here carry the one rule of
@@ -129,6 +130,8 @@ public:
     bool has(QLatin1StringView key) const { return indexOf(key) >= 0; }
 
     std::optional<QString> string(QLatin1StringView key) const;
+    /// Two strings a record can't be read without, such as its id and kind; none when either is missing.
+    std::optional<std::pair<QString, QString>> stringPair(QLatin1StringView first, QLatin1StringView second) const;
     std::optional<bool> boolean(QLatin1StringView key) const;
     std::optional<double> number(QLatin1StringView key) const;
     std::optional<qint64> integer(QLatin1StringView key) const;

@@ -18,13 +18,12 @@ std::optional<WFOutput> WFOutput::fromJson(const QJsonValue& value)
     const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
     if (!fields)
         return std::nullopt;
-    std::optional<QString> id = fields->string("id"_L1);
-    std::optional<QString> kind = fields->string("kind"_L1);
-    if (!id || !kind)
+    std::optional<std::pair<QString, QString>> named = fields->stringPair("id"_L1, "kind"_L1);
+    if (!named)
         return std::nullopt;
     WFOutput output;
-    output.id = std::move(*id);
-    output.kind = std::move(*kind);
+    output.id = std::move(named->first);
+    output.kind = std::move(named->second);
     output.text = fields->string("text"_L1);
     output.glasses = fields->boolean("glasses"_L1);
     output.preset = fields->string("preset"_L1);

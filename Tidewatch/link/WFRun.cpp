@@ -4,22 +4,6 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-// The two keys a run, each of its steps and each of its outputs can't be read without.
-std::optional<std::pair<QString, QString>> idAndState(const std::optional<Lenient::Fields>& fields)
-{
-    if (!fields)
-        return std::nullopt;
-    std::optional<QString> id = fields->string("id"_L1);
-    std::optional<QString> state = fields->string("state"_L1);
-    if (!id || !state)
-        return std::nullopt;
-    return std::pair{std::move(*id), std::move(*state)};
-}
-
-} // namespace
-
 std::optional<WFAnswer> WFAnswer::fromJson(const QJsonValue& value)
 {
     const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
@@ -43,7 +27,7 @@ std::optional<WFFired> WFFired::fromJson(const QJsonValue& value)
 std::optional<WFRunStep> WFRunStep::fromJson(const QJsonValue& value)
 {
     const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
-    std::optional<std::pair<QString, QString>> named = idAndState(fields);
+    std::optional<std::pair<QString, QString>> named = fields ? fields->stringPair("id"_L1, "state"_L1) : std::nullopt;
     if (!named)
         return std::nullopt;
     WFRunStep step;
@@ -65,7 +49,7 @@ std::optional<WFRunStep> WFRunStep::fromJson(const QJsonValue& value)
 std::optional<WFRunOutput> WFRunOutput::fromJson(const QJsonValue& value)
 {
     const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
-    std::optional<std::pair<QString, QString>> named = idAndState(fields);
+    std::optional<std::pair<QString, QString>> named = fields ? fields->stringPair("id"_L1, "state"_L1) : std::nullopt;
     if (!named)
         return std::nullopt;
     return WFRunOutput{std::move(named->first), fields->string("kind"_L1), std::move(named->second),
@@ -90,7 +74,7 @@ std::optional<WFRunAsk> WFRunAsk::fromJson(const QJsonValue& value)
 std::optional<WFRun> WFRun::fromJson(const QJsonValue& value)
 {
     const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
-    std::optional<std::pair<QString, QString>> named = idAndState(fields);
+    std::optional<std::pair<QString, QString>> named = fields ? fields->stringPair("id"_L1, "state"_L1) : std::nullopt;
     if (!named)
         return std::nullopt;
     WFRun run;

@@ -23,13 +23,12 @@ std::optional<WFStep> WFStep::fromJson(const QJsonValue& value)
     const std::optional<Lenient::Fields> fields = Lenient::Fields::open(value);
     if (!fields)
         return std::nullopt;
-    std::optional<QString> id = fields->string("id"_L1);
-    std::optional<QString> kind = fields->string("kind"_L1);
-    if (!id || !kind)
+    std::optional<std::pair<QString, QString>> named = fields->stringPair("id"_L1, "kind"_L1);
+    if (!named)
         return std::nullopt;
     WFStep step;
-    step.id = std::move(*id);
-    step.kind = std::move(*kind);
+    step.id = std::move(named->first);
+    step.kind = std::move(named->second);
     step.guard = fields->record<WFGuard>("if"_L1);
     step.projectPath = fields->string("projectPath"_L1);
     step.prompt = fields->string("prompt"_L1);
