@@ -96,6 +96,20 @@ std::optional<QStringList> strings(const QJsonValue& value)
     return list;
 }
 
+std::optional<QList<qint64>> integers(const QJsonValue& value)
+{
+    if (!value.isArray())
+        return std::nullopt;
+    const QJsonArray array = value.toArray();
+    QList<qint64> list;
+    list.reserve(reserveFor(array.size()));
+    for (const QJsonValue element : array) {
+        if (std::optional<qint64> whole = readInteger(element))
+            list.append(*whole);
+    }
+    return list;
+}
+
 std::optional<JSONValue> json(const QJsonValue& value)
 {
     if (value.isUndefined() || value.isNull())
@@ -161,6 +175,15 @@ std::optional<QString> Fields::string(QLatin1StringView key) const
 {
     const qsizetype index = indexOf(key);
     return index < 0 ? std::nullopt : readString(m_object.constBegin()[index]);
+}
+
+std::optional<std::pair<QString, QString>> Fields::stringPair(QLatin1StringView first, QLatin1StringView second) const
+{
+    std::optional<QString> one = string(first);
+    std::optional<QString> two = string(second);
+    if (!one || !two)
+        return std::nullopt;
+    return std::pair{std::move(*one), std::move(*two)};
 }
 
 std::optional<bool> Fields::boolean(QLatin1StringView key) const

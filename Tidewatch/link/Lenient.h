@@ -16,6 +16,7 @@
 
 #include <array>
 #include <optional>
+#include <utility>
 
 // The service and the app are updated at different moments, so every reply may
 // come from an older or a newer service. The readers here carry the one rule of
@@ -41,6 +42,8 @@ std::optional<double> number(const QJsonValue& value);
 std::optional<qint64> integer(const QJsonValue& value);
 /// The string elements of a JSON array, others dropped; none for a non-array.
 std::optional<QStringList> strings(const QJsonValue& value);
+/// The whole-number elements of a JSON array, others dropped; none for a non-array.
+std::optional<QList<qint64>> integers(const QJsonValue& value);
 /// Any JSON value but null, kept as it came.
 std::optional<JSONValue> json(const QJsonValue& value);
 
@@ -127,11 +130,14 @@ public:
     bool has(QLatin1StringView key) const { return indexOf(key) >= 0; }
 
     std::optional<QString> string(QLatin1StringView key) const;
+    /// Two strings a record can't be read without, such as its id and kind; none when either is missing.
+    std::optional<std::pair<QString, QString>> stringPair(QLatin1StringView first, QLatin1StringView second) const;
     std::optional<bool> boolean(QLatin1StringView key) const;
     std::optional<double> number(QLatin1StringView key) const;
     std::optional<qint64> integer(QLatin1StringView key) const;
     std::optional<FlexDate> date(QLatin1StringView key) const;
     std::optional<QStringList> strings(QLatin1StringView key) const { return Lenient::strings(value(key)); }
+    std::optional<QList<qint64>> integers(QLatin1StringView key) const { return Lenient::integers(value(key)); }
     std::optional<JSONValue> json(QLatin1StringView key) const { return Lenient::json(value(key)); }
 
     template <class T> std::optional<T> record(QLatin1StringView key) const { return T::fromJson(value(key)); }

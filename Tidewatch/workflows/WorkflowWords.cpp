@@ -20,6 +20,21 @@ bool isLineEnd(QChar c)
     return u == 0x0A || u == 0x0B || u == 0x0C || u == 0x0D || u == 0x85 || u == 0x2028 || u == 0x2029;
 }
 
+// The text's lines at every kind of line end, empty ones dropped.
+QStringList splitLines(const QString& text)
+{
+    QStringList lines;
+    qsizetype start = 0;
+    for (qsizetype i = 0; i <= text.size(); ++i) {
+        if (i == text.size() || isLineEnd(text.at(i))) {
+            if (i > start)
+                lines.append(text.mid(start, i - start));
+            start = i + 1;
+        }
+    }
+    return lines;
+}
+
 QString trimEnd(QString text, QStringView characters)
 {
     qsizetype end = text.size();
@@ -61,16 +76,7 @@ qsizetype endOfCharacters(const QString& text, qsizetype max, bool* fits)
 
 QString clip(const QString& text, qsizetype max)
 {
-    QStringList lines;
-    qsizetype start = 0;
-    for (qsizetype i = 0; i <= text.size(); ++i) {
-        if (i == text.size() || isLineEnd(text.at(i))) {
-            if (i > start)
-                lines.append(text.mid(start, i - start));
-            start = i + 1;
-        }
-    }
-    QString joined = trimSpaces(lines.join(u' '));
+    QString joined = trimSpaces(splitLines(text).join(u' '));
     bool fits = false;
     const qsizetype end = endOfCharacters(joined, std::max<qsizetype>(0, max), &fits);
     if (fits)
@@ -80,6 +86,35 @@ QString clip(const QString& text, qsizetype max)
     if (space >= 0)
         cut.truncate(space);
     return trimEnd(cut, u",.:; ") + u'…';
+}
+
+std::optional<QString> lastLine(const QString& text)
+{
+    const QStringList lines = splitLines(text);
+    for (auto line = lines.crbegin(); line != lines.crend(); ++line) {
+        if (!line->trimmed().isEmpty())
+            return clip(line->trimmed(), 80);
+    }
+    return std::nullopt;
+}
+
+QString span(double seconds)
+{
+    const qint64 whole = std::isfinite(seconds) && seconds > 0 ? qint64(std::floor(seconds)) : 0;
+    if (whole < 60)
+        return u"%1s"_s.arg(whole);
+    if (whole < 3600)
+        return u"%1m %2s"_s.arg(whole / 60).arg(whole % 60, 2, 10, QChar(u'0'));
+    return u"%1h %2m"_s.arg(whole / 3600).arg(whole / 60 % 60, 2, 10, QChar(u'0'));
+}
+
+QString lastComponent(const QString& path)
+{
+    QString trimmed = path;
+    while (trimmed.size() > 1 && trimmed.endsWith(u'/'))
+        trimmed.chop(1);
+    const qsizetype slash = trimmed.lastIndexOf(u'/');
+    return slash < 0 || trimmed.size() == 1 ? trimmed : trimmed.mid(slash + 1);
 }
 
 std::optional<QString> countdown(const WFAskItem& ask, const QDateTime& now)

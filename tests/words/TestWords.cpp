@@ -18,7 +18,6 @@
 #include "surface/words/SettingsWords.h"
 #include "workflows/AutomationWords.h"
 #include "workflows/AutomationsState.h"
-#include "workflows/WorkflowWords.h"
 
 #include "Fixture.h"
 #include "Golden.h"
@@ -356,35 +355,6 @@ QString settingsWords(const QString& section, const QStringList& in)
     return u"no words for the section "_s + section;
 }
 
-QString workflowWords(const QString& section, const QStringList& in)
-{
-    if (section == u"clip"_s) {
-        const QString text = Fixture::json("[" + in.at(1).toUtf8() + "]").toArray().at(0).toString();
-        return WorkflowWords::clip(text, in.at(0).toInt());
-    }
-    if (section == u"countdown"_s) {
-        WFAskItem ask;
-        ask.defaultAnswer = in.value(1);
-        ask.until = Fixture::at(in.at(0).toDouble());
-        return WorkflowWords::countdown(ask, Fixture::now()).value_or(u"—"_s);
-    }
-    if (section == u"answer"_s) {
-        const QString by = in.value(1);
-        return WorkflowWords::answerWords(in.at(0), by.isEmpty() ? std::nullopt : std::optional<QString>(by));
-    }
-    if (section == u"already answered"_s)
-        return WorkflowWords::alreadyAnswered(Fixture::maybe<WFRun>(in.value(0).toUtf8()));
-    if (section == u"answer failure"_s) {
-        const std::optional<QString> code = in.at(1).isEmpty() ? std::nullopt : std::optional<QString>(in.at(1));
-        const QString run = in.value(3);
-        const DaemonError error = run.isEmpty()
-            ? DaemonError::server(in.at(0).toInt(), code, in.at(2))
-            : DaemonError::detail(in.at(0).toInt(), code, in.at(2), std::nullopt, Fixture::json(run.toUtf8()));
-        return WorkflowWords::answerFailure(error);
-    }
-    return u"no words for the section "_s + section;
-}
-
 QString pairWords(const QString& section, const QStringList& in)
 {
     if (section == u"pair download"_s) {
@@ -427,7 +397,6 @@ int main(int argc, char** argv)
         {u"connection-pill.txt"_s, connectionPill},
         {u"pair-words.txt"_s, pairWords},
         {u"settings-words.txt"_s, settingsWords},
-        {u"workflow-words.txt"_s, workflowWords},
     };
     // No two files share a section, so the section alone picks the render.
     QStringList files;
