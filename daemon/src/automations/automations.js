@@ -3,16 +3,20 @@
 // they tell, wired to each other and to what the service hears.
 
 import { createOutputs } from './outputs.js';
+import { FileWatch } from './file-watch.js';
 import { notifierOptions } from './notify.js';
 import { AutomationStore } from './automation-store.js';
 import { addAutomationRoutes, addFireRoute } from './automation-routes.js';
 import { ghAvailable } from './github-watch.js';
 import { RunEngine } from './run-engine.js';
 import { addRunRoutes } from './run-routes.js';
-import { serviceSessions } from './session-steps.js';
+import { BUILT_IN_PROVIDER, serviceSessions } from './session-steps.js';
 import { runShell } from './shell-step.js';
 import { TriggerHub } from './trigger-hub.js';
 import { isObject } from '../json.js';
+
+// The service's own Claude Code sign-in, which every install has whatever providers were added.
+const BUILT_IN = Object.freeze({ id: BUILT_IN_PROVIDER, name: 'Claude Code', kind: 'anthropic', builtIn: true });
 
 export class Automations {
   #state;
@@ -41,9 +45,11 @@ export class Automations {
    * @param {{claude: function(): (string|null), codex: function(): (string|null)}} options.programs
    * @param {Object<string, string>} [options.env=process.env] Where the notifier and gh are found
    * @param {Object} [options.timing] For tests: `recheckMs`, how often the moments are
-   *     looked at again (see TriggerHub), and `tickEveryMs` (see RunEngine)
+   *     looked at again (see TriggerHub), `tickEveryMs` (see RunEngine) and `quietMs` (see FileWatch)
+   * @param {function(string): string} [options.resolve] For tests: where a webhook output's
+   *     checked https address is really sent (see deliver)
    */
-  constructor({ support, state, clock, log, home, projects, testCopy, apiPort, runner, terminals, programs, env = process.env, timing = {} }) {
+  constructor({ support, state, clock, log, home, projects, testCopy, apiPort, runner, terminals, programs, env = process.env, timing = {}, resolve }) {
     this.#state = state;
     this.#clock = clock;
     this.#home = home;
@@ -54,7 +60,7 @@ export class Automations {
       log,
       fireUrl: (id) => `http://127.0.0.1:${apiPort()}/v1/automations/${encodeURIComponent(id)}/fire`,
     });
-    const outputs = createOutputs({ now: () => clock.now(), notifier: { ...notifierOptions(env, { testCopy }), env } });
+    const outputs = createOutputs({ now: () => clock.now(), notifier: { ...notifierOptions(env, { testCopy }), env }, resolve });
     this.#engine = new RunEngine({
       clock,
       store: this.#store,
@@ -71,7 +77,14 @@ export class Automations {
     });
     this.#engine.restore();
     this.#engine.setPaused(this.#store.paused);
-    this.#hub = new TriggerHub({ clock, log, home, recheckMs: timing.recheckMs, fire: (automation, fired) => this.#engine.fire(automation, fired) });
+    this.#hub = new TriggerHub({
+      clock,
+      log,
+      home,
+      recheckMs: timing.recheckMs,
+      watch: (options) => new FileWatch({ ...options, quietMs: timing.quietMs }),
+      fire: (automation, fired) => this.#engine.fire(automation, fired),
+    });
     this.#gh = { available: () => ghAvailable({ env }) };
     // The hub hears of a change before the status is built from it, so that a new moment is in the list.
     this.#store.onChange((change) => {
@@ -143,12 +156,13 @@ export class Automations {
   #validationContext() {
     const devices = this.#state.devices();
     const list = Array.isArray(devices) ? devices : [];
+    const providers = Array.isArray(this.#state.part('providers')) ? this.#state.part('providers') : [];
     return {
       projectsRoot: this.#projects,
       home: this.#home,
       glasses: list.some((device) => isObject(device) && device.client === 'lens'),
       gh: this.#gh,
-      providers: Array.isArray(this.#state.part('providers')) ? this.#state.part('providers') : [],
+      providers: providers.some((each) => isObject(each) && each.id === BUILT_IN_PROVIDER) ? providers : [BUILT_IN, ...providers],
     };
   }
 
