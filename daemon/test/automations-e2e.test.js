@@ -12,6 +12,7 @@ import path from 'node:path';
 import test from 'node:test';
 
 import { eventually, sleep } from './helpers.js';
+import { automationCalls } from './support/automation-calls.js';
 import { missingClaude } from './support/claude-code.js';
 import { prompts, setUp } from './support/service-sessions.js';
 import { startReceivers } from './support/webhook-receivers.js';
@@ -60,21 +61,7 @@ async function world(t) {
   const timing = { recheckMs: 50, tickEveryMs: 50, quietMs: 1000, resolve: receivers.resolve };
   const running = await setUp(t, { tool: null }, { builtIn: true, automations: timing });
   const { local, post } = running.service;
-  const save = async (body) => {
-    const made = await local('POST', '/v1/automations', { body });
-    assert.equal(made.status, 200, made.text);
-    return made.json;
-  };
-  const runs = async (id) => (await local('GET', `/v1/automations/${id}/runs?limit=20`)).json.runs;
-  const runOf = (id, runId, test, what) =>
-    eventually(async () => {
-      const run = (await runs(id)).find((each) => each.id === runId);
-      return run && test(run) ? run : null;
-    }, what, 120000);
-  // A run has ended once its outputs were told too.
-  const ended = (id, runId) =>
-    runOf(id, runId, (run) => ['done', 'failed', 'stopped', 'skipped'].includes(run.state) && run.outputs.every((each) => each.state !== 'pending'), 'the run’s end');
-  return { ...running, receivers, local, post, save, runs, runOf, ended };
+  return { ...running, receivers, local, post, ...automationCalls(running.service) };
 }
 
 // The saved trigger's own command line under /bin/sh, the token in the variable it reads, the payload on its input.
