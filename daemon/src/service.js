@@ -113,7 +113,8 @@ import { VERSION } from './version.js';
  *     sessions the service starts must lie; the home it runs under by default
  * @param {string} [options.projects] The person's projects folder, where
  *     every automation's project lies; "Programming" in the home folder by default
- * @param {Object} [options.automations] For tests: `recheckMs`, `tickEveryMs` (see Automations)
+ * @param {Object} [options.automations] For tests: `recheckMs`, `tickEveryMs`, `quietMs`
+ *     and `resolve`, where a webhook output's checked https address is really sent (see Automations)
  * @param {Object<string, string>} [options.agentEnv] The environment of the
  *     agents it starts, before a request's own; its own by default
  * @param {function(): Promise<Object|null>} [options.agentSdk] Loads the agent SDK; for tests
@@ -157,7 +158,7 @@ export async function startService({
   sessions: sessionOptions = {},
   home = os.homedir(),
   projects = path.join(home, 'Programming'),
-  automations: automationTiming = {},
+  automations: { resolve: resolveWebhook, ...automationTiming } = {},
   agentEnv = process.env,
   agentSdk,
   windows: windowOptions = {},
@@ -288,6 +289,7 @@ export async function startService({
     terminals,
     programs: { claude: () => state.localPart('claude')?.path ?? null, codex: () => codex.program },
     timing: automationTiming,
+    resolve: resolveWebhook,
   });
   persister.addSection('triggers', { save: () => automations.saved(), restore: (saved) => automations.restore(saved) });
   const continuer = new Continuer({ state, terminals, runner, clock, log, ...sessionOptions });

@@ -3,13 +3,14 @@
 // they tell, wired to each other and to what the service hears.
 
 import { createOutputs } from './outputs.js';
+import { FileWatch } from './file-watch.js';
 import { notifierOptions } from './notify.js';
 import { AutomationStore } from './automation-store.js';
 import { addAutomationRoutes, addFireRoute } from './automation-routes.js';
 import { ghAvailable } from './github-watch.js';
 import { RunEngine } from './run-engine.js';
 import { addRunRoutes } from './run-routes.js';
-import { serviceSessions } from './session-steps.js';
+import { BUILT_IN_PROVIDER, serviceSessions } from './session-steps.js';
 import { runShell } from './shell-step.js';
 import { QUIET_MS } from './file-watch.js';
 import { resolvePath, TriggerHub } from './trigger-hub.js';
@@ -22,6 +23,9 @@ const TURN_ENDS = { idle: 'Stop', error: 'StopFailure' };
 
 /** How long a run at work keeps its own changes from its file trigger. */
 const OWN_WORK_MS = 24 * 60 * 60 * 1000;
+
+// The service's own Claude Code sign-in, which every install has whatever providers were added.
+const BUILT_IN = Object.freeze({ id: BUILT_IN_PROVIDER, name: 'Claude Code', kind: 'anthropic', builtIn: true });
 
 export class Automations {
   #state;
@@ -53,9 +57,11 @@ export class Automations {
    * @param {{claude: function(): (string|null), codex: function(): (string|null)}} options.programs
    * @param {Object<string, string>} [options.env=process.env] Where the notifier and gh are found
    * @param {Object} [options.timing] For tests: `recheckMs`, how often the moments are
-   *     looked at again (see TriggerHub), and `tickEveryMs` (see RunEngine)
+   *     looked at again (see TriggerHub), `tickEveryMs` (see RunEngine) and `quietMs` (see FileWatch)
+   * @param {function(string): string} [options.resolve] For tests: where a webhook output's
+   *     checked https address is really sent (see deliver)
    */
-  constructor({ support, state, clock, log, home, projects, testCopy, apiPort, runner, terminals, programs, env = process.env, timing = {} }) {
+  constructor({ support, state, clock, log, home, projects, testCopy, apiPort, runner, terminals, programs, env = process.env, timing = {}, resolve }) {
     this.#state = state;
     this.#clock = clock;
     this.#runner = runner;
@@ -67,7 +73,7 @@ export class Automations {
       log,
       fireUrl: (id) => `http://127.0.0.1:${apiPort()}/v1/automations/${encodeURIComponent(id)}/fire`,
     });
-    const outputs = createOutputs({ now: () => clock.now(), notifier: { ...notifierOptions(env, { testCopy }), env } });
+    const outputs = createOutputs({ now: () => clock.now(), notifier: { ...notifierOptions(env, { testCopy }), env }, resolve });
     this.#engine = new RunEngine({
       clock,
       store: this.#store,
@@ -87,7 +93,14 @@ export class Automations {
     });
     this.#engine.restore();
     this.#engine.setPaused(this.#store.paused);
-    this.#hub = new TriggerHub({ clock, log, home, recheckMs: timing.recheckMs, fire: (automation, fired) => this.#engine.fire(automation, fired) });
+    this.#hub = new TriggerHub({
+      clock,
+      log,
+      home,
+      recheckMs: timing.recheckMs,
+      watch: (options) => new FileWatch({ ...options, quietMs: timing.quietMs }),
+      fire: (automation, fired) => this.#engine.fire(automation, fired),
+    });
     this.#gh = { available: () => ghAvailable({ env }) };
     // The hub hears of a change before the status is built from it, so that a new moment is in the list.
     this.#store.onChange((change) => {
@@ -193,12 +206,13 @@ export class Automations {
   #validationContext() {
     const devices = this.#state.devices();
     const list = Array.isArray(devices) ? devices : [];
+    const providers = Array.isArray(this.#state.part('providers')) ? this.#state.part('providers') : [];
     return {
       projectsRoot: this.#projects,
       home: this.#home,
       glasses: list.some((device) => isObject(device) && device.client === 'lens'),
       gh: this.#gh,
-      providers: Array.isArray(this.#state.part('providers')) ? this.#state.part('providers') : [],
+      providers: providers.some((each) => isObject(each) && each.id === BUILT_IN_PROVIDER) ? providers : [BUILT_IN, ...providers],
     };
   }
 

@@ -11,15 +11,16 @@ const PROVIDER_VARIABLES = ['ANTHROPIC_BASE_URL', 'ANTHROPIC_API_KEY'];
 
 // The service's home is the scratch folder, which holds the project; the
 // agent's environment is Claude Code's scratch home, and the request brings
-// the provider (the stand-in and its key) as a provider's environment.
-export async function setUp(t, script, more = {}) {
+// the provider (the stand-in and its key) as a provider's environment; with
+// `builtIn`, the stand-in is the agent environment's own, as a sign-in is.
+export async function setUp(t, script, { builtIn = false, ...more } = {}) {
   const folder = await scratchFolder(t);
   const standIn = await standInFor(t, script ?? {});
   const { home, project } = claudeHome(folder, path.join(folder, 'support'));
   const env = claudeEnv(home, standIn);
   const provider = Object.fromEntries(PROVIDER_VARIABLES.map((name) => [name, env[name]]));
-  for (const name of PROVIDER_VARIABLES) delete env[name];
-  const service = await startScratchService(t, { folder, home: folder, agentEnv: env, claudeProgram: { named: CLAUDE }, ...more });
+  if (!builtIn) for (const name of PROVIDER_VARIABLES) delete env[name];
+  const service = await startScratchService(t, { folder, home: folder, projects: folder, agentEnv: env, claudeProgram: { named: CLAUDE }, ...more });
   const target = path.join(project, 'made-by-claude');
   standIn.script.tool = { name: 'Bash', input: { command: `touch ${target}`, description: 'Make a file' } };
   if (script?.tool === null) standIn.script.tool = null;
