@@ -138,3 +138,21 @@ test('slow: the end of a turn of a session the service runs fires a Stop hook au
   }, 'the run the turn’s end fired', 60000);
   assert.deepEqual([run.fired.by, run.fired.sessionId], ['hook', session.id]);
 });
+
+test('what a file automation’s own run writes doesn’t fire it again', async (t) => {
+  const { local, project, runs, ended } = await setUp(t, { automations: { recheckMs: 50, tickEveryMs: 50, quietMs: 100 } });
+  const trigger = { kind: 'file', path: project, glob: '*.md', event: 'created' };
+  const made = await local('POST', '/v1/automations', { body: body(project, trigger, 'sleep 0.3; echo made > "made-$(date +%s%N).md"') });
+  assert.equal(made.status, 200, made.text);
+  const { id } = made.json.automation;
+  // A file made as the watch starts may count as there before it: a new one each look until one is heard.
+  let looks = 0;
+  await eventually(async () => {
+    if (looks++ % 20 === 0) fs.writeFileSync(path.join(project, `note-${looks}.md`), 'one');
+    return (await runs(id)).length > 0;
+  }, 'the watch at work', 15000);
+  await ended(id);
+  // Several quiet periods go by: a run of its own making would have come.
+  await new Promise((resolve) => setTimeout(resolve, 800));
+  assert.equal((await runs(id)).length, 1);
+});

@@ -12,7 +12,6 @@ import { RunEngine } from './run-engine.js';
 import { addRunRoutes } from './run-routes.js';
 import { BUILT_IN_PROVIDER, serviceSessions } from './session-steps.js';
 import { runShell } from './shell-step.js';
-import { QUIET_MS } from './file-watch.js';
 import { resolvePath, TriggerHub } from './trigger-hub.js';
 import { isObject } from '../json.js';
 
@@ -171,8 +170,9 @@ export class Automations {
     this.#status?.close();
   }
 
-  // A run's own changes to its folders don't fire its file trigger again; a
-  // run at work holds them for a day, an ended one for one more quiet period.
+  // A run's own changes to its folders don't fire its file trigger again, or
+  // it would run for ever: they are held while it works (for a day at most);
+  // the system tells a change as it is made, so they are all heard by its end.
   // An automation that runs only once is finished when its moment's run ends.
   #followRun(automationId, run) {
     const automation = this.#store.get(automationId);
@@ -180,7 +180,7 @@ export class Automations {
     const ended = ENDED.includes(run.state);
     if (automation.trigger?.kind === 'file') {
       const folders = (automation.steps ?? []).map((step) => resolvePath(step?.projectPath, this.#home)).filter(Boolean);
-      this.#hub.ignore(automationId, folders, this.#clock.now() + (ended ? 2 * QUIET_MS : OWN_WORK_MS));
+      this.#hub.ignore(automationId, folders, this.#clock.now() + (ended ? 0 : OWN_WORK_MS));
     }
     if (ended && automation.onlyOnce === true && automation.enabled !== false && run.fired?.by === automation.trigger?.kind) {
       this.#store.setEnabled(automationId, false);

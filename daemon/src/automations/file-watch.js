@@ -173,6 +173,8 @@ export class FileWatch {
     for (const each of paths) {
       const relative = path.relative(this.#folder, path.resolve(this.#folder, each)).split(path.sep).join('/');
       if (relative.startsWith('..')) continue;
+      // The newest word on a path stands: a run that ends shortens its hold.
+      this.#ignored = this.#ignored.filter((entry) => entry.path !== relative);
       this.#ignored.push({ path: relative, until: untilMs });
     }
   }
