@@ -21,7 +21,7 @@ QString firstBlankFree(const QString& text)
         if (!line.trimmed().isEmpty())
             return line.trimmed();
     }
-    return QString();
+    return {};
 }
 
 bool onCodex(const WFStep& step)

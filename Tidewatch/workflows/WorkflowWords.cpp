@@ -91,9 +91,9 @@ QString clip(const QString& text, qsizetype max)
 std::optional<QString> lastLine(const QString& text)
 {
     const QStringList lines = splitLines(text);
-    for (auto line = lines.crbegin(); line != lines.crend(); ++line) {
-        if (!line->trimmed().isEmpty())
-            return clip(line->trimmed(), 80);
+    for (qsizetype i = lines.size() - 1; i >= 0; --i) {
+        if (const QString line = lines.at(i).trimmed(); !line.isEmpty())
+            return clip(line, 80);
     }
     return std::nullopt;
 }
