@@ -56,18 +56,20 @@ private:
     ServiceProcess* m_service = nullptr;
     AppModel* m_model = nullptr;
 
-    void startService() { QVERIFY(m_live->restartService()); }
+    // Each returns false after recording the failure, so that a test stops there rather than reads a model that isn't.
+    bool startService() { return m_live->restartService(); }
     void startModel()
     {
         m_live->startModel(LiveModel::quickFeed(), false);
         m_model = &m_live->model();
     }
     /// The model has read once and hears the feed.
-    void startSettled()
+    bool startSettled()
     {
-        startService();
-        QVERIFY(m_live->startModel(LiveModel::quickFeed()));
+        if (!startService() || !m_live->startModel(LiveModel::quickFeed()))
+            return false;
         m_model = &m_live->model();
+        return true;
     }
 };
 
@@ -98,7 +100,7 @@ void TestAppModelLoop::firstReadEndsTheFirstPollEvenWhenItFails()
     QFETCH(bool, healthExpected);
     QFETCH(QString, lastError);
     if (serviceRuns) {
-        startService();
+        QVERIFY(startService());
         // No feed either, so that the snapshot can only come from the read.
         m_service->qa("POST", "/qa/feed/refuse", QJsonObject({{"on", true}}));
         m_service->qa("POST", "/qa/faults", kBadGateway);
@@ -114,7 +116,7 @@ void TestAppModelLoop::firstReadEndsTheFirstPollEvenWhenItFails()
 
 void TestAppModelLoop::aSnapshotReadThatCrossesAFeedMessageIsDropped()
 {
-    startSettled();
+    QVERIFY(startSettled());
     ReadLog reads(*m_model);
     // The service will answer this read late; meanwhile the feed tells of a session it never held.
     m_service->qa("POST", "/qa/faults", QJsonObject({{"route", "GET /v1/snapshot"}, {"delayMs", 2500}}));
@@ -154,7 +156,7 @@ void TestAppModelLoop::thePaceFollowsTheFeedAndThePopover()
     QFETCH(int, windowMs);
     QFETCH(int, fewest);
     QFETCH(int, most);
-    startSettled();
+    QVERIFY(startSettled());
     ReadLog reads(*m_model);
     if (killFeed) {
         m_service->qa("POST", "/qa/feed/refuse", QJsonObject({{"on", true}}));
@@ -177,7 +179,7 @@ void TestAppModelLoop::thePaceFollowsTheFeedAndThePopover()
 
 void TestAppModelLoop::aFailedProbeWithAFreshFeedChangesNothing()
 {
-    startSettled();
+    QVERIFY(startSettled());
     m_model->setPopoverVisible(true);
     QTRY_COMPARE_WITH_TIMEOUT(m_model->reading(), 0, 5000);
     const std::optional<Snapshot> snapshot = m_model->snapshot();
@@ -215,7 +217,7 @@ void TestAppModelLoop::aFailedProbeWithAFreshFeedChangesNothing()
 
 void TestAppModelLoop::serviceGoneClearsThePictureAndItsReturnRestoresIt()
 {
-    startSettled();
+    QVERIFY(startSettled());
     // A refused snapshot read leaves its sentence beside the picture held.
     m_service->qa("POST", "/qa/faults", kBadGateway);
     m_model->read(false);
@@ -228,7 +230,7 @@ void TestAppModelLoop::serviceGoneClearsThePictureAndItsReturnRestoresIt()
         !m_model->health() && !m_model->snapshot() && !m_model->status() && !m_model->lastError(), 10000);
     QVERIFY(m_model->firstPollDone());
 
-    startService();
+    QVERIFY(startService());
     m_service->qa("POST", "/qa/sessions", QJsonObject({{"id", "back"}, {"state", "idle"}}));
     // Whichever comes first, the loop's read (every 5 s while the feed is dead) or the feed's own
     // retry, brings the other: an answer restarts the feed, and a message on a picture without
@@ -239,7 +241,7 @@ void TestAppModelLoop::serviceGoneClearsThePictureAndItsReturnRestoresIt()
 
 void TestAppModelLoop::openingThePopoverReadsAtOnce()
 {
-    startSettled();
+    QVERIFY(startSettled());
     QTest::qWait(1000);
     ReadLog reads(*m_model);
     QElapsedTimer waited;
@@ -254,7 +256,7 @@ void TestAppModelLoop::openingThePopoverReadsAtOnce()
 
 void TestAppModelLoop::aDevicesMessageReadsTheStatus()
 {
-    startSettled();
+    QVERIFY(startSettled());
     QCOMPARE(m_model->status()->devices.items.size(), 0);
     m_service->qa("POST", "/qa/devices", QJsonObject({{"id", "d1"}, {"name", "Pixel 8"}}));
     QTRY_COMPARE_WITH_TIMEOUT(m_model->status()->devices.items.size(), 1, 5000);

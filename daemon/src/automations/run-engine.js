@@ -254,6 +254,11 @@ export class RunEngine {
       entry.stopped = 'ended';
       entry.wake();
     }
+    try {
+      this.#runs.flush();
+    } catch (error) {
+      this.#log?.warn(`The automations’ runs couldn’t be kept as the service stopped: ${error.message}`);
+    }
   }
 
   #now() {

@@ -1,6 +1,7 @@
 // The runs of every automation, newest first, the last RUNS_KEPT of each,
-// kept in one private file in the support folder, replaced in one step at
-// each change, so a restart finds them as they stood.
+// kept in one private file in the support folder, replaced in one step a
+// moment after a change (a run changes several times a second at work, and
+// each write is the whole file), so a restart finds them as they stood.
 
 import fs from 'node:fs';
 import path from 'node:path';
@@ -20,6 +21,9 @@ export const WHOLE_KEPT = 3;
 /** A larger file is not read: it can't be one this service wrote. */
 export const MAX_RUNS_FILE_BYTES = 64 * 1024 * 1024;
 
+/** How long changes gather before the file is written, in milliseconds. */
+export const WRITE_DELAY_MS = 250;
+
 const FORMAT = 1;
 
 const withoutWhole = (run) => ({ ...run, steps: run.steps.map(({ whole, ...step }) => step) });
@@ -28,6 +32,7 @@ export class RunStore {
   #file;
   /** automation id → {total, runs (newest first)} */
   #book = new Map();
+  #timer = null;
 
   /** @param {{support: string}} options */
   constructor({ support }) {
@@ -85,12 +90,32 @@ export class RunStore {
       kept.runs = kept.runs.slice(0, RUNS_KEPT).map((each, i) => (i < WHOLE_KEPT ? each : withoutWhole(each)));
     }
     this.#book.set(run.automationId, kept);
-    this.#write();
+    this.#writeSoon();
   }
 
   /** Lets an automation's runs go, as when it is deleted. */
   forget(automationId) {
-    if (this.#book.delete(automationId)) this.#write();
+    if (this.#book.delete(automationId)) this.#writeSoon();
+  }
+
+  /** Writes what is waiting now, as the service stops. */
+  flush() {
+    if (this.#timer === null) return;
+    clearTimeout(this.#timer);
+    this.#timer = null;
+    this.#write();
+  }
+
+  #writeSoon() {
+    if (this.#timer !== null) return;
+    this.#timer = setTimeout(() => {
+      try {
+        this.flush();
+      } catch {
+        // The runs stay in memory as they are; the next change writes them all again.
+      }
+    }, WRITE_DELAY_MS);
+    this.#timer.unref?.();
   }
 
   #write() {
