@@ -16,8 +16,9 @@ export const MAX_NEXT_TIMES = 20;
 /** The longest cron expression read. */
 export const MAX_EXPR_CHARS = 200;
 
-const NOT_A_SCHEDULE = 'That isn’t a schedule: five fields, like */15 9-18 * * 1-5.';
-const NOT_A_MOMENT = 'That moment isn’t one your Mac can watch for.';
+/** The sentences of a schedule that doesn't read; the book's refusals say the same. */
+export const NOT_A_SCHEDULE = 'That isn’t a schedule: five fields, like */15 9-18 * * 1-5.';
+export const NOT_A_MOMENT = 'That moment isn’t one your Mac can watch for.';
 const CLOCK = /^([01]\d|2[0-3]):([0-5]\d)$/;
 
 const refuse = (code, message) => new HttpError(400, code, message, { field: 'trigger' });

@@ -10,7 +10,7 @@ import { isObject } from '../json.js';
 import { hookMoment, limitMoment, powerMoment, resetDue, sessionMoment } from './event-triggers.js';
 import { FileWatch } from './file-watch.js';
 import { GithubWatch } from './github-watch.js';
-import { nextAt, SCHEDULED_KINDS } from './schedule.js';
+import { nextAt, NOT_A_MOMENT, SCHEDULED_KINDS } from './schedule.js';
 
 /**
  * The longest the timer waits before it looks at the clock again, in ms.
@@ -31,7 +31,6 @@ export const MAX_SESSIONS_HEARD = 1000;
 /** A due time this far behind the clock was missed (asleep, or the service off), in ms. */
 export const LATE_MS = 60_000;
 
-const NOT_A_MOMENT = 'That moment isn’t one your Mac can watch for.';
 const EVENT_KINDS = new Set(['hook', 'session', 'power', 'limit', 'webhook']);
 
 /** @return {string|null} A path as the person typed it ("~/…" included), absolute; null for none. */

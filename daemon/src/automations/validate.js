@@ -12,7 +12,7 @@ import picomatch from 'picomatch';
 import { HttpError, invalid } from '../http-reply.js';
 import { isObject } from '../json.js';
 import { MAX_ALLOWED_TOOLS, MAX_PROJECT_CHARS, MAX_PROMPT_CHARS } from '../sessions/session-request.js';
-import { clockMinutes, cronOf } from './schedule.js';
+import { clockMinutes, cronOf, NOT_A_MOMENT, NOT_A_SCHEDULE } from './schedule.js';
 import { judgeRule } from './permission-rules.js';
 import { allowedPlaceholders, forbiddenPlaceholder, PLACES } from './placeholder-rules.js';
 import { isSecretFile } from './secret-file.js';
@@ -80,14 +80,14 @@ export const MESSAGES = Object.freeze({
   bad_path: 'Pick a file inside the project.',
   secret_file: 'That file holds secrets. Pick another.',
   bad_budget: 'A budget is 1 to 720 minutes, or 1 to 100 points of the window.',
-  bad_cron: 'That isn’t a schedule: five fields, like */15 9-18 * * 1-5.',
+  bad_cron: NOT_A_SCHEDULE,
   too_often: 'That runs more often than every 5 minutes.',
   not_github: 'That project has no GitHub remote.',
   no_gh: 'GitHub’s gh is missing or signed out on the Mac.',
   bad_glob: 'That pattern doesn’t read: 200 characters and four ** at most.',
   no_project: 'That project folder isn’t there.',
   outside_projects: 'That folder is outside your projects folder.',
-  bad_trigger: 'That moment isn’t one your Mac can watch for.',
+  bad_trigger: NOT_A_MOMENT,
   has_steps: 'This automation has steps. Edit it in a newer Tidewatch.',
   confirm_shell: 'A command needs Touch ID or your password first.',
   confirm_bypass: 'A session that asks nobody needs Touch ID or your password first.',
